@@ -1,0 +1,12 @@
+/* SPDX-License-Identifier: LGPL-2.1-or-later */
+#ifndef GVC_VISIBILITY_H
+#define GVC_VISIBILITY_H
+
+/* Marks what the library exports; everything else in it is hidden. */
+#if defined(__GNUC__) || defined(__clang__)
+#define GVC_EXPORT __attribute__((visibility("default"))) extern
+#else
+#define GVC_EXPORT extern
+#endif
+
+#endif /* GVC_VISIBILITY_H */
