@@ -1596,15 +1596,26 @@ testCorruptedChunkDataStaysInsideItsRoom()
   g_rand_free(rand);
 }
 
-// A plain stream whose first bytes are those of a header, but with no marker where the size says.
+// A plain stream of 68 literals whose first bytes are the header of two chunks: it is one stream
+// unless an end marker stands where the size of the first chunk says.
 static void
 testStreamsLikeChunksAreReadAsOneStream()
 {
-  Bytes plain = likeChunks(32, 68);
-  plain[9] = 0xff; // the size of a first chunk: far more than there is
-  const Bytes stream = concat(concat({0x55}, plain), fromHex("110000"));
-  assertEqual(lzoDecode(stream, 68), plain);
-  assertEqual(decode(stream, 68), plain);
+  Bytes plain = likeChunks(2, 68);
+  const std::size_t rest = 72 - 11; // of the stream, behind header and table
+  for (const std::size_t first : {std::size_t{0}, std::size_t{2}, rest + 1, std::size_t{72},
+                                  std::size_t{0xffff'fff5U}, std::size_t{0xffff'ffffU}}) {
+    store32(&plain, 6, first);
+    const Bytes stream = concat(concat({0x55}, plain), fromHex("110000"));
+    assertEqual(lzoDecode(stream, 68), plain);
+    assertEqual(decode(stream, 68), plain);
+  }
+  for (std::size_t first = 3; first < rest; first++) {
+    store32(&plain, 6, first);
+    assertEqual(decode(concat(concat({0x55}, plain), fromHex("110000")), 68), plain);
+  }
+  store32(&plain, 6, rest);
+  assertBroken(concat(concat({0x55}, plain), fromHex("110000")), 68);
 }
 
 static void
