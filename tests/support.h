@@ -279,6 +279,8 @@ public:
   /* Close and flush fail with this text, in G_IO_ERROR_FAILED. */
   std::string close_failure;
   std::string flush_failure;
+  /* Output streams: how much of what is accepted is put into `data`; the rest is only counted. */
+  gsize keep = G_MAXSIZE;
   /* Pollable streams: what can_poll() answers. */
   bool can_poll = true;
   /* Called at the start of every read or write with its number, counted from 1, in the thread of
@@ -427,6 +429,13 @@ void assert_property(GType owner, const char *name, GType value_type, const char
 std::vector<std::string> own_properties(GType owner);
 /* Names of the signals that the type itself adds. */
 std::vector<std::string> own_signals(GType owner);
+
+/* Fails where the class of a stream type sets an operation that its parent type has: for types that
+ * promise to override none. */
+void assert_overrides_nothing(GType stream_type);
+
+/* A converter that maps each byte by itself and takes at most `max_per_call` bytes a time. */
+Ref<GConverter> new_map_converter(std::function<guint8(guint8)> map, gsize max_per_call = 5);
 
 /* Runs a test case of this program in a process of its own and fails unless it aborts, or exits
  * with a failure, and prints exactly this line (after others) on standard error. */
