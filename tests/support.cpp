@@ -621,6 +621,13 @@ move_bytes(Script &script, const Transfer &transfer, gsize limit)
   return count;
 }
 
+guint
+next_sequence()
+{
+  static gint last;
+  return static_cast<guint>(g_atomic_int_add(&last, 1)) + 1;
+}
+
 /* Records the call and finds what it shall do. */
 Step
 begin_call(Script &script, Call::Kind kind, gsize size, int priority, GCancellable *cancellable)
@@ -629,7 +636,7 @@ begin_call(Script &script, Call::Kind kind, gsize size, int priority, GCancellab
   guint number;
   {
     const std::lock_guard lock(script.mutex);
-    script.record.push_back({kind, size, priority, cancellable, g_thread_self()});
+    script.record.push_back({kind, size, priority, cancellable, g_thread_self(), next_sequence()});
     number = ++script.transfer_count;
     if (const auto own_step = script.at_call.find(number); own_step != script.at_call.end()) {
       step = own_step->second;
@@ -821,7 +828,7 @@ end_call(gpointer stream, Call::Kind kind, GCancellable *cancellable, GError **e
 {
   auto &script = script_of(stream);
   const std::lock_guard lock(script.mutex);
-  script.record.push_back({kind, 0, 0, cancellable, g_thread_self()});
+  script.record.push_back({kind, 0, 0, cancellable, g_thread_self(), next_sequence()});
   const auto &failure = kind == Call::Kind::close ? script.close_failure : script.flush_failure;
   if (failure.empty())
     return TRUE;

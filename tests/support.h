@@ -257,6 +257,7 @@ struct Call {
   int priority;              /* of an asynchronous call, otherwise 0 */
   GCancellable *cancellable; /* not owned: to compare with */
   GThread *thread;
+  guint sequence; /* rises from call to call over all scripts */
 };
 
 /* The behaviour and the record of a scripted stream. Shared with the stream, and looked at from
