@@ -51,8 +51,8 @@ fake_connection_init(FakeConnection *)
 
 /* A channel over scripted streams, with what a test wants to look at. */
 struct Fixture {
-  std::shared_ptr<Script> in_script = std::make_shared<Script>();
-  std::shared_ptr<Script> out_script = std::make_shared<Script>();
+  std::shared_ptr<Script> in_script = new_script();
+  std::shared_ptr<Script> out_script = new_script();
   Ref<GInputStream> in = new_scripted_input(in_script);
   Ref<GOutputStream> out = new_scripted_output(out_script);
   Ref<GSocketConnection> socket;

@@ -56,16 +56,14 @@ truncated_message_is_disconnected()
   Error error;
 
   /* Blocking: the end within the length. */
-  const auto script = std::make_shared<Script>();
-  script->data = std::string("\x05\x00", 2);
+  const auto script = new_script(std::string("\x05\x00", 2));
   const auto base = new_scripted_input(script);
   const auto stream = own(gvc_bytes_input_stream_new(base.get()));
   g_assert_null(gvc_bytes_input_stream_read_bytes(stream.get(), nullptr, &error));
   error.assert_is(gvc_error_quark(), 0, "Disconnected");
 
   /* Asynchronous: the end within the message. */
-  const auto async_script = std::make_shared<Script>();
-  async_script->data = frame("hello").substr(0, 7);
+  const auto async_script = new_script(frame("hello").substr(0, 7));
   const auto async_base = new_scripted_input(async_script);
   const auto async_stream = own(gvc_bytes_input_stream_new(async_base.get()));
   Collector collector;

@@ -568,6 +568,15 @@ Script::resume()
   }
 }
 
+std::shared_ptr<Script>
+new_script(std::string data, gsize max_per_call)
+{
+  auto script = std::make_shared<Script>();
+  script->data = std::move(data);
+  script->max_per_call = max_per_call;
+  return script;
+}
+
 /* ---- Scripted streams ---- */
 
 namespace

@@ -310,11 +310,16 @@ public:
   Ref<GCancellable> wake; /* cancelled by resume(); what a pollable source watches at a hold */
 };
 
+std::shared_ptr<Script> new_script(std::string data = {}, gsize max_per_call = G_MAXSIZE);
+
 enum class StreamKind {
   sync_only,  /* blocking operations only: GIO makes the asynchronous ones out of them */
   with_async, /* asynchronous operations of its own, which complete in a later main loop round */
   pollable,   /* blocking and non-blocking operations */
 };
+
+inline constexpr StreamKind all_stream_kinds[] = {StreamKind::sync_only, StreamKind::with_async,
+                                                  StreamKind::pollable};
 
 Ref<GInputStream> new_scripted_input(std::shared_ptr<Script> script,
                                      StreamKind kind = StreamKind::with_async);

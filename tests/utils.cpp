@@ -87,7 +87,7 @@ unix_peer_is_unknown()
 static void
 other_stream_is_unknown()
 {
-  const auto script = std::make_shared<Script>();
+  const auto script = new_script();
   const auto in = new_scripted_input(script);
   const auto out = new_scripted_output(script);
   const auto stream = own(g_simple_io_stream_new(in.get(), out.get()));
