@@ -512,8 +512,8 @@ converters_wrap_the_current_streams()
 
   GInputStream *const in = in_of(fixture.channel.get());
   GOutputStream *const out = out_of(fixture.channel.get());
-  g_assert_true(G_OBJECT_TYPE(in) == G_TYPE_CONVERTER_INPUT_STREAM);
-  g_assert_true(G_OBJECT_TYPE(out) == G_TYPE_CONVERTER_OUTPUT_STREAM);
+  g_assert_true(G_IS_CONVERTER_INPUT_STREAM(in));
+  g_assert_true(G_IS_CONVERTER_OUTPUT_STREAM(out));
   g_assert_true(g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(in)) ==
                 fixture.in.get());
   g_assert_true(g_filter_output_stream_get_base_stream(G_FILTER_OUTPUT_STREAM(out)) ==

@@ -582,21 +582,9 @@ socket_delivers_a_large_buffer()
   RawPeer peer(Family::tcp4);
   GInputStream *const in = g_io_stream_get_input_stream(G_IO_STREAM(peer.connection()));
   const auto data = pattern(8 << 20);
-  struct Sender {
-    RawPeer &peer;
-    const std::string &data;
-  } sender = {peer, data};
-  GThread *const thread = g_thread_new(
-      "sender",
-      [](gpointer user_data) -> gpointer {
-        const auto self = static_cast<Sender *>(user_data);
-        self->peer.send(self->data);
-        return nullptr;
-      },
-      &sender);
+  Background sender([&] { peer.send(data); });
   ReadAll read(data.size());
   read.run(in);
-  g_thread_join(thread);
   read.assert_read(data);
 }
 

@@ -549,22 +549,12 @@ socket_that_is_full_is_waited_for()
     spin_until([&] { return (g_socket_condition_check(socket, G_IO_OUT) & G_IO_OUT) == 0; });
     g_assert_cmpuint(write.collector.calls(), ==, 0);
 
-    struct Reader {
-      RawPeer &peer;
-      std::string received;
-    } reader = {peer, {}};
-    GThread *const thread = g_thread_new(
-        "reader",
-        [](gpointer data) -> gpointer {
-          const auto self = static_cast<Reader *>(data);
-          self->received = self->peer.receive(8 << 20);
-          return nullptr;
-        },
-        &reader);
+    std::string received;
+    Background reader([&] { received = peer.receive(8 << 20); });
     write.finish(out);
     write.assert_all_written();
-    g_thread_join(thread);
-    assert_bytes(reader.received, write.data);
+    reader.join();
+    assert_bytes(received, write.data);
   }
 }
 

@@ -1125,6 +1125,24 @@ run_in_thread(const std::function<void()> &code)
   g_thread_join(thread);
 }
 
+Background::Background(std::function<void()> code) : code_(std::move(code))
+{
+  thread_ = g_thread_new(
+      "background",
+      [](gpointer self) -> gpointer {
+        static_cast<Background *>(self)->code_();
+        return nullptr;
+      },
+      this);
+}
+
+void
+Background::join()
+{
+  if (thread_ != nullptr)
+    g_thread_join(std::exchange(thread_, nullptr));
+}
+
 /* ---- Lives of objects ---- */
 
 struct LifeWatch::State {

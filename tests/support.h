@@ -393,6 +393,24 @@ private:
  * its end. The caller's context is not run meanwhile. */
 void run_in_thread(const std::function<void()> &code);
 
+/* Runs the code beside the test; for the far end of a socket, say. */
+class Background
+{
+public:
+  explicit Background(std::function<void()> code);
+  ~Background()
+  {
+    join();
+  }
+  Background(const Background &) = delete;
+  Background &operator=(const Background &) = delete;
+  void join();
+
+private:
+  std::function<void()> code_;
+  GThread *thread_;
+};
+
 /* ---- Lives of objects ---- */
 
 /* Counts objects that have gone. Where GIO used a worker thread, the last reference may be dropped
