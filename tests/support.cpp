@@ -176,7 +176,8 @@ bool
 store_message(const char *domain, GLogLevelFlags level, std::string text)
 {
   const std::lock_guard lock(log_mutex);
-  if (!log_capturing)
+  /* What ends the program is printed. */
+  if (!log_capturing || (level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0)
     return false;
   const auto plain = static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK);
   if ((plain & quiet_levels) == 0)
