@@ -73,7 +73,8 @@ Conversion convert(gpointer converter, ByteView in, gsize room, int flags = 0);
 #define ASSERT_BYTES(left, right)                                                                  \
   G_STMT_START                                                                                     \
   {                                                                                                \
-    const ByteView l_{left}, r_{right};                                                            \
+    const auto &l_ = (left);                                                                       \
+    const auto &r_ = (right);                                                                      \
     g_assert_cmpmem(l_.data(), l_.size(), r_.data(), r_.size());                                   \
   }                                                                                                \
   G_STMT_END

@@ -5,6 +5,7 @@
 
 #include <zelgvc/zelgvc.h>
 
+#include <algorithm>
 #include <climits>
 #include <set>
 #include <thread>
@@ -707,7 +708,7 @@ sealed_stream(ByteView plain, int bits, std::mt19937 &random)
   Bytes stream = iv_record(test_iv());
   while (!plain.empty()) {
     const gsize limit = gsize{1} << (random() % 21);
-    const gsize piece = MIN(plain.size(), 1 + random() % limit);
+    const gsize piece = std::min<gsize>(plain.size(), 1 + random() % limit);
     if (random() % 8 == 0) {
       const Bytes iv = test_iv(random());
       stream = join({stream, iv_record(iv)});
@@ -727,8 +728,6 @@ test_input_stream(gconstpointer data)
   std::mt19937 random{41};
   for (int bits : {128, 256})
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
-      if (size > 20000 * per_call)
-        continue;
       const Bytes plain = sample(Kind::mixture, size, size + bits);
       const auto decryptor = new_decryptor(bits);
       const auto stream = input_over(
@@ -777,8 +776,6 @@ test_output_stream(gconstpointer data)
   const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{42};
   for (gsize size : {1, 16, 1000, 65537, 1 << 20}) {
-    if (size > 20000 * per_call)
-      continue;
     const Bytes plain = sample(Kind::mixture, size, size);
     auto script = std::make_shared<Script>();
     script->max_per_call = per_call;

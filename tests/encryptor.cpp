@@ -630,8 +630,6 @@ test_output_stream(gconstpointer data)
   std::mt19937 random{99};
   for (int bits : {128, 256})
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
-      if (size > 20000 * per_call)
-        continue;
       const Bytes plain = sample(Kind::mixture, size, size + bits);
       const auto script = slow_script(per_call);
       const auto encryptor = new_encryptor(bits);
@@ -660,8 +658,6 @@ test_input_stream(gconstpointer data)
   const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{98};
   for (gsize size : {1, 16, 1000, 65537, 1 << 20}) {
-    if (size > 20000 * per_call)
-      continue;
     const Bytes plain = sample(Kind::mixture, size, size);
     const auto script = slow_script(per_call);
     script->data = to_text(plain);
@@ -732,7 +728,7 @@ test_failing_base_stream()
 {
   auto script = std::make_shared<Script>();
   script->max_per_call = 7;
-  script->at_call[5] = Step::fail(G_IO_ERROR_BROKEN_PIPE, "gone");
+  script->from_call = {5, Step::fail(G_IO_ERROR_BROKEN_PIPE, "gone")};
   LifeWatch watch;
   {
     const auto encryptor = new_encryptor();
@@ -744,8 +740,10 @@ test_failing_base_stream()
     watch.add(stream.get());
     const Bytes plain = sample(Kind::text, 500);
     Error error;
-    g_assert_false(g_output_stream_write_all(stream.get(), plain.data(), plain.size(), nullptr,
-                                             nullptr, &error));
+    // The write itself may be taken into the converter stream's own buffer.
+    if (g_output_stream_write_all(stream.get(), plain.data(), plain.size(), nullptr, nullptr,
+                                  &error))
+      g_assert_false(g_output_stream_flush(stream.get(), nullptr, &error));
     error.assert_is(G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE, "gone");
   }
   g_assert_cmpuint(watch.alive(), ==, 0);
