@@ -73,7 +73,7 @@ chunked_payload(ByteView data, guint8 n, Effort effort = Effort::fast)
     const gsize size = data.size() / n;
     const bool last = i == n - 1;
     const Bytes chunk =
-      lzo2_compress(last ? data.subspan(i * size) : data.subspan(i * size, size), effort);
+        lzo2_compress(last ? data.subspan(i * size) : data.subspan(i * size, size), effort);
     if (!last)
       sizes = join({sizes, little_endian(chunk.size(), 4)});
     chunks = join({chunks, chunk});

@@ -124,8 +124,8 @@ void
 test_repeats_at_every_kind_of_distance()
 {
   const auto compressor = new_compressor();
-  for (gsize distance : {1, 2, 3, 8, 255, 256, 2047, 2048, 2049, 3071, 3072, 3073, 16383, 16384,
-                         16385, 32767, 32768, 49150, 49151, 49152, 60000})
+  for (gsize distance : {1,    2,     3,     8,     255,   256,   2047,  2048,  2049,  3071, 3072,
+                         3073, 16383, 16384, 16385, 32767, 32768, 49150, 49151, 49152, 60000})
     for (gsize length : {2, 3, 4, 8, 9, 33, 34, 264, 265, 300, 5000}) {
       Bytes plain = sample(Kind::noise, distance, distance + length);
       for (gsize i = 0; i < length; i++)
@@ -172,8 +172,7 @@ test_end_of_input_finishes()
 {
   const auto compressor = new_compressor();
   const Bytes plain = sample(Kind::text, 500);
-  const Conversion c =
-    convert(compressor.get(), plain, ample_room(500), G_CONVERTER_INPUT_AT_END);
+  const Conversion c = convert(compressor.get(), plain, ample_room(500), G_CONVERTER_INPUT_AT_END);
   ASSERT_CONVERTED(c, G_CONVERTER_FINISHED, 500, c.written);
   assert_block(c.produced(), plain);
 }
@@ -305,8 +304,8 @@ test_one_object_serves_many_threads()
       for (guint j = 0; j < 300; j++) {
         const Bytes plain = sample(all_kinds[j % 5], 10 * j, i * 1000 + j);
         Bytes out(ample_room(plain.size()));
-        const Conversion c = convert_in_place(compressor.get(), plain.data(), plain.size(),
-                                              out.data(), out.size());
+        const Conversion c =
+            convert_in_place(compressor.get(), plain.data(), plain.size(), out.data(), out.size());
         ASSERT_CONVERTED(c, G_CONVERTER_CONVERTED, plain.size(), c.written);
         assert_block(ByteView{out}.first(c.written), plain);
       }
@@ -330,7 +329,7 @@ test_output_stream(gconstpointer data)
       const auto compressor = new_compressor();
       const auto base = new_scripted_output(script);
       const auto stream =
-        own(g_converter_output_stream_new(base.get(), G_CONVERTER(compressor.get())));
+          own(g_converter_output_stream_new(base.get(), G_CONVERTER(compressor.get())));
       write_in_pieces(stream.get(), plain, random);
       Error error;
       g_assert_true(g_output_stream_flush(stream.get(), nullptr, &error));
@@ -351,8 +350,7 @@ test_two_writes_make_two_blocks()
   const auto script = std::make_shared<Script>();
   const auto compressor = new_compressor();
   const auto base = new_scripted_output(script);
-  const auto stream =
-    own(g_converter_output_stream_new(base.get(), G_CONVERTER(compressor.get())));
+  const auto stream = own(g_converter_output_stream_new(base.get(), G_CONVERTER(compressor.get())));
   const Bytes one = sample(Kind::text, 300), two = sample(Kind::ramp, 40);
   for (const Bytes *part : {&one, &two})
     g_assert_true(g_output_stream_write_all(stream.get(), part->data(), part->size(), nullptr,
@@ -376,7 +374,7 @@ test_input_stream(gconstpointer data)
     const auto compressor = new_compressor();
     const auto base = new_scripted_input(script);
     const auto stream =
-      own(g_converter_input_stream_new(base.get(), G_CONVERTER(compressor.get())));
+        own(g_converter_input_stream_new(base.get(), G_CONVERTER(compressor.get())));
     ErrorPtr error;
     const Bytes wire = read_to_end(stream.get(), &error);
     g_assert_no_error(error.get());
@@ -395,16 +393,14 @@ test_socket(gconstpointer data)
   std::thread writer{[&] {
     std::mt19937 random{5};
     const auto compressor = new_compressor();
-    const auto stream =
-      own(g_converter_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())),
-                                        G_CONVERTER(compressor.get())));
+    const auto stream = own(g_converter_output_stream_new(
+        g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), G_CONVERTER(compressor.get())));
     write_in_pieces(stream.get(), plain, random);
     g_assert_true(g_output_stream_close(stream.get(), nullptr, nullptr));
     g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
   }};
   ErrorPtr error;
-  const Bytes wire =
-    read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
+  const Bytes wire = read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
   writer.join();
   g_assert_no_error(error.get());
   guint count = 0;

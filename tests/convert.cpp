@@ -39,9 +39,9 @@ convert_in_place(gpointer converter, const guint8 *in, gsize in_size, guint8 *ou
   c.read = untouched;
   c.written = untouched;
   GError *error = nullptr;
-  c.result = G_CONVERTER_GET_IFACE(converter)->convert(
-    G_CONVERTER(converter), in, in_size, out, room, static_cast<GConverterFlags>(flags), &c.read,
-    &c.written, &error);
+  c.result = G_CONVERTER_GET_IFACE(converter)->convert(G_CONVERTER(converter), in, in_size, out,
+                                                       room, static_cast<GConverterFlags>(flags),
+                                                       &c.read, &c.written, &error);
   c.error.reset(error);
   g_assert_true((c.result == G_CONVERTER_ERROR) == (error != nullptr));
   if (c.result != G_CONVERTER_ERROR) {
@@ -103,7 +103,8 @@ load_little_endian(ByteView bytes, gsize offset, int size)
 Bytes
 sample(Kind kind, gsize size, guint32 seed)
 {
-  static const char *const words[] = {"channel", " ", "record", "block", "\n", "stream", "of", "the"};
+  static const char *const words[] = {"channel", " ",      "record", "block",
+                                      "\n",      "stream", "of",     "the"};
   std::mt19937 random{seed};
   Bytes bytes;
   bytes.reserve(size + 600);
@@ -139,7 +140,10 @@ Reserve::Reserve(gsize size) : size_{size}
   data_ = static_cast<guint8 *>(memory);
 }
 
-Reserve::~Reserve() { munmap(data_, size_); }
+Reserve::~Reserve()
+{
+  munmap(data_, size_);
+}
 
 Bytes
 to_bytes(std::string_view text)

@@ -177,7 +177,7 @@ test_broken_chunked_payloads()
     ASSERT_FAILED(convert(decompressor.get(), block_of(broken, dest_size), 20000),
                   G_IO_ERROR_FAILED, "Failed to decode LZO");
   };
-  assert_broken(payload, 3999);                                  // the total is beyond the announced
+  assert_broken(payload, 3999); // the total is beyond the announced
   assert_broken(ByteView{payload}.first(payload.size() - 1), 4000); // no last end marker
   assert_broken(join({payload, Bytes(1)}), 4000);
   for (gsize total : {0, 3999, 4001, 4004, 8000}) { // chunks do not decode to their share
@@ -216,9 +216,8 @@ test_sizes_beyond_the_input()
     for (guint32 dest_size : {0u, 1u, 0xffffffffu})
       for (gsize room : {0, 1, 100}) {
         const Bytes payload(MIN(src_size - 1, 50u), 0x11);
-        ASSERT_FAILED(
-          convert(decompressor.get(), raw_block(src_size, dest_size, payload), room),
-          G_IO_ERROR_PARTIAL_INPUT, "Partial data");
+        ASSERT_FAILED(convert(decompressor.get(), raw_block(src_size, dest_size, payload), room),
+                      G_IO_ERROR_PARTIAL_INPUT, "Partial data");
       }
 }
 
@@ -337,9 +336,9 @@ test_announcing_less_than_the_payload_holds()
         const Bytes payload = lzo2_compress(plain, effort);
         for (gsize announced : {gsize{0}, size / 2, size - 1})
           for (gsize room : {announced, size, 4 * size})
-            ASSERT_FAILED(convert(decompressor.get(),
-                                  raw_block(payload.size(), announced, payload), room),
-                          G_IO_ERROR_FAILED, "Failed to decode LZO");
+            ASSERT_FAILED(
+                convert(decompressor.get(), raw_block(payload.size(), announced, payload), room),
+                G_IO_ERROR_FAILED, "Failed to decode LZO");
       }
     }
 }
@@ -357,12 +356,12 @@ test_announcing_more_than_any_payload_holds()
       const gsize enough = MAX(255 * payload_size, mib);
       for (gsize room : {gsize{0}, gsize{1}, gsize{4096}, enough / 2, enough - 1}) {
         const Conversion c =
-          convert_in_place(decompressor.get(), wire.data(), wire.size(), out.data(), room);
+            convert_in_place(decompressor.get(), wire.data(), wire.size(), out.data(), room);
         ASSERT_FAILED(c, G_IO_ERROR_NO_SPACE, "Not enough space");
       }
       for (gsize room : {enough, enough + 1, out.size()}) {
         const Conversion c =
-          convert_in_place(decompressor.get(), wire.data(), wire.size(), out.data(), room);
+            convert_in_place(decompressor.get(), wire.data(), wire.size(), out.data(), room);
         ASSERT_FAILED(c, G_IO_ERROR_FAILED, "Failed to decode LZO");
       }
     }
@@ -375,8 +374,8 @@ test_the_most_compressed_block_still_opens()
 {
   const auto decompressor = new_decompressor();
   for (gsize length_bytes : {1, 100, 4000, 5000, 250000}) {
-    const Bytes payload = join({Bytes{0x12, 'z', 0x20}, Bytes(length_bytes, 0), Bytes{0xff, 0, 0},
-                                end_marker});
+    const Bytes payload =
+        join({Bytes{0x12, 'z', 0x20}, Bytes(length_bytes, 0), Bytes{0xff, 0, 0}, end_marker});
     const Bytes plain(1 + 33 + 255 * length_bytes + 255, 'z');
     const gsize size = plain.size();
     const std::optional<Bytes> decoded = lzo2_decompress(payload, size);
@@ -428,9 +427,8 @@ test_mutations_are_judged_as_by_liblzo2()
   guint valid = 0, broken = 0;
   for (guint i = 0; i < 20000; i++) {
     const gsize size = 1 + random() % 400;
-    Bytes payload =
-      lzo2_compress(sample(all_kinds[random() % 5], size, random()),
-                    random() % 8 == 0 ? Effort::best : Effort::fast);
+    Bytes payload = lzo2_compress(sample(all_kinds[random() % 5], size, random()),
+                                  random() % 8 == 0 ? Effort::best : Effort::fast);
     for (guint j = random() % 4; j > 0; j--)
       payload[random() % payload.size()] = static_cast<guint8>(random());
     if (random() % 8 == 0)
@@ -441,10 +439,10 @@ test_mutations_are_judged_as_by_liblzo2()
       continue; // may be the chunked layout, which liblzo2 does not know
     const gsize announced = random() % 4 == 0 ? random() % 800 : size;
     const Conversion c =
-      convert(decompressor.get(), block_of(payload, announced), announced + random() % 9);
+        convert(decompressor.get(), block_of(payload, announced), announced + random() % 9);
     const std::optional<Bytes> expected = lzo2_decompress(payload, announced);
-    const bool marked = payload.size() >= 3 && std::equal(end_marker.begin(), end_marker.end(),
-                                                          payload.end() - 3);
+    const bool marked =
+        payload.size() >= 3 && std::equal(end_marker.begin(), end_marker.end(), payload.end() - 3);
     const bool lenient = payload.size() >= 4 && (payload.end()[-4] & 0xef) == 0;
     if (expected && marked && lenient && c.error)
       continue;
@@ -472,7 +470,8 @@ test_noise()
   for (guint i = 0; i < 20000; i++) {
     Bytes in = sample(Kind::noise, random() % 120, random());
     if (in.size() >= 11 && random() % 4 != 0) {
-      const Bytes header = join({little_endian(in.size() - 8, 4), little_endian(random() % 300, 4)});
+      const Bytes header =
+          join({little_endian(in.size() - 8, 4), little_endian(random() % 300, 4)});
       std::copy(header.begin(), header.end(), in.begin());
       if (random() % 2 == 0)
         std::copy(end_marker.begin(), end_marker.end(), in.end() - 3);
@@ -543,8 +542,8 @@ block_stream(ByteView plain, std::mt19937 &random)
       stream = join({stream, Bytes(8, 0)});
     const guint n = 2 + random() % 31;
     const Bytes one = random() % 8 == 0 && piece >= 100
-                        ? block_of(chunked_payload(part, n), piece)
-                        : block(part, piece < 5000 ? Effort::best : Effort::fast);
+                          ? block_of(chunked_payload(part, n), piece)
+                          : block(part, piece < 5000 ? Effort::best : Effort::fast);
     stream.insert(stream.end(), one.begin(), one.end());
     plain = plain.subspan(piece);
   }
@@ -561,7 +560,7 @@ test_input_stream(gconstpointer data)
       const Bytes plain = sample(kind, size, size);
       const auto decompressor = new_decompressor();
       const auto stream =
-        input_over(decompressor.get(), script_of(block_stream(plain, random), per_call));
+          input_over(decompressor.get(), script_of(block_stream(plain, random), per_call));
       ASSERT_BYTES(read_in_pieces(stream.get(), size, random), plain);
       // An end at the border of two blocks shows as a header that does not come.
       ErrorPtr error;
@@ -580,7 +579,7 @@ test_cut_off_stream()
     for (gsize cut = 0; cut <= whole.size(); cut++) {
       const auto decompressor = new_decompressor();
       const auto stream =
-        input_over(decompressor.get(), script_of(ByteView{whole}.first(cut), per_call));
+          input_over(decompressor.get(), script_of(ByteView{whole}.first(cut), per_call));
       ErrorPtr error;
       const Bytes got = read_to_end(stream.get(), &error);
       const Bytes expected = cut < first.size()   ? Bytes{}
@@ -605,7 +604,7 @@ test_output_stream(gconstpointer data)
     const auto decompressor = new_decompressor();
     const auto base = new_scripted_output(script);
     const auto stream =
-      own(g_converter_output_stream_new(base.get(), G_CONVERTER(decompressor.get())));
+        own(g_converter_output_stream_new(base.get(), G_CONVERTER(decompressor.get())));
     write_in_pieces(stream.get(), block_stream(plain, random), random);
     g_assert_true(g_output_stream_flush(stream.get(), nullptr, nullptr));
     ASSERT_BYTES(to_bytes(script->written()), plain);
@@ -626,9 +625,8 @@ test_socket(gconstpointer data)
     g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
   }};
   const auto decompressor = new_decompressor();
-  const auto stream =
-    own(g_converter_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())),
-                                     G_CONVERTER(decompressor.get())));
+  const auto stream = own(g_converter_input_stream_new(
+      g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), G_CONVERTER(decompressor.get())));
   const Bytes got = read_in_pieces(stream.get(), plain.size(), random);
   ErrorPtr error;
   g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
@@ -650,20 +648,20 @@ test_streams_of_lying_blocks_end()
     GIOErrorEnum code;
     const char *message;
   } cases[] = {
-    {raw_block(payload.size(), 699, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
-    {raw_block(payload.size(), 0, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
-    {raw_block(3, 0xffffffff, end_marker), G_IO_ERROR_FAILED, "Failed to decode LZO"},
-    {raw_block(0, 0xffffffff, {}), G_IO_ERROR_FAILED, "Failed to decode LZO"},
-    {raw_block(payload.size(), 0xffffffff, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
-    {raw_block(0xffffffff, 100, payload), G_IO_ERROR_PARTIAL_INPUT, "Partial data"},
-    {raw_block(0xffffffff, 0xffffffff, payload), G_IO_ERROR_PARTIAL_INPUT, "Partial data"},
-    {raw_block(100, 500, Bytes(100)), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(payload.size(), 699, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(payload.size(), 0, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(3, 0xffffffff, end_marker), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(0, 0xffffffff, {}), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(payload.size(), 0xffffffff, payload), G_IO_ERROR_FAILED, "Failed to decode LZO"},
+      {raw_block(0xffffffff, 100, payload), G_IO_ERROR_PARTIAL_INPUT, "Partial data"},
+      {raw_block(0xffffffff, 0xffffffff, payload), G_IO_ERROR_PARTIAL_INPUT, "Partial data"},
+      {raw_block(100, 500, Bytes(100)), G_IO_ERROR_FAILED, "Failed to decode LZO"},
   };
   for (const auto &one : cases)
     for (gsize per_call : {1, 7, 100000}) {
       const auto decompressor = new_decompressor();
       const auto stream =
-        input_over(decompressor.get(), script_of(join({start, one.tail}), per_call));
+          input_over(decompressor.get(), script_of(join({start, one.tail}), per_call));
       ErrorPtr error;
       ASSERT_BYTES(read_to_end(stream.get(), &error), good);
       g_assert_error(error.get(), G_IO_ERROR, one.code);
@@ -734,11 +732,10 @@ test_growth_of_the_room_is_bounded()
     const auto decompressor = new_decompressor();
     Watched watched{G_CONVERTER(decompressor.get()), 0};
     const auto watcher =
-      own(static_cast<TestWatcher *>(g_object_new(test_watcher_get_type(), nullptr)));
+        own(static_cast<TestWatcher *>(g_object_new(test_watcher_get_type(), nullptr)));
     watcher->watched = &watched;
     const auto base = new_scripted_input(script_of(wire, 100000));
-    const auto stream =
-      own(g_converter_input_stream_new(base.get(), G_CONVERTER(watcher.get())));
+    const auto stream = own(g_converter_input_stream_new(base.get(), G_CONVERTER(watcher.get())));
     ErrorPtr error;
     g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
     g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_FAILED);

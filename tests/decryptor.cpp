@@ -105,8 +105,8 @@ test_property_values()
   g_object_get(decryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 128);
 
-  const auto by_name = own(static_cast<GvcDecryptor *>(g_object_new(
-    GVC_TYPE_DECRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
+  const auto by_name = own(static_cast<GvcDecryptor *>(
+      g_object_new(GVC_TYPE_DECRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
   g_object_get(by_name.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 128);
   Sealer sealer{test_key(), 128, zero_iv};
@@ -132,9 +132,9 @@ test_set_key_length_checks_its_arguments()
   const auto decryptor = new_decryptor();
   const auto other = own(gvc_decompressor_new());
   const LogMessage wrong_object =
-    failed_check("gvc_decryptor_set_key_length", "GVC_IS_DECRYPTOR(decryptor)");
+      failed_check("gvc_decryptor_set_key_length", "GVC_IS_DECRYPTOR(decryptor)");
   const LogMessage wrong_length =
-    failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256");
+      failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256");
 
   LogCapture log;
   gvc_decryptor_set_key_length(nullptr, 256);
@@ -160,7 +160,7 @@ test_property_rejects_192()
   LogCapture log;
   g_object_set(decryptor.get(), "key-length", 192, nullptr);
   log.expect(
-    {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
+      {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
   guint length = 0;
   g_object_get(decryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 256);
@@ -175,9 +175,9 @@ test_construction_with_192_uses_the_whole_key()
   const BytesRef key = bytes_ref(test_key());
   LogCapture log;
   const auto decryptor = own(static_cast<GvcDecryptor *>(
-    g_object_new(GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
+      g_object_new(GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
   log.expect(
-    {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
+      {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
   guint length = 1;
   g_object_get(decryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 0);
@@ -225,14 +225,14 @@ test_unknown_property_warns()
   const std::vector<LogMessage> messages = log.take();
   g_assert_cmpuint(messages.size(), ==, 2);
   const char *const rest =
-    ": invalid property id %u for \"key\" of type 'GParamBoxed' in 'GvcDecryptor'";
+      ": invalid property id %u for \"key\" of type 'GParamBoxed' in 'GvcDecryptor'";
   for (guint i = 0; i < 2; i++) {
     g_assert_false(messages[i].domain.has_value());
     g_assert_cmpint(messages[i].level, ==, G_LOG_LEVEL_WARNING);
     g_autofree char *tail = g_strdup_printf(rest, 77 + i);
     g_autofree char *quoted = g_regex_escape_string(tail, -1);
-    g_autofree char *whole = g_strconcat("^vchannels/zelgvc/gvcdecryptor:[1-9][0-9]*", quoted, "$",
-                                         nullptr);
+    g_autofree char *whole =
+        g_strconcat("^vchannels/zelgvc/gvcdecryptor:[1-9][0-9]*", quoted, "$", nullptr);
     if (!g_regex_match_simple(whole, messages[i].text.c_str(), G_REGEX_DEFAULT,
                               G_REGEX_MATCH_DEFAULT))
       g_error("%s", messages[i].text.c_str());
@@ -318,9 +318,9 @@ test_length_must_be_whole_blocks()
                 "Not multiple of AES block");
   ASSERT_FAILED(convert(decryptor.get(), raw_record(20, Bytes(100)), 0), G_IO_ERROR_FAILED,
                 "Not multiple of AES block");
-  for (guint64 length : {guint64{1}, guint64{15}, guint64{17}, guint64{INT_MAX},
-                         (guint64{1} << 32) + 1, (guint64{1} << 63) + 8, G_MAXUINT64 - 7,
-                         G_MAXUINT64})
+  for (guint64 length :
+       {guint64{1}, guint64{15}, guint64{17}, guint64{INT_MAX}, (guint64{1} << 32) + 1,
+        (guint64{1} << 63) + 8, G_MAXUINT64 - 7, G_MAXUINT64})
     for (gsize payload : {0, 16, 100})
       ASSERT_FAILED(convert(decryptor.get(), raw_record(length, Bytes(payload)), 100),
                     G_IO_ERROR_FAILED, "Not multiple of AES block");
@@ -422,9 +422,9 @@ test_end_of_input_finishes_after_one_record()
   const Bytes plain = sample(Kind::text, 100);
   const Bytes first = sealer.record(plain), second = sealer.record(plain);
   const Bytes stream = join({first, second});
-  ASSERT_CONVERTED(
-    convert(decryptor.get(), join({iv_record(test_iv()), stream}), 1000, G_CONVERTER_INPUT_AT_END),
-    G_CONVERTER_FINISHED, 24, 0);
+  ASSERT_CONVERTED(convert(decryptor.get(), join({iv_record(test_iv()), stream}), 1000,
+                           G_CONVERTER_INPUT_AT_END),
+                   G_CONVERTER_FINISHED, 24, 0);
   const Conversion c = convert(decryptor.get(), stream, 1000, G_CONVERTER_INPUT_AT_END);
   ASSERT_CONVERTED(c, G_CONVERTER_FINISHED, first.size(), 100);
   ASSERT_BYTES(c.produced(), plain);
@@ -611,7 +611,7 @@ void
 test_without_a_key()
 {
   const auto decryptor =
-    own(static_cast<GvcDecryptor *>(g_object_new(GVC_TYPE_DECRYPTOR, nullptr)));
+      own(static_cast<GvcDecryptor *>(g_object_new(GVC_TYPE_DECRYPTOR, nullptr)));
   assert_cannot_decrypt(decryptor.get());
   gvc_decryptor_set_key_length(decryptor.get(), 128);
   assert_cannot_decrypt(decryptor.get());
@@ -625,17 +625,17 @@ test_with_a_key_of_the_wrong_size()
       LifeWatch watch;
       {
         const BytesRef key = watch.add_bytes(to_text(sample(Kind::noise, size)));
-        const auto decryptor = own(static_cast<GvcDecryptor *>(g_object_new(
-          GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", length, nullptr)));
+        const auto decryptor = own(static_cast<GvcDecryptor *>(
+            g_object_new(GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", length, nullptr)));
         assert_cannot_decrypt(decryptor.get());
       }
       g_assert_cmpuint(watch.alive(), ==, 0);
     }
 }
 
-const guint64 lengths_above_int_max[] = {guint64{INT_MAX} + 1, guint64{1} << 32,
+const guint64 lengths_above_int_max[] = {guint64{INT_MAX} + 1,    guint64{1} << 32,
                                          (guint64{1} << 32) + 16, guint64{1} << 63,
-                                         G_MAXUINT64 - 31, G_MAXUINT64 - 15};
+                                         G_MAXUINT64 - 31,        G_MAXUINT64 - 15};
 
 void
 test_lengths_above_int_max()
@@ -650,13 +650,13 @@ test_lengths_above_int_max()
     for (gsize arrived : {gsize{8}, gsize{24}, gsize{40}, gsize{4096}, mib - 1})
       for (gsize room : {gsize{0}, gsize{16}, mib}) {
         const Conversion c =
-          convert_in_place(decryptor.get(), in.data(), arrived, out.data(), room);
+            convert_in_place(decryptor.get(), in.data(), arrived, out.data(), room);
         ASSERT_FAILED(c, G_IO_ERROR_PARTIAL_INPUT, "Partial data");
       }
     for (gsize arrived : {mib + 8, 2 * mib})
       for (gsize room : {gsize{0}, gsize{16}, mib}) {
         const Conversion c =
-          convert_in_place(decryptor.get(), in.data(), arrived, out.data(), room);
+            convert_in_place(decryptor.get(), in.data(), arrived, out.data(), room);
         ASSERT_FAILED(c, G_IO_ERROR_FAILED, "Decryption failed");
       }
     assert_opens(decryptor.get(), sealer, sample(Kind::text, 33));
@@ -675,7 +675,7 @@ test_whole_records_above_int_max_fail()
     const Bytes header = little_endian(length, 8);
     std::copy(header.begin(), header.end(), in.data());
     const Conversion c =
-      convert_in_place(decryptor.get(), in.data(), in.size(), out.data(), out.size());
+        convert_in_place(decryptor.get(), in.data(), in.size(), out.data(), out.size());
     ASSERT_FAILED(c, G_IO_ERROR_FAILED, "Decryption failed");
     assert_opens(decryptor.get(), sealer, sample(Kind::text, 33));
   }
@@ -730,8 +730,8 @@ test_input_stream(gconstpointer data)
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
       const Bytes plain = sample(Kind::mixture, size, size + bits);
       const auto decryptor = new_decryptor(bits);
-      const auto stream = input_over(
-        decryptor.get(), script_of(sealed_stream(plain, bits, random), per_call));
+      const auto stream =
+          input_over(decryptor.get(), script_of(sealed_stream(plain, bits, random), per_call));
       ASSERT_BYTES(read_in_pieces(stream.get(), size, random), plain);
       // An end at the border of two records shows as a header that does not come.
       ErrorPtr error;
@@ -754,12 +754,10 @@ test_cut_off_stream()
     for (gsize cut = 0; cut <= whole.size(); cut++) {
       const auto decryptor = new_decryptor();
       const auto stream =
-        input_over(decryptor.get(), script_of(ByteView{whole}.first(cut), per_call));
+          input_over(decryptor.get(), script_of(ByteView{whole}.first(cut), per_call));
       ErrorPtr error;
       const Bytes got = read_to_end(stream.get(), &error);
-      const Bytes expected = cut < first_end    ? Bytes{}
-                             : cut < second_end ? one
-                                                : join({one, two});
+      const Bytes expected = cut < first_end ? Bytes{} : cut < second_end ? one : join({one, two});
       ASSERT_BYTES(got, expected);
       const gsize start = cut < 24 ? 0 : cut < first_end ? 24 : cut < second_end ? first_end : cut;
       const char *message = cut - start < 8 ? "Partial header"
@@ -782,7 +780,7 @@ test_output_stream(gconstpointer data)
     const auto decryptor = new_decryptor();
     const auto base = new_scripted_output(script);
     const auto stream =
-      own(g_converter_output_stream_new(base.get(), G_CONVERTER(decryptor.get())));
+        own(g_converter_output_stream_new(base.get(), G_CONVERTER(decryptor.get())));
     write_in_pieces(stream.get(), sealed_stream(plain, 256, random), random);
     g_assert_true(g_output_stream_flush(stream.get(), nullptr, nullptr));
     ASSERT_BYTES(to_bytes(script->written()), plain);
@@ -803,9 +801,8 @@ test_socket(gconstpointer data)
     g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
   }};
   const auto decryptor = new_decryptor();
-  const auto stream =
-    own(g_converter_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())),
-                                     G_CONVERTER(decryptor.get())));
+  const auto stream = own(g_converter_input_stream_new(
+      g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), G_CONVERTER(decryptor.get())));
   const Bytes got = read_in_pieces(stream.get(), plain.size(), random);
   ErrorPtr error;
   g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
@@ -821,8 +818,7 @@ test_stream_of_a_huge_record_ends()
 {
   for (guint64 length : lengths_above_int_max) {
     const auto decryptor = new_decryptor();
-    const auto script =
-      script_of(join({raw_record(length, {}), Bytes(16 * mib, 0xaa)}), 100000);
+    const auto script = script_of(join({raw_record(length, {}), Bytes(16 * mib, 0xaa)}), 100000);
     const auto stream = input_over(decryptor.get(), script);
     ErrorPtr error;
     g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
@@ -860,9 +856,9 @@ test_stream_of_broken_records_ends()
 void
 test_noise()
 {
-  const std::set<std::string> messages = {"Partial header", "Partial IV",
-                                          "Not multiple of AES block", "Partial data",
-                                          "Not enough space", "Decryption failed"};
+  const std::set<std::string> messages = {
+      "Partial header", "Partial IV",       "Not multiple of AES block",
+      "Partial data",   "Not enough space", "Decryption failed"};
   std::mt19937 random{7};
   const auto decryptor = new_decryptor();
   guint converted = 0;

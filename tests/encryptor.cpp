@@ -107,8 +107,8 @@ test_property_values()
   g_object_get(encryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 128);
 
-  const auto by_name = own(static_cast<GvcEncryptor *>(g_object_new(
-    GVC_TYPE_ENCRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
+  const auto by_name = own(static_cast<GvcEncryptor *>(
+      g_object_new(GVC_TYPE_ENCRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
   g_object_get(by_name.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 128);
   Sealer sealer{test_key(), 128, take_iv(by_name.get())};
@@ -135,9 +135,9 @@ test_set_key_length_checks_its_arguments()
   const auto other = own(gvc_compressor_new());
   const Bytes iv = take_iv(encryptor.get());
   const LogMessage wrong_object =
-    failed_check("gvc_encryptor_set_key_length", "GVC_IS_ENCRYPTOR(encryptor)");
+      failed_check("gvc_encryptor_set_key_length", "GVC_IS_ENCRYPTOR(encryptor)");
   const LogMessage wrong_length =
-    failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256");
+      failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256");
 
   LogCapture log;
   gvc_encryptor_set_key_length(nullptr, 256);
@@ -164,7 +164,7 @@ test_property_rejects_192()
   LogCapture log;
   g_object_set(encryptor.get(), "key-length", 192, nullptr);
   log.expect(
-    {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
+      {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
   guint length = 0;
   g_object_get(encryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 256);
@@ -188,9 +188,9 @@ test_construction_with_192_uses_the_whole_key()
   const BytesRef key = bytes_ref(test_key());
   LogCapture log;
   const auto encryptor = own(static_cast<GvcEncryptor *>(
-    g_object_new(GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
+      g_object_new(GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
   log.expect(
-    {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
+      {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
   guint length = 1;
   g_object_get(encryptor.get(), "key-length", &length, nullptr);
   g_assert_cmpuint(length, ==, 0);
@@ -267,8 +267,8 @@ test_unknown_property_warns()
     g_assert_cmpint(messages[i].level, ==, G_LOG_LEVEL_WARNING);
     g_autofree char *tail = g_strdup_printf(rest, 77 + i);
     g_autofree char *quoted = g_regex_escape_string(tail, -1);
-    g_autofree char *whole = g_strconcat("^vchannels/zelgvc/gvcencryptor:[1-9][0-9]*", quoted, "$",
-                                         nullptr);
+    g_autofree char *whole =
+        g_strconcat("^vchannels/zelgvc/gvcencryptor:[1-9][0-9]*", quoted, "$", nullptr);
     if (!g_regex_match_simple(whole, messages[i].text.c_str(), G_REGEX_DEFAULT,
                               G_REGEX_MATCH_DEFAULT))
       g_error("%s", messages[i].text.c_str());
@@ -357,8 +357,8 @@ test_iv_record_needs_24_bytes()
   for (gsize room = 0; room < 24; room++) {
     ASSERT_FAILED(convert(encryptor.get(), plain, room), G_IO_ERROR_NO_SPACE,
                   "Not enough space for initial IV");
-    ASSERT_FAILED(convert(encryptor.get(), {}, room, G_CONVERTER_INPUT_AT_END),
-                  G_IO_ERROR_NO_SPACE, "Not enough space for initial IV");
+    ASSERT_FAILED(convert(encryptor.get(), {}, room, G_CONVERTER_INPUT_AT_END), G_IO_ERROR_NO_SPACE,
+                  "Not enough space for initial IV");
   }
   Sealer sealer{test_key(), 256, take_iv(encryptor.get())};
   assert_record(encryptor.get(), sealer, plain);
@@ -564,7 +564,7 @@ void
 test_without_a_key()
 {
   const auto encryptor =
-    own(static_cast<GvcEncryptor *>(g_object_new(GVC_TYPE_ENCRYPTOR, nullptr)));
+      own(static_cast<GvcEncryptor *>(g_object_new(GVC_TYPE_ENCRYPTOR, nullptr)));
   guint length = 0;
   g_autoptr(GBytes) key = nullptr;
   g_object_get(encryptor.get(), "key-length", &length, "key", &key, nullptr);
@@ -584,8 +584,8 @@ test_with_a_key_of_the_wrong_size()
       {
         // A key at the end of its own allocation, so that reading past it is seen.
         const BytesRef key = watch.add_bytes(to_text(sample(Kind::noise, size)));
-        const auto encryptor = own(static_cast<GvcEncryptor *>(g_object_new(
-          GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", length, nullptr)));
+        const auto encryptor = own(static_cast<GvcEncryptor *>(
+            g_object_new(GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", length, nullptr)));
         assert_cannot_encrypt(encryptor.get());
       }
       g_assert_cmpuint(watch.alive(), ==, 0);
@@ -635,7 +635,7 @@ test_output_stream(gconstpointer data)
       const auto encryptor = new_encryptor(bits);
       const auto base = new_scripted_output(script);
       const auto stream =
-        own(g_converter_output_stream_new(base.get(), G_CONVERTER(encryptor.get())));
+          own(g_converter_output_stream_new(base.get(), G_CONVERTER(encryptor.get())));
       write_in_pieces(stream.get(), plain, random);
       g_autoptr(GError) error = nullptr;
       g_output_stream_flush(stream.get(), nullptr, &error);
@@ -705,16 +705,14 @@ test_socket(gconstpointer data)
   std::thread writer{[&] {
     std::mt19937 random{5};
     const auto encryptor = new_encryptor();
-    const auto stream =
-      own(g_converter_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())),
-                                        G_CONVERTER(encryptor.get())));
+    const auto stream = own(g_converter_output_stream_new(
+        g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), G_CONVERTER(encryptor.get())));
     write_in_pieces(stream.get(), plain, random);
     g_assert_true(g_output_stream_close(stream.get(), nullptr, nullptr));
     g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
   }};
   ErrorPtr error;
-  const Bytes wire =
-    read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
+  const Bytes wire = read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
   writer.join();
   g_assert_no_error(error.get());
   Opener opener{test_key(), 256};
@@ -736,7 +734,7 @@ test_failing_base_stream()
     const auto base = new_scripted_output(script);
     watch.add(base.get());
     const auto stream =
-      own(g_converter_output_stream_new(base.get(), G_CONVERTER(encryptor.get())));
+        own(g_converter_output_stream_new(base.get(), G_CONVERTER(encryptor.get())));
     watch.add(stream.get());
     const Bytes plain = sample(Kind::text, 500);
     Error error;

@@ -51,7 +51,7 @@ class Sealer
 {
 public:
   Sealer(ByteView key, int bits, ByteView chain)
-    : key_(key.begin(), key.end()), bits_{bits}, chain_(chain.begin(), chain.end())
+      : key_(key.begin(), key.end()), bits_{bits}, chain_(chain.begin(), chain.end())
   {
   }
   Bytes
