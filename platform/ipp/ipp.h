@@ -52,6 +52,10 @@ IppStatus ippInit(void);
 // AES with 128-bit blocks in CBC mode. A context block is memory of the caller's, of the size that
 // GetSize reports and zero-filled before Init; Release must come before the memory is freed.
 // Release does nothing to a block whose Init was never called or failed; cipher calls on one fail.
+// Init on a block that is already initialised releases what it held first. A block is not a context
+// any more once it is copied or moved, and one thread at a time uses it.
+// A cipher call takes a length of 16 bytes or more, a multiple of 16 (0 is ippStsLengthErr), leaves
+// pIV as it is, and works in place: pSrc and pDst are equal or do not overlap.
 IppStatus ippsRijndael128GetSize(int *pSize);
 IppStatus ippsRijndael128Init(const Ipp8u *pKey, IppsRijndaelKeyLength keyLen,
                               IppsRijndael128Spec *pCtx);
@@ -63,20 +67,25 @@ IppStatus ippsRijndael128DecryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len,
                                     IppsCPPadding padding);
 void ippsRijndael128Release(IppsRijndael128Spec *pCtx);
 
-// Unsigned numbers of a fixed count of 32-bit words; here they carry seeds.
+// Unsigned numbers of a fixed count of 32-bit words, 1 to 16; here they carry seeds. Words that
+// Set_BN is not given are 0; a number that was never set is not a seed.
 IppStatus ippsBigNumGetSize(int len32, int *pSize);
 IppStatus ippsBigNumInit(int len32, IppsBigNumState *pBN);
 IppStatus ippsSet_BN(IppsBigNumSGN sgn, int len32, const Ipp32u *pData, IppsBigNumState *pBN);
 
 // A deterministic random generator: plain memory, all of its output follows from the installed
-// seed. PRNGen writes exactly (nBits + 7) / 8 bytes; pRand need not be aligned.
+// seed. seedBits is 1 to 512; the whole seed number is used whatever it says. PRNGen writes exactly
+// (nBits + 7) / 8 bytes, surplus high bits of the last one being 0, and fails until a seed was set;
+// pRand need not be aligned.
 IppStatus ippsPRNGGetSize(int *pSize);
 IppStatus ippsPRNGInit(int seedBits, IppsPRNGState *pCtx);
 IppStatus ippsPRNGSetSeed(const IppsBigNumState *pSeed, IppsPRNGState *pCtx);
 IppStatus ippsPRNGen(Ipp32u *pRand, int nBits, void *pCtx);
 
 // LZO1X. The encoder's state is plain memory of the caller's; its size grows with the announced
-// input length. *pDstLen is the room on entry and the count of bytes produced on success.
+// input length. *pDstLen is the room on entry and the count of bytes produced on success; it is
+// unchanged on failure. A source of 0 bytes gives 0 bytes; pSrc and pDst may then be NULL.
+// The decoder reports output beyond the room as ippStsBrokenStreamErr, never as 33.
 IppStatus ippsEncodeLZOGetSize(IppLZOMethod method, Ipp32u maxInputLen, Ipp32u *pSize);
 IppStatus ippsEncodeLZOInit_8u(IppLZOMethod method, Ipp32u maxInputLen, IppLZOState_8u *pLZOState);
 IppStatus ippsEncodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen,

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The LZO1X format: its constants and the table of its instructions, for encoder and decoder alike.
+//
+// A stream is a sequence of instructions, each opened by a byte T. The two low bits of the byte
+// before the last of a match instruction count the literals (0 to 3) that follow it; what T below
+// 16 means depends on them, so the table has one page for each of three contexts.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace lzo1x
+{
+
+enum Context : unsigned {
+  afterMatch,       // no literals since the last match, or nothing yet
+  afterFewLiterals, // 1 to 3
+  afterRun,         // 4 or more
+  contexts,
+};
+
+// A first byte above openingRunMark is a run of T - openingRunMark literals.
+constexpr unsigned openingRunMark = 17;
+constexpr unsigned openingRunMax = 255 - openingRunMark;
+
+// Every other run is at least runMin long; a match carries up to matchLiteralsMax.
+constexpr unsigned runMin = 4;
+constexpr unsigned runBias = 3;
+constexpr unsigned runShortMax = 18;
+constexpr unsigned matchLiteralsMax = 3;
+
+// A length beyond what T holds goes on in length bytes: 255 for every zero byte, then one that is
+// not zero.
+constexpr unsigned lengthByteStep = 255;
+
+// Two bytes, T >= nearMark: 3 to 8 bytes from up to 2048 back.
+constexpr unsigned nearMark = 64;
+constexpr unsigned nearLengthShift = 5;
+constexpr unsigned nearLengthBias = 1;
+constexpr unsigned nearMaxLength = 8;
+constexpr unsigned nearMaxDistance = 2048;
+// Three bytes and length bytes, T >= middleMark: from up to 16384 back.
+constexpr unsigned middleMark = 32;
+constexpr unsigned middleShortMax = 33;
+constexpr unsigned middleMaxDistance = 16384;
+// Three bytes and length bytes, T >= farMark: from 16385 to 49151 back.
+constexpr unsigned farMark = 16;
+constexpr unsigned farShortMax = 9;
+constexpr unsigned farHighBit = 8; // of T, worth farHighDistance
+constexpr unsigned farHighDistance = 16384;
+constexpr unsigned farMaxDistance = 49151;
+// T below farMark: after 1 to 3 literals a match of two bytes, after a run one of three bytes, past
+// the reach of the near form.
+constexpr unsigned tinyMaxDistance = 1024;
+constexpr unsigned tinyLength = 2;
+constexpr unsigned afterRunLength = 3;
+
+// The far form with its smallest distance, which the middle form reaches too, means no match.
+constexpr std::uint8_t endMarker[] = {0x11, 0x00, 0x00};
+constexpr std::uint32_t endMarkerWord = endMarker[0] | endMarker[1] << 8 | endMarker[2] << 16;
+
+// What T says. The distance of a match is
+// distanceBase + ((word >> distanceShift) & distanceMask), where word has T in its low byte and the
+// distance bytes above it; the bits of the distance that stand in T are in distanceBase.
+struct Instruction {
+  std::uint16_t distanceBase; // 0 for a run of literals
+  std::uint16_t distanceMask;
+  std::uint8_t distanceShift;
+  std::uint8_t length;       // to which length bytes add
+  std::uint8_t size;         // T and the distance bytes, without length bytes
+  std::uint8_t literalShift; // of word, to the number of literals that follow the match
+  bool hasLengthBytes;
+
+  constexpr bool
+  isRun() const
+  {
+    return distanceBase == 0;
+  }
+};
+
+// A match in two bytes, whose second one continues the lowBits of the distance in T.
+constexpr Instruction
+shortMatch(unsigned t, unsigned length, unsigned lowBits, unsigned bias)
+{
+  const unsigned low = (t >> 2) & ((1U << lowBits) - 1);
+  return {.distanceBase = static_cast<std::uint16_t>(low + bias),
+          .distanceMask = static_cast<std::uint16_t>(0xffU << lowBits),
+          .distanceShift = static_cast<std::uint8_t>(8 - lowBits),
+          .length = static_cast<std::uint8_t>(length),
+          .size = 2,
+          .literalShift = 0,
+          .hasLengthBytes = false};
+}
+
+// A match in three bytes and length bytes; the lengths that T alone can say end at shortMax.
+constexpr Instruction
+longMatch(unsigned inT, unsigned shortMax, unsigned bias)
+{
+  return {.distanceBase = static_cast<std::uint16_t>(bias),
+          .distanceMask = 0x3fff,
+          .distanceShift = 8 + 2,
+          .length = static_cast<std::uint8_t>(inT == 0 ? shortMax : inT + 2),
+          .size = 3,
+          .literalShift = 8,
+          .hasLengthBytes = inT == 0};
+}
+
+constexpr Instruction
+run(unsigned t)
+{
+  return {.distanceBase = 0,
+          .distanceMask = 0,
+          .distanceShift = 0,
+          .length = static_cast<std::uint8_t>(t == 0 ? runShortMax : t + runBias),
+          .size = 1,
+          .literalShift = 0,
+          .hasLengthBytes = t == 0};
+}
+
+constexpr Instruction
+instruction(Context context, unsigned t)
+{
+  if (t >= nearMark)
+    return shortMatch(t, (t >> nearLengthShift) + nearLengthBias, 3, 1);
+  if (t >= middleMark)
+    return longMatch(t & 31, middleShortMax, 1);
+  if (t >= farMark)
+    return longMatch(t & 7, farShortMax,
+                     middleMaxDistance + ((t & farHighBit) != 0 ? farHighDistance : 0));
+  if (context == afterFewLiterals)
+    return shortMatch(t, tinyLength, 2, 1);
+  if (context == afterRun)
+    return shortMatch(t, afterRunLength, 2, nearMaxDistance + 1);
+  return run(t);
+}
+
+using InstructionTable = std::array<std::array<Instruction, 256>, contexts>;
+
+inline constexpr InstructionTable instructions = [] {
+  InstructionTable table{};
+  for (unsigned context = 0; context < contexts; context++)
+    for (unsigned t = 0; t < 256; t++)
+      table[context][t] = instruction(static_cast<Context>(context), t);
+  return table;
+}();
+
+template <typename Word>
+inline Word
+loadLittleEndian(const std::uint8_t *from) noexcept
+{
+  Word word;
+  std::memcpy(&word, from, sizeof word);
+  if constexpr (std::endian::native == std::endian::big)
+    word = sizeof word == 8 ? static_cast<Word>(__builtin_bswap64(word))
+           : sizeof word == 4
+               ? static_cast<Word>(__builtin_bswap32(static_cast<std::uint32_t>(word)))
+               : static_cast<Word>(__builtin_bswap16(static_cast<std::uint16_t>(word)));
+  return word;
+}
+
+} // namespace lzo1x

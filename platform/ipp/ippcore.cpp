@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "platform/ipp/ippcore.h"
+
+#include <gcrypt.h>
+#include <pthread.h>
+
+// The oldest libgcrypt with every call that is made here.
+static constexpr char oldestVersion[] = "1.8.0";
+
+static pthread_once_t startOnce = PTHREAD_ONCE_INIT;
+static bool isReady; // written inside startOnce, so every reader that went through it sees it
+
+// libgcrypt is configured once per process. A host that has done so keeps its choices (secure
+// memory, allocation handlers, random generator); nothing may be configured a second time.
+// Where nobody has, secure memory is left out: a pool of locked memory is the host's decision.
+static void
+start()
+{
+  const bool isHostInitialised = gcry_control(GCRYCTL_INITIALIZATION_FINISHED_P) != 0;
+  isReady = gcry_check_version(oldestVersion) != nullptr;
+  if (isHostInitialised || !isReady)
+    return;
+  gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
+  gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+}
+
+IppStatus
+ipp::startEngine() noexcept
+{
+  pthread_once(&startOnce, start);
+  return isReady ? ippStsNoErr : ippStsErr;
+}
+
+IppStatus
+ippInit(void)
+{
+  return ipp::startEngine();
+}

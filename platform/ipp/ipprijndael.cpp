@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// AES-CBC over a libgcrypt cipher handle.
+//
+// The context block holds the handle only. The round keys live in memory of libgcrypt's, which
+// gcry_cipher_close wipes; no copy of the key is ever made here.
+#include "platform/ipp/ippcore.h"
+
+#include <gcrypt.h>
+#include <string.h>
+
+struct IppsRijndael128Spec {
+  std::uintptr_t seal; // sealOf() this block while `handle` is open and has its key
+  gcry_cipher_hd_t handle;
+};
+
+static constexpr int blockSize = 16;
+
+// The seal depends on the block's address, so a block that was copied byte by byte is no context:
+// two blocks never own one handle. It is odd, as blocks lie at even addresses, and so never the 0
+// of a block that was only zero-filled.
+static std::uintptr_t
+sealOf(const IppsRijndael128Spec *ctx)
+{
+  constexpr std::uintptr_t magic = static_cast<std::uintptr_t>(0xa5c3'91e7'52d8'6b1fU);
+  return reinterpret_cast<std::uintptr_t>(ctx) ^ magic;
+}
+
+static bool
+isOpen(const IppsRijndael128Spec *ctx)
+{
+  return ctx->seal == sealOf(ctx);
+}
+
+static gcry_cipher_hd_t
+openCipher(const Ipp8u *key, IppsRijndaelKeyLength keyLen)
+{
+  const int algorithm = keyLen == IppsRijndaelKey128 ? GCRY_CIPHER_AES128 : GCRY_CIPHER_AES256;
+  gcry_cipher_hd_t handle = nullptr;
+  if (gcry_cipher_open(&handle, algorithm, GCRY_CIPHER_MODE_CBC, 0) != 0)
+    return nullptr;
+  if (gcry_cipher_setkey(handle, key, static_cast<std::size_t>(keyLen) / 8) == 0)
+    return handle;
+  gcry_cipher_close(handle);
+  return nullptr;
+}
+
+IppStatus
+ippsRijndael128GetSize(int *pSize)
+{
+  if (pSize == nullptr)
+    return ippStsNullPtrErr;
+  *pSize = static_cast<int>(sizeof(IppsRijndael128Spec));
+  return ippStsNoErr;
+}
+
+IppStatus
+ippsRijndael128Init(const Ipp8u *pKey, IppsRijndaelKeyLength keyLen, IppsRijndael128Spec *pCtx)
+{
+  if (pCtx == nullptr)
+    return ippStsNullPtrErr;
+  // Whatever the block held is gone from here on, so a failed Init leaves no usable context.
+  ippsRijndael128Release(pCtx);
+  if (pKey == nullptr)
+    return ippStsNullPtrErr;
+  if (keyLen != IppsRijndaelKey128 && keyLen != IppsRijndaelKey256)
+    return ippStsLengthErr;
+  if (ipp::startEngine() != ippStsNoErr)
+    return ippStsErr;
+  gcry_cipher_hd_t handle = openCipher(pKey, keyLen);
+  if (handle == nullptr)
+    return ippStsErr;
+  pCtx->handle = handle;
+  pCtx->seal = sealOf(pCtx);
+  return ippStsNoErr;
+}
+
+static IppStatus
+checkCall(const Ipp8u *src, const Ipp8u *dst, int len, const IppsRijndael128Spec *ctx,
+          const Ipp8u *iv, IppsCPPadding padding)
+{
+  if (src == nullptr || dst == nullptr || ctx == nullptr || iv == nullptr)
+    return ippStsNullPtrErr;
+  if (!isOpen(ctx))
+    return ippStsContextMatchErr;
+  if (len < 1)
+    return ippStsLengthErr;
+  if (len % blockSize != 0)
+    return ippStsUnderRunErr;
+  if (padding != IppsCPPaddingNONE)
+    return ippStsBadArgErr;
+  return ippStsNoErr;
+}
+
+IppStatus
+ippsRijndael128EncryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRijndael128Spec *pCtx,
+                          const Ipp8u *pIV, IppsCPPadding padding)
+{
+  if (const IppStatus status = checkCall(pSrc, pDst, len, pCtx, pIV, padding); status != 0)
+    return status;
+  const auto size = static_cast<std::size_t>(len);
+  if (gcry_cipher_setiv(pCtx->handle, pIV, blockSize) != 0 ||
+      gcry_cipher_encrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
+    return ippStsErr;
+  return ippStsNoErr;
+}
+
+IppStatus
+ippsRijndael128DecryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRijndael128Spec *pCtx,
+                          const Ipp8u *pIV, IppsCPPadding padding)
+{
+  if (const IppStatus status = checkCall(pSrc, pDst, len, pCtx, pIV, padding); status != 0)
+    return status;
+  const auto size = static_cast<std::size_t>(len);
+  if (gcry_cipher_setiv(pCtx->handle, pIV, blockSize) != 0 ||
+      gcry_cipher_decrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
+    return ippStsErr;
+  return ippStsNoErr;
+}
+
+void
+ippsRijndael128Release(IppsRijndael128Spec *pCtx)
+{
+  if (pCtx == nullptr || !isOpen(pCtx))
+    return;
+  gcry_cipher_close(pCtx->handle);
+  explicit_bzero(pCtx, sizeof *pCtx);
+}

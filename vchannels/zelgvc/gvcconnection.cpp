@@ -1,0 +1,274 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "gvcconnection.h"
+#include "gvcchecks.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+enum {
+  PROP_0,
+  PROP_CONNECTION,
+};
+
+/**
+ * GvcConnection:
+ *
+ * A channel over an established #GSocketConnection.
+ *
+ * Its streams are at first those of the socket connection.
+ * gvc_connection_add_converters() slides a pair of converters between the caller and the socket;
+ * the streams fetched afterwards with g_io_stream_get_input_stream() and
+ * g_io_stream_get_output_stream() pass through them.
+ *
+ * Closing the channel closes its input stream and then its output stream. With
+ * g_io_stream_close_async() this happens within the call, on the calling thread.
+ *
+ * A channel is used from one thread at a time. On GLib before 2.80 it sets `TCP_NODELAY` on a TCP
+ * socket that it wraps, as GLib itself does since: without it each message waits for the
+ * acknowledgement of the one before. A host that wants Nagle's algorithm sets the option back.
+ *
+ * Since: 0.1
+ */
+struct GvcConnectionPrivate {
+  GSocketConnection *connection;
+  GInputStream *in;
+  GOutputStream *out;
+};
+
+G_DEFINE_TYPE_WITH_PRIVATE(GvcConnection, gvc_connection, G_TYPE_IO_STREAM)
+
+static GvcConnectionPrivate *
+get_private(gpointer self)
+{
+  return static_cast<GvcConnectionPrivate *>(
+      gvc_connection_get_instance_private(static_cast<GvcConnection *>(self)));
+}
+
+// g_io_stream_get_input_stream() and its sibling dereference what they are given unchecked.
+static gboolean
+check_is_io_stream(GSocketConnection *connection, const char *getter)
+{
+  if (connection)
+    return TRUE;
+  g_return_if_fail_warning("GLib-GIO", getter, "G_IS_IO_STREAM (stream)");
+  return FALSE;
+}
+
+static gboolean
+is_tcp(GSocket *socket)
+{
+  auto family = g_socket_get_family(socket);
+  return (family == G_SOCKET_FAMILY_IPV4 || family == G_SOCKET_FAMILY_IPV6) &&
+         g_socket_get_socket_type(socket) == G_SOCKET_TYPE_STREAM;
+}
+
+static void
+disable_nagle(GSocketConnection *connection)
+{
+  gboolean glib_does_it = glib_check_version(2, 80, 0) == nullptr;
+  auto *socket = g_socket_connection_get_socket(connection);
+
+  // A socket that refuses the option still works, only slower.
+  if (!glib_does_it && socket && is_tcp(socket))
+    g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, TRUE, nullptr);
+}
+
+static void
+adopt_connection(GvcConnectionPrivate *priv, GSocketConnection *connection)
+{
+  priv->connection = connection;
+
+  auto *stream = reinterpret_cast<GIOStream *>(connection);
+  if (check_is_io_stream(connection, "g_io_stream_get_input_stream"))
+    priv->in = static_cast<GInputStream *>(g_object_ref(g_io_stream_get_input_stream(stream)));
+  if (check_is_io_stream(connection, "g_io_stream_get_output_stream"))
+    priv->out = static_cast<GOutputStream *>(g_object_ref(g_io_stream_get_output_stream(stream)));
+
+  if (connection)
+    disable_nagle(connection);
+}
+
+static void
+gvc_connection_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec)
+{
+  switch (prop_id) {
+  case PROP_CONNECTION:
+    adopt_connection(get_private(object),
+                     static_cast<GSocketConnection *>(g_value_dup_object(value)));
+    break;
+  default:
+    gvc::warn_invalid_property({"vchannels/zelgvc/gvcconnection", 68}, object, prop_id, pspec);
+    break;
+  }
+}
+
+static void
+gvc_connection_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
+{
+  switch (prop_id) {
+  case PROP_CONNECTION:
+    g_value_set_object(value, get_private(object)->connection);
+    break;
+  default:
+    gvc::warn_invalid_property({"vchannels/zelgvc/gvcconnection", 90}, object, prop_id, pspec);
+    break;
+  }
+}
+
+static void
+gvc_connection_dispose(GObject *object)
+{
+  auto *priv = get_private(object);
+
+  g_clear_object(&priv->connection);
+  g_clear_object(&priv->in);
+  g_clear_object(&priv->out);
+
+  G_OBJECT_CLASS(gvc_connection_parent_class)->dispose(object);
+}
+
+static GInputStream *
+gvc_connection_get_input_stream(GIOStream *stream)
+{
+  return get_private(stream)->in;
+}
+
+static GOutputStream *
+gvc_connection_get_output_stream(GIOStream *stream)
+{
+  return get_private(stream)->out;
+}
+
+static gboolean
+gvc_connection_close_fn(GIOStream *stream, GCancellable *cancellable, GError **error)
+{
+  auto *priv = get_private(stream);
+
+  if (priv->in && !g_input_stream_close(priv->in, cancellable, error))
+    return FALSE;
+  if (priv->out)
+    return g_output_stream_close(priv->out, cancellable, error);
+  return TRUE;
+}
+
+static void
+gvc_connection_close_async(GIOStream *stream, int, GCancellable *cancellable,
+                           GAsyncReadyCallback callback, gpointer user_data)
+{
+  g_autoptr(GTask) task = g_task_new(stream, cancellable, callback, user_data);
+  GError *error = nullptr;
+
+  if (G_IO_STREAM_GET_CLASS(stream)->close_fn(stream, cancellable, &error))
+    g_task_return_boolean(task, TRUE);
+  else
+    g_task_return_error(task, error);
+}
+
+static gboolean
+gvc_connection_close_finish(GIOStream *, GAsyncResult *result, GError **error)
+{
+  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+}
+
+static void
+gvc_connection_class_init(GvcConnectionClass *klass)
+{
+  auto *object_class = G_OBJECT_CLASS(klass);
+  auto *stream_class = G_IO_STREAM_CLASS(klass);
+
+  object_class->set_property = gvc_connection_set_property;
+  object_class->get_property = gvc_connection_get_property;
+  object_class->dispose = gvc_connection_dispose;
+
+  stream_class->get_input_stream = gvc_connection_get_input_stream;
+  stream_class->get_output_stream = gvc_connection_get_output_stream;
+  stream_class->close_fn = gvc_connection_close_fn;
+  stream_class->close_async = gvc_connection_close_async;
+  stream_class->close_finish = gvc_connection_close_finish;
+
+  /**
+   * GvcConnection:connection:
+   *
+   * The socket connection that the channel runs over.
+   *
+   * Since: 0.1
+   */
+  g_object_class_install_property(
+      object_class, PROP_CONNECTION,
+      g_param_spec_object("connection", "Connection", "Connection", G_TYPE_SOCKET_CONNECTION,
+                          static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_CONSTRUCT_ONLY |
+                                                   G_PARAM_STATIC_STRINGS)));
+}
+
+static void
+gvc_connection_init(GvcConnection *)
+{
+}
+
+/**
+ * gvc_connection_new:
+ * @connection: an established socket connection
+ *
+ * Wraps @connection in a channel. The channel takes its own reference.
+ *
+ * Returns: (transfer full): a new channel; release it with g_object_unref()
+ *
+ * Since: 0.1
+ */
+GvcConnection *
+gvc_connection_new(GSocketConnection *connection)
+{
+  return static_cast<GvcConnection *>(
+      g_object_new(GVC_TYPE_CONNECTION, "connection", connection, nullptr));
+}
+
+/**
+ * gvc_connection_get_connection:
+ * @connection: a channel
+ *
+ * The socket connection that the channel wraps; converters do not change it.
+ *
+ * Returns: (transfer none) (nullable): the socket connection, valid while the channel lives
+ *
+ * Since: 0.1
+ */
+GSocketConnection *
+gvc_connection_get_connection(GvcConnection *connection)
+{
+  GVC_CHECK_VAL(GVC_IS_CONNECTION(connection), nullptr);
+
+  return get_private(connection)->connection;
+}
+
+/**
+ * gvc_connection_add_converters:
+ * @connection: a channel
+ * @in_conv: the converter for incoming bytes, a #GvcDecryptor or #GvcDecompressor, say
+ * @out_conv: the converter for outgoing bytes, a #GvcEncryptor or #GvcCompressor, say
+ *
+ * Wraps the current streams of the channel in converter streams. The converters added last are
+ * nearest to the caller, so to compress before encrypting add the encryption pair first and the
+ * compression pair second. Both peers add their stages in the same order.
+ *
+ * Streams fetched from the channel earlier stay unconverted. No read or write may be in progress on
+ * the channel meanwhile. The channel takes its own references to the converters.
+ *
+ * Since: 0.1
+ */
+void
+gvc_connection_add_converters(GvcConnection *connection, GConverter *in_conv, GConverter *out_conv)
+{
+  GVC_CHECK(GVC_IS_CONNECTION(connection));
+  GVC_CHECK(G_IS_CONVERTER(in_conv));
+  GVC_CHECK(G_IS_CONVERTER(out_conv));
+
+  auto *priv = get_private(connection);
+  auto *in = g_converter_input_stream_new(priv->in, in_conv);
+  auto *out = g_converter_output_stream_new(priv->out, out_conv);
+
+  // The converter streams hold the old streams now.
+  g_clear_object(&priv->in);
+  g_clear_object(&priv->out);
+  priv->in = in;
+  priv->out = out;
+}

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "gvcdecompressor.h"
+#include "gvcblock.h"
+#include "gvcconverter.h"
+#include "gvcwire.h"
+
+#include <platform/ipp/ipp.h>
+
+/**
+ * GvcDecompressor:
+ *
+ * A #GConverter that decompresses the blocks that a #GvcCompressor writes, one in each conversion.
+ * The format is described there. Payloads in the chunked layout, several streams side by side, are
+ * understood too.
+ *
+ * The size that a block announces is the room for what it holds: less than that is taken as it is,
+ * more is an error.
+ *
+ * A decompressor has no state; any number of threads may use one.
+ *
+ * Since: 0.1
+ */
+static void gvc_decompressor_converter_init(GConverterIface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(GvcDecompressor, gvc_decompressor, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, gvc_decompressor_converter_init))
+
+static void
+gvc_decompressor_class_init(GvcDecompressorClass *)
+{
+}
+
+static void
+gvc_decompressor_init(GvcDecompressor *)
+{
+}
+
+/**
+ * gvc_decompressor_new:
+ *
+ * Creates a decompressor.
+ *
+ * Returns: (transfer full): a new decompressor; release it with g_object_unref()
+ *
+ * Since: 0.1
+ */
+GvcDecompressor *
+gvc_decompressor_new(void)
+{
+  return static_cast<GvcDecompressor *>(g_object_new(GVC_TYPE_DECOMPRESSOR, nullptr));
+}
+
+// A byte of LZO1X data stands for 255 bytes of output at most, the value of a length byte. A
+// payload for which this much room was not enough has a header that lies.
+static guint64
+most_output(guint32 src_size)
+{
+  return MAX(guint64{src_size} * 255, gvc::hopeless_from);
+}
+
+static GConverterResult
+gvc_decompressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void *outbuf,
+                         gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
+                         gsize *bytes_written, GError **error)
+{
+  auto *in = static_cast<const guint8 *>(inbuf);
+
+  if (flags & G_CONVERTER_FLUSH)
+    return gvc::flushed(bytes_read, bytes_written);
+
+  if (inbuf_size < gvc::block_header)
+    return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial header");
+
+  guint32 src_size = gvc::load_u32(in + gvc::block_src_size);
+  guint32 dest_size = gvc::load_u32(in + gvc::block_dest_size);
+  if (inbuf_size - gvc::block_header < src_size)
+    return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial data");
+  if (dest_size > outbuf_size) {
+    if (outbuf_size >= most_output(src_size))
+      return gvc::failed(error, G_IO_ERROR_FAILED, "Failed to decode LZO");
+    return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
+  }
+
+  auto status =
+      ippsDecodeLZO_8u(in + gvc::block_header, src_size, static_cast<Ipp8u *>(outbuf), &dest_size);
+  if (status == ippStsDstSizeLessExpected)
+    return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
+  if (status != ippStsNoErr)
+    return gvc::failed(error, G_IO_ERROR_FAILED, "Failed to decode LZO");
+  return gvc::converted(flags, gvc::block_header + src_size, dest_size, bytes_read, bytes_written);
+}
+
+static void
+gvc_decompressor_reset(GConverter *)
+{
+}
+
+static void
+gvc_decompressor_converter_init(GConverterIface *iface)
+{
+  iface->convert = gvc_decompressor_convert;
+  iface->reset = gvc_decompressor_reset;
+}
