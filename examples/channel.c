@@ -31,24 +31,23 @@ check_stages(GOptionContext *context, GOptionGroup *group, gpointer data, GError
   return TRUE;
 }
 
-GOptionGroup *
-stages_option_group(Stages *stages)
+/* Gives a context the options for the stages; add_main_entries can add further ones. */
+void
+stages_add_options(Stages *stages, GOptionContext *context)
 {
   const GOptionEntry entries[] = {
-      {"compress", 0, 0, G_OPTION_ARG_NONE, &stages->compress, "Compress what is sent", NULL},
+      {"compress", 0, 0, G_OPTION_ARG_NONE, &stages->compress, "Compress (as the peer does)", NULL},
       {"encrypt", 0, 0, G_OPTION_ARG_FILENAME, &stages->key_file,
-       "Encrypt what is sent with the 32 bytes of this file", "KEYFILE"},
+       "Encrypt with the 32 bytes of this file (as the peer does)", "KEYFILE"},
       {"key-length", 0, 0, G_OPTION_ARG_INT, &stages->key_length,
-       "Use 128 or 256 (the default) bits of the key", "BITS"},
+       "Use 128 or 256 bits of the key (256)", "BITS"},
       {NULL, 0, 0, 0, NULL, NULL, NULL},
   };
-  GOptionGroup *group =
-      g_option_group_new("stages", "Stages (the same on both sides):", "Show the stages", stages,
-                         NULL);
+  GOptionGroup *group = g_option_group_new("main", NULL, NULL, stages, NULL);
 
   g_option_group_add_entries(group, entries);
   g_option_group_set_parse_hooks(group, NULL, check_stages);
-  return group;
+  g_option_context_set_main_group(context, group);
 }
 
 char *

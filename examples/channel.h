@@ -20,7 +20,8 @@
 
 #define VARIANT_FORMAT "(su)"
 #define STRING_END '\n'
-/* When a file has arrived the server says how much it got, and then the checksum of what it wrote. */
+/* When a file has arrived the server says how much it got, and then the checksum of what it wrote.
+ */
 #define RECEIVED_FORMAT "(t)"
 #define CHECKSUM_FORMAT "(s)"
 
@@ -38,7 +39,7 @@ typedef struct {
   GvcDataInputStream *strings_in;
 } Channel;
 
-GOptionGroup *stages_option_group(Stages *stages);
+void stages_add_options(Stages *stages, GOptionContext *context);
 char *stages_describe(const Stages *stages);
 void stages_clear(Stages *stages);
 

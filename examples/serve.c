@@ -389,8 +389,8 @@ static const struct {
   const char *kind;
   void (*read)(Session *session);
 } kinds[] = {
-    {KIND_BYTES, read_bytes},   {KIND_VARIANTS, read_variant}, {KIND_STRINGS, read_string},
-    {KIND_FILE, read_file},     {KIND_BYE, session_end},
+    {KIND_BYTES, read_bytes}, {KIND_VARIANTS, read_variant}, {KIND_STRINGS, read_string},
+    {KIND_FILE, read_file},   {KIND_BYE, session_end},
 };
 
 static gboolean
@@ -442,8 +442,7 @@ on_request(GObject *object, GAsyncResult *result, gpointer data)
   } else {
     g_printerr("%s: refused: %s\n", session->peer, error->message);
     session->remaining = 0;
-    put_variant(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message),
-                on_variant_answered);
+    put_variant(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message), on_variant_answered);
   }
 }
 
@@ -464,13 +463,14 @@ on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source,
 
   session->server = server;
   session->channel = channel_new(socket, &server->stages, (guint)server->timeout);
-  session->peer = gvc_io_stream_get_remote_address_string(G_IO_STREAM(session->channel->connection));
+  session->peer =
+      gvc_io_stream_get_remote_address_string(G_IO_STREAM(session->channel->connection));
   session->cancellable = g_cancellable_new();
   server->running++;
   server->served++;
   if (server->callers > 0 && server->served >= server->callers)
     g_socket_service_stop(service);
-  g_print("%s: connected, %s\n", session->peer, server->stages.key != NULL ? "with a key" : "no key");
+  g_print("%s: connected\n", session->peer);
   read_request(session);
   return TRUE;
 }
@@ -510,7 +510,8 @@ static gboolean
 parse_arguments(Server *server, int *argc, char ***argv, GError **error)
 {
   const GOptionEntry entries[] = {
-      {"address", 0, 0, G_OPTION_ARG_STRING, &server->address, "Listen here (127.0.0.1)", "ADDRESS"},
+      {"address", 0, 0, G_OPTION_ARG_STRING, &server->address, "Listen here (127.0.0.1)",
+       "ADDRESS"},
       {"port", 0, 0, G_OPTION_ARG_INT, &server->port, "Listen on this port (any free one)", "PORT"},
       {"directory", 0, 0, G_OPTION_ARG_FILENAME, &server->directory, "Take files and put them here",
        "DIRECTORY"},
@@ -523,8 +524,8 @@ parse_arguments(Server *server, int *argc, char ***argv, GError **error)
 
   server->address = g_strdup("127.0.0.1");
   server->timeout = 10;
+  stages_add_options(&server->stages, context);
   g_option_context_add_main_entries(context, entries, NULL);
-  g_option_context_add_group(context, stages_option_group(&server->stages));
   if (!g_option_context_parse(context, argc, argv, error))
     return FALSE;
   if (*argc > 1) {
