@@ -287,15 +287,24 @@ decodeFast(Position &at) noexcept
         break;
       if (distance < chunk)
         repeat(written, distance, length);
-      else
-        copyChunks(written, written - distance, length < chunk ? chunk : length);
+      else {
+        const std::uint8_t *const from = written - distance;
+        copyFixed<chunk>(written, from);
+        if constexpr (span > chunk) {
+        copyFixed<chunk>(written+16, from+16);
+        copyFixed<chunk>(written+32, from+32);
+        if (length > 48)
+          copyChunks(written + 32, from + 32, length - 32);
+        } else if (length > chunk)
+          copyChunks(written, from, length);
+      }
     } else {
       const std::size_t distance = instruction.distance(word);
       const auto from = reinterpret_cast<const std::uint8_t *>(
           reinterpret_cast<std::uintptr_t>(written) - distance);
       if (from < at.begin || distance == middleMaxDistance) [[unlikely]]
         break;
-      if (distance < chunk) [[unlikely]] {
+      if (distance < (length < chunk ? length : chunk)) [[unlikely]] {
         repeat(written, distance, length);
       } else {
         copyFixed<chunk>(written, from);
