@@ -3,6 +3,11 @@
 
 #include "codec/lzo1x/lzo1xformat.h"
 
+#include <algorithm>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace lzo1x
 {
 
@@ -158,140 +163,148 @@ putEndMarker(Encoder &at)
   return true;
 }
 
-[[gnu::always_inline]] inline std::size_t
-commonLength(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd)
+constexpr std::size_t compared = 16;
+
+// How many of the first 16 bytes are equal.
+inline std::size_t
+commonFew(const std::uint8_t *a, const std::uint8_t *b) noexcept
 {
-  const std::uint8_t *const begin = b;
-  while (bEnd - b >= 16) {
-    const auto d1 = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
-    const auto d2 = loadLittleEndian<std::uint64_t>(a+8) ^ loadLittleEndian<std::uint64_t>(b+8);
-    if ((d1 | d2) != 0) {
-      unsigned z1 = static_cast<unsigned>(__builtin_ctzll(d1 | (1ull << 63)));
-      unsigned z2 = static_cast<unsigned>(__builtin_ctzll(d2 | (1ull << 63)));
-      unsigned m = d1 == 0 ? 64 + z2 : z1;
-      return static_cast<std::size_t>(b - begin) + m / 8;
-    }
-    a += 16;
-    b += 16;
+#ifdef __SSE2__
+  const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a)),
+                                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(b)));
+  return static_cast<std::size_t>(std::countr_zero(~static_cast<unsigned>(_mm_movemask_epi8(equal))));
+#else
+  const auto low = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
+  if (low != 0)
+    return static_cast<std::size_t>(std::countr_zero(low)) / 8;
+  const auto high = loadLittleEndian<std::uint64_t>(a + 8) ^ loadLittleEndian<std::uint64_t>(b + 8);
+  return 8 + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+#endif
+}
+
+// The same up to bEnd, where the first 16 have been found equal.
+std::size_t
+commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
+{
+  std::size_t length = compared;
+  while (static_cast<std::size_t>(bEnd - b) >= length + compared) {
+    const std::size_t more = commonFew(a + length, b + length);
+    length += more;
+    if (more < compared)
+      return length;
   }
-  while (b < bEnd && *a == *b) {
-    a++;
-    b++;
-  }
-  return static_cast<std::size_t>(b - begin);
+  while (b + length < bEnd && a[length] == b[length])
+    length++;
+  return length;
 }
 
 // How much may be written behind what is meant by a quick sequence: literals, then a match.
 constexpr std::size_t quickRoom = 64;
 constexpr std::size_t quickLiterals = 16;
 
-// The same as putLiterals for up to quickLiterals that do not open the stream.
-inline void
-putFewLiterals(Encoder &at, std::size_t length)
-{
-  const bool header = length > matchLiteralsMax;
-  at.written[-2] |= static_cast<std::uint8_t>(header ? 0 : length);
-  *at.written = static_cast<std::uint8_t>(length - runBias);
-  at.written += header;
-  std::memcpy(at.written, at.pending, quickLiterals);
-  at.written += length;
-  at.pending += length;
-}
-
-inline void
-putShortMatch(Encoder &at, std::size_t length, std::size_t distance)
-{
-  const auto code = static_cast<std::uint32_t>(distance - 1);
-  const auto size = static_cast<std::uint32_t>(length);
-  const std::uint32_t two = (size - nearLengthBias) << nearLengthShift | (code & 7) << 2 | code >> 3 << 8;
-  const std::uint32_t three = middleMark | (size - 2) | code << (8 + 2);
-  // All ones for the near form, made so that no branch on it is.
-  const std::uint32_t near = static_cast<std::uint32_t>(((size - nearMaxLength - 1) & (code - nearMaxDistance)) >> 31);
-  const std::uint32_t nearMask = 0 - near;
-  const std::uint32_t word = three ^ ((two ^ three) & nearMask);
-  std::memcpy(at.written, &word, 4);
-  at.written += 3 - near;
-  at.pending += length;
-}
-
 inline unsigned
-hash(std::uint32_t word, unsigned shift)
+hash(std::uint32_t word, unsigned shift) noexcept
 {
   return word * 0x9e3779b1U >> shift;
 }
 
 // Finds and writes matches until there are none; the literals after the last one stay pending.
 bool
-putMatches(Encoder &outer, Entry *table, unsigned bits)
+putMatches(Encoder &at, Entry *table, unsigned bits) noexcept
 {
-  Encoder at = outer;
   const unsigned shift = 32 - bits;
   const std::uint8_t *const begin = at.begin;
-  const std::uint8_t *const last = at.readEnd - 16;
-  const std::uint8_t *next = begin + 1;
+  const std::uint8_t *const readEnd = at.readEnd;
+  const std::uint8_t *const last = readEnd - (minMatch + compared);
+  const std::uint8_t *pending = begin;
+  std::uint8_t *written = at.written;
+  std::uint8_t *const quickEnd = at.writtenEnd - std::min(at.room(), quickRoom);
+  const std::uint8_t *read = begin + 1;
   for (;;) {
-    std::uint32_t word = loadLittleEndian<std::uint32_t>(next);
-    const std::uint8_t *read;
     std::size_t distance;
-    for (;;) {
-      read = next;
-      next += 1 + (static_cast<std::size_t>(read - at.pending) >> 5);
-      if (next > last) {
-        outer.pending = at.pending;
-        outer.written = at.written;
+    const std::uint8_t *from;
+    std::size_t length;
+    for (;; read += 1 + (static_cast<std::size_t>(read - pending) >> 5)) {
+      if (read > last) {
+        at.pending = pending;
+        at.written = written;
         return true;
       }
+      const auto word = loadLittleEndian<std::uint32_t>(read);
       Entry &entry = table[hash(word, shift)];
-      const auto position = static_cast<std::size_t>(read - begin);
+      const auto position = static_cast<std::uint32_t>(read - begin);
       distance = static_cast<Entry>(position - entry);
       entry = static_cast<Entry>(position);
-      if (distance - 1 < farMaxDistance && loadLittleEndian<std::uint32_t>(read - distance) == word
-      && (distance <= nearMaxDistance || read[4] == *(read - distance + 4)))
-        break;
-      word = loadLittleEndian<std::uint32_t>(next);
+      from = read - distance;
+      if (distance - 1 < farMaxDistance && loadLittleEndian<std::uint32_t>(from) == word) {
+        length = minMatch + commonFew(from + minMatch, read + minMatch);
+        if (length > minMatch || distance <= nearMaxDistance)
+          break;
+      }
     }
-    const std::uint8_t *from = read - distance;
-    std::size_t length = 0;
-    while (read > at.pending && from > begin && read[-1] == from[-1]) {
+    if (length == minMatch + compared) [[unlikely]]
+      length = minMatch + commonMany(from + minMatch, read + minMatch, readEnd);
+    while (read > pending && from > begin && read[-1] == from[-1]) {
       read--;
       from--;
       length++;
     }
-    const auto literals = static_cast<std::size_t>(read - at.pending);
-    if (literals <= quickLiterals && at.room() >= quickRoom && at.written != at.outBegin)
-      putFewLiterals(at, literals);
-    else if (!putLiterals(at, read))
-      return false;
-    length += minMatch;
-    for (;;) {
-      length += commonLength(from + length, read + length, at.readEnd);
-      if (length <= middleShortMax && distance <= middleMaxDistance && at.room() >= quickRoom)
-        putShortMatch(at, length, distance);
-      else if (!putMatch(at, length, distance))
+    const auto literals = static_cast<std::size_t>(read - pending);
+    if (literals <= quickLiterals && written < quickEnd && pending != begin) {
+      const bool header = literals > matchLiteralsMax;
+      written[-2] |= static_cast<std::uint8_t>(header ? 0 : literals);
+      *written = static_cast<std::uint8_t>(literals - runBias);
+      written += header;
+      std::memcpy(written, pending, quickLiterals);
+      written += literals;
+    } else {
+      Encoder slow = at;
+      slow.written = written;
+      slow.pending = pending;
+      if (!putLiterals(slow, read))
         return false;
-      read = at.pending;
-      if (read > last) {
-        next = read;
-        break;
+      written = slow.written;
+    }
+    for (;;) {
+      if ((length <= middleShortMax) & (distance <= middleMaxDistance) & (written < quickEnd)) [[likely]] {
+        const auto code = static_cast<std::uint32_t>(distance - 1);
+        const auto size = static_cast<std::uint32_t>(length);
+        const std::uint32_t two = (size - nearLengthBias) << nearLengthShift | (code & 7) << 2 | (code & ~7U) << 5;
+        const std::uint32_t three = (middleMark - 2 + size) | code << (8 + 2);
+        // All ones for the near form, made so that no branch on it is.
+        const std::uint32_t near = ((size - nearMaxLength - 1) & (code - nearMaxDistance)) >> 31;
+        const std::uint32_t word = three ^ ((two ^ three) & (0 - near));
+        std::memcpy(written, &word, 4);
+        written += 3 - near;
+      } else {
+        Encoder slow = at;
+        slow.written = written;
+        if (!putMatch(slow, length, distance))
+          return false;
+        written = slow.written;
       }
+      read += length;
+      pending = read;
+      if (read > last)
+        break;
       table[hash(loadLittleEndian<std::uint32_t>(read - 2), shift)] = static_cast<Entry>(read - 2 - begin);
-      word = loadLittleEndian<std::uint32_t>(read);
+      const auto word = loadLittleEndian<std::uint32_t>(read);
       Entry &entry = table[hash(word, shift)];
-      const auto position = static_cast<std::size_t>(read - begin);
+      const auto position = static_cast<std::uint32_t>(read - begin);
       distance = static_cast<Entry>(position - entry);
       entry = static_cast<Entry>(position);
-      if (!(distance - 1 < farMaxDistance && loadLittleEndian<std::uint32_t>(read - distance) == word
-      && (distance <= nearMaxDistance || read[4] == *(read - distance + 4)))) {
-        next = read + 1;
+      from = read - distance;
+      if (distance - 1 >= farMaxDistance || loadLittleEndian<std::uint32_t>(from) != word) {
+        read++;
         break;
       }
-      from = read - distance;
-      length = minMatch;
-    }
-    if (next > last) {
-        outer.pending = at.pending;
-        outer.written = at.written;
-        return true;
+      length = minMatch + commonFew(from + minMatch, read + minMatch);
+      if ((length == minMatch) & (distance > nearMaxDistance)) {
+        read++;
+        break;
+      }
+      if (length == minMatch + compared) [[unlikely]]
+        length = minMatch + commonMany(from + minMatch, read + minMatch, readEnd);
     }
   }
 }
