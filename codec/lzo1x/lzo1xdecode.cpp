@@ -76,6 +76,18 @@ copyFew(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
   }
 }
 
+// Exactly `length` literals.
+inline void
+copyRun(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
+{
+  if (length >= 16 * chunk)
+    std::memcpy(to, from, length);
+  else if (length >= chunk)
+    copyChunks(to, from, length);
+  else
+    copyFew(to, from, length);
+}
+
 inline Status
 copyLiterals(Position &at, std::size_t length) noexcept
 {
@@ -83,12 +95,7 @@ copyLiterals(Position &at, std::size_t length) noexcept
     return Status::inputOverrun;
   if (length > at.room())
     return Status::outputOverrun;
-  if (length >= 256)
-    std::memcpy(at.written, at.read, length);
-  else if (length >= chunk)
-    copyChunks(at.written, at.read, length);
-  else
-    copyFew(at.written, at.read, length);
+  copyRun(at.written, at.read, length);
   at.read += length;
   at.written += length;
   return Status::ok;
@@ -115,21 +122,22 @@ copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
   return Status::ok;
 }
 
-// Adds the length bytes to `length`.
+// Adds the length bytes from `read` to readEnd, if there are, to `length` and moves behind them. No
+// length above `most` can be meant; up to most / 255 zeros the length stays below most + 3 * 255,
+// which cannot wrap, as no object is longer than half of what size_t can say.
 inline Status
-readLengthBytes(Position &at, std::size_t &length) noexcept
+readLengthBytes(const std::uint8_t *&read, const std::uint8_t *readEnd, std::size_t most,
+                std::size_t &length) noexcept
 {
-  const std::uint8_t *const first = at.read;
-  while (at.read < at.readEnd && *at.read == 0)
-    at.read++;
-  if (at.read == at.readEnd)
+  const std::uint8_t *const first = read;
+  while (read < readEnd && *read == 0)
+    read++;
+  if (read >= readEnd)
     return Status::inputOverrun;
-  // No length beyond the room can be meant. Up to room / 255 zeros the length stays below
-  // room + 3 * 255, which cannot wrap, as no object is longer than half of what size_t can say.
-  const auto zeros = static_cast<std::size_t>(at.read - first);
-  if (zeros > at.room() / lengthByteStep)
+  const auto zeros = static_cast<std::size_t>(read - first);
+  if (zeros > most / lengthByteStep)
     return Status::outputOverrun;
-  length += zeros * lengthByteStep + *at.read++;
+  length += zeros * lengthByteStep + *read++;
   return Status::ok;
 }
 
@@ -154,7 +162,8 @@ step(Position &at, bool &done) noexcept
   const Instruction &instruction = instructions[at.context][t];
   std::size_t length = instruction.length();
   if (instruction.hasLengthBytes()) {
-    if (const Status status = readLengthBytes(at, length); status != Status::ok)
+    if (const Status status = readLengthBytes(at.read, at.readEnd, at.room(), length);
+        status != Status::ok)
       return status;
   }
   if (instruction.isRun()) {
@@ -174,7 +183,8 @@ step(Position &at, bool &done) noexcept
   }
   if (const Status status = copyMatch(at, instruction.distance(word), length); status != Status::ok)
     return status;
-  const unsigned literals = distanceBytes == 2 ? word >> 8 & matchLiteralsMax : t & matchLiteralsMax;
+  const unsigned literals =
+      distanceBytes == 2 ? word >> 8 & matchLiteralsMax : t & matchLiteralsMax;
   at.context = literals == 0 ? afterMatch : afterFewLiterals;
   return copyLiterals(at, literals);
 }
@@ -214,113 +224,179 @@ repeat(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
   }
 }
 
-// The fast loop runs while so much can be read and written behind the current position.
-// Read: a match of three bytes, and 4 for its literals, of which up to 3 are used.
-constexpr std::size_t readSlack = 3 + 4;
-// A match of up to `span` bytes is written as so many, which leaves room for 4 bytes as its
-// literals, of which up to 3 are used.
-template <std::size_t span> constexpr std::size_t writeSlack = span + 16;
+// Decodes as long as nothing is special and there is room around: it stops near the ends, at the
+// end marker and at what may be broken, always between two instructions. A match of up to `span`
+// bytes is copied as so many.
+template <std::size_t span> class FastDecoder
+{
+public:
+  explicit FastDecoder(const Position &at) noexcept
+      : read(at.read), readEnd(at.readEnd), readLast(at.readEnd - readSlack), written(at.written),
+        begin(at.begin), writtenLast(at.writtenEnd - writeSlack),
+        literals(at.context == afterMatch         ? 0
+                 : at.context == afterFewLiterals ? 1
+                                                  : runMin)
+  {
+  }
+
+  static bool
+  hasRoom(const Position &at) noexcept
+  {
+    return at.readLeft() >= readSlack && at.room() >= writeSlack;
+  }
+
+  [[gnu::always_inline]] void
+  decode(Position &at) noexcept
+  {
+    while (read <= readLast && written <= writtenLast) {
+      const unsigned t = *read;
+      if (!(t < farMark ? run(t) : match(t)))
+        break;
+    }
+    at.read = read;
+    at.written = written;
+    at.context = literals == 0 ? afterMatch : literals < runMin ? afterFewLiterals : afterRun;
+  }
+
+private:
+  // What can be read behind readLast: a match of three bytes, and 4 for its literals, of which up
+  // to 3 are used.
+  static constexpr std::size_t readSlack = 3 + 4;
+  // What can be written behind writtenLast: a match of up to `span` bytes, and 15 more by repeat().
+  // A run without length bytes, or 4 bytes for the literals of a match, take less.
+  static constexpr std::size_t writeSlack = span + 15;
+  static_assert(writeSlack >= runShortMax && writeSlack >= span + 4);
+
+  [[gnu::always_inline]] bool
+  run(unsigned t) noexcept
+  {
+    if (literals != 0) // not a run but a rare match
+      return false;
+    const std::uint8_t *from = read + 1;
+    std::size_t length = t + runBias;
+    if (t != 0) {
+      if (static_cast<std::size_t>(readEnd - from) < runShortMax)
+        return false;
+      copyFixed<runShortMax>(written, from);
+    } else {
+      length = runShortMax;
+      if (readLengthBytes(from, readEnd, roomToLast(), length) != Status::ok ||
+          length > roomToLast() || length > static_cast<std::size_t>(readEnd - from))
+        return false;
+      copyRun(written, from, length);
+    }
+    written += length;
+    read = from + length;
+    literals = runMin;
+    return true;
+  }
+
+  // Everything that the next instruction waits for is computed without a branch: whether a match
+  // has two or three bytes, and how many literals follow it.
+  [[gnu::always_inline]] bool
+  match(unsigned t) noexcept
+  {
+    const auto word = loadLittleEndian<std::uint32_t>(read);
+    const Instruction &instruction = instructions[afterMatch][t];
+    const unsigned threeBytes = (t - nearMark) >> 31;
+    const unsigned length = instruction.lengthAndFlag;
+    if (length > span) [[unlikely]]
+      return longMatch(t, word, instruction);
+    const std::size_t distance = instruction.distance(word);
+    if (!isPlain(distance)) [[unlikely]]
+      return false;
+    const std::uint8_t *const from = written - distance;
+    if (distance < (length < chunk ? length : chunk)) [[unlikely]] {
+      repeat(written, distance, length);
+    } else {
+      copyFixed<chunk>(written, from);
+      if constexpr (span > chunk)
+        copyFixed<chunk>(written + chunk, from + chunk);
+    }
+    written += length;
+    copyMatchLiterals(read + 2 + threeBytes, word >> (8 * threeBytes));
+    return true;
+  }
+
+  // A match of three bytes that is longer than `span` or has length bytes.
+  [[gnu::always_inline]] bool
+  longMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
+  {
+    const std::uint8_t *next = read + 3;
+    std::size_t length = instruction.length();
+    if (instruction.hasLengthBytes()) {
+      next = read + 1;
+      // Up to readLast, so that the distance bytes and the literals can be read behind.
+      if (readLengthBytes(next, readLast, roomToLast(), length) != Status::ok)
+        return false;
+      word =
+          t | static_cast<std::uint32_t>(next[0]) << 8 | static_cast<std::uint32_t>(next[1]) << 16;
+      next += 2;
+    }
+    const std::size_t distance = instruction.distance(word);
+    if (length > roomToLast() || !isPlain(distance))
+      return false;
+    if (distance < chunk)
+      repeat(written, distance, length);
+    else
+      copyLong(written, written - distance, length);
+    written += length;
+    copyMatchLiterals(next, word >> 8);
+    return true;
+  }
+
+  // `length` bytes, of which there may be less than a chunk, from at least a chunk before.
+  [[gnu::always_inline]] static void
+  copyLong(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
+  {
+    copyFixed<chunk>(to, from);
+    if constexpr (span > chunk) {
+      copyFixed<chunk>(to + chunk, from + chunk);
+      copyFixed<chunk>(to + 2 * chunk, from + 2 * chunk);
+      if (length > 3 * chunk)
+        copyChunks(to + 2 * chunk, from + 2 * chunk, length - 2 * chunk);
+    } else if (length > chunk) {
+      copyChunks(to, from, length);
+    }
+  }
+
+  [[gnu::always_inline]] void
+  copyMatchLiterals(const std::uint8_t *from, std::uint32_t count) noexcept
+  {
+    literals = count & matchLiteralsMax;
+    copyFixed<4>(written, from);
+    written += literals;
+    read = from + literals;
+  }
+
+  // Not in the end marker (the middle form says this distance too, but seldom), and not too far.
+  [[gnu::always_inline]] bool
+  isPlain(std::size_t distance) const noexcept
+  {
+    return distance <= static_cast<std::size_t>(written - begin) && distance != middleMaxDistance;
+  }
+
+  [[gnu::always_inline]] std::size_t
+  roomToLast() const noexcept
+  {
+    return static_cast<std::size_t>(writtenLast - written);
+  }
+
+  const std::uint8_t *read;
+  const std::uint8_t *const readEnd;
+  const std::uint8_t *const readLast;
+  std::uint8_t *written;
+  std::uint8_t *const begin;
+  std::uint8_t *const writtenLast;
+  std::size_t literals; // since the last match, or runMin for a run
+};
 
 template <std::size_t span>
-[[gnu::always_inline]] inline void
+inline void
 decodeFast(Position &at) noexcept
 {
-  if (at.readLeft() < readSlack || at.room() < writeSlack<span>)
-    return;
-  const std::uint8_t *read = at.read;
-  const std::uint8_t *const readLast = at.readEnd - readSlack;
-  std::uint8_t *written = at.written;
-  std::uint8_t *const writtenLast = at.writtenEnd - writeSlack<span>;
-  std::size_t literals = at.context == afterFewLiterals ? 1 : at.context == afterMatch ? 0 : runMin;
-  while (read <= readLast && written <= writtenLast) {
-    const unsigned t = *read;
-    if (t < farMark) {
-      if (literals != 0)
-        break;
-      std::size_t length = t + runBias;
-      const std::uint8_t *from = read + 1;
-      if (t != 0) {
-        if (static_cast<std::size_t>(at.readEnd - from) < runShortMax)
-          break;
-        copyFixed<16>(written, from);
-        copyFixed<2>(written + 16, from + 16);
-      } else {
-        while (from < readLast && *from == 0)
-          from++;
-        if (from >= readLast)
-          break;
-        length = runShortMax + lengthByteStep * static_cast<std::size_t>(from - read - 1) + *from;
-        from++;
-        if (length > static_cast<std::size_t>(writtenLast - written) || length > static_cast<std::size_t>(at.readEnd - from))
-          break;
-        if (length >= 256)
-          std::memcpy(written, from, length);
-        else
-          copyChunks(written, from, length);
-      }
-      written += length;
-      read = from + length;
-      literals = runMin;
-      continue;
-    }
-    std::uint32_t word = loadLittleEndian<std::uint32_t>(read);
-    const Instruction &instruction = instructions[afterMatch][t];
-    const unsigned literalShift = (t - nearMark) >> 28 & 8;
-    const std::uint8_t *next = read + 2 + (literalShift >> 3);
-    std::size_t length = instruction.lengthAndFlag;
-    if (length > span) [[unlikely]] {
-      if (instruction.hasLengthBytes()) {
-        length = instruction.length();
-        const std::uint8_t *p = read + 1;
-        while (p < readLast && *p == 0)
-          p++, length += lengthByteStep;
-        if (p >= readLast)
-          break;
-        length += *p++;
-        word = t | static_cast<std::uint32_t>(p[0]) << 8 | static_cast<std::uint32_t>(p[1]) << 16;
-        next = p + 2;
-      }
-      if (length > static_cast<std::size_t>(writtenLast - written))
-        break;
-      const std::size_t distance = instruction.distance(word);
-      if (distance > static_cast<std::size_t>(written - at.begin) || distance == middleMaxDistance)
-        break;
-      if (distance < chunk)
-        repeat(written, distance, length);
-      else {
-        const std::uint8_t *const from = written - distance;
-        copyFixed<chunk>(written, from);
-        if constexpr (span > chunk) {
-        copyFixed<chunk>(written+16, from+16);
-        copyFixed<chunk>(written+32, from+32);
-        if (length > 48)
-          copyChunks(written + 32, from + 32, length - 32);
-        } else if (length > chunk)
-          copyChunks(written, from, length);
-      }
-    } else {
-      const std::size_t distance = instruction.distance(word);
-      const auto from = reinterpret_cast<const std::uint8_t *>(
-          reinterpret_cast<std::uintptr_t>(written) - distance);
-      if (from < at.begin || distance == middleMaxDistance) [[unlikely]]
-        break;
-      if (distance < (length < chunk ? length : chunk)) [[unlikely]] {
-        repeat(written, distance, length);
-      } else {
-        copyFixed<chunk>(written, from);
-        if constexpr (span > chunk)
-          copyFixed<chunk>(written + chunk, from + chunk);
-      }
-    }
-    literals = word >> literalShift & matchLiteralsMax;
-    written += length;
-    copyFixed<4>(written, next);
-    written += literals;
-    read = next + literals;
-  }
-  at.read = read;
-  at.written = written;
-  at.context = literals == 0 ? afterMatch : literals == runMin ? afterRun : afterFewLiterals;
+  if (FastDecoder<span>::hasRoom(at))
+    FastDecoder<span>(at).decode(at);
 }
 
 } // namespace

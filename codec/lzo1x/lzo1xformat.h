@@ -173,24 +173,32 @@ inline constexpr InstructionTable instructions = [] {
 }();
 
 template <typename Word>
+constexpr Word
+littleEndian(Word word) noexcept
+{
+  static_assert(sizeof word == 4 || sizeof word == 8);
+  if constexpr (std::endian::native == std::endian::little)
+    return word;
+  else if constexpr (sizeof word == 4)
+    return __builtin_bswap32(word);
+  else
+    return __builtin_bswap64(word);
+}
+
+template <typename Word>
 inline Word
 loadLittleEndian(const std::uint8_t *from) noexcept
 {
   Word word;
   std::memcpy(&word, from, sizeof word);
-  if constexpr (std::endian::native == std::endian::big)
-    word = sizeof word == 8 ? static_cast<Word>(__builtin_bswap64(word))
-           : sizeof word == 4
-               ? static_cast<Word>(__builtin_bswap32(static_cast<std::uint32_t>(word)))
-               : static_cast<Word>(__builtin_bswap16(static_cast<std::uint16_t>(word)));
-  return word;
+  return littleEndian(word);
 }
 
+template <typename Word>
 inline void
-storeLittleEndian(std::uint8_t *to, std::uint64_t word) noexcept
+storeLittleEndian(std::uint8_t *to, Word word) noexcept
 {
-  if constexpr (std::endian::native == std::endian::big)
-    word = __builtin_bswap64(word);
+  word = littleEndian(word);
   std::memcpy(to, &word, sizeof word);
 }
 
