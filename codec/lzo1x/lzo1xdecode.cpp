@@ -41,11 +41,14 @@ struct Position {
 // The size of one copy that compilers turn into a single load and store.
 constexpr std::size_t chunk = 16;
 
+// All is read before any is written, so the two may overlap.
 template <std::size_t size>
-inline void
+[[gnu::always_inline]] inline void
 copyFixed(std::uint8_t *to, const std::uint8_t *from) noexcept
 {
-  std::memcpy(to, from, size);
+  std::uint8_t between[size];
+  std::memcpy(between, from, size);
+  std::memcpy(to, between, size);
 }
 
 // Exactly `length` bytes, at least a chunk. `from` lies at least a chunk before `to`, or in other
