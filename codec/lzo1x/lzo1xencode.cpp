@@ -14,9 +14,9 @@ namespace lzo1x
 namespace
 {
 
-// The table holds the latest place of a word, under its hash. It starts with zeros, so every entry
-// is a place before the one that is asked for, if that is not 0; whether the word stands there is
-// always compared.
+// The table holds the latest place of a word, under its hash. It starts with zeros, and no place is
+// asked for before 1, so every entry is a place before the one that is asked for; whether the word
+// stands there is always compared.
 using Entry = std::uint32_t;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;

@@ -54,7 +54,6 @@ constexpr unsigned farHighDistance = 16384;
 constexpr unsigned farMaxDistance = 49151;
 // T below farMark: after 1 to 3 literals a match of two bytes, after a run one of three bytes, past
 // the reach of the near form.
-constexpr unsigned tinyMaxDistance = 1024;
 constexpr unsigned tinyLength = 2;
 constexpr unsigned afterRunLength = 3;
 
