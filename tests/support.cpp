@@ -176,7 +176,8 @@ bool
 store_message(const char *domain, GLogLevelFlags level, std::string text)
 {
   const std::lock_guard lock(log_mutex);
-  if (!log_capturing)
+  /* What ends the program is printed. */
+  if (!log_capturing || (level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0)
     return false;
   const auto plain = static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK);
   if ((plain & quiet_levels) == 0)
@@ -568,6 +569,15 @@ Script::resume()
   }
 }
 
+std::shared_ptr<Script>
+new_script(std::string data, gsize max_per_call)
+{
+  auto script = std::make_shared<Script>();
+  script->data = std::move(data);
+  script->max_per_call = max_per_call;
+  return script;
+}
+
 /* ---- Scripted streams ---- */
 
 namespace
@@ -614,10 +624,18 @@ move_bytes(Script &script, const Transfer &transfer, gsize limit)
     if (count != 0)
       memcpy(transfer.into, script.data.data() + script.position, count);
   } else {
-    script.data.append(transfer.from, count);
+    if (const gsize room = script.keep - std::min<gsize>(script.keep, script.data.size()))
+      script.data.append(transfer.from, std::min(count, room));
   }
   script.position += count;
   return count;
+}
+
+guint
+next_sequence()
+{
+  static gint last;
+  return static_cast<guint>(g_atomic_int_add(&last, 1)) + 1;
 }
 
 /* Records the call and finds what it shall do. */
@@ -628,7 +646,7 @@ begin_call(Script &script, Call::Kind kind, gsize size, int priority, GCancellab
   guint number;
   {
     const std::lock_guard lock(script.mutex);
-    script.record.push_back({kind, size, priority, cancellable, g_thread_self()});
+    script.record.push_back({kind, size, priority, cancellable, g_thread_self(), next_sequence()});
     number = ++script.transfer_count;
     if (const auto own_step = script.at_call.find(number); own_step != script.at_call.end()) {
       step = own_step->second;
@@ -820,7 +838,7 @@ end_call(gpointer stream, Call::Kind kind, GCancellable *cancellable, GError **e
 {
   auto &script = script_of(stream);
   const std::lock_guard lock(script.mutex);
-  script.record.push_back({kind, 0, 0, cancellable, g_thread_self()});
+  script.record.push_back({kind, 0, 0, cancellable, g_thread_self(), next_sequence()});
   const auto &failure = kind == Call::Kind::close ? script.close_failure : script.flush_failure;
   if (failure.empty())
     return TRUE;
@@ -1108,6 +1126,24 @@ run_in_thread(const std::function<void()> &code)
   g_thread_join(thread);
 }
 
+Background::Background(std::function<void()> code) : code_(std::move(code))
+{
+  thread_ = g_thread_new(
+      "background",
+      [](gpointer self) -> gpointer {
+        static_cast<Background *>(self)->code_();
+        return nullptr;
+      },
+      this);
+}
+
+void
+Background::join()
+{
+  if (thread_ != nullptr)
+    g_thread_join(std::exchange(thread_, nullptr));
+}
+
 /* ---- Lives of objects ---- */
 
 struct LifeWatch::State {
@@ -1262,6 +1298,95 @@ own_signals(GType owner)
     result.emplace_back(g_signal_name(ids.get()[i]));
   g_type_class_unref(klass);
   return result;
+}
+
+void
+assert_overrides_nothing(GType stream_type)
+{
+  const auto klass = static_cast<GObjectClass *>(g_type_class_ref(stream_type));
+  const auto parent = static_cast<GObjectClass *>(g_type_class_peek_parent(klass));
+  GTypeQuery query;
+  g_type_query(g_type_parent(stream_type), &query);
+
+  /* GObject itself clears these two for each new class. */
+  g_assert_null(reinterpret_cast<gpointer>(klass->set_property));
+  g_assert_null(reinterpret_cast<gpointer>(klass->get_property));
+  g_assert_true(klass->constructor == parent->constructor);
+  g_assert_true(klass->dispose == parent->dispose);
+  g_assert_true(klass->finalize == parent->finalize);
+  g_assert_true(klass->dispatch_properties_changed == parent->dispatch_properties_changed);
+  g_assert_true(klass->notify == parent->notify);
+  g_assert_true(klass->constructed == parent->constructed);
+  /* Behind GObject's part a class is the operations of the classes below it and nothing else. */
+  const size_t start = sizeof(GObjectClass);
+  g_assert_cmpmem(reinterpret_cast<const char *>(klass) + start, query.class_size - start,
+                  reinterpret_cast<const char *>(parent) + start, query.class_size - start);
+  g_type_class_unref(klass);
+}
+
+namespace
+{
+
+struct Mapping {
+  std::function<guint8(guint8)> map;
+  gsize max_per_call;
+};
+
+GConverterResult
+map_convert(GConverter *converter, const void *in, gsize in_size, void *out, gsize out_size,
+            GConverterFlags flags, gsize *read, gsize *written, GError **error)
+{
+  const auto mapping = static_cast<Mapping *>(
+      g_object_get_qdata(G_OBJECT(converter), g_quark_from_static_string("test-mapping")));
+  const gsize count = std::min({in_size, out_size, mapping->max_per_call});
+  if (count == 0 && in_size != 0) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "No room");
+    return G_CONVERTER_ERROR;
+  }
+  if (count == 0 && (flags & (G_CONVERTER_INPUT_AT_END | G_CONVERTER_FLUSH)) == 0) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "No input");
+    return G_CONVERTER_ERROR;
+  }
+  std::transform(static_cast<const guint8 *>(in), static_cast<const guint8 *>(in) + count,
+                 static_cast<guint8 *>(out), mapping->map);
+  *read = *written = count;
+  if (count == in_size && (flags & G_CONVERTER_INPUT_AT_END) != 0)
+    return G_CONVERTER_FINISHED;
+  if (count == in_size && (flags & G_CONVERTER_FLUSH) != 0)
+    return G_CONVERTER_FLUSHED;
+  return G_CONVERTER_CONVERTED;
+}
+
+GType
+map_converter_type()
+{
+  static const GType type = [] {
+    const GType registered =
+        g_type_register_static_simple(G_TYPE_OBJECT, "TestMapConverter", sizeof(GObjectClass),
+                                      nullptr, sizeof(GObject), nullptr, GTypeFlags(0));
+    const GInterfaceInfo converter = {[](gpointer iface, gpointer) {
+                                        const auto operations =
+                                            static_cast<GConverterIface *>(iface);
+                                        operations->convert = map_convert;
+                                        operations->reset = [](GConverter *) {};
+                                      },
+                                      nullptr, nullptr};
+    g_type_add_interface_static(registered, G_TYPE_CONVERTER, &converter);
+    return registered;
+  }();
+  return type;
+}
+
+} // namespace
+
+Ref<GConverter>
+new_map_converter(std::function<guint8(guint8)> map, gsize max_per_call)
+{
+  Ref<GConverter> converter(G_CONVERTER(g_object_new(map_converter_type(), nullptr)));
+  g_object_set_qdata_full(G_OBJECT(converter.get()), g_quark_from_static_string("test-mapping"),
+                          new Mapping{std::move(map), max_per_call},
+                          [](gpointer mapping) { delete static_cast<Mapping *>(mapping); });
+  return converter;
 }
 
 void

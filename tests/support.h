@@ -257,6 +257,7 @@ struct Call {
   int priority;              /* of an asynchronous call, otherwise 0 */
   GCancellable *cancellable; /* not owned: to compare with */
   GThread *thread;
+  guint sequence; /* rises from call to call over all scripts */
 };
 
 /* The behaviour and the record of a scripted stream. Shared with the stream, and looked at from
@@ -279,6 +280,8 @@ public:
   /* Close and flush fail with this text, in G_IO_ERROR_FAILED. */
   std::string close_failure;
   std::string flush_failure;
+  /* Output streams: how much of what is accepted is put into `data`; the rest is only counted. */
+  gsize keep = G_MAXSIZE;
   /* Pollable streams: what can_poll() answers. */
   bool can_poll = true;
   /* Called at the start of every read or write with its number, counted from 1, in the thread of
@@ -307,11 +310,16 @@ public:
   Ref<GCancellable> wake; /* cancelled by resume(); what a pollable source watches at a hold */
 };
 
+std::shared_ptr<Script> new_script(std::string data = {}, gsize max_per_call = G_MAXSIZE);
+
 enum class StreamKind {
   sync_only,  /* blocking operations only: GIO makes the asynchronous ones out of them */
   with_async, /* asynchronous operations of its own, which complete in a later main loop round */
   pollable,   /* blocking and non-blocking operations */
 };
+
+inline constexpr StreamKind all_stream_kinds[] = {StreamKind::sync_only, StreamKind::with_async,
+                                                  StreamKind::pollable};
 
 Ref<GInputStream> new_scripted_input(std::shared_ptr<Script> script,
                                      StreamKind kind = StreamKind::with_async);
@@ -385,6 +393,24 @@ private:
  * its end. The caller's context is not run meanwhile. */
 void run_in_thread(const std::function<void()> &code);
 
+/* Runs the code beside the test; for the far end of a socket, say. */
+class Background
+{
+public:
+  explicit Background(std::function<void()> code);
+  ~Background()
+  {
+    join();
+  }
+  Background(const Background &) = delete;
+  Background &operator=(const Background &) = delete;
+  void join();
+
+private:
+  std::function<void()> code_;
+  GThread *thread_;
+};
+
 /* ---- Lives of objects ---- */
 
 /* Counts objects that have gone. Where GIO used a worker thread, the last reference may be dropped
@@ -427,6 +453,13 @@ void assert_property(GType owner, const char *name, GType value_type, const char
 std::vector<std::string> own_properties(GType owner);
 /* Names of the signals that the type itself adds. */
 std::vector<std::string> own_signals(GType owner);
+
+/* Fails where the class of a stream type sets an operation that its parent type has: for types that
+ * promise to override none. */
+void assert_overrides_nothing(GType stream_type);
+
+/* A converter that maps each byte by itself and takes at most `max_per_call` bytes a time. */
+Ref<GConverter> new_map_converter(std::function<guint8(guint8)> map, gsize max_per_call = 5);
 
 /* Runs a test case of this program in a process of its own and fails unless it aborts, or exits
  * with a failure, and prints exactly this line (after others) on standard error. */
