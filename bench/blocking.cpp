@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "corpora.h"
+#include "groups.h"
+#include "links.h"
+
+namespace bench
+{
+
+namespace
+{
+
+using Run = void (*)(Link &, GBytes *, std::size_t);
+
+struct Mode {
+  const char *name;
+  Run run;
+  std::int64_t most; // bytes of message
+};
+
+constexpr Mode modes[] = {{"one thread", runOneThread, 64 << 10},
+                          {"one way", runOneWay, 1 << 20},
+                          {"round trip", runRoundTrip, 1 << 20}};
+
+Contender
+contender(const char *name, Link &link, Run run, GBytes *message)
+{
+  return {name, [&link, run, message](std::size_t times) { run(link, message, times); }};
+}
+
+} // namespace
+
+void
+measureBlocking(Report &report)
+{
+  report.begin("blocking", "Blocking frames beside hand-written GIO",
+               "put_bytes and read_bytes on a plain channel; gio: write_all of a length and of the "
+               "message, read_all of both, on the bare socket streams. \"one thread\" sends and "
+               "receives in turn in one thread; in the others the peer is a second thread.");
+  auto data = repeated(corpus("source"), 1 << 20);
+  std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
+  if (report.effort().quick)
+    sizes = {64, 4096, 65536};
+
+  for (auto transport : {Transport::tcp, Transport::unixSocket}) {
+    auto ours = linkZelgvc(transport, Stages::none);
+    auto gio = linkGio(transport);
+    for (const auto &mode : modes)
+      for (auto size : sizes) {
+        if (size > mode.most)
+          continue;
+        SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+        checkLink(*ours, message.get());
+        checkLink(*gio, message.get());
+        report.race({{"transport", transportName(transport)}, {"mode", mode.name}, {"size", size}},
+                    size,
+                    {contender("zelgvc", *ours, mode.run, message.get()),
+                     contender("gio", *gio, mode.run, message.get())});
+      }
+  }
+}
+
+void
+measureNoDelay(Report &report)
+{
+  report.begin("nodelay", "Round trips over TCP with and without TCP_NODELAY",
+               "Blocking round trips over loopback TCP, the peer in a second thread; both ends have "
+               "the option on or off. The channel sets it, a bare socket of GLib before 2.80 does "
+               "not.");
+  auto data = corpus("source");
+
+  for (std::int64_t size : {16, 1024})
+    for (bool on : {true, false}) {
+      SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+      auto ours = linkZelgvc(Transport::tcp, Stages::none);
+      auto both = linkZelgvc(Transport::tcp, Stages::both);
+      auto gio = linkGio(Transport::tcp);
+      for (auto *link : {ours.get(), both.get(), gio.get()}) {
+        setNoDelay(link->sockets.near.get(), on);
+        setNoDelay(link->sockets.far.get(), on);
+        checkLink(*link, message.get());
+      }
+      report.race({{"nodelay", on ? "on" : "off"}, {"size", size}}, 0,
+                  {contender("zelgvc", *ours, runRoundTrip, message.get()),
+                   contender("zelgvc both", *both, runRoundTrip, message.get()),
+                   contender("gio", *gio, runRoundTrip, message.get())});
+    }
+}
+
+} // namespace bench

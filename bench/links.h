@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Connected pairs of channels of every kind that is compared, as blocking message code sees them.
+#pragma once
+
+#include "owners.h"
+
+#include <zelgvc/zelgvc.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace bench
+{
+
+enum class Transport { tcp, unixSocket };
+
+const char *transportName(Transport transport);
+
+struct SocketPair {
+  Object<GSocketConnection> near;
+  Object<GSocketConnection> far;
+};
+
+// Over TCP both ends have TCP_NODELAY set, as GLib itself does since 2.80.
+SocketPair connectSockets(Transport transport);
+
+void setNoDelay(GSocketConnection *connection, bool value);
+
+// What stands between the messages and the socket.
+enum class Stages { none, compression, encryption, both };
+
+const char *stagesName(Stages stages);
+
+// The library's channel over a socket; both ends of a pair have the same key.
+Object<GvcConnection> makeChannel(GSocketConnection *connection, Stages stages);
+
+// One end of a pair. Both ends may be used from different threads.
+class End
+{
+public:
+  virtual ~End() = default;
+  virtual void send(GBytes *message) = 0;
+  virtual SharedBytes receive() = 0;
+};
+
+// Runs tasks in a second thread, one at a time.
+class PeerThread
+{
+public:
+  PeerThread();
+  ~PeerThread();
+  void start(std::function<void()> task);
+  void wait();
+
+private:
+  void loop();
+
+  std::mutex _mutex;
+  std::condition_variable _changed;
+  std::function<void()> _task;
+  bool _busy = false;
+  bool _ending = false;
+  std::thread _thread;
+};
+
+// A connected pair, whose far end is the second thread's.
+struct Link {
+  std::unique_ptr<End> near;
+  std::unique_ptr<End> far;
+  SocketPair sockets;
+  PeerThread peer;
+};
+
+// The library's channel with its message streams.
+std::unique_ptr<Link> linkZelgvc(Transport transport, Stages stages);
+// Frames by hand: a write for the length and one for the message, a read for each.
+std::unique_ptr<Link> linkGio(Transport transport);
+// Frames over TLS, in the way that suits TLS: one write a message, so that it is one TLS record.
+std::unique_ptr<Link> linkTls(Transport transport);
+// The same with GIO's zlib converters on top, at their fastest level, flushed behind each message
+// so that the peer has it when it is sent.
+std::unique_ptr<Link> linkTlsZlib(Transport transport);
+
+// The version and cipher that the last TLS link agreed on.
+std::string tlsDescription();
+
+// Three ways to move messages, each run(n) moving n of them.
+// Each message is sent and received by the one thread; it must fit into the socket's buffers.
+void runOneThread(Link &link, GBytes *message, std::size_t times);
+// The second thread receives; ends when it has received all.
+void runOneWay(Link &link, GBytes *message, std::size_t times);
+// The second thread sends back what it receives.
+void runRoundTrip(Link &link, GBytes *message, std::size_t times);
+
+// Ends the program unless a message arrives as it was sent.
+void checkLink(Link &link, GBytes *message);
+
+} // namespace bench

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "measure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+namespace bench
+{
+
+// Between neighbours where the place falls between two values.
+static double
+quantile(const std::vector<double> &sorted, double place)
+{
+  double at = place * static_cast<double>(sorted.size() - 1);
+  auto below = static_cast<std::size_t>(at);
+  auto above = std::min(below + 1, sorted.size() - 1);
+  return sorted[below] + (at - static_cast<double>(below)) * (sorted[above] - sorted[below]);
+}
+
+Spread
+spreadOf(std::vector<double> values)
+{
+  if (values.empty())
+    return {NAN, NAN, NAN};
+  std::sort(values.begin(), values.end());
+  return {quantile(values, 0.25), quantile(values, 0.5), quantile(values, 0.75)};
+}
+
+static double
+timed(const Contender &contender, std::size_t times)
+{
+  auto before = std::chrono::steady_clock::now();
+  contender.run(times);
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
+}
+
+static std::size_t
+timesInSlice(const Contender &contender, double slice)
+{
+  contender.run(1);
+  for (std::size_t times = 1;;) {
+    double taken = timed(contender, times);
+    double wanted = static_cast<double>(times) * slice / taken;
+    if (taken >= slice / 4)
+      return static_cast<std::size_t>(std::max(1.0, std::round(wanted)));
+    times = static_cast<std::size_t>(std::ceil(std::min(wanted, static_cast<double>(times) * 16)));
+  }
+}
+
+std::vector<Timing>
+takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
+{
+  std::vector<Timing> timings;
+  std::vector<std::size_t> times;
+  for (const auto &contender : contenders) {
+    timings.push_back({contender.name, {}});
+    times.push_back(timesInSlice(contender, effort.slice));
+  }
+
+  // Who begins changes from round to round, so that nobody always runs behind the same neighbour.
+  for (unsigned round = 0; round < effort.rounds; round++)
+    for (std::size_t turn = 0; turn < contenders.size(); turn++) {
+      auto i = (round + turn) % contenders.size();
+      auto operations = static_cast<double>(times[i] * contenders[i].operations);
+      timings[i].seconds.push_back(timed(contenders[i], times[i]) / operations);
+    }
+  return timings;
+}
+
+Spread
+timesFaster(const Timing &mine, const Timing &other)
+{
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < mine.seconds.size(); i++)
+    ratios.push_back(other.seconds[i] / mine.seconds[i]);
+  return spreadOf(ratios);
+}
+
+} // namespace bench

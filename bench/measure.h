@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// How everything here is measured: the contenders take turns, round by round, in one process, and
+// what is compared is what they took in the same round.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+// How much work goes into a figure.
+struct Effort {
+  bool quick = false;
+  unsigned rounds = 9;
+  double slice = 0.012; // seconds that one turn of a contender is meant to take
+};
+
+// One way to do what is measured; run(n) does it n times, or n times as many operations as it says.
+struct Contender {
+  std::string name;
+  std::function<void(std::size_t)> run;
+  std::size_t operations = 1;
+};
+
+// Runs `once` as often as asked.
+template <typename Once>
+std::function<void(std::size_t)>
+repeat(Once once)
+{
+  return [once](std::size_t times) {
+    for (std::size_t i = 0; i < times; i++)
+      once();
+  };
+}
+
+// Seconds per operation, round by round.
+struct Timing {
+  std::string name;
+  std::vector<double> seconds;
+};
+
+// The quartiles of a series.
+struct Spread {
+  double low;
+  double median;
+  double high;
+};
+
+Spread spreadOf(std::vector<double> values);
+
+// Warms every contender up, finds how often it must run to fill a slice, and then lets them take
+// turns. A contender that takes longer than a slice runs once a turn.
+std::vector<Timing> takeTurns(const std::vector<Contender> &contenders, const Effort &effort);
+
+// How many times faster `mine` was than `other`.
+Spread timesFaster(const Timing &mine, const Timing &other);
+
+} // namespace bench
