@@ -19,10 +19,10 @@ struct Mode {
 
 constexpr Mode modes[] = {{"one way", runAsyncOneWay}, {"round trip", runAsyncRoundTrip}};
 
-// A pair of ends of one kind on a connection of their own.
+// A pair of ends of one kind.
 struct Pair {
   const char *name;
-  SocketPair sockets;
+  Sockets sockets;
   Object<GvcConnection> near_channel;
   Object<GvcConnection> far_channel;
   std::unique_ptr<AsyncEnd> near;
@@ -46,20 +46,19 @@ makeEnd(GIOStream *stream, bool isOpaque, MakeEnd make)
 enum class Below { socket, channel, opaqueChannel };
 
 Pair
-makePair(const char *name, Transport transport, Below below, MakeEnd make)
+makePair(const char *name, const Sockets &sockets, Below below, MakeEnd make)
 {
   Pair pair;
   pair.name = name;
-  pair.sockets = connectSockets(transport);
-  pair.near_channel = makeChannel(pair.sockets.near.get(), Stages::none);
-  pair.far_channel = makeChannel(pair.sockets.far.get(), Stages::none);
+  pair.sockets = sockets;
+  pair.near_channel = makeChannel(sockets->near.get(), Stages::none);
+  pair.far_channel = makeChannel(sockets->far.get(), Stages::none);
   bool bare = below == Below::socket;
   bool isOpaque = below == Below::opaqueChannel;
-  pair.near = makeEnd(bare ? G_IO_STREAM(pair.sockets.near.get())
-                           : G_IO_STREAM(pair.near_channel.get()),
-                      isOpaque, make);
-  pair.far = makeEnd(bare ? G_IO_STREAM(pair.sockets.far.get())
-                          : G_IO_STREAM(pair.far_channel.get()),
+  pair.near =
+      makeEnd(bare ? G_IO_STREAM(sockets->near.get()) : G_IO_STREAM(pair.near_channel.get()),
+              isOpaque, make);
+  pair.far = makeEnd(bare ? G_IO_STREAM(sockets->far.get()) : G_IO_STREAM(pair.far_channel.get()),
                      isOpaque, make);
   return pair;
 }
@@ -98,7 +97,8 @@ measureAsync(Report &report)
       "async", "Asynchronous frames beside hand-written GIO",
       "put_bytes_async and read_bytes_async on a plain channel; gio: "
       "g_output_stream_write_all_async and g_input_stream_read_all_async of a length and of the "
-      "message on the bare socket streams; not pollable: the library's message streams on a filter "
+      "message on the bare socket streams of the same connection; not pollable: the library's "
+      "message streams on a filter "
       "stream that cannot be polled, so that GIO uses worker threads. Both ends in one thread and "
       "one main loop.");
   auto data = repeated(corpus("source"), 1 << 20);
@@ -107,10 +107,11 @@ measureAsync(Report &report)
     sizes = {64, 65536};
 
   for (auto transport : {Transport::tcp, Transport::unixSocket}) {
+    auto sockets = connectSockets(transport);
     std::vector<Pair> pairs;
-    pairs.push_back(makePair("zelgvc", transport, Below::channel, asyncZelgvc));
-    pairs.push_back(makePair("gio", transport, Below::socket, asyncGio));
-    pairs.push_back(makePair("not pollable", transport, Below::opaqueChannel, asyncZelgvc));
+    pairs.push_back(makePair("zelgvc", sockets, Below::channel, asyncZelgvc));
+    pairs.push_back(makePair("gio", sockets, Below::socket, asyncGio));
+    pairs.push_back(makePair("not pollable", sockets, Below::opaqueChannel, asyncZelgvc));
     for (const auto &mode : modes)
       for (auto size : sizes) {
         SharedBytes message(g_bytes_new_static(data.data(), size));
@@ -126,18 +127,19 @@ measureStrings(Report &report)
       "strings", "Asynchronous strings",
       "read_string_async on a plain channel; gio: a byte at a time by hand on the bare socket "
       "stream; GDataInputStream: GIO's line reader, which reads ahead; not pollable: the library's "
-      "stream on a filter stream that cannot be polled. Both ends in one thread and one main loop.");
+      "stream on a filter stream that cannot be polled. Both ends in one thread and one main "
+      "loop.");
   std::vector<gsize> sizes = {16, 64, 256, 1024};
   if (report.effort().quick)
     sizes = {64};
 
   for (auto transport : {Transport::tcp, Transport::unixSocket}) {
+    auto sockets = connectSockets(transport);
     std::vector<Pair> pairs;
-    pairs.push_back(makePair("zelgvc", transport, Below::channel, stringsZelgvc));
-    pairs.push_back(makePair("gio", transport, Below::socket, stringsGio));
-    pairs.push_back(
-        makePair("GDataInputStream", transport, Below::socket, stringsGDataInputStream));
-    pairs.push_back(makePair("not pollable", transport, Below::opaqueChannel, stringsZelgvc));
+    pairs.push_back(makePair("zelgvc", sockets, Below::channel, stringsZelgvc));
+    pairs.push_back(makePair("gio", sockets, Below::socket, stringsGio));
+    pairs.push_back(makePair("GDataInputStream", sockets, Below::socket, stringsGDataInputStream));
+    pairs.push_back(makePair("not pollable", sockets, Below::opaqueChannel, stringsZelgvc));
     for (const auto &mode : modes)
       for (auto size : sizes) {
         auto message = makeString(size);

@@ -152,9 +152,7 @@ private:
 class GioEnd : public BaseEnd
 {
 public:
-  GioEnd(GInputStream *in, GOutputStream *out) : _in(share(in)), _out(share(out))
-  {
-  }
+  GioEnd(GInputStream *in, GOutputStream *out) : _in(share(in)), _out(share(out)) {}
 
   void
   send(GBytes *message, Sent sent, void *user_data) override
@@ -298,9 +296,7 @@ private:
 class StringsWriter : public BaseEnd
 {
 public:
-  explicit StringsWriter(GOutputStream *out) : _out(share(out))
-  {
-  }
+  explicit StringsWriter(GOutputStream *out) : _out(share(out)) {}
 
   void
   send(GBytes *message, Sent sent, void *user_data) override
@@ -329,9 +325,7 @@ private:
 class StringsGioEnd : public StringsWriter
 {
 public:
-  StringsGioEnd(GInputStream *in, GOutputStream *out) : StringsWriter(out), _in(share(in))
-  {
-  }
+  StringsGioEnd(GInputStream *in, GOutputStream *out) : StringsWriter(out), _in(share(in)) {}
 
   void
   receive(Received received, void *user_data) override

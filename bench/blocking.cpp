@@ -34,7 +34,8 @@ measureBlocking(Report &report)
 {
   report.begin("blocking", "Blocking frames beside hand-written GIO",
                "put_bytes and read_bytes on a plain channel; gio: write_all of a length and of the "
-               "message, read_all of both, on the bare socket streams. \"one thread\" sends and "
+               "message, read_all of both, on the bare socket streams of the same connection. "
+               "\"one thread\" sends and "
                "receives in turn in one thread; in the others the peer is a second thread.");
   auto data = repeated(corpus("source"), 1 << 20);
   std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
@@ -42,8 +43,9 @@ measureBlocking(Report &report)
     sizes = {64, 4096, 65536};
 
   for (auto transport : {Transport::tcp, Transport::unixSocket}) {
-    auto ours = linkZelgvc(transport, Stages::none);
-    auto gio = linkGio(transport);
+    auto sockets = connectSockets(transport);
+    auto ours = linkZelgvc(sockets, Stages::none);
+    auto gio = linkGio(sockets);
     for (const auto &mode : modes)
       for (auto size : sizes) {
         if (size > mode.most)
@@ -62,21 +64,23 @@ measureBlocking(Report &report)
 void
 measureNoDelay(Report &report)
 {
-  report.begin("nodelay", "Round trips over TCP with and without TCP_NODELAY",
-               "Blocking round trips over loopback TCP, the peer in a second thread; both ends have "
-               "the option on or off. The channel sets it, a bare socket of GLib before 2.80 does "
-               "not.");
+  report.begin(
+      "nodelay", "Round trips over TCP with and without TCP_NODELAY",
+      "Blocking round trips over loopback TCP, the peer in a second thread; both ends have "
+      "the option on or off. The channel sets it, a bare socket of GLib before 2.80 does "
+      "not.");
   auto data = corpus("source");
 
   for (std::int64_t size : {16, 1024})
     for (bool on : {true, false}) {
       SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto ours = linkZelgvc(Transport::tcp, Stages::none);
-      auto both = linkZelgvc(Transport::tcp, Stages::both);
-      auto gio = linkGio(Transport::tcp);
+      auto sockets = connectSockets(Transport::tcp);
+      auto ours = linkZelgvc(sockets, Stages::none);
+      auto both = linkZelgvc(connectSockets(Transport::tcp), Stages::both);
+      auto gio = linkGio(sockets);
       for (auto *link : {ours.get(), both.get(), gio.get()}) {
-        setNoDelay(link->sockets.near.get(), on);
-        setNoDelay(link->sockets.far.get(), on);
+        setNoDelay(link->sockets->near.get(), on);
+        setNoDelay(link->sockets->far.get(), on);
         checkLink(*link, message.get());
       }
       report.race({{"nodelay", on ? "on" : "off"}, {"size", size}}, 0,

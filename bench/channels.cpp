@@ -31,9 +31,9 @@ makeCandidates()
 {
   std::vector<Candidate> all;
   for (auto stages : {Stages::none, Stages::compression, Stages::encryption, Stages::both})
-    all.push_back({stagesName(stages), linkZelgvc(Transport::tcp, stages)});
-  all.push_back({"tls", linkTls(Transport::tcp)});
-  all.push_back({"tls+zlib", linkTlsZlib(Transport::tcp)});
+    all.push_back({stagesName(stages), linkZelgvc(connectSockets(Transport::tcp), stages)});
+  all.push_back({"tls", linkTls(connectSockets(Transport::tcp))});
+  all.push_back({"tls+zlib", linkTlsZlib(connectSockets(Transport::tcp))});
   return all;
 }
 
@@ -70,8 +70,7 @@ measureChannels(Report &report)
   for (const auto &mode : modes)
     for (auto size : sizes) {
       SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto timings =
-          takeTurns(contendersOf(candidates, mode.run, message.get()), report.effort());
+      auto timings = takeTurns(contendersOf(candidates, mode.run, message.get()), report.effort());
       auto ratios = ratiosOf(timings, "plain", {"tls"});
       for (const char *subject : {"encrypted", "both"})
         for (auto &ratio : ratiosOf(timings, subject, {"tls", "tls+zlib"}))
@@ -186,21 +185,24 @@ measureSlowestStage(Report &report)
   report.begin(
       "stages", "Messages of 64 KiB through both stages, and what each stage alone can do",
       "both: one way over a Unix socket, the peer in a second thread; compressed, encrypted: "
-      "channels with one stage only, likewise; compress to decompress: that converter by itself, in "
+      "channels with one stage only, likewise; compress to decompress: that converter by itself, "
+      "in "
       "one thread, on what the stage gets in the channel. Each end does its two conversions one "
       "after the other in its thread: \"sender\" and \"receiver\" are those sums.");
-  auto plain = linkZelgvc(Transport::unixSocket, Stages::none);
-  auto compressed = linkZelgvc(Transport::unixSocket, Stages::compression);
-  auto encrypted = linkZelgvc(Transport::unixSocket, Stages::encryption);
-  auto both = linkZelgvc(Transport::unixSocket, Stages::both);
+  auto link = [](Stages stages) {
+    return linkZelgvc(connectSockets(Transport::unixSocket), stages);
+  };
+  auto plain = link(Stages::none);
+  auto compressed = link(Stages::compression);
+  auto encrypted = link(Stages::encryption);
+  auto both = link(Stages::both);
 
   for (const auto &corpus : corpora()) {
     StagesAlone alone(repeated(corpus.bytes, messageSize));
     SharedBytes message(g_bytes_new_static(alone.plain.data(), alone.plain.size()));
-    std::vector<Contender> contenders = {channel("both", *both, message.get()),
-                                         channel("compressed", *compressed, message.get()),
-                                         channel("encrypted", *encrypted, message.get()),
-                                         channel("plain", *plain, message.get())};
+    std::vector<Contender> contenders = {
+        channel("both", *both, message.get()), channel("compressed", *compressed, message.get()),
+        channel("encrypted", *encrypted, message.get()), channel("plain", *plain, message.get())};
     for (auto &contender : alone.contenders())
       contenders.push_back(std::move(contender));
     auto timings = takeTurns(contenders, report.effort());
@@ -224,9 +226,10 @@ measureSlowestStage(Report &report)
 void
 measurePerByte(Report &report)
 {
-  report.begin("perbyte", "Cost per byte by the size of a message",
-               "Blocking messages of C source one way over loopback TCP, the peer in a second thread; "
-               "the sizes take turns, and an operation is one byte.");
+  report.begin(
+      "perbyte", "Cost per byte by the size of a message",
+      "Blocking messages of C source one way over loopback TCP, the peer in a second thread; "
+      "the sizes take turns, and an operation is one byte.");
   std::vector<std::int64_t> sizes = {1024,    4096,    16384,    65536,    262144,
                                      1 << 20, 4 << 20, 16 << 20, 64 << 20, 256 << 20};
   if (report.effort().quick)
@@ -234,7 +237,7 @@ measurePerByte(Report &report)
   auto data = repeated(corpus("source"), static_cast<std::size_t>(sizes.back()));
 
   for (auto stages : {Stages::none, Stages::both}) {
-    auto link = linkZelgvc(Transport::tcp, stages);
+    auto link = linkZelgvc(connectSockets(Transport::tcp), stages);
     std::vector<SharedBytes> messages;
     std::vector<Contender> contenders;
     for (auto size : sizes) {

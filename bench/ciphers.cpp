@@ -40,8 +40,8 @@ using Evp = std::unique_ptr<EVP_CIPHER_CTX, CipherDeleter>;
 // not pad.
 struct Record {
   explicit Record(std::size_t size)
-      : plain(repeated(corpus("source"), size)), length(size + block - size % block),
-        padded(plain), sealed(ivRecord + header + length), out(header + length + block)
+      : plain(repeated(corpus("source"), size)), length(size + block - size % block), padded(plain),
+        sealed(ivRecord + header + length), out(header + length + block)
   {
     padded.resize(length, static_cast<std::uint8_t>(length - size));
   }
@@ -136,9 +136,7 @@ raceEncryption(Report &report, unsigned bits, std::size_t size)
                              record.length) == 0,
          nullptr, "gcry_cipher_encrypt");
   };
-  auto openssl = [&] {
-    evpRecord(evp.get(), iv, record.plain.data(), size, record.out.data());
-  };
+  auto openssl = [&] { evpRecord(evp.get(), iv, record.plain.data(), size, record.out.data()); };
 
   // The same record from all three.
   must(gcry_cipher_setiv(gcrypt.get(), iv, block) == 0, nullptr, "gcry_cipher_setiv");
@@ -150,9 +148,10 @@ raceEncryption(Report &report, unsigned bits, std::size_t size)
          "the ciphers differ");
   }
 
-  report.race({{"direction", "encrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
-              static_cast<std::int64_t>(size),
-              {{"zelgvc", repeat(ours)}, {"libgcrypt", repeat(bare)}, {"openssl", repeat(openssl)}});
+  report.race(
+      {{"direction", "encrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
+      static_cast<std::int64_t>(size),
+      {{"zelgvc", repeat(ours)}, {"libgcrypt", repeat(bare)}, {"openssl", repeat(openssl)}});
 }
 
 void
@@ -193,9 +192,10 @@ raceDecryption(Report &report, unsigned bits, std::size_t size)
 
   // The one record over and over: its first block, which is chained to another one then, comes out
   // wrong, at the same cost.
-  report.race({{"direction", "decrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
-              static_cast<std::int64_t>(size),
-              {{"zelgvc", repeat(ours)}, {"libgcrypt", repeat(bare)}, {"openssl", repeat(openssl)}});
+  report.race(
+      {{"direction", "decrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
+      static_cast<std::int64_t>(size),
+      {{"zelgvc", repeat(ours)}, {"libgcrypt", repeat(bare)}, {"openssl", repeat(openssl)}});
 }
 
 } // namespace
@@ -203,10 +203,11 @@ raceDecryption(Report &report, unsigned bits, std::size_t size)
 void
 measureCiphers(Report &report)
 {
-  report.begin("ciphers", "Encryptor and decryptor beside bare libgcrypt and OpenSSL",
-               "convert() of one record, AES-CBC. libgcrypt: one call on text that is already "
-               "padded, the chain going on from call to call, no IV set. openssl: EVP with a new IV "
-               "and its padding. One thread, the same buffers again and again.");
+  report.begin(
+      "ciphers", "Encryptor and decryptor beside bare libgcrypt and OpenSSL",
+      "convert() of one record, AES-CBC. libgcrypt: one call on text that is already "
+      "padded, the chain going on from call to call, no IV set. openssl: EVP with a new IV "
+      "and its padding. One thread, the same buffers again and again.");
   std::vector<std::size_t> sizes = {16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
   if (report.effort().quick)
     sizes = {64, 4096, 65536};

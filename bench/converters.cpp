@@ -70,8 +70,7 @@ raceConverters(Report &report, const Corpus &corpus, std::size_t blockSize)
   for (std::size_t i = 0; i < std::size(codecs); i++) {
     checkDecoding(*codecs[i], encoded[i], corpus, blockSize);
     encoders.push_back(encoding(*codecs[i], corpus.bytes, blockSize, scratch));
-    decoders.push_back(
-        decoding(*codecs[i], encoded[i], corpus.bytes.size(), blockSize, scratch));
+    decoders.push_back(decoding(*codecs[i], encoded[i], corpus.bytes.size(), blockSize, scratch));
   }
 
   auto bytes = static_cast<std::int64_t>(std::min(blockSize, corpus.bytes.size()));
@@ -87,11 +86,12 @@ raceConverters(Report &report, const Corpus &corpus, std::size_t blockSize)
 void
 measureConverters(Report &report)
 {
-  report.begin("converters", "Compressor and decompressor beside the bare codec, liblzo2 and LZ4",
-               "convert() of one block after the other of a 1 MiB corpus; codec: the library's own "
-               "codec called without the converter, its working memory at hand; lzo: lzo1x_1 and "
-               "lzo1x_decompress_safe; lz4: LZ4_compress_fast_extState and LZ4_decompress_safe, each "
-               "decoder on what its own encoder wrote. One thread.");
+  report.begin(
+      "converters", "Compressor and decompressor beside the bare codec, liblzo2 and LZ4",
+      "convert() of one block after the other of a 1 MiB corpus; codec: the library's own "
+      "codec called without the converter, its working memory at hand; lzo: lzo1x_1 and "
+      "lzo1x_decompress_safe; lz4: LZ4_compress_fast_extState and LZ4_decompress_safe, each "
+      "decoder on what its own encoder wrote. One thread.");
   std::vector<std::size_t> sizes = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
   if (report.effort().quick)
     sizes = {4, 4096, 65536};

@@ -21,7 +21,8 @@ void measureMemory(Report &report);
 void measurePerByte(Report &report);
 void measureInstructions(Report &report);
 
-// What these groups run in a process of its own: called as `zelgvc-bench --worker NAME ARGUMENT...`.
+// What these groups run in a process of its own: called as `zelgvc-bench --worker NAME
+// ARGUMENT...`.
 int memoryWorker(int argc, char **argv);
 int instructionsWorker(int argc, char **argv);
 

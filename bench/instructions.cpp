@@ -25,22 +25,22 @@ blockingMessages(Link &link, GBytes *message, std::size_t times)
 void
 blockingZelgvc(Stages stages, GBytes *message, std::size_t times)
 {
-  blockingMessages(*linkZelgvc(Transport::unixSocket, stages), message, times);
+  blockingMessages(*linkZelgvc(connectSockets(Transport::unixSocket), stages), message, times);
 }
 
 void
 asyncMessages(bool ours, Stages stages, GBytes *message, std::size_t times)
 {
   auto sockets = connectSockets(Transport::unixSocket);
-  auto near = makeChannel(sockets.near.get(), stages);
-  auto far = makeChannel(sockets.far.get(), stages);
+  auto near = makeChannel(sockets->near.get(), stages);
+  auto far = makeChannel(sockets->far.get(), stages);
   auto make = [&](GvcConnection *channel, GSocketConnection *bare) {
     auto *stream = ours ? G_IO_STREAM(channel) : G_IO_STREAM(bare);
     return (ours ? asyncZelgvc : asyncGio)(g_io_stream_get_input_stream(stream),
                                            g_io_stream_get_output_stream(stream));
   };
-  auto near_end = make(near.get(), sockets.near.get());
-  auto far_end = make(far.get(), sockets.far.get());
+  auto near_end = make(near.get(), sockets->near.get());
+  auto far_end = make(far.get(), sockets->far.get());
   runAsyncRoundTrip(*near_end, *far_end, message, times);
 }
 
@@ -76,7 +76,9 @@ constexpr Work works[] = {
     {"blocking frame", "plain",
      [](GBytes *m, std::size_t n) { blockingZelgvc(Stages::none, m, n); }},
     {"blocking frame", "gio",
-     [](GBytes *m, std::size_t n) { blockingMessages(*linkGio(Transport::unixSocket), m, n); }},
+     [](GBytes *m, std::size_t n) {
+       blockingMessages(*linkGio(connectSockets(Transport::unixSocket)), m, n);
+     }},
     {"blocking frame", "both",
      [](GBytes *m, std::size_t n) { blockingZelgvc(Stages::both, m, n); }},
     {"async round trip", "plain",
@@ -91,8 +93,8 @@ constexpr Work works[] = {
      [](GBytes *m, std::size_t n) { converterCalls(G_CONVERTER(gvc_compressor_new()), m, n); }},
 };
 
-// Instructions of a whole process that does the work `times` times; negative where they could not be
-// counted.
+// Instructions of a whole process that does the work `times` times; negative where they could not
+// be counted.
 double
 countInstructions(std::size_t work, std::size_t times)
 {
@@ -127,7 +129,8 @@ measureInstructions(Report &report)
   report.begin(
       "instructions", "Instructions of a small message",
       "User-space instructions for a message of 64 bytes as callgrind counts them: the difference "
-      "between two runs of different length, divided by the messages between them. Both ends in one "
+      "between two runs of different length, divided by the messages between them. Both ends in "
+      "one "
       "thread, over a Unix socket; a frame is sent and received, a round trip two frames. What the "
       "kernel does is not counted, and valgrind offers the ciphers an older processor.");
   g_autofree char *valgrind = g_find_program_in_path("valgrind");

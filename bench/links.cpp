@@ -52,8 +52,8 @@ connectTcp()
   Object<GSocketAddress> bound(address);
   Object<GSocketClient> client(g_socket_client_new());
   SocketPair pair;
-  pair.near.reset(g_socket_client_connect(client.get(), G_SOCKET_CONNECTABLE(bound.get()), nullptr,
-                                          &error));
+  pair.near.reset(
+      g_socket_client_connect(client.get(), G_SOCKET_CONNECTABLE(bound.get()), nullptr, &error));
   must(pair.near != nullptr, error, "connect");
   pair.far.reset(g_socket_listener_accept(listener.get(), nullptr, nullptr, &error));
   must(pair.far != nullptr, error, "accept");
@@ -62,10 +62,10 @@ connectTcp()
   return pair;
 }
 
-SocketPair
+Sockets
 connectSockets(Transport transport)
 {
-  return transport == Transport::tcp ? connectTcp() : connectUnix();
+  return std::make_shared<SocketPair>(transport == Transport::tcp ? connectTcp() : connectUnix());
 }
 
 void
@@ -312,11 +312,11 @@ startTls(const SocketPair &sockets, PeerThread &peer)
 
 template <typename Kind>
 std::unique_ptr<Link>
-linkOverTls(Transport transport)
+linkOverTls(const Sockets &sockets)
 {
   auto link = std::make_unique<Link>();
-  link->sockets = connectSockets(transport);
-  auto pair = startTls(link->sockets, link->peer);
+  link->sockets = sockets;
+  auto pair = startTls(*sockets, link->peer);
   link->near = std::make_unique<Kind>(pair.near.get());
   link->far = std::make_unique<Kind>(pair.far.get());
   return link;
@@ -331,42 +331,40 @@ tlsDescription()
 }
 
 std::unique_ptr<Link>
-linkZelgvc(Transport transport, Stages stages)
+linkZelgvc(const Sockets &sockets, Stages stages)
 {
   auto link = std::make_unique<Link>();
-  link->sockets = connectSockets(transport);
-  link->near = std::make_unique<ZelgvcEnd>(makeChannel(link->sockets.near.get(), stages));
-  link->far = std::make_unique<ZelgvcEnd>(makeChannel(link->sockets.far.get(), stages));
+  link->sockets = sockets;
+  link->near = std::make_unique<ZelgvcEnd>(makeChannel(sockets->near.get(), stages));
+  link->far = std::make_unique<ZelgvcEnd>(makeChannel(sockets->far.get(), stages));
   return link;
 }
 
 std::unique_ptr<Link>
-linkGio(Transport transport)
+linkGio(const Sockets &sockets)
 {
   auto link = std::make_unique<Link>();
-  link->sockets = connectSockets(transport);
-  link->near = std::make_unique<GioEnd>(G_IO_STREAM(link->sockets.near.get()));
-  link->far = std::make_unique<GioEnd>(G_IO_STREAM(link->sockets.far.get()));
+  link->sockets = sockets;
+  link->near = std::make_unique<GioEnd>(G_IO_STREAM(sockets->near.get()));
+  link->far = std::make_unique<GioEnd>(G_IO_STREAM(sockets->far.get()));
   return link;
 }
 
 std::unique_ptr<Link>
-linkTls(Transport transport)
+linkTls(const Sockets &sockets)
 {
-  return linkOverTls<TlsEnd>(transport);
+  return linkOverTls<TlsEnd>(sockets);
 }
 
 std::unique_ptr<Link>
-linkTlsZlib(Transport transport)
+linkTlsZlib(const Sockets &sockets)
 {
-  return linkOverTls<TlsZlibEnd>(transport);
+  return linkOverTls<TlsZlibEnd>(sockets);
 }
 
 // ---- The second thread ----
 
-PeerThread::PeerThread() : _thread([this] { loop(); })
-{
-}
+PeerThread::PeerThread() : _thread([this] { loop(); }) {}
 
 PeerThread::~PeerThread()
 {

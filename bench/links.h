@@ -24,8 +24,12 @@ struct SocketPair {
   Object<GSocketConnection> far;
 };
 
+// Contenders that put the same bytes on the wire take turns on one connection: what a connection
+// costs depends on what it has gone through, its windows and acknowledgements above all.
+using Sockets = std::shared_ptr<SocketPair>;
+
 // Over TCP both ends have TCP_NODELAY set, as GLib itself does since 2.80.
-SocketPair connectSockets(Transport transport);
+Sockets connectSockets(Transport transport);
 
 void setNoDelay(GSocketConnection *connection, bool value);
 
@@ -70,19 +74,19 @@ private:
 struct Link {
   std::unique_ptr<End> near;
   std::unique_ptr<End> far;
-  SocketPair sockets;
+  Sockets sockets;
   PeerThread peer;
 };
 
 // The library's channel with its message streams.
-std::unique_ptr<Link> linkZelgvc(Transport transport, Stages stages);
+std::unique_ptr<Link> linkZelgvc(const Sockets &sockets, Stages stages);
 // Frames by hand: a write for the length and one for the message, a read for each.
-std::unique_ptr<Link> linkGio(Transport transport);
+std::unique_ptr<Link> linkGio(const Sockets &sockets);
 // Frames over TLS, in the way that suits TLS: one write a message, so that it is one TLS record.
-std::unique_ptr<Link> linkTls(Transport transport);
+std::unique_ptr<Link> linkTls(const Sockets &sockets);
 // The same with GIO's zlib converters on top, at their fastest level, flushed behind each message
 // so that the peer has it when it is sent.
-std::unique_ptr<Link> linkTlsZlib(Transport transport);
+std::unique_ptr<Link> linkTlsZlib(const Sockets &sockets);
 
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();

@@ -61,11 +61,10 @@ raceDecoders(Report &report, const Corpus &corpus, std::size_t blockSize)
   auto on = [&](const char *name, const Codec &codec, const Encoded &encoded) {
     return named(name, decoding(codec, encoded, corpus.bytes.size(), blockSize, scratch));
   };
-  auto timings =
-      takeTurns({on("codec", bareCodec, byUs), on("lzo", lzoCodec, byUs),
-                 on("codec on lzo's", bareCodec, byLzo), on("lzo on lzo's", lzoCodec, byLzo),
-                 on("lz4", lz4Codec, byLz4)},
-                report.effort());
+  auto timings = takeTurns({on("codec", bareCodec, byUs), on("lzo", lzoCodec, byUs),
+                            on("codec on lzo's", bareCodec, byLzo),
+                            on("lzo on lzo's", lzoCodec, byLzo), on("lz4", lz4Codec, byLz4)},
+                           report.effort());
   auto ratios = ratiosOf(timings, "codec", {"lzo", "lz4"});
   ratios.push_back(ratiosOf(timings, "codec on lzo's", {"lzo on lzo's"}).front());
   auto size = static_cast<std::int64_t>(blockSize);
@@ -84,8 +83,7 @@ measureCodec(Report &report)
   report.begin("codec", "The LZO1X codec beside liblzo2 and LZ4",
                "Block after block of a 1 MiB corpus. codec and lzo decode what our encoder wrote, "
                "\"on lzo's\" what lzo1x_1 wrote, lz4 what LZ4 wrote. One thread.");
-  std::vector<std::size_t> sizes = {4,    16,   64,    256,   512,    1024,
-                                    4096, 16384, 65536, 262144, 1 << 20};
+  std::vector<std::size_t> sizes = {4, 16, 64, 256, 512, 1024, 4096, 16384, 65536, 262144, 1 << 20};
   if (report.effort().quick)
     sizes = {64, 4096, 65536};
 

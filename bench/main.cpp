@@ -25,12 +25,18 @@ struct Entry {
 };
 
 constexpr Entry groups[] = {
-    {"blocking", bench::measureBlocking},   {"async", bench::measureAsync},
-    {"strings", bench::measureStrings},     {"nodelay", bench::measureNoDelay},
-    {"ciphers", bench::measureCiphers},     {"converters", bench::measureConverters},
-    {"codec", bench::measureCodec},         {"channels", bench::measureChannels},
-    {"stages", bench::measureSlowestStage}, {"perbyte", bench::measurePerByte},
-    {"scale", bench::measureScale},         {"memory", bench::measureMemory},
+    {"blocking", bench::measureBlocking},
+    {"async", bench::measureAsync},
+    {"strings", bench::measureStrings},
+    {"nodelay", bench::measureNoDelay},
+    {"ciphers", bench::measureCiphers},
+    {"converters", bench::measureConverters},
+    {"codec", bench::measureCodec},
+    {"channels", bench::measureChannels},
+    {"stages", bench::measureSlowestStage},
+    {"perbyte", bench::measurePerByte},
+    {"scale", bench::measureScale},
+    {"memory", bench::measureMemory},
     {"instructions", bench::measureInstructions},
 };
 
@@ -158,7 +164,7 @@ effortOf(const Settings &settings)
   bench::Effort effort;
   effort.quick = settings.quick;
   if (settings.quick) {
-    effort.rounds = 7;
+    effort.rounds = 9;
     effort.slice = 0.002;
   }
   if (settings.rounds > 0)

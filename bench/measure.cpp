@@ -35,35 +35,56 @@ timed(const Contender &contender, std::size_t times)
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
 }
 
-static std::size_t
-timesInSlice(const Contender &contender, double slice)
+// How a contender spends a turn.
+struct Turn {
+  std::size_t times;
+  double seconds; // about
+};
+
+static Turn
+fillSlice(const Contender &contender, double slice)
 {
-  contender.run(1);
+  timed(contender, 1);
   for (std::size_t times = 1;;) {
     double taken = timed(contender, times);
     double wanted = static_cast<double>(times) * slice / taken;
-    if (taken >= slice / 4)
-      return static_cast<std::size_t>(std::max(1.0, std::round(wanted)));
+    if (taken >= slice / 4) {
+      double chosen = std::max(1.0, std::round(wanted));
+      return {static_cast<std::size_t>(chosen), chosen * taken / static_cast<double>(times)};
+    }
     times = static_cast<std::size_t>(std::ceil(std::min(wanted, static_cast<double>(times) * 16)));
   }
+}
+
+// Some turns are longer than a slice because one operation is; they get fewer rounds.
+static unsigned
+affordableRounds(double roundSeconds, std::size_t contenders, const Effort &effort)
+{
+  double wanted = effort.slice * static_cast<double>(contenders) * effort.rounds;
+  double affordable = std::clamp(1.5 * wanted / roundSeconds, 0.0, 1e6);
+  return std::clamp(static_cast<unsigned>(affordable), std::min(effort.leastRounds, effort.rounds),
+                    effort.rounds);
 }
 
 std::vector<Timing>
 takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 {
   std::vector<Timing> timings;
-  std::vector<std::size_t> times;
+  std::vector<Turn> turns;
+  double roundSeconds = 0;
   for (const auto &contender : contenders) {
     timings.push_back({contender.name, {}});
-    times.push_back(timesInSlice(contender, effort.slice));
+    turns.push_back(fillSlice(contender, effort.slice));
+    roundSeconds += turns.back().seconds;
   }
 
   // Who begins changes from round to round, so that nobody always runs behind the same neighbour.
-  for (unsigned round = 0; round < effort.rounds; round++)
+  auto rounds = affordableRounds(roundSeconds, contenders.size(), effort);
+  for (unsigned round = 0; round < rounds; round++)
     for (std::size_t turn = 0; turn < contenders.size(); turn++) {
       auto i = (round + turn) % contenders.size();
-      auto operations = static_cast<double>(times[i] * contenders[i].operations);
-      timings[i].seconds.push_back(timed(contenders[i], times[i]) / operations);
+      auto operations = static_cast<double>(turns[i].times * contenders[i].operations);
+      timings[i].seconds.push_back(timed(contenders[i], turns[i].times) / operations);
     }
   return timings;
 }

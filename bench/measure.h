@@ -14,8 +14,9 @@ namespace bench
 // How much work goes into a figure.
 struct Effort {
   bool quick = false;
-  unsigned rounds = 9;
-  double slice = 0.012; // seconds that one turn of a contender is meant to take
+  unsigned rounds = 21;     // fewer, but not fewer than leastRounds, where a turn takes longer
+  double slice = 0.004;     // seconds that one turn of a contender is meant to take
+  unsigned leastRounds = 7; // whatever a turn takes
 };
 
 // One way to do what is measured; run(n) does it n times, or n times as many operations as it says.

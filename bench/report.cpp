@@ -130,8 +130,8 @@ json(const Timing &timing)
   std::string rounds;
   for (double seconds : timing.seconds)
     rounds += (rounds.empty() ? "" : ", ") + number(seconds);
-  return "{\"name\": " + quoted(timing.name) +
-         ", \"seconds\": " + json(spreadOf(timing.seconds)) + ", \"rounds\": [" + rounds + "]}";
+  return "{\"name\": " + quoted(timing.name) + ", \"seconds\": " + json(spreadOf(timing.seconds)) +
+         ", \"rounds\": [" + rounds + "]}";
 }
 
 std::string
@@ -165,8 +165,8 @@ std::string
 json(const Row &row)
 {
   return "\n      {\"parameters\": " + json(row.parameters) +
-         ", \"bytes\": " + std::to_string(row.bytes) + ",\n       \"timings\": " +
-         jsonList(row.timings, ",\n                   ") +
+         ", \"bytes\": " + std::to_string(row.bytes) +
+         ",\n       \"timings\": " + jsonList(row.timings, ",\n                   ") +
          ",\n       \"ratios\": " + jsonList(row.ratios) +
          ", \"figures\": " + jsonList(row.figures) + "}";
 }
@@ -329,7 +329,10 @@ Report::printGoals(const std::vector<Goal> &goals) const
 {
   std::printf("\n== goals\n");
   for (const auto &goal : goals) {
-    std::printf("%-12s %s: %s %g%s", !goal.worst ? "not measured" : goal.reached() ? "reached" : "MISSED",
+    std::printf("%-12s %s: %s %g%s",
+                !goal.worst      ? "not measured"
+                : goal.reached() ? "reached"
+                                 : "MISSED",
                 goal.text.c_str(), goal.atLeast ? "at least" : "at most", goal.limit,
                 goal.unit.c_str());
     if (goal.worst)
@@ -343,11 +346,11 @@ bool
 Report::writeJson(const std::string &path, const Parameters &machine,
                   const std::vector<Goal> &goals) const
 {
-  std::string text = "{\n  \"quick\": " + std::string(_effort.quick ? "true" : "false") +
-                     ", \"rounds\": " + std::to_string(_effort.rounds) +
-                     ", \"slice\": " + number(_effort.slice) + ",\n  \"machine\": " +
-                     json(machine) + ",\n  \"goals\": " + jsonList(goals, ",") +
-                     ",\n  \"groups\": " + jsonList(_groups, ",") + "\n}\n";
+  std::string text =
+      "{\n  \"quick\": " + std::string(_effort.quick ? "true" : "false") +
+      ", \"rounds\": " + std::to_string(_effort.rounds) + ", \"slice\": " + number(_effort.slice) +
+      ",\n  \"machine\": " + json(machine) + ",\n  \"goals\": " + jsonList(goals, ",") +
+      ",\n  \"groups\": " + jsonList(_groups, ",") + "\n}\n";
   return g_file_set_contents(path.c_str(), text.data(), static_cast<gssize>(text.size()), nullptr);
 }
 

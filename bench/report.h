@@ -69,9 +69,7 @@ struct Goal {
 class Report
 {
 public:
-  explicit Report(const Effort &effort) : _effort(effort)
-  {
-  }
+  explicit Report(const Effort &effort) : _effort(effort) {}
 
   const Effort &
   effort() const

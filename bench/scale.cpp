@@ -34,8 +34,7 @@ public:
   {
     auto *stream = G_IO_STREAM(_connection.get());
     if (kind != Kind::bare) {
-      _channel =
-          makeChannel(_connection.get(), kind == Kind::both ? Stages::both : Stages::none);
+      _channel = makeChannel(_connection.get(), kind == Kind::both ? Stages::both : Stages::none);
       stream = G_IO_STREAM(_channel.get());
     }
     auto make = kind == Kind::bare ? asyncGio : asyncZelgvc;
@@ -104,9 +103,7 @@ private:
 class Crowd
 {
 public:
-  explicit Crowd(Kind kind) : _kind(kind)
-  {
-  }
+  explicit Crowd(Kind kind) : _kind(kind) {}
 
   void
   growTo(std::size_t count, const EchoProcess &echo)
@@ -177,9 +174,8 @@ measureScale(Report &report)
       continue;
     }
     std::vector<Contender> contenders;
-    for (auto &[name, crowd] : {std::pair<const char *, Crowd *>{"plain", &plain},
-                                {"both", &both},
-                                {"gio", &gio}}) {
+    for (auto &[name, crowd] :
+         {std::pair<const char *, Crowd *>{"plain", &plain}, {"both", &both}, {"gio", &gio}}) {
       crowd->growTo(count, echo);
       contenders.push_back({name,
                             [&, crowd = crowd, count](std::size_t times) {
@@ -258,7 +254,8 @@ measureMemory(Report &report)
   report.begin(
       "memory", "Resident memory of a channel",
       "KiB of resident memory by which a fresh process grows for each channel, divided by their "
-      "number; every channel has a receive in flight. used N: after three round trips of N bytes of "
+      "number; every channel has a receive in flight. used N: after three round trips of N bytes "
+      "of "
       "C source on each channel, each size after the one before, all at once. gio: a bare "
       "GSocketConnection with frames by hand.");
   std::vector<int> counts = {1000, 5000};
