@@ -12,14 +12,12 @@ namespace bench
 namespace
 {
 
-using Run = void (*)(Link &, GBytes *, std::size_t);
-
 struct Mode {
   const char *name;
-  Run run;
+  Duel (*duel)(const std::vector<Entrant> &, GBytes *);
 };
 
-constexpr Mode modes[] = {{"one way", runOneWay}, {"round trip", runRoundTrip}};
+constexpr Mode modes[] = {{"one way", duelOneWay}, {"round trip", duelRoundTrip}};
 
 struct Candidate {
   std::string name;
@@ -37,17 +35,15 @@ makeCandidates()
   return all;
 }
 
-std::vector<Contender>
-contendersOf(const std::vector<Candidate> &candidates, Run run, GBytes *message)
+std::vector<Entrant>
+checkedEntrants(const std::vector<Candidate> &candidates, GBytes *message)
 {
-  std::vector<Contender> contenders;
+  std::vector<Entrant> entrants;
   for (const auto &candidate : candidates) {
-    auto *link = candidate.link.get();
-    checkLink(*link, message);
-    contenders.push_back(
-        {candidate.name, [link, run, message](std::size_t times) { run(*link, message, times); }});
+    checkLink(*candidate.link, message);
+    entrants.push_back({candidate.name, candidate.link.get()});
   }
-  return contenders;
+  return entrants;
 }
 
 } // namespace
@@ -70,7 +66,8 @@ measureChannels(Report &report)
   for (const auto &mode : modes)
     for (auto size : sizes) {
       SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto timings = takeTurns(contendersOf(candidates, mode.run, message.get()), report.effort());
+      auto timings = takeTurns(mode.duel(checkedEntrants(candidates, message.get()), message.get()),
+                               report.effort());
       auto ratios = ratiosOf(timings, "plain", {"tls"});
       for (const char *subject : {"encrypted", "both"})
         for (auto &ratio : ratiosOf(timings, subject, {"tls", "tls+zlib"}))
@@ -98,55 +95,84 @@ convert(GConverter *converter, const Bytes &in, std::size_t in_size, Bytes &out)
   return written;
 }
 
-// Each converter by itself, on one message of the corpus and on what becomes of it.
+// Each converter by itself, on the messages of a corpus and on what becomes of them.
 struct StagesAlone {
-  explicit StagesAlone(const Bytes &message)
-      : plain(message), packed(roomFor(messageSize)), sealed(2 * messageSize),
-        scratch(2 * messageSize)
+  explicit StagesAlone(const std::vector<SharedBytes> &messages) : scratch(2 * messageSize)
   {
     SharedBytes key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
     compressor.reset(gvc_compressor_new());
     decompressor.reset(gvc_decompressor_new());
     encryptor.reset(gvc_encryptor_new(key.get()));
     decryptor.reset(gvc_decryptor_new(key.get()));
+    startCipher();
 
-    packed_size = convert(G_CONVERTER(compressor.get()), plain, plain.size(), packed);
-    auto iv_size = convert(G_CONVERTER(encryptor.get()), packed, packed_size, sealed);
-    convert(G_CONVERTER(decryptor.get()), sealed, iv_size, scratch);
-    sealed_size = convert(G_CONVERTER(encryptor.get()), packed, packed_size, sealed);
+    for (const auto &message : messages) {
+      gsize size;
+      auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(message.get(), &size));
+      plain.emplace_back(data, data + size);
+      packed.push_back(converted(compressor.get(), plain.back()));
+      sealed.push_back(converted(encryptor.get(), packed.back()));
+    }
   }
 
   std::vector<Contender>
   contenders()
   {
-    auto stage = [this](const char *name, gpointer converter, const Bytes &in, std::size_t size) {
-      return Contender{name, repeat([this, converter, &in, size] {
-                         convert(G_CONVERTER(converter), in, size, scratch);
-                       })};
+    auto stage = [this](const char *name, gpointer converter, const std::vector<Bytes> &inputs) {
+      auto pass = [this, converter, &inputs] {
+        for (const auto &in : inputs)
+          convert(G_CONVERTER(converter), in, in.size(), scratch);
+      };
+      return Contender{name, repeat(pass), inputs.size()};
     };
-    return {stage("compress", compressor.get(), plain, plain.size()),
-            stage("encrypt", encryptor.get(), packed, packed_size),
-            stage("decrypt", decryptor.get(), sealed, sealed_size),
-            stage("decompress", decompressor.get(), packed, packed_size)};
+    return {stage("compress", compressor.get(), plain), stage("encrypt", encryptor.get(), packed),
+            stage("decrypt", decryptor.get(), sealed),
+            stage("decompress", decompressor.get(), packed)};
   }
 
-  Bytes plain;
-  Bytes packed;
-  Bytes sealed;
   Bytes scratch;
-  std::size_t packed_size = 0;
-  std::size_t sealed_size = 0;
+  std::vector<Bytes> plain;
+  std::vector<Bytes> packed;
+  std::vector<Bytes> sealed;
   Object<GvcCompressor> compressor;
   Object<GvcDecompressor> decompressor;
   Object<GvcEncryptor> encryptor;
   Object<GvcDecryptor> decryptor;
+
+private:
+  Bytes
+  converted(gpointer converter, const Bytes &in)
+  {
+    auto size = convert(G_CONVERTER(converter), in, in.size(), scratch);
+    return Bytes(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(size));
+  }
+
+  // Takes the record of the initial IV across.
+  void
+  startCipher()
+  {
+    Bytes nothing(1);
+    auto size = convert(G_CONVERTER(encryptor.get()), nothing, 1, scratch);
+    Bytes iv(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(size));
+    convert(G_CONVERTER(decryptor.get()), iv, size, scratch);
+  }
 };
 
 Contender
-channel(const char *name, Link &link, GBytes *message)
+channel(const char *name, Link &link, const std::vector<SharedBytes> &messages)
 {
-  checkLink(link, message);
-  return {name, [&link, message](std::size_t times) { runOneWay(link, message, times); }};
+  checkLink(link, messages.front().get());
+  return {name, [&](std::size_t times) { runOneWay(link, messages, times); }, messages.size()};
+}
+
+// The corpus in messages; what is left over at its end is left out.
+std::vector<SharedBytes>
+messagesOf(const Bytes &corpus)
+{
+  std::vector<SharedBytes> messages;
+  for (std::size_t at = 0; at + messageSize <= corpus.size(); at += messageSize)
+    messages.emplace_back(g_bytes_new_static(corpus.data() + at, messageSize));
+  return messages;
 }
 
 const Timing &
@@ -198,11 +224,11 @@ measureSlowestStage(Report &report)
   auto both = link(Stages::both);
 
   for (const auto &corpus : corpora()) {
-    StagesAlone alone(repeated(corpus.bytes, messageSize));
-    SharedBytes message(g_bytes_new_static(alone.plain.data(), alone.plain.size()));
+    auto messages = messagesOf(corpus.bytes);
+    StagesAlone alone(messages);
     std::vector<Contender> contenders = {
-        channel("both", *both, message.get()), channel("compressed", *compressed, message.get()),
-        channel("encrypted", *encrypted, message.get()), channel("plain", *plain, message.get())};
+        channel("both", *both, messages), channel("compressed", *compressed, messages),
+        channel("encrypted", *encrypted, messages), channel("plain", *plain, messages)};
     for (auto &contender : alone.contenders())
       contenders.push_back(std::move(contender));
     auto timings = takeTurns(contenders, report.effort());
@@ -238,14 +264,14 @@ measurePerByte(Report &report)
 
   for (auto stages : {Stages::none, Stages::both}) {
     auto link = linkZelgvc(connectSockets(Transport::tcp), stages);
-    std::vector<SharedBytes> messages;
     std::vector<Contender> contenders;
+    std::deque<std::vector<SharedBytes>> messages;
     for (auto size : sizes) {
-      messages.emplace_back(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto *message = messages.back().get();
-      checkLink(*link, message);
+      auto &one = messages.emplace_back();
+      one.emplace_back(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+      checkLink(*link, one.front().get());
       contenders.push_back({sizeText(size),
-                            [&link, message](std::size_t n) { runOneWay(*link, message, n); },
+                            [&](std::size_t times) { runOneWay(*link, one, times); },
                             static_cast<std::size_t>(size)});
     }
     auto timings = takeTurns(contenders, report.effort());

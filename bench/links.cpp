@@ -6,6 +6,8 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -417,41 +419,113 @@ receiveOne(End &end, gsize size)
   must(g_bytes_get_size(message.get()) == size, nullptr, "a message of another length arrived");
 }
 
-void
-runOneThread(Link &link, GBytes *message, std::size_t times)
+namespace
 {
-  gsize size = g_bytes_get_size(message);
-  for (std::size_t i = 0; i < times; i++) {
-    link.near->send(message);
-    receiveOne(*link.far, size);
+
+double
+now()
+{
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// What both threads of a duel go by: who is on when.
+struct Schedule {
+  const std::vector<Entrant> &entrants;
+  std::size_t batches;
+  std::size_t first;
+
+  template <typename Turn>
+  void
+  follow(Turn turn) const
+  {
+    for (std::size_t batch = 0; batch < batches; batch++)
+      for (std::size_t i = 0; i < entrants.size(); i++)
+        turn((first + i) % entrants.size());
   }
+};
+
+// near(link) does a batch of `operations`, and is timed; far(link), its other end, runs in the
+// second thread.
+template <typename Near, typename Far>
+Duel
+makeDuel(const std::vector<Entrant> &entrants, std::size_t operations, Near near, Far far)
+{
+  Duel duel{{}, operations, {}};
+  for (const auto &entrant : entrants)
+    duel.names.push_back(entrant.name);
+  duel.run = [=](std::size_t batches, std::size_t first,
+                 std::vector<std::vector<double>> &seconds) {
+    Schedule schedule{entrants, batches, first};
+    auto &peer = entrants[0].link->peer;
+    peer.start([&] { schedule.follow([&](std::size_t i) { far(*entrants[i].link); }); });
+    schedule.follow([&](std::size_t i) {
+      double before = now();
+      near(*entrants[i].link);
+      seconds[i].push_back((now() - before) / static_cast<double>(operations));
+    });
+    peer.wait();
+  };
+  return duel;
 }
 
-void
-runOneWay(Link &link, GBytes *message, std::size_t times)
+} // namespace
+
+Duel
+duelInOneThread(const std::vector<Entrant> &entrants, GBytes *message)
 {
-  gsize size = g_bytes_get_size(message);
-  link.peer.start([&] {
-    for (std::size_t i = 0; i < times; i++)
+  constexpr std::size_t batch = 16;
+  auto near = [=, size = g_bytes_get_size(message)](Link &link) {
+    for (std::size_t i = 0; i < batch; i++) {
+      link.near->send(message);
       receiveOne(*link.far, size);
-  });
-  for (std::size_t i = 0; i < times; i++)
-    link.near->send(message);
-  link.peer.wait();
+    }
+  };
+  return makeDuel(entrants, batch, near, [](Link &) {});
 }
 
-void
-runRoundTrip(Link &link, GBytes *message, std::size_t times)
+Duel
+duelOneWay(const std::vector<Entrant> &entrants, GBytes *message)
 {
+  // Enough that the one answer does not count for much, in messages of every size.
+  static const guint8 answer_data[4] = {};
   gsize size = g_bytes_get_size(message);
-  link.peer.start([&] {
-    for (std::size_t i = 0; i < times; i++)
-      link.far->send(link.far->receive().get());
-  });
-  for (std::size_t i = 0; i < times; i++) {
+  std::size_t batch = CLAMP((1U << 20) / size, 1, 128);
+  auto near = [=](Link &link) {
+    for (std::size_t i = 0; i < batch; i++)
+      link.near->send(message);
+    receiveOne(*link.near, sizeof answer_data);
+  };
+  auto far = [=](Link &link) {
+    for (std::size_t i = 0; i < batch; i++)
+      receiveOne(*link.far, size);
+    SharedBytes answer(g_bytes_new_static(answer_data, sizeof answer_data));
+    link.far->send(answer.get());
+  };
+  return makeDuel(entrants, batch, near, far);
+}
+
+Duel
+duelRoundTrip(const std::vector<Entrant> &entrants, GBytes *message)
+{
+  auto near = [=, size = g_bytes_get_size(message)](Link &link) {
     link.near->send(message);
     receiveOne(*link.near, size);
-  }
+  };
+  auto far = [](Link &link) { link.far->send(link.far->receive().get()); };
+  return makeDuel(entrants, 1, near, far);
+}
+
+void
+runOneWay(Link &link, const std::vector<SharedBytes> &messages, std::size_t times)
+{
+  link.peer.start([&] {
+    for (std::size_t i = 0; i < times; i++)
+      for (const auto &message : messages)
+        receiveOne(*link.far, g_bytes_get_size(message.get()));
+  });
+  for (std::size_t i = 0; i < times; i++)
+    for (const auto &message : messages)
+      link.near->send(message.get());
   link.peer.wait();
 }
 

@@ -2,6 +2,7 @@
 // Connected pairs of channels of every kind that is compared, as blocking message code sees them.
 #pragma once
 
+#include "measure.h"
 #include "owners.h"
 
 #include <zelgvc/zelgvc.h>
@@ -91,13 +92,22 @@ std::unique_ptr<Link> linkTlsZlib(const Sockets &sockets);
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();
 
-// Three ways to move messages, each run(n) moving n of them.
+// Three ways to move messages, by links that take turns; all of them use the peer thread of the
+// first.
+struct Entrant {
+  std::string name;
+  Link *link;
+};
+
 // Each message is sent and received by the one thread; it must fit into the socket's buffers.
-void runOneThread(Link &link, GBytes *message, std::size_t times);
-// The second thread receives; ends when it has received all.
-void runOneWay(Link &link, GBytes *message, std::size_t times);
+Duel duelInOneThread(const std::vector<Entrant> &entrants, GBytes *message);
+// The second thread receives, and answers the last of a batch of messages.
+Duel duelOneWay(const std::vector<Entrant> &entrants, GBytes *message);
 // The second thread sends back what it receives.
-void runRoundTrip(Link &link, GBytes *message, std::size_t times);
+Duel duelRoundTrip(const std::vector<Entrant> &entrants, GBytes *message);
+
+// Sends all messages `times` times one way; the second thread receives.
+void runOneWay(Link &link, const std::vector<SharedBytes> &messages, std::size_t times);
 
 // Ends the program unless a message arrives as it was sent.
 void checkLink(Link &link, GBytes *message);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <numeric>
 
 namespace bench
 {
@@ -44,7 +45,9 @@ struct Turn {
 static Turn
 fillSlice(const Contender &contender, double slice)
 {
-  timed(contender, 1);
+  // The first one warms up; of what takes very long it is enough of a measure.
+  if (double first = timed(contender, 1); first > 32 * slice)
+    return {1, first};
   for (std::size_t times = 1;;) {
     double taken = timed(contender, times);
     double wanted = static_cast<double>(times) * slice / taken;
@@ -86,6 +89,44 @@ takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
       auto operations = static_cast<double>(turns[i].times * contenders[i].operations);
       timings[i].seconds.push_back(timed(contenders[i], turns[i].times) / operations);
     }
+  return timings;
+}
+
+std::vector<Timing>
+takeTurns(const Duel &duel, const Effort &effort)
+{
+  auto contenders = duel.names.size();
+  double wanted = effort.slice * static_cast<double>(contenders);
+  std::vector<std::vector<double>> seconds;
+  auto run = [&](std::size_t batches, std::size_t first) {
+    seconds.assign(contenders, {});
+    duel.run(batches, first, seconds);
+    double total = 0;
+    for (const auto &of : seconds)
+      total = std::accumulate(of.begin(), of.end(), total);
+    return total * static_cast<double>(duel.operations);
+  };
+
+  run(1, 0);
+  std::size_t batches = 1;
+  double taken = run(batches, 0);
+  while (taken < wanted / 4) {
+    double more = std::min(wanted / taken, 16.0);
+    batches = static_cast<std::size_t>(std::ceil(static_cast<double>(batches) * more));
+    taken = run(batches, 0);
+  }
+  double fitting = std::max(1.0, std::round(static_cast<double>(batches) * wanted / taken));
+  taken *= fitting / static_cast<double>(batches);
+
+  std::vector<Timing> timings;
+  for (const auto &name : duel.names)
+    timings.push_back({name, {}});
+  auto rounds = affordableRounds(taken, contenders, effort);
+  for (unsigned round = 0; round < rounds; round++) {
+    run(static_cast<std::size_t>(fitting), round % contenders);
+    for (std::size_t i = 0; i < contenders; i++)
+      timings[i].seconds.push_back(spreadOf(seconds[i]).median);
+  }
   return timings;
 }
 

@@ -52,9 +52,24 @@ struct Spread {
 
 Spread spreadOf(std::vector<double> values);
 
+// Contenders that take turns within a round, a batch of operations each, because what they take
+// depends on where the scheduler happens to have put the threads at that time. A round counts for a
+// contender as the median of its batches.
+// run(batches, first, seconds) lets each do that many batches, contender `first` beginning, and
+// adds what each batch took for an operation to seconds[contender].
+struct Duel {
+  std::vector<std::string> names;
+  std::size_t operations; // of a batch
+  std::function<void(std::size_t batches, std::size_t first,
+                     std::vector<std::vector<double>> &seconds)>
+      run;
+};
+
 // Warms every contender up, finds how often it must run to fill a slice, and then lets them take
 // turns. A contender that takes longer than a slice runs once a turn.
 std::vector<Timing> takeTurns(const std::vector<Contender> &contenders, const Effort &effort);
+
+std::vector<Timing> takeTurns(const Duel &duel, const Effort &effort);
 
 // How many times faster `mine` was than `other`.
 Spread timesFaster(const Timing &mine, const Timing &other);

@@ -305,14 +305,25 @@ Report::add(Row row)
 }
 
 void
+Report::addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings)
+{
+  std::vector<std::string> others;
+  for (std::size_t i = 1; i < timings.size(); i++)
+    others.push_back(timings[i].name);
+  auto ratios = ratiosOf(timings, timings[0].name, others);
+  add({std::move(parameters), bytes, std::move(timings), std::move(ratios), {}});
+}
+
+void
 Report::race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders)
 {
-  Row row{std::move(parameters), bytes, takeTurns(contenders, _effort), {}, {}};
-  std::vector<std::string> others;
-  for (std::size_t i = 1; i < contenders.size(); i++)
-    others.push_back(contenders[i].name);
-  row.ratios = ratiosOf(row.timings, contenders[0].name, others);
-  add(std::move(row));
+  addRace(std::move(parameters), bytes, takeTurns(contenders, _effort));
+}
+
+void
+Report::race(Parameters parameters, std::int64_t bytes, const Duel &duel)
+{
+  addRace(std::move(parameters), bytes, takeTurns(duel, _effort));
 }
 
 const Group *
@@ -324,21 +335,18 @@ Report::group(const std::string &name) const
   return nullptr;
 }
 
+// Goals whose groups did not run are left out.
 void
 Report::printGoals(const std::vector<Goal> &goals) const
 {
   std::printf("\n== goals\n");
   for (const auto &goal : goals) {
-    std::printf("%-12s %s: %s %g%s",
-                !goal.worst      ? "not measured"
-                : goal.reached() ? "reached"
-                                 : "MISSED",
-                goal.text.c_str(), goal.atLeast ? "at least" : "at most", goal.limit,
-                goal.unit.c_str());
-    if (goal.worst)
-      std::printf("; worst %.3g%s (%s), middle %.3g%s", *goal.worst, goal.unit.c_str(),
-                  goal.where.c_str(), goal.middle, goal.unit.c_str());
-    std::printf("\n");
+    if (!goal.worst)
+      continue;
+    std::printf("%-8s %s: %s %g%s; worst %.3g%s (%s), middle %.3g%s\n",
+                goal.reached() ? "reached" : "MISSED", goal.text.c_str(),
+                goal.atLeast ? "at least" : "at most", goal.limit, goal.unit.c_str(), *goal.worst,
+                goal.unit.c_str(), goal.where.c_str(), goal.middle, goal.unit.c_str());
   }
 }
 

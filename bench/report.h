@@ -83,6 +83,7 @@ public:
 
   // Measures, compares the first contender with all others, and adds the row.
   void race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders);
+  void race(Parameters parameters, std::int64_t bytes, const Duel &duel);
 
   void printGoals(const std::vector<Goal> &goals) const;
   // FALSE where the file cannot be written.
@@ -90,6 +91,8 @@ public:
                  const std::vector<Goal> &goals) const;
 
 private:
+  void addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings);
+
   Effort _effort;
   std::deque<Group> _groups;
 };
