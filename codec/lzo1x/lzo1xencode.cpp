@@ -3,25 +3,32 @@
 
 #include "codec/lzo1x/lzo1xformat.h"
 
+#include <algorithm>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace lzo1x
 {
 
 namespace
 {
 
-// A position is remembered by its 16 low bits, under the hash of the hashedBytes that stand there.
-// As the table starts with zeros, every entry is the low half of a position seen before (or of
-// position 0), so its distance modulo 2^16 is never more than the position itself.
+// A position is remembered by its 16 low bits, under the hash of the 4 bytes that stand there. As
+// the table starts with zeros, every entry is the low half of a position seen before, or of
+// position 0; so its distance modulo 2^16 is never more than the position itself.
 using Entry = std::uint16_t;
-constexpr unsigned hashedBytes = 5;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;
 
+constexpr std::size_t minMatch = 4;
 // Every match saves at least this much. The header of the literal run that follows it costs at most
 // 2 bytes more than the worst case grows by for the bytes of match and run, so the output never
 // exceeds the worst case.
 constexpr std::size_t minGain = 2;
-constexpr std::size_t minMatch = 4;
+
+// Inputs up to this size are not searched.
+constexpr std::size_t tinyInput = 20;
 
 constexpr unsigned
 tableBits(std::size_t size)
@@ -156,66 +163,150 @@ putEndMarker(Encoder &at)
   return true;
 }
 
-std::size_t
-commonLength(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd)
+constexpr std::size_t compared = 16;
+
+// How many of the first 16 bytes are equal.
+inline std::size_t
+commonFew(const std::uint8_t *a, const std::uint8_t *b) noexcept
 {
-  const std::uint8_t *const begin = b;
-  while (bEnd - b >= 8) {
-    const auto difference = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
-    if (difference != 0)
-      return static_cast<std::size_t>(b - begin) +
-             static_cast<std::size_t>(std::countr_zero(difference)) / 8;
-    a += 8;
-    b += 8;
-  }
-  while (b < bEnd && *a == *b) {
-    a++;
-    b++;
-  }
-  return static_cast<std::size_t>(b - begin);
+#ifdef __SSE2__
+  const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a)),
+                                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(b)));
+  return static_cast<std::size_t>(std::countr_zero(~static_cast<unsigned>(_mm_movemask_epi8(equal))));
+#else
+  const auto low = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
+  if (low != 0)
+    return static_cast<std::size_t>(std::countr_zero(low)) / 8;
+  const auto high = loadLittleEndian<std::uint64_t>(a + 8) ^ loadLittleEndian<std::uint64_t>(b + 8);
+  return 8 + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+#endif
 }
 
-unsigned
-hash(std::uint64_t word, unsigned bits)
+// The same up to bEnd, where the first 16 have been found equal.
+std::size_t
+commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
 {
-  return static_cast<unsigned>(((word << (64 - 8 * hashedBytes)) * 0x9e3779b185ebca87ULL) >>
-                               (64 - bits));
+  std::size_t length = compared;
+  while (static_cast<std::size_t>(bEnd - b) >= length + compared) {
+    const std::size_t more = commonFew(a + length, b + length);
+    length += more;
+    if (more < compared)
+      return length;
+  }
+  while (b + length < bEnd && a[length] == b[length])
+    length++;
+  return length;
+}
+
+// How much may be written behind what is meant by a quick sequence: literals, then a match.
+constexpr std::size_t quickRoom = 64;
+constexpr std::size_t quickLiterals = 16;
+
+inline unsigned
+hash(std::uint32_t word, unsigned shift) noexcept
+{
+  return word * 0x9e3779b1U >> shift;
 }
 
 // Finds and writes matches until there are none; the literals after the last one stay pending.
 bool
-putMatches(Encoder &at, Entry *table, unsigned bits)
+putMatches(Encoder &at, Entry *table, unsigned bits) noexcept
 {
-  const auto size = static_cast<std::size_t>(at.readEnd - at.begin);
-  // Every probe loads 8 bytes.
-  if (size < 8)
-    return true;
-  const std::uint8_t *const last = at.readEnd - 8;
-  const std::uint8_t *read = at.begin + 1;
-  while (read <= last) {
-    const auto word = loadLittleEndian<std::uint64_t>(read);
-    Entry &entry = table[hash(word, bits)];
-    const auto position = static_cast<std::size_t>(read - at.begin);
-    std::size_t distance = static_cast<Entry>(position - entry);
-    entry = static_cast<Entry>(position);
-    std::size_t length = 0;
-    if (distance - 1 < farMaxDistance &&
-        loadLittleEndian<std::uint32_t>(read - distance) == static_cast<std::uint32_t>(word))
-      length = minMatch + commonLength(read - distance + minMatch, read + minMatch, at.readEnd);
-    if (length == 0 || length < matchSize(length, distance) + minGain) {
-      read += 1 + (static_cast<std::size_t>(read - at.pending) >> 5);
-      continue;
+  const unsigned shift = 32 - bits;
+  const std::uint8_t *const begin = at.begin;
+  const std::uint8_t *const readEnd = at.readEnd;
+  const std::uint8_t *const last = readEnd - (minMatch + compared);
+  const std::uint8_t *pending = begin;
+  std::uint8_t *written = at.written;
+  std::uint8_t *const quickEnd = at.writtenEnd - std::min(at.room(), quickRoom);
+  const std::uint8_t *read = begin + 1;
+  for (;;) {
+    std::size_t distance;
+    const std::uint8_t *from;
+    std::size_t length;
+    for (;; read += 1 + (static_cast<std::size_t>(read - pending) >> 5)) {
+      if (read > last) {
+        at.pending = pending;
+        at.written = written;
+        return true;
+      }
+      const auto word = loadLittleEndian<std::uint32_t>(read);
+      Entry &entry = table[hash(word, shift)];
+      const auto position = static_cast<std::uint32_t>(read - begin);
+      distance = static_cast<Entry>(position - entry);
+      entry = static_cast<Entry>(position);
+      from = read - distance;
+      if (distance - 1 < farMaxDistance && loadLittleEndian<std::uint32_t>(from) == word) {
+        length = minMatch + commonFew(from + minMatch, read + minMatch);
+        if (length > minMatch || distance <= nearMaxDistance)
+          break;
+      }
     }
-    while (read > at.pending && static_cast<std::size_t>(read - at.begin) > distance &&
-           read[-1] == *(read - distance - 1)) {
+    if (length == minMatch + compared) [[unlikely]]
+      length = minMatch + commonMany(from + minMatch, read + minMatch, readEnd);
+    while (read > pending && from > begin && read[-1] == from[-1]) {
       read--;
+      from--;
       length++;
     }
-    if (!putLiterals(at, read) || !putMatch(at, length, distance))
-      return false;
-    read = at.pending;
+    const auto literals = static_cast<std::size_t>(read - pending);
+    if (literals <= quickLiterals && written < quickEnd && pending != begin) {
+      const bool header = literals > matchLiteralsMax;
+      written[-2] |= static_cast<std::uint8_t>(header ? 0 : literals);
+      *written = static_cast<std::uint8_t>(literals - runBias);
+      written += header;
+      std::memcpy(written, pending, quickLiterals);
+      written += literals;
+    } else {
+      Encoder slow = at;
+      slow.written = written;
+      slow.pending = pending;
+      if (!putLiterals(slow, read))
+        return false;
+      written = slow.written;
+    }
+    for (;;) {
+      if ((length <= middleShortMax) & (distance <= middleMaxDistance) & (written < quickEnd)) [[likely]] {
+        const auto code = static_cast<std::uint32_t>(distance - 1);
+        const auto size = static_cast<std::uint32_t>(length);
+        const std::uint32_t two = (size - nearLengthBias) << nearLengthShift | (code & 7) << 2 | (code & ~7U) << 5;
+        const std::uint32_t three = (middleMark - 2 + size) | code << (8 + 2);
+        // All ones for the near form, made so that no branch on it is.
+        const std::uint32_t near = ((size - nearMaxLength - 1) & (code - nearMaxDistance)) >> 31;
+        const std::uint32_t word = three ^ ((two ^ three) & (0 - near));
+        std::memcpy(written, &word, 4);
+        written += 3 - near;
+      } else {
+        Encoder slow = at;
+        slow.written = written;
+        if (!putMatch(slow, length, distance))
+          return false;
+        written = slow.written;
+      }
+      read += length;
+      pending = read;
+      if (read > last)
+        break;
+      table[hash(loadLittleEndian<std::uint32_t>(read - 2), shift)] = static_cast<Entry>(read - 2 - begin);
+      const auto word = loadLittleEndian<std::uint32_t>(read);
+      Entry &entry = table[hash(word, shift)];
+      const auto position = static_cast<std::uint32_t>(read - begin);
+      distance = static_cast<Entry>(position - entry);
+      entry = static_cast<Entry>(position);
+      from = read - distance;
+      if (distance - 1 >= farMaxDistance || loadLittleEndian<std::uint32_t>(from) != word) {
+        read++;
+        break;
+      }
+      length = minMatch + commonFew(from + minMatch, read + minMatch);
+      if ((length == minMatch) & (distance > nearMaxDistance)) {
+        read++;
+        break;
+      }
+      if (length == minMatch + compared) [[unlikely]]
+        length = minMatch + commonMany(from + minMatch, read + minMatch, readEnd);
+    }
   }
-  return true;
 }
 
 } // namespace
@@ -229,16 +320,20 @@ encoderStateSize(std::size_t maxInput) noexcept
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
-  const unsigned bits = tableBits(in.size());
-  auto *const table = reinterpret_cast<Entry *>(state.data());
-  std::memset(table, 0, sizeof(Entry) << bits);
   Encoder at{.begin = in.data(),
              .readEnd = in.data() + in.size(),
              .pending = in.data(),
              .written = out.data(),
              .outBegin = out.data(),
              .writtenEnd = out.data() + out.size()};
-  if (!putMatches(at, table, bits) || !putLiterals(at, at.readEnd) || !putEndMarker(at))
+  if (in.size() > tinyInput) {
+    const unsigned bits = tableBits(in.size());
+    auto *const table = reinterpret_cast<Entry *>(state.data());
+    std::memset(table, 0, sizeof(Entry) << bits);
+    if (!putMatches(at, table, bits))
+      return {Status::noRoom, 0};
+  }
+  if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
     return {Status::noRoom, 0};
   return {Status::ok, static_cast<std::size_t>(at.written - out.data())};
 }
