@@ -231,7 +231,7 @@ measureSlowestStage(Report &report)
         channel("encrypted", *encrypted, messages), channel("plain", *plain, messages)};
     for (auto &contender : alone.contenders())
       contenders.push_back(std::move(contender));
-    auto timings = takeTurns(contenders, report.effort());
+    auto timings = takeTurns(contenders, report.effort().withLongTurns());
     timings.push_back(sum("sender", named(timings, "compress"), named(timings, "encrypt")));
     timings.push_back(sum("receiver", named(timings, "decrypt"), named(timings, "decompress")));
 
@@ -274,7 +274,7 @@ measurePerByte(Report &report)
                             [&](std::size_t times) { runOneWay(*link, one, times); },
                             static_cast<std::size_t>(size)});
     }
-    auto timings = takeTurns(contenders, report.effort());
+    auto timings = takeTurns(contenders, report.effort().withLongTurns());
     for (std::size_t i = 0; i < sizes.size(); i++)
       report.add({{{"stages", stagesName(stages)}, {"size", sizes[i]}},
                   1,

@@ -165,7 +165,7 @@ effortOf(const Settings &settings)
   effort.quick = settings.quick;
   if (settings.quick) {
     effort.rounds = 9;
-    effort.slice = 0.002;
+    effort.slice = 0.001;
   }
   if (settings.rounds > 0)
     effort.rounds = static_cast<unsigned>(settings.rounds);

@@ -69,26 +69,46 @@ affordableRounds(double roundSeconds, std::size_t contenders, const Effort &effo
                     effort.rounds);
 }
 
+// Every contender's batches of one round, contender `first` beginning each time.
+static std::vector<double>
+playRound(const std::vector<Contender> &contenders, const std::vector<Turn> &turns,
+          std::size_t first, unsigned batches)
+{
+  std::vector<std::vector<double>> seconds(contenders.size());
+  for (unsigned batch = 0; batch < batches; batch++)
+    for (std::size_t turn = 0; turn < contenders.size(); turn++) {
+      auto i = (first + turn) % contenders.size();
+      auto operations = static_cast<double>(turns[i].times * contenders[i].operations);
+      seconds[i].push_back(timed(contenders[i], turns[i].times) / operations);
+    }
+
+  std::vector<double> medians;
+  for (auto &of : seconds)
+    medians.push_back(spreadOf(std::move(of)).median);
+  return medians;
+}
+
 std::vector<Timing>
 takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 {
   std::vector<Timing> timings;
   std::vector<Turn> turns;
-  double roundSeconds = 0;
+  double batchSeconds = 0;
   for (const auto &contender : contenders) {
     timings.push_back({contender.name, {}});
-    turns.push_back(fillSlice(contender, effort.slice));
-    roundSeconds += turns.back().seconds;
+    turns.push_back(fillSlice(contender, effort.slice / effort.batches));
+    batchSeconds += turns.back().seconds;
   }
 
-  // Who begins changes from round to round, so that nobody always runs behind the same neighbour.
-  auto rounds = affordableRounds(roundSeconds, contenders.size(), effort);
-  for (unsigned round = 0; round < rounds; round++)
-    for (std::size_t turn = 0; turn < contenders.size(); turn++) {
-      auto i = (round + turn) % contenders.size();
-      auto operations = static_cast<double>(turns[i].times * contenders[i].operations);
-      timings[i].seconds.push_back(timed(contenders[i], turns[i].times) / operations);
-    }
+  double wanted = effort.slice * static_cast<double>(contenders.size());
+  auto batches = static_cast<unsigned>(
+      std::clamp(std::round(wanted / batchSeconds), 1.0, static_cast<double>(effort.batches)));
+  auto rounds = affordableRounds(batchSeconds * batches, contenders.size(), effort);
+  for (unsigned round = 0; round < rounds; round++) {
+    auto medians = playRound(contenders, turns, round % contenders.size(), batches);
+    for (std::size_t i = 0; i < contenders.size(); i++)
+      timings[i].seconds.push_back(medians[i]);
+  }
   return timings;
 }
 
@@ -107,9 +127,11 @@ takeTurns(const Duel &duel, const Effort &effort)
     return total * static_cast<double>(duel.operations);
   };
 
-  run(1, 0);
+  // The first one warms up; of what takes very long it is enough of a measure.
   std::size_t batches = 1;
   double taken = run(batches, 0);
+  if (taken <= 32 * wanted)
+    taken = run(batches, 0);
   while (taken < wanted / 4) {
     double more = std::min(wanted / taken, 16.0);
     batches = static_cast<std::size_t>(std::ceil(static_cast<double>(batches) * more));

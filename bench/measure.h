@@ -14,9 +14,17 @@ namespace bench
 // How much work goes into a figure.
 struct Effort {
   bool quick = false;
-  unsigned rounds = 21;     // fewer, but not fewer than leastRounds, where a turn takes longer
-  double slice = 0.004;     // seconds that one turn of a contender is meant to take
-  unsigned leastRounds = 7; // whatever a turn takes
+  unsigned rounds = 31; // fewer, but not fewer than leastRounds, where a turn takes longer
+  double slice = 0.002; // seconds of a round that each contender is meant to have
+  unsigned leastRounds = 7;
+  unsigned batches = 8; // in which it has them, taking turns
+
+  // For contenders that start and stop a second thread at each turn, which must not count for much.
+  Effort
+  withLongTurns() const
+  {
+    return {quick, quick ? rounds : rounds / 2, slice * 6, leastRounds, 1};
+  }
 };
 
 // One way to do what is measured; run(n) does it n times, or n times as many operations as it says.
@@ -52,9 +60,8 @@ struct Spread {
 
 Spread spreadOf(std::vector<double> values);
 
-// Contenders that take turns within a round, a batch of operations each, because what they take
-// depends on where the scheduler happens to have put the threads at that time. A round counts for a
-// contender as the median of its batches.
+// Contenders of which each turn takes two threads that go by one plan. What they take depends on
+// where the scheduler happens to have put the threads at that time.
 // run(batches, first, seconds) lets each do that many batches, contender `first` beginning, and
 // adds what each batch took for an operation to seconds[contender].
 struct Duel {
@@ -66,7 +73,8 @@ struct Duel {
 };
 
 // Warms every contender up, finds how often it must run to fill a slice, and then lets them take
-// turns. A contender that takes longer than a slice runs once a turn.
+// turns, a batch of operations each, several in a round. A round counts for a contender as the
+// median of its batches, so that what else the machine does in between is left out.
 std::vector<Timing> takeTurns(const std::vector<Contender> &contenders, const Effort &effort);
 
 std::vector<Timing> takeTurns(const Duel &duel, const Effort &effort);
