@@ -59,17 +59,17 @@ measureNoDelay(Report &report)
   report.begin(
       "nodelay", "Round trips over TCP with and without TCP_NODELAY",
       "Blocking round trips over loopback TCP, the peer in a second thread; both ends have "
-      "the option on or off. The channel sets it, a bare socket of GLib before 2.80 does "
+      "the option on or off; each contender has a connection of its own. The channel sets it, a "
+      "bare socket of GLib before 2.80 does "
       "not.");
   auto data = corpus("source");
 
   for (std::int64_t size : {16, 1024})
     for (bool on : {true, false}) {
       SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto sockets = connectSockets(Transport::tcp);
-      auto ours = linkZelgvc(sockets, Stages::none);
+      auto ours = linkZelgvc(connectSockets(Transport::tcp), Stages::none);
       auto both = linkZelgvc(connectSockets(Transport::tcp), Stages::both);
-      auto gio = linkGio(sockets);
+      auto gio = linkGio(connectSockets(Transport::tcp));
       for (auto *link : {ours.get(), both.get(), gio.get()}) {
         setNoDelay(link->sockets->near.get(), on);
         setNoDelay(link->sockets->far.get(), on);

@@ -158,6 +158,21 @@ corpus(const std::string &name)
 }
 
 Bytes
+sampled(const Bytes &corpus, std::size_t blockSize)
+{
+  auto wanted = std::max(std::size_t{128} << 10, 4 * blockSize) / blockSize;
+  auto there = std::max(corpus.size() / blockSize, std::size_t{1});
+  auto taken = std::min(wanted, there);
+  Bytes sample;
+  for (std::size_t i = 0; i < taken; i++) {
+    auto at = there * i / taken * blockSize;
+    auto size = std::min(blockSize, corpus.size() - at);
+    sample.insert(sample.end(), corpus.data() + at, corpus.data() + at + size);
+  }
+  return sample;
+}
+
+Bytes
 repeated(const Bytes &corpus, std::size_t size)
 {
   Bytes bytes(size);

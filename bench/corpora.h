@@ -23,6 +23,10 @@ std::vector<Corpus> corpora();
 // The named one; the program ends where the machine does not have it.
 Bytes corpus(const std::string &name);
 
+// Whole blocks from all over the corpus, as many as make a turn short: a quarter of it to all of it
+// for large blocks, an eighth for small ones.
+Bytes sampled(const Bytes &corpus, std::size_t blockSize);
+
 // `size` bytes, the corpus over and over.
 Bytes repeated(const Bytes &corpus, std::size_t size);
 
