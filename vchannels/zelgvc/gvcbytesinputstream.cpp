@@ -3,6 +3,7 @@
 #include "gvcchecks.h"
 #include "gvcerror.h"
 #include "gvcinputstreamutils.h"
+#include "gvcpollable.h"
 #include "gvcwire.h"
 
 /**
@@ -23,7 +24,9 @@
  *
  * Since: 0.1
  */
-G_DEFINE_TYPE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILTER_INPUT_STREAM)
+G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILTER_INPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
+                                              gvc::init_pollable_filter_input))
 
 namespace
 {

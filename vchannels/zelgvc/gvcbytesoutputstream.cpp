@@ -2,6 +2,7 @@
 #include "gvcbytesoutputstream.h"
 #include "gvcchecks.h"
 #include "gvcoutputstreamutils.h"
+#include "gvcpollable.h"
 #include "gvcwire.h"
 
 /**
@@ -18,7 +19,9 @@
  *
  * Since: 0.1
  */
-G_DEFINE_TYPE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FILTER_OUTPUT_STREAM)
+G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FILTER_OUTPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_OUTPUT_STREAM,
+                                              gvc::init_pollable_filter_output))
 
 namespace
 {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdatainputstream.h"
 #include "gvcchecks.h"
+#include "gvcpollable.h"
 
 /**
  * GvcDataInputStream:
@@ -16,7 +17,9 @@
  *
  * Since: 0.1
  */
-G_DEFINE_TYPE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER_INPUT_STREAM)
+G_DEFINE_TYPE_WITH_CODE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER_INPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
+                                              gvc::init_pollable_filter_input))
 
 static constexpr gsize initial_buffer_length = 1024;
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcoutputstreamutils.h"
 #include "gvcchecks.h"
+#include "gvcoutputstage.h"
 
 // The mirror image of the loop in gvcinputstreamutils.cpp.
 
@@ -17,6 +18,41 @@ static void
 free_async_write_all(gpointer data)
 {
   g_slice_free(AsyncWriteAll, data);
+}
+
+static gboolean drain_callback(GObject *pollable, gpointer user_data);
+
+// The stream has accepted everything, but stages below may hold some of it still. Returns the
+// task's result once they hold nothing, and waits for the peer where it is slow. The stream is
+// marked as busy meanwhile.
+static void
+return_when_drained(GTask *task)
+{
+  auto *stream = static_cast<GOutputStream *>(g_task_get_source_object(task));
+  GPollableOutputStream *wait_for = nullptr;
+  GError *error = nullptr;
+
+  auto drained = gvc::drain_stages(stream, &wait_for, &error);
+  if (drained == gvc::Drained::blocked && g_output_stream_set_pending(stream, &error)) {
+    g_autoptr(GSource) source =
+        g_pollable_output_stream_create_source(wait_for, g_task_get_cancellable(task));
+    g_task_attach_source(task, source, G_SOURCE_FUNC(drain_callback));
+  } else if (drained == gvc::Drained::done) {
+    g_task_return_boolean(task, TRUE);
+  } else {
+    g_task_return_error(task, error);
+  }
+}
+
+static gboolean
+drain_callback(GObject *, gpointer user_data)
+{
+  auto *task = static_cast<GTask *>(user_data);
+
+  g_output_stream_clear_pending(static_cast<GOutputStream *>(g_task_get_source_object(task)));
+  if (!g_task_return_error_if_cancelled(task))
+    return_when_drained(task);
+  return G_SOURCE_REMOVE;
 }
 
 static void
@@ -46,7 +82,10 @@ write_all_callback(GObject *source, GAsyncResult *result, gpointer user_data)
   }
 
   if (data->to_write == 0) {
-    g_task_return_boolean(task, TRUE);
+    if (result)
+      return_when_drained(task);
+    else
+      g_task_return_boolean(task, TRUE);
     return;
   }
 
@@ -70,6 +109,9 @@ write_all_callback(GObject *source, GAsyncResult *result, gpointer user_data)
  * Writes @count bytes, straight from @buffer; each write offers all that is left. @callback is
  * never called before this function returns; it runs in the thread-default main context of the
  * caller. No other write may be in progress on @stream.
+ *
+ * Over the output stages of a #GvcConnection the operation ends when the socket has taken the last
+ * converted byte.
  *
  * Since: 0.1
  */
