@@ -27,7 +27,9 @@ class EchoChannel {
 
   public void close () {
     try {
+      // The channel closes its streams and leaves the socket to the socket connection.
       connection.close ();
+      connection.get_connection ().close ();
     } catch (Error error) {
       // The peer may have gone first.
     }

@@ -28,7 +28,9 @@ export class EchoChannel {
 
     close() {
         try {
+            // The channel closes its streams and leaves the socket to the socket connection.
             this.connection.close(null);
+            this.connection.get_connection().close(null);
         } catch (error) {
             // The peer may have gone first.
         }

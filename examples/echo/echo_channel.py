@@ -24,7 +24,9 @@ class EchoChannel:
 
     def close(self):
         try:
+            # The channel closes its streams and leaves the socket to the socket connection.
             self.connection.close(None)
+            self.connection.get_connection().close(None)
         except GLib.Error:
             pass  # the peer may have gone first
 
