@@ -34,10 +34,4 @@ class EchoChannel {
       // The peer may have gone first.
     }
   }
-
-  // The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
-  // that it could not get another block.
-  public static bool is_end (Error error) {
-    return error is ZelGvc.Error.DISCONNECTED || error is IOError.PARTIAL_INPUT;
-  }
 }

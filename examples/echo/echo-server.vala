@@ -1,7 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Sends every message back. Usage: echo-server [--async]; prints the port it listens on.
+// The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
+// that it could not get another block.
+bool is_end (Error error) {
+  return error is ZelGvc.Error.DISCONNECTED || error is IOError.PARTIAL_INPUT;
+}
+
 void report (Error error) {
-  if (!EchoChannel.is_end (error))
+  if (!is_end (error))
     printerr ("echo-server: %s\n", error.message);
 }
 
