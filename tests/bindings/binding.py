@@ -15,7 +15,7 @@ import gi
 gi.require_version("ZelGvc", "1.0")
 from gi.repository import Gio, GLib, GObject, ZelGvc  # noqa: E402
 
-import tap  # noqa: E402
+import unittap  # noqa: E402
 
 KEY = GLib.Bytes.new(bytes(range(32)))
 WATCHDOG = 120  # seconds, against a hang only
@@ -668,4 +668,4 @@ class Life(TestCase):
 
 
 faulthandler.dump_traceback_later(4 * WATCHDOG, exit=True)
-tap.main()
+unittap.main()

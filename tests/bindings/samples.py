@@ -16,7 +16,7 @@ import sys
 import tempfile
 import unittest
 
-import tap
+import unittap
 
 CC, CFLAGS, LIBS, GJS, *PAGES = sys.argv[1:]
 WATCHDOG = 120  # seconds, against a hang only
@@ -90,4 +90,4 @@ for name in PAGES:
     for number, block in enumerate(blocks_of(pathlib.Path(name)), start=1):
         add_case(pathlib.Path(name), number, *block)
 
-tap.main()
+unittap.main()

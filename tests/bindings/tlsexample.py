@@ -10,7 +10,7 @@ import tempfile
 import threading
 import unittest
 
-import tap
+import unittap
 
 PROGRAM = sys.argv[1]
 WATCHDOG = 120  # seconds, against a hang only
@@ -110,4 +110,4 @@ class TlsExample(unittest.TestCase):
         self.assertEqual(self.server.returncode, 1)
 
 
-tap.main()
+unittap.main()
