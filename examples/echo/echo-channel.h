@@ -45,8 +45,8 @@ echo_writer_new(GvcConnection *channel)
   return gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel)));
 }
 
-/* The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports that
- * it could not get another block. */
+/* The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
+ * that it could not get another block. */
 static inline gboolean
 echo_is_end(const GError *error)
 {

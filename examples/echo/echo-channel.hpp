@@ -7,9 +7,21 @@
 #include <memory>
 
 struct Unref {
-  void operator()(gpointer object) const { g_object_unref(object); }
-  void operator()(GBytes *bytes) const { g_bytes_unref(bytes); }
-  void operator()(GError *error) const { g_error_free(error); }
+  void
+  operator()(gpointer object) const
+  {
+    g_object_unref(object);
+  }
+  void
+  operator()(GBytes *bytes) const
+  {
+    g_bytes_unref(bytes);
+  }
+  void
+  operator()(GError *error) const
+  {
+    g_error_free(error);
+  }
 };
 
 template <typename T> using Ref = std::unique_ptr<T, Unref>;
@@ -21,11 +33,25 @@ public:
   Failure() = default;
   Failure(const Failure &) = delete;
   Failure &operator=(const Failure &) = delete;
-  ~Failure() { g_clear_error(&error_); }
+  ~Failure()
+  {
+    g_clear_error(&error_);
+  }
 
-  GError **slot() { return &error_; }
-  explicit operator bool() const { return error_ != nullptr; }
-  const char *message() const { return error_->message; }
+  GError **
+  slot()
+  {
+    return &error_;
+  }
+  explicit operator bool() const
+  {
+    return error_ != nullptr;
+  }
+  const char *
+  message() const
+  {
+    return error_->message;
+  }
 
   // The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
   // that it could not get another block.
@@ -61,13 +87,28 @@ public:
     reader_.reset(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(io)));
     writer_.reset(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io)));
   }
-  ~Channel() { g_io_stream_close(G_IO_STREAM(connection_.get()), nullptr, nullptr); }
+  ~Channel()
+  {
+    g_io_stream_close(G_IO_STREAM(connection_.get()), nullptr, nullptr);
+  }
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
 
-  GvcBytesInputStream *reader() const { return reader_.get(); }
-  GvcBytesOutputStream *writer() const { return writer_.get(); }
-  GIOStream *io() const { return G_IO_STREAM(connection_.get()); }
+  GvcBytesInputStream *
+  reader() const
+  {
+    return reader_.get();
+  }
+  GvcBytesOutputStream *
+  writer() const
+  {
+    return writer_.get();
+  }
+  GIOStream *
+  io() const
+  {
+    return G_IO_STREAM(connection_.get());
+  }
 
 private:
   // Real peers agree on 32 random bytes by a way of their own.

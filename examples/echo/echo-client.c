@@ -23,7 +23,7 @@ big_message(void)
   guint8 *data = g_malloc(size);
 
   for (gsize i = 0; i < size; i++)
-    data[i] = (guint8) (i * i / 251);
+    data[i] = (guint8)(i * i / 251);
   return g_bytes_new_take(data, size);
 }
 
@@ -116,7 +116,7 @@ run_async(Client *client)
 int
 main(int argc, char **argv)
 {
-  guint16 port = argc > 1 ? (guint16) atoi(argv[1]) : 0;
+  guint16 port = argc > 1 ? (guint16)atoi(argv[1]) : 0;
   gboolean async = argc > 2 && strcmp(argv[2], "--async") == 0;
   g_autoptr(GSocketClient) connector = g_socket_client_new();
   g_autoptr(GSocketConnection) socket = NULL;

@@ -51,8 +51,16 @@ public:
     return next_ == messages_.size() || report();
   }
 
-  std::size_t count() const { return next_; }
-  GIOStream *io() const { return channel_.io(); }
+  std::size_t
+  count() const
+  {
+    return next_;
+  }
+  GIOStream *
+  io() const
+  {
+    return channel_.io();
+  }
 
 private:
   // The answer is awaited while the message is still on its way: one message in each direction may

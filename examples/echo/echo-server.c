@@ -75,9 +75,9 @@ on_message(GObject *source, GAsyncResult *result, gpointer user_data)
 static gboolean
 on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source, gpointer data)
 {
-  (void) service;
-  (void) source;
-  (void) data;
+  (void)service;
+  (void)source;
+  (void)data;
 
   Session *session = g_new0(Session, 1);
   session->channel = echo_channel_new(socket);

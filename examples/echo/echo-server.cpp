@@ -18,7 +18,8 @@ serve(GSocketConnection *socket)
   Failure failure;
 
   for (;;) {
-    Ref<GBytes> message(gvc_bytes_input_stream_read_bytes(channel.reader(), nullptr, failure.slot()));
+    Ref<GBytes> message(
+        gvc_bytes_input_stream_read_bytes(channel.reader(), nullptr, failure.slot()));
     if (!message || !gvc_bytes_output_stream_put_bytes(channel.writer(), message.get(), nullptr,
                                                        failure.slot())) {
       report(failure);
@@ -31,7 +32,11 @@ serve(GSocketConnection *socket)
 class Session
 {
 public:
-  static void start(GSocketConnection *socket) { (new Session(socket))->read(); }
+  static void
+  start(GSocketConnection *socket)
+  {
+    (new Session(socket))->read();
+  }
 
 private:
   explicit Session(GSocketConnection *socket) : channel_(socket) {}

@@ -12,8 +12,7 @@
 static GSocketConnection *
 accept_tls(GSocketConnection *socket, GTlsCertificate *certificate, GError **error)
 {
-  g_autoptr(GIOStream) tls =
-      g_tls_server_connection_new(G_IO_STREAM(socket), certificate, error);
+  g_autoptr(GIOStream) tls = g_tls_server_connection_new(G_IO_STREAM(socket), certificate, error);
 
   if (!tls || !g_tls_connection_handshake(G_TLS_CONNECTION(tls), NULL, error))
     return NULL;
@@ -25,8 +24,8 @@ static void
 on_client_event(GSocketClient *client, GSocketClientEvent event, GSocketConnectable *connectable,
                 GIOStream *stream, gpointer trusted)
 {
-  (void) client;
-  (void) connectable;
+  (void)client;
+  (void)connectable;
   if (event == G_SOCKET_CLIENT_TLS_HANDSHAKING)
     g_tls_connection_set_database(G_TLS_CONNECTION(stream), trusted);
 }
@@ -77,8 +76,7 @@ transmit(GvcConnection *channel, GBytes *message, GError **error)
 static gboolean
 serve(const char *certificate_file, GError **error)
 {
-  g_autoptr(GTlsCertificate) certificate =
-      g_tls_certificate_new_from_file(certificate_file, error);
+  g_autoptr(GTlsCertificate) certificate = g_tls_certificate_new_from_file(certificate_file, error);
   g_autoptr(GSocketListener) listener = g_socket_listener_new();
   guint16 port = g_socket_listener_add_any_inet_port(listener, NULL, error);
 
@@ -116,7 +114,7 @@ call(guint16 port, const char *trusted_file, GError **error)
   g_autoptr(GBytes) echo = receive(channel, error);
   if (!echo)
     return FALSE;
-  g_print("%.*s\n", (int) g_bytes_get_size(echo), (const char *) g_bytes_get_data(echo, NULL));
+  g_print("%.*s\n", (int)g_bytes_get_size(echo), (const char *)g_bytes_get_data(echo, NULL));
   return g_io_stream_close(G_IO_STREAM(channel), NULL, error);
 }
 
@@ -130,7 +128,7 @@ main(int argc, char **argv)
   if (argc == 3 && strcmp(argv[1], "serve") == 0)
     done = serve(argv[2], &error);
   else if (argc == 4 && strcmp(argv[1], "call") == 0)
-    done = call((guint16) atoi(argv[2]), argv[3], &error);
+    done = call((guint16)atoi(argv[2]), argv[3], &error);
   else
     g_printerr("usage: tls-echo serve SERVER.pem | tls-echo call PORT CA.pem\n");
 
