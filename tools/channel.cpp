@@ -135,8 +135,9 @@ Channel::Channel(GSocketConnection *connection, const Stages &stages, guint time
     : connection(connection), staged(!stages.list.empty()), channel(gvc_connection_new(connection)),
       timeout(timeout), peer_name(name_of_peer(connection))
 {
-  g_socket_set_timeout(socket(), timeout);
+  g_socket_set_timeout(socket(), hello_timeout());
   add_stages(channel, stages, &counts);
+  counts.set_limit(hello_limit);
   auto *io = G_IO_STREAM(channel);
   meter = meter_new(g_io_stream_get_input_stream(io));
   in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
@@ -160,6 +161,13 @@ Channel::socket()
   return g_socket_connection_get_socket(connection);
 }
 
+// A hello takes no work; whoever has not sent it by then will not.
+guint
+Channel::hello_timeout() const
+{
+  return timeout == 0 ? 10 : std::min(timeout, 10u);
+}
+
 void
 Channel::fail_read(GError *error)
 {
@@ -174,7 +182,7 @@ Channel::fail_read(GError *error)
     fail(Exit::protocol,
          "%s has not said hello within %u seconds: it may speak something else, or use another "
          "key or other stages",
-         peer, timeout);
+         peer, hello_timeout());
   }
   if (is_gone(error) && greeted)
     fail(Exit::peer, "%s went away in the middle: %s", peer, error->message);
@@ -334,6 +342,8 @@ Channel::check_hello(Bytes bytes, std::string *service)
          peer_name.c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
+  counts.set_limit(message_limit);
+  g_socket_set_timeout(socket(), timeout);
 
   Control control(options);
   if (control.has("refused"))
@@ -394,13 +404,17 @@ Channel::drain()
   }
 }
 
-// Sends the end of the stages, then the end of the connection.
+// Sends the end of the stages, then the end of the connection. All has been said by then, and the
+// peer may have closed first.
 void
 Channel::close()
 {
   GError *error = nullptr;
-  if (!g_io_stream_close(G_IO_STREAM(channel), interrupt_now(), &error))
-    fail_write(error);
+  if (!g_io_stream_close(G_IO_STREAM(channel), interrupt_now(), &error)) {
+    if (!is_gone(error))
+      fail_write(error);
+    g_clear_error(&error);
+  }
   g_socket_shutdown(socket(), FALSE, TRUE, nullptr);
 }
 

@@ -12,6 +12,9 @@
 #include <string>
 #include <utility>
 
+// No message of the protocols of this program is longer.
+inline constexpr guint32 message_limit = 64 * 1024 * 1024;
+
 struct BytesUnref {
   void
   operator()(GBytes *bytes) const
@@ -102,6 +105,7 @@ public:
   GSocket *socket();
 
 private:
+  guint hello_timeout() const;
   [[noreturn]] void fail_read(GError *error);
   [[noreturn]] void fail_end();
   [[noreturn]] void fail_write(GError *error);

@@ -283,8 +283,9 @@ BlockLayer::take_block(guint32 src_size, guint32 dest_size)
   Unit unit{name, index, offset(), present.size()};
   std::string plain(gsize{dest_size} + 1, 0);
   gsize consumed, produced = 0;
-  auto result = g_converter_convert(decompressor, present.data(), present.size(), plain.data(),
-                                    dest_size, G_CONVERTER_NO_FLAGS, &consumed, &produced, nullptr);
+  auto result =
+      g_converter_convert(decompressor, present.data(), present.size(), plain.data(), plain.size(),
+                          G_CONVERTER_NO_FLAGS, &consumed, &produced, nullptr);
   if (result == G_CONVERTER_CONVERTED && produced == dest_size) {
     reporter.block(unit, piece_at(unit.offset), produced);
     pass_on(plain.data(), produced);

@@ -16,7 +16,6 @@
 
 inline constexpr const char *ping_service = "ping";
 inline constexpr const char *perf_service = "perf";
-inline constexpr guint32 message_limit = 64 * 1024 * 1024;
 
 struct Measured {
   guint64 messages = 0;

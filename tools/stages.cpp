@@ -124,6 +124,13 @@ new_encoder(const Stage &stage, int key_length)
   return G_CONVERTER(encryptor);
 }
 
+void
+StageCounts::set_limit(guint64 limit)
+{
+  for (auto &tap : incoming)
+    tap.limit = limit;
+}
+
 // The stage that is added last is nearest to the caller, and so the first to work on what is sent.
 void
 add_stages(GvcConnection *connection, const Stages &stages, StageCounts *counts)
@@ -133,8 +140,9 @@ add_stages(GvcConnection *connection, const Stages &stages, StageCounts *counts)
   for (auto i = stages.list.size(); i-- > 0;) {
     g_autoptr(GConverter) decoder = new_decoder(stages.list[i], stages.key_length);
     g_autoptr(GConverter) encoder = new_encoder(stages.list[i], stages.key_length);
-    g_autoptr(GConverter) in = tap_new(decoder, &counts->incoming[i], true);
-    g_autoptr(GConverter) out = tap_new(encoder, &counts->outgoing[i], false);
+    auto kind = stages.list[i].kind == Stage::compress ? TapKind::blocks : TapKind::records;
+    g_autoptr(GConverter) in = tap_new(decoder, &counts->incoming[i], kind);
+    g_autoptr(GConverter) out = tap_new(encoder, &counts->outgoing[i], TapKind::outgoing);
     gvc_connection_add_converters(connection, in, out);
   }
 }

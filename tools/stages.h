@@ -25,9 +25,12 @@ struct Stages {
   std::string text() const;
 };
 
-// Where a stage counts its bytes, in the order of the list.
+// What the taps of the stages count, in the order of the list.
 struct StageCounts {
-  std::deque<TapCounts> outgoing, incoming;
+  std::deque<TapState> outgoing, incoming;
+
+  // No message of the peer is longer than this.
+  void set_limit(guint64 limit);
 };
 
 void add_stages(GvcConnection *connection, const Stages &stages, StageCounts *counts);

@@ -131,6 +131,7 @@ Talk::Session::Session(const TalkOptions &options, Input &input, GSocketConnecti
   if (options.format.kind == MessageFormat::strings)
     meter_set_strings(meter);
   meter_set_limit(meter, options.limit);
+  counts.set_limit(options.limit);
   frames_in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
   frames_out = gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io));
   strings_in = gvc_data_input_stream_new(G_INPUT_STREAM(meter));

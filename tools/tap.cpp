@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tap.h"
 
-#include <initializer_list>
+#include <cstring>
 
 struct ToolTap {
   GObject parent;
   GConverter *inner;
-  TapCounts *counts;
-  bool incoming;
+  TapState *state;
+  TapKind kind;
 };
 
 struct ToolTapClass {
@@ -38,6 +38,42 @@ tool_tap_init(ToolTap *)
 {
 }
 
+static constexpr gsize header_size = 8;
+
+static guint64
+load_le(const guint8 *from, gsize size)
+{
+  guint64 value = 0;
+  while (size-- > 0)
+    value = value << 8 | from[size];
+  return value;
+}
+
+// What a stage may add to what it is given, stacked on another stage that has added as much.
+static guint64
+with_overhead(guint64 size)
+{
+  return size > G_MAXINT32 ? G_MAXUINT64 : size + size / 4 + 1024;
+}
+
+// Whether the header at the start of a unit can be one. An encrypted stream starts with its IV.
+static bool
+is_plausible(const ToolTap &self, const void *header)
+{
+  auto *bytes = static_cast<const guint8 *>(header);
+  auto most = with_overhead(self.state->limit);
+
+  if (self.kind == TapKind::records) {
+    auto length = load_le(bytes, 8);
+    bool first = self.state->in == 0;
+    return length <= most && length % 16 == 0 && (!first || length == 0);
+  }
+  auto payload = load_le(bytes, 4);
+  auto content = load_le(bytes + 4, 4);
+  return payload <= most && content <= most && content <= payload * 255 &&
+         payload <= with_overhead(content);
+}
+
 static GConverterResult
 tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, void *outbuf,
                  gsize outbuf_size, GConverterFlags flags, gsize *bytes_read, gsize *bytes_written,
@@ -45,8 +81,9 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
 {
   auto *self = reinterpret_cast<ToolTap *>(converter);
   auto passed_on = static_cast<guint>(flags);
+  bool incoming = self->kind != TapKind::outgoing;
 
-  if (self->incoming && (flags & G_CONVERTER_INPUT_AT_END)) {
+  if (incoming && (flags & G_CONVERTER_INPUT_AT_END)) {
     if (inbuf_size == 0) {
       *bytes_read = *bytes_written = 0;
       return G_CONVERTER_FINISHED;
@@ -55,12 +92,19 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
     passed_on &= ~static_cast<guint>(G_CONVERTER_INPUT_AT_END);
   }
 
+  if (incoming && inbuf_size >= header_size && !is_plausible(*self, inbuf)) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
+                        self->kind == TapKind::records ? "no record of an encrypted stream"
+                                                       : "no block of a compressed stream");
+    return G_CONVERTER_ERROR;
+  }
+
   auto result = g_converter_convert(self->inner, inbuf, inbuf_size, outbuf, outbuf_size,
                                     static_cast<GConverterFlags>(passed_on), bytes_read,
                                     bytes_written, error);
   if (result != G_CONVERTER_ERROR) {
-    self->counts->in += *bytes_read;
-    self->counts->out += *bytes_written;
+    self->state->in += *bytes_read;
+    self->state->out += *bytes_written;
   }
   return result;
 }
@@ -79,11 +123,11 @@ tool_tap_converter_init(GConverterIface *iface)
 }
 
 GConverter *
-tap_new(GConverter *inner, TapCounts *counts, bool incoming)
+tap_new(GConverter *inner, TapState *state, TapKind kind)
 {
   auto *self = static_cast<ToolTap *>(g_object_new(tool_tap_get_type(), nullptr));
   self->inner = G_CONVERTER(g_object_ref(inner));
-  self->counts = counts;
-  self->incoming = incoming;
+  self->state = state;
+  self->kind = kind;
   return G_CONVERTER(self);
 }
