@@ -209,6 +209,8 @@ Channel::fail_write(GError *error)
     throw Failure{Exit::interrupted, "interrupted"};
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
     fail(Exit::peer, "%s has taken nothing for %u seconds", peer, timeout);
+  if (!greeted && is_gone(error))
+    fail_end();
   fail(Exit::peer, "%s went away in the middle: %s", peer, error->message);
 }
 

@@ -3,8 +3,9 @@
 
 CommandLine::CommandLine(const Command &command)
     : name(command.name), usage("zelgvc " + name + " [OPTION...] " + command.arguments),
-      context(g_option_context_new((name + " [OPTION...] " + command.arguments).c_str()))
+      context(g_option_context_new(command.arguments))
 {
+  g_set_prgname(("zelgvc " + name).c_str());
   g_option_context_set_summary(context, command.summary);
 }
 

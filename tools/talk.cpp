@@ -233,8 +233,9 @@ Talk::Session::read_failed(GError *owned)
   } else if (meter_at_end(meter) || is_gone(error) ||
              g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT)) {
     const char *what = strings ? "string, before its terminator" : "message";
-    end_with(Exit::peer, whole ? peer + " went away: " + error->message
-                               : peer + " went away in the middle of a " + what);
+    bool between = whole && !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+    end_with(Exit::peer, between ? peer + " went away: " + error->message
+                                 : peer + " went away in the middle of a " + what);
   } else {
     end_with(Exit::protocol, peer + " sends what cannot be understood (" + error->message +
                                  "): it may speak something else, or use another key or other "
