@@ -80,7 +80,11 @@ std::string
 human_size(guint64 bytes)
 {
   g_autofree char *text = g_format_size_full(bytes, G_FORMAT_SIZE_IEC_UNITS);
-  return printable(std::string(text));
+  std::string plain = text;
+  // GLib puts a blank between that does not break, and that no grep finds.
+  if (auto at = plain.find("\u00a0"); at != std::string::npos)
+    plain = plain.substr(0, at) + " " + plain.substr(at + 2);
+  return plain;
 }
 
 std::string

@@ -11,7 +11,6 @@ import socket
 import stat
 import struct
 import subprocess
-import threading
 
 from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
 
