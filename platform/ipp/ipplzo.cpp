@@ -79,6 +79,7 @@ startsLikeChunks(lzo1x::Input payload)
 // length less 18) says the same and starts with 0. It is one byte longer: up to worstCase() + 1
 // bytes in all, and still within size + size / 10 as there are 68 bytes of source or more.
 static constexpr Ipp8u ambiguousRun = chunkMagic - 17;
+static_assert(lzo1x::worstCase(ambiguousRun) + 1 <= ambiguousRun + ambiguousRun / 10);
 
 static bool
 avoidChunkMagic(Ipp8u *stream, std::size_t *size, std::size_t room)

@@ -22,7 +22,11 @@ enum {
  * g_io_stream_get_output_stream() pass through them.
  *
  * Closing the channel closes its input stream and then its output stream. With
- * g_io_stream_close_async() this happens within the call, on the calling thread.
+ * g_io_stream_close_async() this happens within the call, on the calling thread. Closing an output
+ * stream that has stages, also by dropping the last reference to it or to a message stream over it,
+ * sends what a cancelled write has left there and the end of each stage, and waits for a peer that
+ * does not read. A host that has given up on the peer closes the socket first, with
+ * g_socket_close().
  *
  * A channel is used from one thread at a time. On GLib before 2.80 it sets `TCP_NODELAY` on a TCP
  * socket that it wraps, as GLib itself does since: without it each message waits for the

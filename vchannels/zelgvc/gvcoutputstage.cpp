@@ -123,11 +123,13 @@ base_stream(GvcOutputStage *self)
 static constexpr gsize most_at_once = 1024 * 1024;
 
 // How much room `size` bytes of input most likely need: enough for each of the library's own
-// converters, and for others a first offer.
+// converters, and for others a first offer, with what is needed to end a flush in one call (zlib
+// begins it anew when it runs out of room).
 static gsize
 likely_room(gsize size)
 {
-  return size + size / 10 + 64;
+  constexpr gsize least = 4096;
+  return MAX(size + size / 10 + 64, least);
 }
 
 // One call of the converter on `in`, repeated with more room for as long as it asks for that.
@@ -257,19 +259,20 @@ gvc_output_stage_write(GOutputStream *stream, const void *buffer, gsize count,
 {
   auto *self = reinterpret_cast<GvcOutputStage *>(stream);
   auto *in = static_cast<const guint8 *>(buffer);
-  gsize accepted = 0;
+  gsize accepted = 0, part, taken;
 
   if (!push_blocking(self, cancellable, error))
     return -1;
-  while (accepted < count && !self->finished) {
-    gssize taken = accept(self, in + accepted, MIN(count - accepted, most_at_once),
-                          accepted == 0 ? error : nullptr);
-    if (taken < 0)
+  do {
+    part = MIN(count - accepted, most_at_once);
+    gssize result = accept(self, in + accepted, part, accepted == 0 ? error : nullptr);
+    if (result < 0)
       return accepted > 0 ? static_cast<gssize>(accepted) : -1;
-    accepted += static_cast<gsize>(taken);
+    taken = static_cast<gsize>(result);
+    accepted += taken;
     if (!push_blocking(self, cancellable, error))
       return -1;
-  }
+  } while (taken == part && accepted < count);
   return static_cast<gssize>(accepted);
 }
 
