@@ -104,7 +104,7 @@ def transfer(demo, sample, stages):
     os.close(master)
     report = demo.end(send)
     demo.end(receive)
-    print(bar.replace(os.path.dirname(sample) + "/", ""))
+    print(bar)
     print(report.replace(os.path.dirname(sample) + "/", ""), end="")
     arrived = os.path.join(demo.directory, "incoming", os.path.basename(sample))
     if not bar or not filecmp.cmp(sample, arrived, shallow=False):

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
 
 static constexpr gint64 interval = G_USEC_PER_SEC / 10;
 static bool shown;
@@ -81,6 +82,25 @@ shortened(const std::string &name, glong width)
   return std::string("...") + end;
 }
 
+// Name, bar and figures in one line of the terminal: the last figures are the first to go, then the
+// bar and the name get what is left.
+static std::string
+fit(const std::string &name, double part, const std::vector<std::string> &figures)
+{
+  auto width = terminal_width() - 1;
+  auto name_width = std::min(g_utf8_strlen(name.c_str(), -1), glong{8});
+  std::string text;
+  for (auto &figure : figures) {
+    if (static_cast<glong>(text.size() + figure.size()) + name_width > width)
+      break;
+    text += figure;
+  }
+  auto room = width - static_cast<glong>(text.size());
+  auto shown = shortened(name, std::clamp(room - 23, name_width, glong{24}));
+  auto bar_width = std::min(room - g_utf8_strlen(shown.c_str(), -1) - 3, glong{20});
+  return shown + (bar_width >= 4 ? " " + bar(part, static_cast<int>(bar_width)) : "") + text;
+}
+
 void
 Progress::update(guint64 done, guint64 wire, bool force)
 {
@@ -94,9 +114,12 @@ Progress::update(guint64 done, guint64 wire, bool force)
   auto left = rate > 0 ? human_time(static_cast<double>(size - done) / rate) : "-:--";
   auto ratio = moved > 0 ? static_cast<double>(wire) / moved : 1;
 
-  char numbers[128];
-  g_snprintf(numbers, sizeof numbers, " %3d%% %s %s, %s left, wire %.2f",
-             static_cast<int>(part * 100), human_size(done).c_str(), human_rate(rate).c_str(),
-             left.c_str(), ratio);
-  progress_draw(shortened(name, 24) + " " + bar(part, 20) + numbers, force);
+  char percent[16];
+  g_snprintf(percent, sizeof percent, " %3d%%", static_cast<int>(part * 100));
+  char wire_text[32];
+  g_snprintf(wire_text, sizeof wire_text, ", wire %.2f", ratio);
+  progress_draw(fit(name, part,
+                    {percent, " " + human_size(done) + " " + human_rate(rate),
+                     ", " + left + " left", wire_text}),
+                force);
 }

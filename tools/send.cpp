@@ -16,7 +16,8 @@ namespace
 {
 struct File {
   int fd = -1;
-  std::string path; // as it may be printed
+  std::string path; // as it may be printed, and so the last part of it
+  std::string name;
   struct stat status = {};
 
   ~File()
@@ -41,7 +42,9 @@ struct FileFailure {
 static void
 open_file(File &file, const std::string &path)
 {
+  g_autofree char *name = g_path_get_basename(path.c_str());
   file.path = printable(path);
+  file.name = printable(std::string(name));
   // Opening a pipe that nobody writes to must not hang.
   file.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (file.fd < 0 || fstat(file.fd, &file.status) != 0)
@@ -120,7 +123,7 @@ static void
 send_data(Channel &channel, const File &file, guint64 offset, Sha256 &sha)
 {
   std::vector<char> buffer(chunk_size);
-  Progress progress(file.path, file.size(), offset);
+  Progress progress(file.name, file.size(), offset);
   auto wire = channel.wire_sent();
 
   progress.update(offset, 0, true);
