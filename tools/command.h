@@ -25,6 +25,22 @@ Exit run_ping(const Command &command, int argc, char **argv);
 Exit run_perf(const Command &command, int argc, char **argv);
 Exit run_decode(const Command &command, int argc, char **argv);
 
+// A string that an option sets.
+struct OptionText {
+  char *value = nullptr;
+
+  OptionText() = default;
+  OptionText(const OptionText &) = delete;
+  ~OptionText()
+  {
+    g_free(value);
+  }
+  operator const char *() const
+  {
+    return value;
+  }
+};
+
 class CommandLine
 {
 public:

@@ -21,7 +21,7 @@ struct Options {
   Stages stages;
   gboolean json = FALSE, hex = FALSE, text = FALSE;
   gboolean encrypted = FALSE;
-  char *variant = nullptr;
+  OptionText variant;
   int limit = 256;
 };
 
@@ -149,10 +149,10 @@ Printer::contents(guint64 length, const std::string &shown)
 {
   std::string text;
   if (options.variant) {
-    if (length <= variant_limit && variant_text(options.variant, shown.data(), shown.size(), &text))
+    if (length <= variant_limit && variant_text(options.variant.value, shown.data(), shown.size(), &text))
       return text;
     damages++;
-    return std::string("no value of type ") + options.variant + ": " +
+    return std::string("no value of type ") + options.variant.value + ": " +
            hex_text(cut(shown).data(), cut(shown).size());
   }
   auto part = cut(shown);
@@ -167,13 +167,13 @@ Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
   std::string text;
   auto part = cut(shown);
   if (options.variant && length <= variant_limit &&
-      variant_text(options.variant, shown.data(), shown.size(), &text)) {
+      variant_text(options.variant.value, shown.data(), shown.size(), &text)) {
     json.add("variant", text);
     return;
   }
   if (options.variant) {
     damages++;
-    json.add("expected", std::string("a value of type ") + options.variant);
+    json.add("expected", std::string("a value of type ") + options.variant.value);
   }
   bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
   if (!options.variant && !options.hex && (options.text || valid))
@@ -342,7 +342,7 @@ run_decode(const Command &command, int argc, char **argv)
       {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
        nullptr},
       {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
-      {"variant", 0, 0, G_OPTION_ARG_STRING, &options.variant,
+      {"variant", 0, 0, G_OPTION_ARG_STRING, &options.variant.value,
        "Show messages as GVariants of this type", "TYPE"},
       {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
        "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
@@ -353,14 +353,14 @@ run_decode(const Command &command, int argc, char **argv)
   line.add(entries);
   line.add(&options.stages);
   auto arguments = line.parse(argc, argv, 0, 1);
-  if (options.hex + options.text + (options.variant != nullptr) > 1)
+  if (options.hex + options.text + (options.variant.value != nullptr) > 1)
     fail(Exit::usage, "--hex, --text and --variant exclude each other");
   if (options.encrypted && !options.stages.list.empty())
     fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
   if (options.limit < 0)
     fail(Exit::usage, "--limit is not negative");
   if (options.variant)
-    check_variant_type(options.variant);
+    check_variant_type(options.variant.value);
 
   bool standard_input = arguments.empty() || arguments[0] == "-";
   auto shown = standard_input ? "standard input" : printable(arguments[0]);

@@ -28,7 +28,7 @@ run_listen(const Command &command, int argc, char **argv)
   TalkOptions options;
   const GOptionEntry entries[] = {
       {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one peer after another", nullptr},
-      {"exec", 0, 0, G_OPTION_ARG_STRING, &options.exec,
+      {"exec", 0, 0, G_OPTION_ARG_STRING, &options.exec.value,
        "Answer each message with the output of this shell command", "COMMAND"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

@@ -12,9 +12,7 @@ namespace
 {
 struct Options {
   double seconds = 1;
-  char *sizes = nullptr;
-  char *direction = nullptr;
-  char *data = nullptr;
+  OptionText sizes, direction, data;
   gboolean json = FALSE;
   int timeout = 30;
 };
@@ -126,13 +124,13 @@ run_perf(const Command &command, int argc, char **argv)
 {
   Options options;
   const GOptionEntry entries[] = {
-      {"sizes", 's', 0, G_OPTION_ARG_STRING, &options.sizes,
+      {"sizes", 's', 0, G_OPTION_ARG_STRING, &options.sizes.value,
        "Bytes in a message (default 64,1024,16384,262144)", "N,N..."},
-      {"direction", 'd', 0, G_OPTION_ARG_STRING, &options.direction,
+      {"direction", 'd', 0, G_OPTION_ARG_STRING, &options.direction.value,
        "send, receive, or both, one after the other (default)", "DIRECTION"},
       {"seconds", 't', 0, G_OPTION_ARG_DOUBLE, &options.seconds,
        "How long each measurement takes (default 1)", "SECONDS"},
-      {"data", 0, 0, G_OPTION_ARG_STRING, &options.data,
+      {"data", 0, 0, G_OPTION_ARG_STRING, &options.data.value,
        "What the messages hold: text (default), random or zero", "KIND"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per measurement",
        nullptr},
@@ -146,7 +144,7 @@ run_perf(const Command &command, int argc, char **argv)
   auto arguments = line.parse(argc, argv, 1, 1);
   auto sizes = parse_sizes(options.sizes);
   auto directions = parse_direction(options.direction);
-  std::string kind = options.data ? options.data : "text";
+  std::string kind = options.data.value ? options.data.value : "text";
   std::vector<char> nothing;
   if (!make_data(kind, nothing))
     fail(Exit::usage, "--data is text, random or zero");

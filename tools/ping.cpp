@@ -26,7 +26,8 @@ struct Options {
 static double
 round_trip(Channel &channel, std::vector<char> &message, guint64 number)
 {
-  std::memcpy(message.data(), &number, std::min(message.size(), sizeof number));
+  if (!message.empty())
+    std::memcpy(message.data(), &number, std::min(message.size(), sizeof number));
   auto begun = g_get_monotonic_time();
   channel.put(message.data(), message.size());
   auto answer = channel.need(message_limit);

@@ -72,6 +72,12 @@ parse_key_length(const char *, const char *value, gpointer data, GError **error)
   return TRUE;
 }
 
+Stages::~Stages()
+{
+  for (auto &stage : list)
+    g_clear_pointer(&stage.key, g_bytes_unref);
+}
+
 GOptionGroup *
 Stages::option_group()
 {

@@ -19,6 +19,10 @@ struct Stages {
   std::vector<Stage> list; // the first one is the first to work on what is sent
   int key_length = 256;
 
+  Stages() = default;
+  Stages(const Stages &) = delete;
+  ~Stages();
+
   // The options that fill this in; it has to live until they are parsed.
   GOptionGroup *option_group();
 

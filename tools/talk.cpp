@@ -325,7 +325,7 @@ Talk::Session::execute(const std::string &message)
       G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE));
   g_subprocess_launcher_set_child_setup(launcher, unblock_signals, nullptr, nullptr);
   g_autoptr(GSubprocess) process =
-      g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec, nullptr);
+      g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
   if (!process) {
     end_with(Exit::local, std::string("cannot run the command: ") + error->message);
     return;
@@ -532,10 +532,12 @@ Talk::Session::run()
   g_source_destroy(source);
 }
 
-Talk::Talk(const TalkOptions &options) : options(options), input(new Input) {}
-
-// The input stays: a read of a terminal may still be under way.
-Talk::~Talk() = default;
+// A read of standard input may be under way when the program ends, so what it reads into stays.
+Talk::Talk(const TalkOptions &options) : options(options)
+{
+  static auto *standard_input = new Input;
+  input = standard_input;
+}
 
 Exit
 Talk::with(GSocketConnection *connection)
@@ -560,9 +562,9 @@ TalkOptions::add_to(CommandLine &line)
       {"frames", 0, 0, G_OPTION_ARG_NONE, &frames, "A line is a message as it is (default)",
        nullptr},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &hex, "A line is a message in hexadecimal digits", nullptr},
-      {"variant", 0, 0, G_OPTION_ARG_STRING, &variant,
+      {"variant", 0, 0, G_OPTION_ARG_STRING, &variant.value,
        "A line is a GVariant of this type in its text form", "TYPE"},
-      {"strings", 0, 0, G_OPTION_ARG_STRING, &strings,
+      {"strings", 0, 0, G_OPTION_ARG_STRING, &strings.value,
        "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
       {"limit", 0, 0, G_OPTION_ARG_INT, &limit_option,
        "Refuse messages of more bytes than this (default 64 MiB)", "BYTES"},

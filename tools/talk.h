@@ -13,7 +13,7 @@ struct TalkOptions {
   gboolean json = FALSE;
   gboolean keep = FALSE;
   bool tell_end = false; // half-close at the end of the input even where it held no line
-  char *exec = nullptr;
+  OptionText exec;
   guint limit = 64 * 1024 * 1024;
 
   // The options that listen and connect share.
@@ -22,7 +22,7 @@ struct TalkOptions {
 
 private:
   gboolean frames = FALSE, hex = FALSE;
-  char *variant = nullptr, *strings = nullptr;
+  OptionText variant, strings;
   int limit_option = 64 * 1024 * 1024;
 };
 
@@ -30,7 +30,6 @@ class Talk
 {
 public:
   explicit Talk(const TalkOptions &options);
-  ~Talk();
   Talk(const Talk &) = delete;
 
   // Talks to one peer until both sides are done; takes over the reference to the connection.

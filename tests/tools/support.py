@@ -14,6 +14,9 @@ import traceback
 
 WATCHDOG = 120
 
+# With a sanitizer built in, memory tells nothing of the program.
+SANITIZED = os.environ.get("TEST_SANITIZE", "none") != "none"
+
 cases = []
 processes = []
 
@@ -154,6 +157,10 @@ class Process:
         found = re.search(r"VmHWM:\s*(\d+) kB", status)
         if found and "Name:\tzelgvc" in status:
             self.peak = max(self.peak, int(found[1]))
+
+    def used_at_most(self, kibibytes):
+        assert self.peak > 0
+        assert SANITIZED or self.peak < kibibytes, f"{self.arguments}: {self.peak} KiB"
 
     def end(self):
         if self.usage is None and self.popen.poll() is None:

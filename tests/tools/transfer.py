@@ -15,7 +15,7 @@ import struct
 import subprocess
 import time
 
-from support import PAIRS, STAGES, Process, Skip, case, each, key, listening_address, main, run
+from support import PAIRS, SANITIZED, STAGES, Process, Skip, case, each, key, listening_address, main, run
 
 MEMORY = 64 * 1024  # KiB
 
@@ -60,7 +60,8 @@ def three_gib_in_constant_memory(stages):
     if shutil.disk_usage(".").free < 2**30:
         raise Skip("too little space")
     key()
-    size = 3 * 2**30
+    # The sanitizers are slow, and of the size itself they see enough beyond 2 GiB.
+    size = 3 * 2**30 if not SANITIZED else 2**31 + 2**20
     with open("sparse", "wb") as file:
         file.truncate(size)
         for at in (0, 2**31 - 5, 2**31 + 7, size - 10):
@@ -69,7 +70,8 @@ def three_gib_in_constant_memory(stages):
     receive = receiver("tcp", *stages)
     send = Process("send", receive.address(), *stages, "sparse").wait(beside=receive)
     receive.wait()
-    assert 0 < send.peak < MEMORY and 0 < receive.peak < MEMORY, (send.peak, receive.peak)
+    send.used_at_most(MEMORY)
+    receive.used_at_most(MEMORY)
     assert os.stat("in/sparse").st_size == size
     # It is still sparse.
     assert os.stat("in/sparse").st_blocks * 512 < 2**26
