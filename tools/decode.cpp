@@ -149,7 +149,8 @@ Printer::contents(guint64 length, const std::string &shown)
 {
   std::string text;
   if (options.variant) {
-    if (length <= variant_limit && variant_text(options.variant.value, shown.data(), shown.size(), &text))
+    if (length <= variant_limit &&
+        variant_text(options.variant.value, shown.data(), shown.size(), &text))
       return text;
     damages++;
     return std::string("no value of type ") + options.variant.value + ": " +
