@@ -171,7 +171,7 @@ Channel::hello_timeout() const
 void
 Channel::fail_read(GError *error)
 {
-  g_autoptr(GError) owned = error;
+  [[maybe_unused]] g_autoptr(GError) owned = error;
   auto *peer = peer_name.c_str();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
@@ -202,7 +202,7 @@ Channel::fail_read(GError *error)
 void
 Channel::fail_write(GError *error)
 {
-  g_autoptr(GError) owned = error;
+  [[maybe_unused]] g_autoptr(GError) owned = error;
   auto *peer = peer_name.c_str();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
