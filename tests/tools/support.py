@@ -119,6 +119,8 @@ class Process:
             return found
 
         self.until(look, "address")
+        # One look while it certainly runs; a process can end between two others.
+        self.look_at_memory()
         return found[1]
 
     def wait(self, *codes, beside=None):
