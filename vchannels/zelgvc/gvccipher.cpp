@@ -11,6 +11,30 @@ free_context(IppsRijndael128Spec *ctx)
   g_free(ctx);
 }
 
+gboolean
+gvc::Cipher::set_property(guint prop_id, const GValue *value)
+{
+  if (prop_id != PROP_KEY)
+    return FALSE;
+  key = static_cast<GBytes *>(g_value_dup_boxed(value));
+  return TRUE;
+}
+
+gboolean
+gvc::Cipher::get_property(guint prop_id, GValue *value) const
+{
+  switch (prop_id) {
+  case PROP_KEY:
+    g_value_set_boxed(value, key);
+    return TRUE;
+  case PROP_KEY_LENGTH:
+    g_value_set_uint(value, key_length);
+    return TRUE;
+  default:
+    return FALSE;
+  }
+}
+
 void
 gvc::Cipher::rebuild()
 {

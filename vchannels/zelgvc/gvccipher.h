@@ -21,6 +21,10 @@ struct Cipher {
   guint key_length; // in bits; 0 until the property is applied
   IppsRijndael128Spec *ipp_ctx;
 
+  // FALSE for an id that is not handled here; a new key length has to be checked first, so setting
+  // it is not.
+  gboolean set_property(guint prop_id, const GValue *value);
+  gboolean get_property(guint prop_id, GValue *value) const;
   // Replaces the context by one for the present key and length. Where there is no key of 32 bytes
   // the context stays uninitialised, and every cipher call on it fails.
   void rebuild();

@@ -38,35 +38,17 @@ gvc_decryptor_set_property(GObject *object, guint prop_id, const GValue *value, 
 {
   auto *self = GVC_DECRYPTOR(object);
 
-  switch (prop_id) {
-  case gvc::PROP_KEY:
-    self->cipher.key = static_cast<GBytes *>(g_value_dup_boxed(value));
-    break;
-  case gvc::PROP_KEY_LENGTH:
+  if (prop_id == gvc::PROP_KEY_LENGTH)
     gvc_decryptor_set_key_length(self, g_value_get_uint(value));
-    break;
-  default:
+  else if (!self->cipher.set_property(prop_id, value))
     gvc::warn_invalid_property(GVC_LOCATION("gvcdecryptor"), object, prop_id, pspec);
-    break;
-  }
 }
 
 static void
 gvc_decryptor_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
 {
-  auto *self = GVC_DECRYPTOR(object);
-
-  switch (prop_id) {
-  case gvc::PROP_KEY:
-    g_value_set_boxed(value, self->cipher.key);
-    break;
-  case gvc::PROP_KEY_LENGTH:
-    g_value_set_uint(value, self->cipher.key_length);
-    break;
-  default:
+  if (!GVC_DECRYPTOR(object)->cipher.get_property(prop_id, value))
     gvc::warn_invalid_property(GVC_LOCATION("gvcdecryptor"), object, prop_id, pspec);
-    break;
-  }
 }
 
 static void

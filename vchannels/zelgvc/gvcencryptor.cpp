@@ -52,35 +52,17 @@ gvc_encryptor_set_property(GObject *object, guint prop_id, const GValue *value, 
 {
   auto *self = GVC_ENCRYPTOR(object);
 
-  switch (prop_id) {
-  case gvc::PROP_KEY:
-    self->cipher.key = static_cast<GBytes *>(g_value_dup_boxed(value));
-    break;
-  case gvc::PROP_KEY_LENGTH:
+  if (prop_id == gvc::PROP_KEY_LENGTH)
     gvc_encryptor_set_key_length(self, g_value_get_uint(value));
-    break;
-  default:
+  else if (!self->cipher.set_property(prop_id, value))
     gvc::warn_invalid_property(GVC_LOCATION("gvcencryptor"), object, prop_id, pspec);
-    break;
-  }
 }
 
 static void
 gvc_encryptor_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
 {
-  auto *self = GVC_ENCRYPTOR(object);
-
-  switch (prop_id) {
-  case gvc::PROP_KEY:
-    g_value_set_boxed(value, self->cipher.key);
-    break;
-  case gvc::PROP_KEY_LENGTH:
-    g_value_set_uint(value, self->cipher.key_length);
-    break;
-  default:
+  if (!GVC_ENCRYPTOR(object)->cipher.get_property(prop_id, value))
     gvc::warn_invalid_property(GVC_LOCATION("gvcencryptor"), object, prop_id, pspec);
-    break;
-  }
 }
 
 static void
