@@ -649,6 +649,21 @@ blocking_writers_refuse_other_streams()
 }
 
 static void
+blocking_writers_refuse_to_write_no_message()
+{
+  LogCapture log;
+  const Fixture fixture;
+  Error error;
+  g_assert_false(gvc_bytes_output_stream_put_bytes(fixture.stream.get(), nullptr, nullptr, &error));
+  g_assert_cmpuint(log.take().size(), ==, 1);
+  g_assert_false(
+      gvc_bytes_output_stream_put_variant(fixture.stream.get(), nullptr, nullptr, &error));
+  g_assert_cmpuint(log.take().size(), ==, 1);
+  error.assert_none();
+  g_assert_true(fixture.script->calls().empty());
+}
+
+static void
 finishers_refuse_what_is_not_their_result()
 {
   const Fixture fixture;
@@ -953,6 +968,8 @@ main(int argc, char **argv)
        blocking_write_is_cancelled_from_another_thread);
   TEST("cancelled/between-the-last-write-and-finish", cancelled_between_the_last_write_and_finish);
   TEST("checks/blocking-writers-refuse-other-streams", blocking_writers_refuse_other_streams);
+  TEST("checks/blocking-writers-refuse-to-write-no-message",
+       blocking_writers_refuse_to_write_no_message);
   TEST("checks/finishers-refuse-what-is-not-their-result",
        finishers_refuse_what_is_not_their_result);
   TEST("checks/async-starters-do-not-check-the-stream", async_starters_do_not_check_the_stream);

@@ -179,7 +179,7 @@ any_byte_can_be_the_terminator()
       const auto end = static_cast<gchar>(byte);
       auto others = all;
       std::erase(others, end);
-      const Fixture fixture(others + end + "rest");
+      const Fixture fixture(others + end + "rest", StreamKind::pollable);
       assert_string(way, fixture.stream.get(), end, others + end);
       g_assert_cmpuint(fixture.script->moved(), ==, 256);
     }

@@ -474,8 +474,54 @@ testWorstCaseHolds()
         }
         checkRoundTrip(content);
       }
+  // The same with distances that stay within what the encoder has seen closely. With runs of 19 the
+  // output is larger than as a single run, which shows that the last part of the bound is needed.
+  Random fixed(1);
+  for (const std::size_t run : {18UL, 19UL, 20UL, 274UL}) {
+    Bytes content;
+    while (content.size() < 60000) {
+      if (content.size() < 2500)
+        content.resize(content.size() + 4);
+      else
+        for (std::size_t k = 0; k < 4; k++)
+          content.push_back(content[content.size() - 2500]);
+      const Bytes between = noise(fixed, run);
+      content.insert(content.end(), between.begin(), between.end());
+    }
+    checkRoundTrip(content);
+    if (run == 19)
+      g_assert_cmpuint(encode(content).size(), >, content.size() + (content.size() - 19) / 255 + 5);
+  }
   for (std::size_t size = 40; size < 100000; size++)
     g_assert_cmpuint(lzo1x::worstCase(size), <=, size + size / 10);
+}
+
+// The same bytes twice, so many bytes apart; between them nothing that the encoder would have to
+// remember.
+std::size_t
+encodedSizeOfTwice(const Bytes &twice, std::size_t distance)
+{
+  Bytes content(64);
+  content.insert(content.end(), twice.begin(), twice.end());
+  content.resize(64 + distance);
+  content.insert(content.end(), twice.begin(), twice.end());
+  content.resize(content.size() + 64);
+  checkRoundTrip(content);
+  return encode(content).size();
+}
+
+void
+testReachOfMatches()
+{
+  Random random = seeded();
+  Bytes twice = noise(random, 30);
+  for (auto &byte : twice)
+    byte = static_cast<std::uint8_t>(byte | 1);
+  for (const std::size_t distance :
+       {2047, 2048, 2049, 16383, 16384, 16385, 32767, 32768, 49149, 49150, 49151})
+    g_assert_cmpuint(encodedSizeOfTwice(twice, distance) + 20, <, encodedSizeOfTwice(twice, 49152));
+  for (const std::size_t distance : {49153, 65535, 65536, 65537, 131072})
+    g_assert_cmpuint(encodedSizeOfTwice(twice, distance) + 20, >, encodedSizeOfTwice(twice, 49152));
 }
 
 void
@@ -899,6 +945,7 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/writes-only-within-its-room", testRoomIsRespected);
   g_test_add_func("/lzo1x/every-room-succeeds-or-fails-cleanly", testEveryRoom);
   g_test_add_func("/lzo1x/worst-case-holds", testWorstCaseHolds);
+  g_test_add_func("/lzo1x/matches-reach-as-far-as-the-format", testReachOfMatches);
   g_test_add_func("/lzo1x/state-grows-with-input", testStateGrowsWithInput);
   g_test_add_func("/lzo1x/every-instruction-in-every-context", testEveryInstruction);
   g_test_add_func("/lzo1x/forms-by-hand", testFormsByHand);

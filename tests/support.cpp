@@ -118,6 +118,12 @@ hex(std::string_view data)
 }
 
 void
+assert_text(const std::string &actual, const std::string &expected)
+{
+  g_assert_cmpstr(actual.c_str(), ==, expected.c_str());
+}
+
+void
 assert_bytes(std::string_view actual, std::string_view expected)
 {
   if (actual == expected)

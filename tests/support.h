@@ -127,6 +127,8 @@ std::string frame(std::string_view payload);
 /* "0a0b0c"; blanks between digits are skipped. */
 std::string unhex(std::string_view digits);
 std::string hex(std::string_view data);
+/* As g_assert_cmpstr(), which keeps no temporary alive long enough. */
+void assert_text(const std::string &actual, const std::string &expected);
 /* Fails with both sides in hexadecimal (shortened) unless equal. */
 void assert_bytes(std::string_view actual, std::string_view expected);
 

@@ -37,11 +37,11 @@ assert_address(GSocketConnection *connection, const std::string &expected)
   LogCapture log;
   const guint references = refcount(connection);
   const auto channel = own(gvc_connection_new(connection));
-  g_assert_cmpstr(address_string(connection).c_str(), ==, expected.c_str());
-  g_assert_cmpstr(address_string(channel.get()).c_str(), ==, expected.c_str());
+  assert_text(address_string(connection), expected);
+  assert_text(address_string(channel.get()), expected);
   gvc_connection_add_converters(channel.get(), identity().get(), identity().get());
-  g_assert_cmpstr(address_string(channel.get()).c_str(), ==, expected.c_str());
-  g_assert_cmpstr(address_string(connection).c_str(), ==, expected.c_str());
+  assert_text(address_string(channel.get()), expected);
+  assert_text(address_string(connection), expected);
   assert_refcount(channel.get(), 1);
   assert_refcount(connection, references + 1);
   log.expect_none();
@@ -61,8 +61,7 @@ peer_is_the_far_end_not_the_near_one()
   const auto pair = new_socket_pair(Family::tcp4);
   const auto local = own(g_socket_connection_get_local_address(pair.b.get(), nullptr));
   const guint16 port = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(local.get()));
-  g_assert_cmpstr(address_string(pair.a.get()).c_str(), ==,
-                  ("127.0.0.1:" + std::to_string(port)).c_str());
+  assert_text(address_string(pair.a.get()), "127.0.0.1:" + std::to_string(port));
 }
 
 static void
@@ -92,7 +91,7 @@ other_stream_is_unknown()
   const auto out = new_scripted_output(script);
   const auto stream = own(g_simple_io_stream_new(in.get(), out.get()));
   LogCapture log;
-  g_assert_cmpstr(address_string(stream.get()).c_str(), ==, "UNKNOWN");
+  assert_text(address_string(stream.get()), "UNKNOWN");
   assert_refcount(stream.get(), 1);
 }
 
@@ -134,7 +133,7 @@ channel_without_connection_is_unknown()
   LogCapture log;
   const auto channel = own(gvc_connection_new(nullptr));
   log.take();
-  g_assert_cmpstr(address_string(channel.get()).c_str(), ==, "UNKNOWN");
+  assert_text(address_string(channel.get()), "UNKNOWN");
 }
 
 static void

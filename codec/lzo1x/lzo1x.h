@@ -35,11 +35,13 @@ struct Result {
 [[nodiscard]] Result decode(Input in, Output out) noexcept;
 
 // The most bytes that encode() can produce for `size` input bytes, end marker included. Never more
-// than size + size / 10 from 40 bytes on.
+// than size + size / 10 from 40 bytes on. The parts: the input as one run of literals, the end
+// marker, and one byte for each time that a match may not pay for the run behind it.
 [[nodiscard]] constexpr std::size_t
 worstCase(std::size_t size) noexcept
 {
-  return size + (size > 238 ? (size - 19) / 255 + 2 : 1) + 3;
+  return size + (size > 238 ? (size - 19) / 255 + 2 : 1) + 3 +
+         (size > 2048 ? (size - 2048) / 23 : 0);
 }
 
 // Bytes of working memory that encode() needs for an input of up to `maxInput` bytes; grows with

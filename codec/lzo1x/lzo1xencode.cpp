@@ -3,25 +3,37 @@
 
 #include "codec/lzo1x/lzo1xformat.h"
 
+#include <algorithm>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace lzo1x
 {
 
 namespace
 {
 
-// A position is remembered by its 16 low bits, under the hash of the hashedBytes that stand there.
-// As the table starts with zeros, every entry is the low half of a position seen before (or of
-// position 0), so its distance modulo 2^16 is never more than the position itself.
-using Entry = std::uint16_t;
-constexpr unsigned hashedBytes = 5;
+// The table holds the latest place of a word, under its hash. It starts with zeros, and no place is
+// asked for before 1, so every entry is a place before the one that is asked for; whether the word
+// stands there is always compared.
+using Entry = std::uint32_t;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;
 
-// Every match saves at least this much. The header of the literal run that follows it costs at most
-// 2 bytes more than the worst case grows by for the bytes of match and run, so the output never
-// exceeds the worst case.
-constexpr std::size_t minGain = 2;
+// Matches of 4 bytes and more are taken. Near ones save at least 2 bytes, and so do all of 5 and
+// more; one of 4 bytes from farther than nearMaxDistance saves 1. What a match saves pays for the
+// header of the run behind it: one byte up to 18 literals, else 2 and those by which the worst case
+// grows for so many bytes. One byte can be left unpaid where a match saves 1 and a run of 19 or
+// more follows, once in 23 bytes, but not before nearMaxDistance. worstCase() counts just these.
 constexpr std::size_t minMatch = 4;
+
+// How many bytes are compared at once behind a match of minMatch.
+constexpr std::size_t compared = 16;
+
+// Inputs up to this size are not searched: matches are sought where minMatch + compared bytes lie
+// ahead.
+constexpr std::size_t tinyInput = minMatch + compared;
 
 constexpr unsigned
 tableBits(std::size_t size)
@@ -156,67 +168,219 @@ putEndMarker(Encoder &at)
   return true;
 }
 
+// How many of the first 16 bytes are equal.
+[[gnu::always_inline]] inline std::size_t
+commonFew(const std::uint8_t *a, const std::uint8_t *b) noexcept
+{
+#ifdef __SSE2__
+  const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a)),
+                                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(b)));
+  // The upper half of the mask is zeros, which end the count.
+  const auto mask = static_cast<unsigned>(_mm_movemask_epi8(equal));
+  return static_cast<unsigned>(__builtin_ctz(~mask));
+#else
+  const auto low = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
+  if (low != 0)
+    return static_cast<std::size_t>(std::countr_zero(low)) / 8;
+  const auto high = loadLittleEndian<std::uint64_t>(a + 8) ^ loadLittleEndian<std::uint64_t>(b + 8);
+  return 8 + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+#endif
+}
+
+// How many bytes are equal up to bEnd, where the first ones have been found equal.
 std::size_t
-commonLength(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd)
+commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
 {
-  const std::uint8_t *const begin = b;
-  while (bEnd - b >= 8) {
-    const auto difference = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
-    if (difference != 0)
-      return static_cast<std::size_t>(b - begin) +
-             static_cast<std::size_t>(std::countr_zero(difference)) / 8;
-    a += 8;
-    b += 8;
+  std::size_t length = compared;
+  while (static_cast<std::size_t>(bEnd - b) >= length + compared) {
+    const std::size_t more = commonFew(a + length, b + length);
+    length += more;
+    if (more < compared)
+      return length;
   }
-  while (b < bEnd && *a == *b) {
-    a++;
-    b++;
-  }
-  return static_cast<std::size_t>(b - begin);
+  while (b + length < bEnd && a[length] == b[length])
+    length++;
+  return length;
 }
 
-unsigned
-hash(std::uint64_t word, unsigned bits)
+// How much may be written behind a quick sequence: literals with a header byte, then a match of 3
+// bytes as 4.
+constexpr std::size_t quickLiterals = 16;
+constexpr std::size_t quickRoom = 1 + quickLiterals + 4;
+
+// The same as putLiterals for up to quickLiterals that do not open the stream, without a branch on
+// their number. Writes and reads a whole quickLiterals.
+[[gnu::always_inline]] inline std::uint8_t *
+putQuickLiterals(std::uint8_t *written, const std::uint8_t *from, std::size_t length) noexcept
 {
-  return static_cast<unsigned>(((word << (64 - 8 * hashedBytes)) * 0x9e3779b185ebca87ULL) >>
-                               (64 - bits));
+  const bool header = length > matchLiteralsMax;
+  written[-2] |= static_cast<std::uint8_t>(header ? 0 : length);
+  *written = static_cast<std::uint8_t>(length - runBias);
+  written += header;
+  std::memcpy(written, from, quickLiterals);
+  return written + length;
 }
 
-// Finds and writes matches until there are none; the literals after the last one stay pending.
-bool
-putMatches(Encoder &at, Entry *table, unsigned bits)
+// The same as putMatch for what the near form and the middle form without length bytes can say,
+// without a branch on which it is. Writes 4 bytes.
+[[gnu::always_inline]] inline std::uint8_t *
+putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) noexcept
 {
-  const auto size = static_cast<std::size_t>(at.readEnd - at.begin);
-  // Every probe loads 8 bytes.
-  if (size < 8)
-    return true;
-  const std::uint8_t *const last = at.readEnd - 8;
-  const std::uint8_t *read = at.begin + 1;
-  while (read <= last) {
-    const auto word = loadLittleEndian<std::uint64_t>(read);
-    Entry &entry = table[hash(word, bits)];
-    const auto position = static_cast<std::size_t>(read - at.begin);
-    std::size_t distance = static_cast<Entry>(position - entry);
-    entry = static_cast<Entry>(position);
-    std::size_t length = 0;
-    if (distance - 1 < farMaxDistance &&
-        loadLittleEndian<std::uint32_t>(read - distance) == static_cast<std::uint32_t>(word))
-      length = minMatch + commonLength(read - distance + minMatch, read + minMatch, at.readEnd);
-    if (length == 0 || length < matchSize(length, distance) + minGain) {
-      read += 1 + (static_cast<std::size_t>(read - at.pending) >> 5);
-      continue;
+  const auto code = static_cast<std::uint32_t>(distance - 1);
+  const auto size = static_cast<std::uint32_t>(length);
+  const std::uint32_t two =
+      (size - nearLengthBias) << nearLengthShift | (code & 7) << 2 | (code & ~7U) << 5;
+  const std::uint32_t three = (middleMark + size - 2) | code << (8 + 2);
+  // 1 where both differences are negative.
+  const std::uint32_t near = ((size - (nearMaxLength + 1)) & (code - nearMaxDistance)) >> 31;
+  storeLittleEndian(written, three ^ ((two ^ three) & (0 - near)));
+  return written + 3 - near;
+}
+
+// Puts matches into the output that `at` describes, whose `pending` and `written` are kept here.
+// Places are indices into the input.
+class Matcher
+{
+public:
+  Matcher(const Encoder &start, Entry *entries, unsigned bits) noexcept
+      : at(start), table(entries), mask((1U << bits) - 1), begin(start.begin),
+        written(start.written), quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
+        last(static_cast<std::size_t>(start.readEnd - start.begin) - (minMatch + compared))
+  {
+  }
+
+  // Goes on until there are no more; the literals behind the last match stay pending.
+  [[gnu::always_inline]] bool
+  run(Encoder &end) noexcept
+  {
+    while (find()) {
+      extendBackwards();
+      if (!putPending())
+        return false;
+      do {
+        if (!put())
+          return false;
+      } while (findHere());
     }
-    while (read > at.pending && static_cast<std::size_t>(read - at.begin) > distance &&
-           read[-1] == *(read - distance - 1)) {
+    end.pending = begin + pending;
+    end.written = written;
+    return true;
+  }
+
+private:
+  [[gnu::always_inline]] std::uint32_t
+  wordAt(std::size_t place) const noexcept
+  {
+    return loadLittleEndian<std::uint32_t>(begin + place);
+  }
+
+  // The latest place of `word`, or any one before `place`; it is `place` from now on.
+  [[gnu::always_inline]] std::size_t
+  exchange(std::uint32_t word, std::size_t place) noexcept
+  {
+    Entry &entry = table[word * 0x9e3779b1U >> (32 - maxTableBits) & mask];
+    const std::size_t latest = entry;
+    entry = static_cast<Entry>(place);
+    return latest;
+  }
+
+  // Whether a match begins at `read`. Sets `from` and, if so, `length`.
+  [[gnu::always_inline]] bool
+  matches() noexcept
+  {
+    const std::uint32_t word = wordAt(read);
+    from = exchange(word, read);
+    if (wordAt(from) != word || read - from > farMaxDistance)
+      return false;
+    length = commonFew(begin + from + minMatch, begin + read + minMatch);
+    if (length == compared) [[unlikely]]
+      length = commonMany(begin + from + minMatch, begin + read + minMatch, at.readEnd);
+    length += minMatch;
+    return true;
+  }
+
+  // The longer there was no match, the farther apart are the places tried.
+  [[gnu::always_inline]] bool
+  find() noexcept
+  {
+    for (; read <= last; read += 1 + ((read - pending) >> 5))
+      if (matches())
+        return true;
+    return false;
+  }
+
+  // A match right behind the last one.
+  [[gnu::always_inline]] bool
+  findHere() noexcept
+  {
+    if (read > last)
+      return false;
+    if (matches())
+      return true;
+    exchange(wordAt(read - 2), read - 2);
+    read++;
+    return false;
+  }
+
+  [[gnu::always_inline]] void
+  extendBackwards() noexcept
+  {
+    while (read > pending && from > 0 && begin[read - 1] == begin[from - 1]) {
       read--;
+      from--;
       length++;
     }
-    if (!putLiterals(at, read) || !putMatch(at, length, distance))
-      return false;
-    read = at.pending;
   }
-  return true;
-}
+
+  // `read` is at most `last`, so quickLiterals can be read from `pending`.
+  [[gnu::always_inline]] bool
+  putPending() noexcept
+  {
+    const std::size_t literals = read - pending;
+    if (literals <= quickLiterals && written < quickEnd && written != at.outBegin) {
+      written = putQuickLiterals(written, begin + pending, literals);
+      return true;
+    }
+    Encoder careful = at;
+    careful.pending = begin + pending;
+    careful.written = written;
+    const bool fits = putLiterals(careful, begin + read);
+    written = careful.written;
+    return fits;
+  }
+
+  [[gnu::always_inline]] bool
+  put() noexcept
+  {
+    const std::size_t distance = read - from;
+    bool fits = true;
+    if ((length <= middleShortMax) & (distance <= middleMaxDistance) & (written < quickEnd))
+        [[likely]] {
+      written = putQuickMatch(written, length, distance);
+    } else {
+      Encoder careful = at;
+      careful.written = written;
+      fits = putMatch(careful, length, distance);
+      written = careful.written;
+    }
+    read += length;
+    pending = read;
+    return fits;
+  }
+
+  const Encoder &at;
+  Entry *const table;
+  const std::uint32_t mask;
+  const std::uint8_t *const begin;
+  std::uint8_t *written;
+  // As long as `written` is before it, a quick sequence can be written.
+  std::uint8_t *const quickEnd;
+  const std::size_t last; // the last place where a match may be sought
+  std::size_t pending = 0;
+  std::size_t read = 1;
+  std::size_t from = 0;
+  std::size_t length = 0;
+};
 
 } // namespace
 
@@ -229,16 +393,21 @@ encoderStateSize(std::size_t maxInput) noexcept
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
-  const unsigned bits = tableBits(in.size());
-  auto *const table = reinterpret_cast<Entry *>(state.data());
-  std::memset(table, 0, sizeof(Entry) << bits);
   Encoder at{.begin = in.data(),
              .readEnd = in.data() + in.size(),
              .pending = in.data(),
              .written = out.data(),
              .outBegin = out.data(),
              .writtenEnd = out.data() + out.size()};
-  if (!putMatches(at, table, bits) || !putLiterals(at, at.readEnd) || !putEndMarker(at))
+  if (in.size() > tinyInput) {
+    const unsigned bits = tableBits(in.size());
+    auto *const table = reinterpret_cast<Entry *>(state.data());
+    std::memset(table, 0, sizeof(Entry) << bits);
+    const Encoder start = at;
+    if (!Matcher(start, table, bits).run(at))
+      return {Status::noRoom, 0};
+  }
+  if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
     return {Status::noRoom, 0};
   return {Status::ok, static_cast<std::size_t>(at.written - out.data())};
 }

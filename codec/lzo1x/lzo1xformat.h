@@ -54,32 +54,55 @@ constexpr unsigned farHighDistance = 16384;
 constexpr unsigned farMaxDistance = 49151;
 // T below farMark: after 1 to 3 literals a match of two bytes, after a run one of three bytes, past
 // the reach of the near form.
-constexpr unsigned tinyMaxDistance = 1024;
 constexpr unsigned tinyLength = 2;
 constexpr unsigned afterRunLength = 3;
 
 // The far form with its smallest distance, which the middle form reaches too, means no match.
 constexpr std::uint8_t endMarker[] = {0x11, 0x00, 0x00};
 constexpr std::uint32_t endMarkerWord = endMarker[0] | endMarker[1] << 8 | endMarker[2] << 16;
+// The bits of a word that tell that distance from all others.
+constexpr std::uint32_t endDistanceMask = 0xfffcf8;
+constexpr std::uint32_t endDistanceWord = farMark;
 
-// What T says. The distance of a match is
-// distanceBase + ((word >> distanceShift) & distanceMask), where word has T in its low byte and the
-// distance bytes above it; the bits of the distance that stand in T are in distanceBase.
+// What T says.
 struct Instruction {
-  std::uint16_t distanceBase; // 0 for a run of literals
+  // The distance of a match, with the bits that T holds; 0 for a run of literals. More bits of it
+  // stand in the distance bytes.
+  std::uint16_t distanceBase;
   std::uint16_t distanceMask;
   std::uint8_t distanceShift;
-  std::uint8_t length;       // to which length bytes add
-  std::uint8_t size;         // T and the distance bytes, without length bytes
-  std::uint8_t literalShift; // of word, to the number of literals that follow the match
-  bool hasLengthBytes;
+  std::uint8_t size; // T and the distance bytes, without length bytes
+  std::uint8_t lengthAndFlag;
+
+  static constexpr std::uint8_t lengthBytesFlag = 0x80;
 
   constexpr bool
   isRun() const
   {
     return distanceBase == 0;
   }
+
+  constexpr bool
+  hasLengthBytes() const
+  {
+    return (lengthAndFlag & lengthBytesFlag) != 0;
+  }
+
+  // To which length bytes add.
+  constexpr unsigned
+  length() const
+  {
+    return lengthAndFlag & (lengthBytesFlag - 1U);
+  }
+
+  // `word` has T in its low byte and the distance bytes above it.
+  constexpr std::size_t
+  distance(std::uint32_t word) const
+  {
+    return distanceBase + (word >> distanceShift & distanceMask);
+  }
 };
+static_assert(sizeof(Instruction) == 8);
 
 // A match in two bytes, whose second one continues the lowBits of the distance in T.
 constexpr Instruction
@@ -89,10 +112,15 @@ shortMatch(unsigned t, unsigned length, unsigned lowBits, unsigned bias)
   return {.distanceBase = static_cast<std::uint16_t>(low + bias),
           .distanceMask = static_cast<std::uint16_t>(0xffU << lowBits),
           .distanceShift = static_cast<std::uint8_t>(8 - lowBits),
-          .length = static_cast<std::uint8_t>(length),
           .size = 2,
-          .literalShift = 0,
-          .hasLengthBytes = false};
+          .lengthAndFlag = static_cast<std::uint8_t>(length)};
+}
+
+// A length in T, or the one that length bytes add to.
+constexpr std::uint8_t
+lengthAndFlag(unsigned inT, unsigned bias, unsigned shortMax)
+{
+  return static_cast<std::uint8_t>(inT == 0 ? shortMax | Instruction::lengthBytesFlag : inT + bias);
 }
 
 // A match in three bytes and length bytes; the lengths that T alone can say end at shortMax.
@@ -102,10 +130,8 @@ longMatch(unsigned inT, unsigned shortMax, unsigned bias)
   return {.distanceBase = static_cast<std::uint16_t>(bias),
           .distanceMask = 0x3fff,
           .distanceShift = 8 + 2,
-          .length = static_cast<std::uint8_t>(inT == 0 ? shortMax : inT + 2),
           .size = 3,
-          .literalShift = 8,
-          .hasLengthBytes = inT == 0};
+          .lengthAndFlag = lengthAndFlag(inT, 2, shortMax)};
 }
 
 constexpr Instruction
@@ -114,10 +140,8 @@ run(unsigned t)
   return {.distanceBase = 0,
           .distanceMask = 0,
           .distanceShift = 0,
-          .length = static_cast<std::uint8_t>(t == 0 ? runShortMax : t + runBias),
           .size = 1,
-          .literalShift = 0,
-          .hasLengthBytes = t == 0};
+          .lengthAndFlag = lengthAndFlag(t, runBias, runShortMax)};
 }
 
 constexpr Instruction
@@ -148,17 +172,33 @@ inline constexpr InstructionTable instructions = [] {
 }();
 
 template <typename Word>
+constexpr Word
+littleEndian(Word word) noexcept
+{
+  static_assert(sizeof word == 4 || sizeof word == 8);
+  if constexpr (std::endian::native == std::endian::little)
+    return word;
+  else if constexpr (sizeof word == 4)
+    return __builtin_bswap32(word);
+  else
+    return __builtin_bswap64(word);
+}
+
+template <typename Word>
 inline Word
 loadLittleEndian(const std::uint8_t *from) noexcept
 {
   Word word;
   std::memcpy(&word, from, sizeof word);
-  if constexpr (std::endian::native == std::endian::big)
-    word = sizeof word == 8 ? static_cast<Word>(__builtin_bswap64(word))
-           : sizeof word == 4
-               ? static_cast<Word>(__builtin_bswap32(static_cast<std::uint32_t>(word)))
-               : static_cast<Word>(__builtin_bswap16(static_cast<std::uint16_t>(word)));
-  return word;
+  return littleEndian(word);
+}
+
+template <typename Word>
+inline void
+storeLittleEndian(std::uint8_t *to, Word word) noexcept
+{
+  word = littleEndian(word);
+  std::memcpy(to, &word, sizeof word);
 }
 
 } // namespace lzo1x

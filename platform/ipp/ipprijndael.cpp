@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // AES-CBC over a libgcrypt cipher handle.
 //
-// The context block holds the handle only. The round keys live in memory of libgcrypt's, which
-// gcry_cipher_close wipes; no copy of the key is ever made here.
+// The context block holds the handle and where its chain stands. The round keys live in memory of
+// libgcrypt's, which gcry_cipher_close wipes; no copy of the key is ever made here.
 #include "platform/ipp/ippcore.h"
 
 #include <gcrypt.h>
@@ -11,6 +11,10 @@
 struct IppsRijndael128Spec {
   std::uintptr_t seal; // sealOf() this block while `handle` is open and has its key
   gcry_cipher_hd_t handle;
+  // The last cipher text block of the call before, to which the handle itself would chain the next
+  // one; a caller whose chain runs on need not set the IV anew, which costs as much as a block.
+  mutable bool hasChain;
+  mutable Ipp8u chain[16];
 };
 
 static constexpr int blockSize = 16;
@@ -70,6 +74,7 @@ ippsRijndael128Init(const Ipp8u *pKey, IppsRijndaelKeyLength keyLen, IppsRijndae
   if (handle == nullptr)
     return ippStsErr;
   pCtx->handle = handle;
+  pCtx->hasChain = false;
   pCtx->seal = sealOf(pCtx);
   return ippStsNoErr;
 }
@@ -91,6 +96,22 @@ checkCall(const Ipp8u *src, const Ipp8u *dst, int len, const IppsRijndael128Spec
   return ippStsNoErr;
 }
 
+[[nodiscard]] static bool
+startChain(const IppsRijndael128Spec *ctx, const Ipp8u *iv)
+{
+  const bool runsOn = ctx->hasChain && memcmp(ctx->chain, iv, blockSize) == 0;
+  // Whatever fails from here on leaves the handle's own chain in doubt.
+  ctx->hasChain = false;
+  return runsOn || gcry_cipher_setiv(ctx->handle, iv, blockSize) == 0;
+}
+
+static void
+endChain(const IppsRijndael128Spec *ctx, const Ipp8u *lastBlock)
+{
+  memcpy(ctx->chain, lastBlock, blockSize);
+  ctx->hasChain = true;
+}
+
 IppStatus
 ippsRijndael128EncryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRijndael128Spec *pCtx,
                           const Ipp8u *pIV, IppsCPPadding padding)
@@ -98,9 +119,9 @@ ippsRijndael128EncryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRij
   if (const IppStatus status = checkCall(pSrc, pDst, len, pCtx, pIV, padding); status != 0)
     return status;
   const auto size = static_cast<std::size_t>(len);
-  if (gcry_cipher_setiv(pCtx->handle, pIV, blockSize) != 0 ||
-      gcry_cipher_encrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
+  if (!startChain(pCtx, pIV) || gcry_cipher_encrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
     return ippStsErr;
+  endChain(pCtx, pDst + size - blockSize);
   return ippStsNoErr;
 }
 
@@ -111,9 +132,12 @@ ippsRijndael128DecryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRij
   if (const IppStatus status = checkCall(pSrc, pDst, len, pCtx, pIV, padding); status != 0)
     return status;
   const auto size = static_cast<std::size_t>(len);
-  if (gcry_cipher_setiv(pCtx->handle, pIV, blockSize) != 0 ||
-      gcry_cipher_decrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
+  // In place, the cipher text is gone afterwards.
+  Ipp8u lastBlock[blockSize];
+  memcpy(lastBlock, pSrc + size - blockSize, blockSize);
+  if (!startChain(pCtx, pIV) || gcry_cipher_decrypt(pCtx->handle, pDst, size, pSrc, size) != 0)
     return ippStsErr;
+  endChain(pCtx, lastBlock);
   return ippStsNoErr;
 }
 

@@ -46,6 +46,12 @@ free_async_data(gpointer user_data)
   g_slice_free(AsyncRead, data);
 }
 
+static void
+set_no_memory(GError **error)
+{
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
+}
+
 // The length that the 4 bytes of a prefix announce, and memory for it: NULL for a length of 0, and
 // NULL with an error where the length cannot be met.
 static void *
@@ -60,19 +66,33 @@ allocate_payload(const void *prefix, gsize *size, GError **error)
   *size = static_cast<gsize>(length);
   void *buffer = g_try_malloc(*size);
   if (!buffer && *size > 0)
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
+    set_no_memory(error);
   return buffer;
 }
 
-// A type string as a definite type, or NULL with a critical.
+// A type string as a definite type, or NULL with a critical, of `function` where it is not GLib's.
 static const GVariantType *
-check_format(const gchar *format)
+check_format(const gchar *format, const char *function)
 {
   auto *type = G_VARIANT_TYPE(format);
-  if (!type)
-    return nullptr;
-  GVC_CHECK_VAL(g_variant_type_is_definite(type), nullptr);
-  return type;
+  if (!type || g_variant_type_is_definite(type))
+    return type;
+  g_return_if_fail_warning(nullptr, function, "g_variant_type_is_definite(type)");
+  return nullptr;
+}
+
+// The payload of a frame that broke off: what never arrived must not hand out what the allocator
+// left there. It is not written to either, since a peer can announce 2 GiB and send nothing.
+static void *
+zero_missing(void *buffer, gsize size, gsize nread, GError **error)
+{
+  void *zeroed = g_try_malloc0(size);
+  if (zeroed)
+    memcpy(zeroed, buffer, nread);
+  else
+    set_no_memory(error);
+  g_free(buffer);
+  return zeroed;
 }
 
 static void
@@ -143,9 +163,9 @@ gvc_bytes_input_stream_read_bytes(GvcBytesInputStream *stream, GCancellable *can
   if (!buffer || !g_input_stream_read_all(in, buffer, size, &nread, cancellable, error))
     return nullptr;
 
-  // What never arrived must not hand out whatever the allocator left there.
-  memset(static_cast<guint8 *>(buffer) + nread, 0, size - nread);
-  return g_bytes_new_take(g_steal_pointer(&buffer), size);
+  if (nread < size)
+    buffer = zero_missing(buffer, size, nread, error);
+  return buffer ? g_bytes_new_take(g_steal_pointer(&buffer), size) : nullptr;
 }
 
 /**
@@ -169,7 +189,7 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
   GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
   // Before the read, so that a wrong format costs no message.
-  auto *type = check_format(format);
+  auto *type = check_format(format, __func__);
   if (!type)
     return nullptr;
 
@@ -294,7 +314,8 @@ read_variant_size_callback(GObject *source, GAsyncResult *result, gpointer user_
     return;
   }
 
-  auto *type = check_format(static_cast<const gchar *>(g_task_get_task_data(task)));
+  auto *type = check_format(static_cast<const gchar *>(g_task_get_task_data(task)),
+                            "gvc_bytes_input_stream_read_variant_async");
   if (!type) {
     g_task_return_new_error(task, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT,
                             "Invalid variant type string");

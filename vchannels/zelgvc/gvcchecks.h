@@ -40,8 +40,9 @@ inline void
 warn_invalid_property(Location where, GObject *object, guint id, GParamSpec *pspec)
 {
   g_autofree char *location = g_strdup_printf("%s:%d", where.file, where.line);
-  g_warning("%s: invalid %s id %u for \"%s\" of type '%s' in '%s'", location, "property", id,
-            pspec->name, G_OBJECT_TYPE_NAME(pspec), G_OBJECT_TYPE_NAME(object));
+  g_log(nullptr, G_LOG_LEVEL_WARNING, "%s: invalid %s id %u for \"%s\" of type '%s' in '%s'",
+        location, "property", id, pspec->name, G_OBJECT_TYPE_NAME(pspec),
+        G_OBJECT_TYPE_NAME(object));
 }
 
 // Aborts with GLib's integer comparison message unless moved <= wanted: a stream that claims to

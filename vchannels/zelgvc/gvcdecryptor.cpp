@@ -183,7 +183,7 @@ gvc_decryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
                       gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
                       gsize *bytes_written, GError **error)
 {
-  auto *self = GVC_DECRYPTOR(converter);
+  auto *self = reinterpret_cast<GvcDecryptor *>(converter);
   auto *in = static_cast<const guint8 *>(inbuf);
 
   if (flags & G_CONVERTER_FLUSH)

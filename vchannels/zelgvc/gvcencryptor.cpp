@@ -207,7 +207,7 @@ gvc_encryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
                       gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
                       gsize *bytes_written, GError **error)
 {
-  auto *self = GVC_ENCRYPTOR(converter);
+  auto *self = reinterpret_cast<GvcEncryptor *>(converter);
   auto *in = static_cast<const guint8 *>(inbuf);
   auto *out = static_cast<guint8 *>(outbuf);
 

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "codecs.h"
+#include "corpora.h"
+#include "groups.h"
+#include "owners.h"
+
+#include <zelgvc/zelgvc.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace bench
+{
+
+namespace
+{
+
+std::size_t
+convert(GConverter *converter, const std::uint8_t *in, std::size_t size, std::uint8_t *out,
+        std::size_t room)
+{
+  gsize nread;
+  gsize written;
+  GError *error = nullptr;
+  auto result = g_converter_convert(converter, in, size, out, room, G_CONVERTER_NO_FLAGS, &nread,
+                                    &written, &error);
+  must(result == G_CONVERTER_CONVERTED && nread == size, error, "convert");
+  return written;
+}
+
+// The library's converters as a codec. They hold no state, so one of each does.
+GConverter *
+compressor()
+{
+  static auto *made = G_CONVERTER(gvc_compressor_new());
+  return made;
+}
+
+GConverter *
+decompressor()
+{
+  static auto *made = G_CONVERTER(gvc_decompressor_new());
+  return made;
+}
+
+std::size_t
+compress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
+{
+  return convert(compressor(), in, size, out, room);
+}
+
+std::size_t
+decompress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
+{
+  return convert(decompressor(), in, size, out, room);
+}
+
+constexpr Codec zelgvc = {"zelgvc", compress, decompress};
+
+void
+raceConverters(Report &report, const Corpus &corpus, std::size_t blockSize)
+{
+  const Codec *const codecs[] = {&zelgvc, &bareCodec, &lzoCodec, &lz4Codec};
+  Bytes scratch(roomFor(std::max(blockSize, corpus.bytes.size())));
+  std::vector<Encoded> encoded;
+  std::vector<Contender> encoders;
+  std::vector<Contender> decoders;
+  for (const auto *codec : codecs)
+    encoded.push_back(encodeAll(*codec, corpus.bytes, blockSize));
+  for (std::size_t i = 0; i < std::size(codecs); i++) {
+    checkDecoding(*codecs[i], encoded[i], corpus, blockSize);
+    encoders.push_back(encoding(*codecs[i], corpus.bytes, blockSize, scratch));
+    decoders.push_back(decoding(*codecs[i], encoded[i], corpus.bytes.size(), blockSize, scratch));
+  }
+
+  auto bytes = static_cast<std::int64_t>(std::min(blockSize, corpus.bytes.size()));
+  auto size = static_cast<std::int64_t>(blockSize);
+  report.race({{"direction", "compress"}, {"corpus", corpus.name}, {"size", size}}, bytes,
+              encoders);
+  report.race({{"direction", "decompress"}, {"corpus", corpus.name}, {"size", size}}, bytes,
+              decoders);
+}
+
+} // namespace
+
+void
+measureConverters(Report &report)
+{
+  report.begin(
+      "converters", "Compressor and decompressor beside the bare codec, liblzo2 and LZ4",
+      "convert() of one block after the other, taken from all over a 1 MiB corpus; codec: the "
+      "library's own "
+      "codec called without the converter, its working memory at hand; lzo: lzo1x_1 and "
+      "lzo1x_decompress_safe; lz4: LZ4_compress_fast_extState and LZ4_decompress_safe, each "
+      "decoder on what its own encoder wrote. One thread.");
+  std::vector<std::size_t> sizes = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
+  if (report.effort().quick)
+    sizes = {4, 4096, 65536};
+
+  for (const auto &corpus : corpora())
+    for (auto size : sizes)
+      raceConverters(report, {corpus.name, sampled(corpus.bytes, size)}, size);
+}
+
+} // namespace bench

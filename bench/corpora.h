@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What is compressed and sent: 1 MiB each of text, source code, a binary, pixels and noise, made
+// here or found on the machine.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Corpus {
+  std::string name;
+  Bytes bytes;
+};
+
+// Leaves out what the machine does not have enough of.
+std::vector<Corpus> corpora();
+
+// The named one; the program ends where the machine does not have it.
+Bytes corpus(const std::string &name);
+
+// Whole blocks from all over the corpus, as many as make a turn short: a quarter of it to all of it
+// for large blocks, an eighth for small ones.
+Bytes sampled(const Bytes &corpus, std::size_t blockSize);
+
+// `size` bytes, the corpus over and over.
+Bytes repeated(const Bytes &corpus, std::size_t size);
+
+} // namespace bench

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The LZO1X codec itself beside liblzo2 and LZ4.
+#include "codecs.h"
+#include "groups.h"
+
+namespace bench
+{
+
+namespace
+{
+
+double
+percent(const Encoded &encoded, const Corpus &corpus)
+{
+  return 100.0 * static_cast<double>(encoded.bytes.size()) /
+         static_cast<double>(corpus.bytes.size());
+}
+
+Contender
+named(const char *name, Contender contender)
+{
+  contender.name = name;
+  return contender;
+}
+
+void
+raceEncoders(Report &report, const Corpus &corpus, std::size_t blockSize)
+{
+  auto sample = sampled(corpus.bytes, blockSize);
+  Bytes scratch(roomFor(sample.size() + blockSize));
+  auto timings = takeTurns({encoding(bareCodec, sample, blockSize, scratch),
+                            encoding(lzoCodec, sample, blockSize, scratch),
+                            encoding(lz4Codec, sample, blockSize, scratch)},
+                           report.effort());
+  std::vector<Figure> sizes;
+  for (const auto *codec : {&bareCodec, &lzoCodec, &lz4Codec})
+    sizes.push_back({std::string(codec->name) + " size %",
+                     exactly(percent(encodeAll(*codec, corpus.bytes, blockSize), corpus))});
+  auto ratios = ratiosOf(timings, "codec", {"lzo", "lz4"});
+  auto size = static_cast<std::int64_t>(blockSize);
+  report.add({{{"direction", "encode"}, {"corpus", corpus.name}, {"size", size}},
+              size,
+              std::move(timings),
+              std::move(ratios),
+              std::move(sizes)});
+}
+
+// Our decoder and liblzo2's on what each of the two encoders wrote.
+void
+raceDecoders(Report &report, const Corpus &corpus, std::size_t blockSize)
+{
+  Bytes scratch(roomFor(corpus.bytes.size() + blockSize));
+  auto byUs = encodeAll(bareCodec, corpus.bytes, blockSize);
+  auto byLzo = encodeAll(lzoCodec, corpus.bytes, blockSize);
+  auto byLz4 = encodeAll(lz4Codec, corpus.bytes, blockSize);
+  for (const auto *encoded : {&byUs, &byLzo}) {
+    checkDecoding(bareCodec, *encoded, corpus, blockSize);
+    checkDecoding(lzoCodec, *encoded, corpus, blockSize);
+  }
+  checkDecoding(lz4Codec, byLz4, corpus, blockSize);
+
+  auto on = [&](const char *name, const Codec &codec, const Encoded &encoded) {
+    return named(name, decoding(codec, encoded, corpus.bytes.size(), blockSize, scratch));
+  };
+  auto timings = takeTurns({on("codec", bareCodec, byUs), on("lzo", lzoCodec, byUs),
+                            on("codec on lzo's", bareCodec, byLzo),
+                            on("lzo on lzo's", lzoCodec, byLzo), on("lz4", lz4Codec, byLz4)},
+                           report.effort());
+  auto ratios = ratiosOf(timings, "codec", {"lzo", "lz4"});
+  ratios.push_back(ratiosOf(timings, "codec on lzo's", {"lzo on lzo's"}).front());
+  auto size = static_cast<std::int64_t>(blockSize);
+  report.add({{{"direction", "decode"}, {"corpus", corpus.name}, {"size", size}},
+              size,
+              std::move(timings),
+              std::move(ratios),
+              {}});
+}
+
+} // namespace
+
+void
+measureCodec(Report &report)
+{
+  report.begin("codec", "The LZO1X codec beside liblzo2 and LZ4",
+               "Block after block, taken from all over a 1 MiB corpus; the sizes are those of all "
+               "of it. codec and lzo decode what our encoder wrote, "
+               "\"on lzo's\" what lzo1x_1 wrote, lz4 what LZ4 wrote. One thread.");
+  std::vector<std::size_t> sizes = {4, 16, 64, 256, 512, 1024, 4096, 16384, 65536, 262144, 1 << 20};
+  if (report.effort().quick)
+    sizes = {64, 4096, 65536};
+
+  for (const auto &corpus : corpora())
+    for (auto size : sizes) {
+      raceEncoders(report, corpus, size);
+      raceDecoders(report, {corpus.name, sampled(corpus.bytes, size)}, size);
+    }
+}
+
+} // namespace bench

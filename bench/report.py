@@ -1,0 +1,486 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-2.1-or-later
+"""Writes docs/performance.md and its plots from the results of a run of zelgvc-bench.
+
+usage: bench/report.py RESULTS.json DOCS_FOLDER
+
+Every figure in the page comes from the results; the text around them holds none of its own.
+"""
+
+import json
+import pathlib
+import statistics
+import sys
+
+from svgplot import line_plot
+
+# ---- Reading results ----
+
+
+def size_text(size):
+    for unit, name in ((1 << 20, "MiB"), (1 << 10, "KiB")):
+        if size >= unit and size % unit == 0:
+            return f"{size // unit} {name}"
+    return f"{size} B"
+
+
+def seconds_text(seconds):
+    for unit, name in ((1e-9, "ns"), (1e-6, "µs"), (1e-3, "ms")):
+        if seconds < 999.5 * unit:
+            return f"{seconds / unit:.3g} {name}"
+    return f"{seconds:.2f} s"
+
+
+def rate_text(rate):
+    return f"{rate / 1e9:.2f} GB/s" if rate >= 1e9 else f"{rate / 1e6:.3g} MB/s"
+
+
+def ratio_text(spread):
+    digits = 2 if spread["median"] < 10 else 0
+    return f"{spread['median']:.{digits}f} ({spread['low']:.{digits}f}–{spread['high']:.{digits}f})"
+
+
+class Row:
+    def __init__(self, row):
+        self.parameters = row["parameters"]
+        self.bytes = row["bytes"]
+        self.timings = {timing["name"]: timing["seconds"] for timing in row["timings"]}
+        self.ratios = {(r["subject"], r["yardstick"]): r["ratio"] for r in row["ratios"]}
+        self.figures = {figure["name"]: figure["value"] for figure in row["figures"]}
+
+    def __getitem__(self, name):
+        return self.parameters.get(name)
+
+    def matches(self, wanted):
+        return all(self[name] == value for name, value in wanted.items())
+
+    def rate(self, name):
+        return self.bytes / self.timings[name]["median"]
+
+    def label(self):
+        return ", ".join(parameter_text(*item) for item in self.parameters.items())
+
+
+def parameter_text(name, value):
+    return size_text(value) if name == "size" else str(value)
+
+
+class Results:
+    def __init__(self, path):
+        self.data = json.loads(path.read_text())
+        self.groups = {group["name"]: group for group in self.data["groups"]}
+        self.rows_of = {
+            name: [Row(row) for row in group["rows"]] for name, group in self.groups.items()
+        }
+
+    def rows(self, group, **wanted):
+        return [row for row in self.rows_of.get(group, []) if row.matches(wanted)]
+
+
+# ---- Writing Markdown ----
+
+
+def table(head, rows):
+    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
+    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
+
+
+def time_cell(row, name, rates):
+    cell = seconds_text(row.timings[name]["median"])
+    return f"{cell}, {rate_text(row.rate(name))}" if rates and row.bytes else cell
+
+
+def full_table(rows, rates=True):
+    """Every parameter, every contender's median and every ratio with its quartiles."""
+    first = rows[0]
+    head = list(first.parameters) + list(first.timings)
+    head += [f"{subject} ÷ {yardstick}" for subject, yardstick in first.ratios]
+    head += list(first.figures)
+    lines = []
+    for row in rows:
+        line = [parameter_text(*item) for item in row.parameters.items()]
+        line += [time_cell(row, name, rates) for name in row.timings]
+        line += [ratio_text(ratio) for ratio in row.ratios.values()]
+        line += [f"{value['median']:,.4g}" for value in row.figures.values()]
+        lines.append(line)
+    return table(head, lines)
+
+
+def pivot_table(rows, subject, yardsticks):
+    """Sizes down, corpora across; in a cell the subject's rate and its ratios."""
+    corpora = list(dict.fromkeys(row["corpus"] for row in rows))
+    sizes = sorted({row["size"] for row in rows})
+    at = {(row["size"], row["corpus"]): row for row in rows}
+
+    def cell(row):
+        ratios = [f"{row.ratios[subject, yardstick]['median']:.2f}" for yardstick in yardsticks]
+        return " · ".join([rate_text(row.rate(subject))] + ratios)
+
+    lines = [[size_text(size)] + [cell(at[size, corpus]) for corpus in corpora] for size in sizes]
+    return table(["block"] + corpora, lines)
+
+
+def verdict(rows, subject, yardstick, name=None):
+    """One sentence on how a subject stands beside a yardstick over many rows."""
+    found = [(row.ratios[subject, yardstick]["median"], row) for row in rows
+             if (subject, yardstick) in row.ratios and subject != yardstick]
+    if not found:
+        return ""
+    values = [value for value, _ in found]
+    low, low_row = min(found, key=lambda item: item[0])
+    high, high_row = max(found, key=lambda item: item[0])
+    behind = sum(value < 0.98 for value in values)
+    if len(found) == 1:
+        return f"{subject} does {low:.2f} times what {name or yardstick} does ({low_row.label()})."
+    sentence = (
+        f"Beside {name or yardstick}, {subject} stands at {statistics.median(values):.2f} in the "
+        f"middle, from {low:.2f} ({low_row.label()}) to {high:.2f} ({high_row.label()})."
+    )
+    if behind == 0:
+        return sentence
+    return sentence + f" The peer is ahead by more than 2 % in {behind} of {len(values)} rows."
+
+
+# ---- Plots ----
+
+
+class Page:
+    def __init__(self, docs):
+        self.docs = docs
+        self.plots = docs / "performance"
+        self.plots.mkdir(parents=True, exist_ok=True)
+        self.parts = []
+
+    def add(self, *parts):
+        self.parts += [part for part in parts if part]
+
+    def plot(self, name, title, rows, names, x="size", value="rate", x_name="bytes of message"):
+        """A curve for each of `names` over the rows; nothing where there is one x only."""
+        if len({row[x] for row in rows}) < 2:
+            return
+
+        def point(row, contender):
+            seconds = row.timings[contender]
+            if value == "rate":
+                of = [row.bytes / seconds[key] / 1e6 for key in ("median", "high", "low")]
+            elif value == "per second":
+                of = [1 / seconds[key] for key in ("median", "high", "low")]
+            else:
+                of = [seconds[key] * 1e6 for key in ("median", "low", "high")]
+            return (row[x], *of)
+
+        series = [(n, sorted(point(row, n) for row in rows)) for n in names]
+        y_name = {"rate": "MB/s", "per second": "messages a second", "time": "µs"}[value]
+        label = size_text if x == "size" else str
+        svg = line_plot(title, x_name, y_name, series, label)
+        (self.plots / f"{name}.svg").write_text(svg)
+        self.add(f"![{title}](performance/{name}.svg)")
+
+    def write(self):
+        (self.docs / "performance.md").write_text("\n\n".join(self.parts) + "\n")
+
+
+# ---- Sections ----
+
+
+def goals_section(page, results):
+    def figure(value, unit):
+        return f"{value:.3g}{unit}"
+
+    lines = []
+    for goal in results.data["goals"]:
+        unit = goal["unit"]
+        wanted = f"{goal['sense']} {goal['limit']:g}{unit}"
+        if goal["worst"] is None:
+            lines.append([goal["text"], wanted, "", "", "not measured"])
+            continue
+        worst = f"{figure(goal['worst'], unit)} ({goal['where']})"
+        reached = "reached" if goal["reached"] else "**missed**"
+        lines.append([goal["text"], wanted, figure(goal["middle"], unit), worst, reached])
+    page.add(
+        "## Goals",
+        "A goal counts as reached only where its worst row does; the middle row says how typical "
+        "that one is. Ratios are of speeds: above 1 the library is faster.",
+        table(["goal", "wanted", "middle row", "worst row", ""], lines),
+    )
+
+
+def begin(page, results, group):
+    """The head of a group's section; FALSE where it was not measured."""
+    if not results.rows(group):
+        return False
+    page.add(f"## {results.groups[group]['title']}", results.groups[group]["method"])
+    return True
+
+
+def blocking_section(page, results):
+    if not begin(page, results, "blocking"):
+        return
+    rows = results.rows("blocking")
+    for transport in ("tcp", "unix"):
+        page.plot(f"blocking-{transport}", f"Blocking frames one way, {transport}",
+                  results.rows("blocking", transport=transport, mode="one way"),
+                  ["zelgvc", "gio"])
+    page.add(verdict(rows, "zelgvc", "gio", "hand-written GIO"))
+    small = results.rows("blocking", mode="one thread", size=64)
+    if small:
+        shares = " and ".join(
+            f"{seconds_text(row.timings['gio']['median'])} over {row['transport']}" for row in small
+        )
+        page.add(
+            "A small frame is bound by system calls: two writes and two reads, which by hand take "
+            f"{shares} for 64 bytes. What the channel adds is its filter streams, one more layer of "
+            "GIO calls in each direction. A large one is bound by the copies into the socket and "
+            "out of it, which both pay alike."
+        )
+    page.add(full_table(rows))
+
+
+def async_section(page, results):
+    if not begin(page, results, "async"):
+        return
+    rows = results.rows("async")
+    page.plot("async", "Asynchronous frames one way, tcp: time of a message",
+              results.rows("async", transport="tcp", mode="one way"),
+              ["zelgvc", "gio", "not pollable"], value="time")
+    page.add(
+        verdict(rows, "zelgvc", "gio", "hand-written GIO"),
+        verdict(rows, "zelgvc", "not pollable", "a filter that is not pollable"),
+        "An asynchronous frame is bound by turns of the main loop and by tasks: each of its four "
+        "operations is completed from the loop, which polls in between. On a filter that is not "
+        "pollable each operation is a trip to a worker thread and back instead.",
+        full_table(rows),
+    )
+
+
+def strings_section(page, results):
+    if not begin(page, results, "strings"):
+        return
+    rows = results.rows("strings")
+    page.add(
+        verdict(rows, "zelgvc", "gio", "a byte at a time by hand"),
+        verdict(rows, "zelgvc", "GDataInputStream"),
+        verdict(rows, "zelgvc", "not pollable", "a filter that is not pollable"),
+        "A string is read a byte at a time so that what follows it stays in the stream, and each "
+        "byte is a system call and a turn of the main loop. `GDataInputStream` reads ahead into a "
+        "buffer of its own: where nothing but lines is read from a stream, it is the better choice.",
+        full_table(rows),
+    )
+
+
+def nodelay_section(page, results):
+    if not begin(page, results, "nodelay"):
+        return
+    page.add(
+        "Without the option the message waits behind its own length for the peer's delayed "
+        "acknowledgement, on each way.",
+        full_table(results.rows("nodelay"), rates=False),
+    )
+
+
+def ciphers_section(page, results):
+    if not begin(page, results, "ciphers"):
+        return
+    for direction in ("encrypt", "decrypt"):
+        page.plot(f"ciphers-{direction}", f"AES-256-CBC records, {direction}",
+                  results.rows("ciphers", direction=direction, bits=256),
+                  ["zelgvc", "libgcrypt", "openssl"], x_name="bytes of record")
+    for direction in ("encrypt", "decrypt"):
+        rows = results.rows("ciphers", direction=direction)
+        page.add(f"{direction.capitalize()}ing: "
+                 + verdict(rows, "zelgvc", "libgcrypt", "bare libgcrypt") + " "
+                 + verdict(rows, "zelgvc", "openssl", "OpenSSL"))
+    largest = max(row["size"] for row in results.rows("ciphers"))
+    pair = {row["direction"]: row for row in results.rows("ciphers", bits=256, size=largest)}
+    page.add(
+        "CBC encrypts serially, each block needing the one before: bare libgcrypt encrypts "
+        f"{rate_text(pair['encrypt'].rate('libgcrypt'))} at {size_text(largest)} with 256 bits, "
+        "bound by the latency of the AES instruction, and decrypts "
+        f"{rate_text(pair['decrypt'].rate('libgcrypt'))}, where blocks run side by side. Nothing "
+        "gets past the first figure with one stream. Of small records the call itself is the "
+        "larger part.",
+        full_table(results.rows("ciphers")),
+    )
+
+
+def converters_section(page, results):
+    if not begin(page, results, "converters"):
+        return
+    yardsticks = ["codec", "lzo", "lz4"]
+    for direction in ("compress", "decompress"):
+        rows = results.rows("converters", direction=direction)
+        page.add(f"### {direction.capitalize()}")
+        page.plot(f"converters-{direction}", f"{direction.capitalize()}, C source",
+                  results.rows("converters", direction=direction, corpus="source"),
+                  ["zelgvc"] + yardsticks, x_name="bytes of block")
+        names = ["the bare codec", "liblzo2", "LZ4"]
+        page.add(*[verdict(rows, "zelgvc", y, n) for y, n in zip(yardsticks, names)])
+        page.add("In a cell: what the converter does, and that divided by the bare codec, by "
+                 "liblzo2 and by LZ4.",
+                 pivot_table(rows, "zelgvc", yardsticks))
+
+
+def codec_section(page, results):
+    if not begin(page, results, "codec"):
+        return
+    for direction in ("encode", "decode"):
+        rows = results.rows("codec", direction=direction)
+        page.add(f"### {direction.capitalize()}",
+                 verdict(rows, "codec", "lzo", "liblzo2"), verdict(rows, "codec", "lz4", "LZ4"),
+                 verdict(rows, "codec on lzo's", "lzo on lzo's", "liblzo2"),
+                 "In a cell: the codec, and that divided by liblzo2 and by LZ4.",
+                 pivot_table(rows, "codec", ["lzo", "lz4"]))
+    sizes = sorted({row["size"] for row in results.rows("codec", direction="encode")})
+    corpora = list(dict.fromkeys(row["corpus"] for row in results.rows("codec")))
+    lines = []
+    for size in sizes:
+        line = [size_text(size)]
+        for corpus in corpora:
+            row = results.rows("codec", direction="encode", size=size, corpus=corpus)[0]
+            line.append(" · ".join(f"{row.figures[f'{who} size %']['median']:.1f}"
+                                   for who in ("codec", "lzo", "lz4")))
+        lines.append(line)
+    page.add("### Size", "What is left of the corpus in percent: ours, liblzo2, LZ4.",
+             table(["block"] + corpora, lines))
+
+
+def channels_section(page, results):
+    if not begin(page, results, "channels"):
+        return
+    names = ["plain", "compressed", "encrypted", "both", "tls", "tls+zlib"]
+    page.plot("channels", "Whole channels one way",
+              results.rows("channels", mode="one way"), names)
+    page.plot("channels-round-trip", "Whole channels: time of a round trip",
+              results.rows("channels", mode="round trip"), names, value="time")
+    rows = results.rows("channels")
+    page.add(
+        verdict(rows, "encrypted", "tls", "TLS"),
+        verdict(rows, "both", "tls+zlib", "TLS with zlib"),
+        verdict(rows, "both", "tls", "TLS without compression"),
+        f"TLS here is {results.data['machine']['tls']}: it authenticates what it carries, which "
+        "the channel's AES-CBC records do not, and its counter mode encrypts blocks side by side, "
+        "where CBC waits for each block. Where TLS is ahead of the encrypted channel with large "
+        "messages, that is why. A channel that compresses is bound by the compressor: over a "
+        "loopback that is faster than it, compression only costs; it pays on links slower than "
+        "the rates of the compressed channel.",
+        full_table(rows),
+    )
+
+
+def stages_section(page, results):
+    if not begin(page, results, "stages"):
+        return
+    rows = results.rows("stages")
+    shares = []
+    for row in rows:
+        converter, end = row["slowest converter"], row["busier end"]
+        line = [row["corpus"]]
+        for name in ("both", "compressed", "encrypted", "plain"):
+            line.append(rate_text(row.rate(name)))
+        line += [f"{converter}, {rate_text(row.rate(converter))}",
+                 ratio_text(row.ratios["both", converter]),
+                 ratio_text(row.ratios["both", row["slower channel"]]),
+                 f"{end}, {ratio_text(row.ratios['both', end])}"]
+        shares.append(line)
+    page.add(
+        "A channel starts no threads, so one end does its two conversions and the system calls of "
+        "a message one after the other: what the converters of the busier end take together bounds "
+        "the channel, not the slowest of them.",
+        table(["corpus", "both", "compressed", "encrypted", "plain", "slowest converter",
+               "both ÷ it", "both ÷ slower channel of one stage", "both ÷ busier end's sum"],
+              shares),
+    )
+
+
+def perbyte_section(page, results):
+    if not begin(page, results, "perbyte"):
+        return
+    lines, series = [], []
+    for stages in ("plain", "both"):
+        points = []
+        for row in results.rows("perbyte", stages=stages):
+            seconds = row.timings[size_text(row["size"])]
+            points.append((row["size"], *(seconds[k] * 1e9 for k in ("median", "low", "high"))))
+            lines.append([stages, size_text(row["size"]), f"{seconds['median'] * 1e9:.3f}",
+                          f"{seconds['low'] * 1e9:.3f}–{seconds['high'] * 1e9:.3f}"])
+        series.append((stages, sorted(points)))
+    svg = line_plot("Cost per byte", "bytes of message", "ns a byte", series, size_text)
+    (page.plots / "perbyte.svg").write_text(svg)
+    page.add("![Cost per byte](performance/perbyte.svg)",
+             "Small messages pay for their system calls and for each conversion's start. Large "
+             "ones pay for memory that is fresh from the system: a message is one allocation, and "
+             "with stages one block and one record, each buffered whole.",
+             table(["stages", "message", "ns a byte", "quartiles"], lines))
+
+
+def scale_section(page, results):
+    if not begin(page, results, "scale"):
+        return
+    rows = results.rows("scale")
+    page.plot("scale", "Round trips a second, all channels together", rows,
+              ["plain", "both", "gio"], x="channels", value="per second", x_name="channels")
+    lines = []
+    for row in rows:
+        lines.append([str(row["channels"])]
+                     + [f"{1 / row.timings[n]['median']:,.0f}" for n in ("plain", "both", "gio")]
+                     + [ratio_text(row.ratios[n, "gio"]) for n in ("plain", "both")])
+    page.add("In round trips a second. GLib's main loop polls all its sources in each turn and "
+             "keeps their descriptors in a list, so a turn costs in proportion to the channels; "
+             "frames by hand on bare sockets pay that as well.",
+             table(["channels", "plain", "both", "gio", "plain ÷ gio", "both ÷ gio"], lines))
+
+
+def memory_section(page, results):
+    if not begin(page, results, "memory"):
+        return
+    page.add("A stage that has carried a large message keeps its buffers at that size.",
+             full_table(results.rows("memory")))
+
+
+def instructions_section(page, results):
+    if begin(page, results, "instructions"):
+        page.add(full_table(results.rows("instructions")))
+
+
+def machine_section(page, results):
+    machine = results.data["machine"]
+    page.add(
+        "## Method and machine",
+        "The contenders of a comparison run in one process and take turns, round by round; who "
+        "begins changes with the round. Each figure is the median over the rounds, each ratio the "
+        "median of the ratios of the single rounds, and what stands in brackets are their "
+        f"quartiles. There were {results.data['rounds']} rounds, fewer (at least 7) where one turn "
+        f"takes longer than {results.data['slice'] * 1e3:g} ms. Within a round the contenders "
+        "alternate in small batches of operations, and the round counts as the median of a "
+        "contender's batches; contenders that start a second thread at each turn have fewer and "
+        "longer turns. Nothing is pinned to a processor. Contenders with the same bytes on the wire "
+        "share one connection. Before anything is measured, every contender has to show that what "
+        "it carries arrives unchanged.",
+        "The corpora are made or found on the machine: generated XML records (text), the "
+        "system's C headers (source), a shared library (binary), a drawn desktop (pixels), noise "
+        "(random).",
+        table(["", ""], [[name, str(value)] for name, value in machine.items()]),
+        "`scripts/bench --docs` measures again and writes this page.",
+    )
+
+
+def main():
+    if len(sys.argv) != 3:
+        sys.exit(__doc__)
+    results = Results(pathlib.Path(sys.argv[1]))
+    page = Page(pathlib.Path(sys.argv[2]))
+    page.add("# Performance",
+             "What the library costs beside what a program would use in its place. This page is "
+             "generated from one run of `scripts/bench`; nothing in it is edited by hand.")
+    if results.data["quick"]:
+        page.add("**A quick run: short turns and few sizes, so take the figures as rough.**")
+    goals_section(page, results)
+    for section in (blocking_section, async_section, strings_section, nodelay_section,
+                    ciphers_section, converters_section, codec_section, channels_section,
+                    stages_section, perbyte_section, scale_section, memory_section,
+                    instructions_section, machine_section):
+        section(page, results)
+    page.write()
+
+
+main()
