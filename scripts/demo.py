@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """The conversations of scripts/demo, and the table of what was seen.
 
-usage: demo.py SERVE CALL
+usage: demo.py SERVE CALL ZELGVC
 
 For every combination of stages the serving and the calling example hold the same conversation
 twice, as two processes on the loopback interface: once directly, which is timed, and once through
-a relay in this process, which counts and keeps every byte that passes.
+a relay in this process, which counts and keeps every byte that passes. Then the program zelgvc shows
+what it does.
 """
 
 import hashlib
@@ -18,6 +19,8 @@ import subprocess
 import sys
 import tempfile
 import threading
+
+import demoprogram
 
 MIB = 1 << 20
 SAMPLE_SIZE = 48 * MIB
@@ -201,7 +204,9 @@ def main():
     try:
         with tempfile.TemporaryDirectory(prefix="zelgvc-demo-") as directory:
             run(sys.argv[1], sys.argv[2], directory)
-    except Failure as failure:
+            sample = os.path.join(directory, "sample")
+            demoprogram.run(sys.argv[3], sample, os.path.join(directory, "program"))
+    except (Failure, demoprogram.Failure, subprocess.TimeoutExpired) as failure:
         print(f"demo: {failure}", file=sys.stderr)
         return 1
     return 0

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "codec/lzo1x/lzo1x.h"
 
+#include "codec/lzo1x/lzo1xcopy.h"
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
@@ -109,7 +110,7 @@ putLiterals(Encoder &at, const std::uint8_t *to)
     *at.written++ = 0;
     at.written = putLengthBytes(at.written, length - runShortMax);
   }
-  std::memcpy(at.written, at.pending, length);
+  copyRun(at.written, at.pending, length);
   at.written += length;
   at.pending = to;
   return true;
@@ -390,26 +391,45 @@ encoderStateSize(std::size_t maxInput) noexcept
   return sizeof(Entry) << tableBits(maxInput);
 }
 
+namespace
+{
+
+// An input that is not searched: one opening run.
+inline Result
+encodeTiny(Input in, Output out) noexcept
+{
+  static_assert(tinyInput <= openingRunMax);
+  const std::size_t header = in.empty() ? 0 : 1;
+  const std::size_t size = header + in.size() + sizeof endMarker;
+  if (out.size() < size)
+    return {Status::noRoom, 0};
+  if (!in.empty())
+    out[0] = static_cast<std::uint8_t>(openingRunMark + in.size());
+  copyRun(out.data() + header, in.data(), in.size());
+  std::memcpy(out.data() + size - sizeof endMarker, endMarker, sizeof endMarker);
+  return {Status::ok, size};
+}
+
+} // namespace
+
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
-  Encoder at{.begin = in.data(),
-             .readEnd = in.data() + in.size(),
-             .pending = in.data(),
-             .written = out.data(),
-             .outBegin = out.data(),
-             .writtenEnd = out.data() + out.size()};
-  if (in.size() > tinyInput) {
-    const unsigned bits = tableBits(in.size());
-    auto *const table = reinterpret_cast<Entry *>(state.data());
-    std::memset(table, 0, sizeof(Entry) << bits);
-    const Encoder start = at;
-    if (!Matcher(start, table, bits).run(at))
-      return {Status::noRoom, 0};
-  }
-  if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
+  if (in.size() <= tinyInput)
+    return encodeTiny(in, out);
+  const unsigned bits = tableBits(in.size());
+  auto *const table = reinterpret_cast<Entry *>(state.data());
+  std::memset(table, 0, sizeof(Entry) << bits);
+  const Encoder start{.begin = in.data(),
+                      .readEnd = in.data() + in.size(),
+                      .pending = in.data(),
+                      .written = out.data(),
+                      .outBegin = out.data(),
+                      .writtenEnd = out.data() + out.size()};
+  Encoder end = start;
+  if (!Matcher(start, table, bits).run(end) || !putLiterals(end, end.readEnd) || !putEndMarker(end))
     return {Status::noRoom, 0};
-  return {Status::ok, static_cast<std::size_t>(at.written - out.data())};
+  return {Status::ok, static_cast<std::size_t>(end.written - out.data())};
 }
 
 } // namespace lzo1x

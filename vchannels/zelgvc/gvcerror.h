@@ -25,7 +25,16 @@ G_BEGIN_DECLS
  *
  * Since: 0.1
  */
-typedef enum { GVC_ERROR_DISCONNECTED = 0 } GvcError;
+/* clang-format off */
+typedef enum {
+  GVC_ERROR_DISCONNECTED = 0,
+#ifdef __GI_SCANNER__
+  /* The scanner takes the common prefix off the names of codes only where there are two. */
+  /*< private >*/
+  GVC_ERROR_PREFIX_END
+#endif
+} GvcError;
+/* clang-format on */
 
 GVC_EXPORT GQuark gvc_error_quark(void);
 

@@ -57,7 +57,7 @@ read_all_callback(GObject *source, GAsyncResult *result, gpointer user_data)
 }
 
 /**
- * gvc_input_stream_util_read_all_async:
+ * gvc_input_stream_util_read_all_async: (skip)
  * @stream: a #GInputStream
  * @buffer: (array length=count) (element-type guint8) (out caller-allocates) (nullable): where the
  *   bytes go; it must stay valid until @callback has run
@@ -92,7 +92,7 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
 }
 
 /**
- * gvc_input_stream_util_read_all_finish:
+ * gvc_input_stream_util_read_all_finish: (skip)
  * @stream: a #GInputStream
  * @result: the result that the callback was given
  * @bytes_read: (out) (optional): how many bytes arrived; set on failure too, and smaller than asked

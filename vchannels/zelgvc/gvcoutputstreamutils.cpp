@@ -96,7 +96,7 @@ write_all_callback(GObject *source, GAsyncResult *result, gpointer user_data)
 }
 
 /**
- * gvc_output_stream_util_write_all_async:
+ * gvc_output_stream_util_write_all_async: (skip)
  * @stream: a #GOutputStream
  * @buffer: (array length=count) (element-type guint8) (nullable): the bytes to write; they must
  * stay valid until @callback has run
@@ -134,7 +134,7 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
 }
 
 /**
- * gvc_output_stream_util_write_all_finish:
+ * gvc_output_stream_util_write_all_finish: (skip)
  * @stream: a #GOutputStream
  * @result: the result that the callback was given
  * @bytes_written: (out) (optional): how many bytes were written; set on failure too

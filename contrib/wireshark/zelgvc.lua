@@ -1,0 +1,227 @@
+-- SPDX-License-Identifier: LGPL-2.1-or-later
+--
+-- Wireshark dissector for libzelgvc channels: message frames, compressed blocks, encrypted records.
+--
+-- Copy it to the personal Lua plugins folder (Help > About Wireshark > Folders), or give it to
+-- tshark with -X lua_script:zelgvc.lua. Set the port in the preferences of the protocol, or with
+-- -o zelgvc.ports:5000; "Decode as" works, too. What is seen is the layer next to the socket: with
+-- encryption the records, with compression alone the blocks, and otherwise the frames.
+
+local zelgvc = Proto("zelgvc", "libzelgvc channel")
+
+local FRAMES, BLOCKS, RECORDS, AUTO = 1, 2, 3, 0
+
+zelgvc.prefs.ports = Pref.range("TCP ports", "5000", "The ports that channels use", 65535)
+zelgvc.prefs.layer = Pref.enum("Layer next to the socket", AUTO,
+  "What the bytes of a connection are", {
+    { 1, "Found out from the first bytes", AUTO },
+    { 2, "Message frames", FRAMES },
+    { 3, "Compressed blocks", BLOCKS },
+    { 4, "Encrypted records", RECORDS },
+  }, false)
+zelgvc.prefs.desegment = Pref.bool("Reassemble units that span several TCP segments", true,
+  "TCP itself must be allowed to reassemble as well")
+
+local fields = {
+  frame = ProtoField.none("zelgvc.frame", "Message frame"),
+  frame_length = ProtoField.int32("zelgvc.frame.length", "Length", base.DEC),
+  frame_payload = ProtoField.bytes("zelgvc.frame.payload", "Message"),
+  frame_text = ProtoField.string("zelgvc.frame.text", "Message as text"),
+  block = ProtoField.none("zelgvc.block", "Compressed block"),
+  block_payload_size = ProtoField.uint32("zelgvc.block.payload_size", "Compressed size", base.DEC),
+  block_content_size = ProtoField.uint32("zelgvc.block.content_size", "Uncompressed size", base.DEC),
+  block_payload = ProtoField.bytes("zelgvc.block.payload", "LZO1X stream"),
+  record = ProtoField.none("zelgvc.record", "Encrypted record"),
+  record_length = ProtoField.uint64("zelgvc.record.length", "Length", base.DEC),
+  record_iv = ProtoField.bytes("zelgvc.record.iv", "Initialisation vector"),
+  record_ciphertext = ProtoField.bytes("zelgvc.record.ciphertext", "Cipher text"),
+}
+zelgvc.fields = fields
+
+local bad_length = ProtoExpert.new("zelgvc.bad_length", "A length that cannot be",
+  expert.group.MALFORMED, expert.severity.ERROR)
+zelgvc.experts = { bad_length }
+
+local tcp_stream = Field.new("tcp.stream")
+
+-- The layer of each TCP stream, once its first bytes have been seen.
+local layers = {}
+
+function zelgvc.init()
+  layers = {}
+end
+
+-- A length below this is taken to be one; beyond it a stream would be waited for in vain.
+local MOST = 0x7fffffff
+
+-- Each layer: how long its header is, how long the unit is that starts at an offset (nil where it
+-- cannot be one), and how the unit is shown.
+
+local frames = { header = 4, name = "frame" }
+
+function frames.size(tvb, offset)
+  local length = tvb(offset, 4):le_int()
+  return length >= 0 and 4 + length or nil
+end
+
+function frames.show(tvb, tree, pinfo)
+  local length = tvb(0, 4):le_int()
+  tree = tree:add(fields.frame, tvb())
+  tree:append_text(", " .. length .. " bytes")
+  tree:add_le(fields.frame_length, tvb(0, 4))
+  if length > 0 then
+    local payload = tvb(4)
+    tree:add(fields.frame_payload, payload)
+    local text = payload:raw(0, math.min(payload:len(), 200))
+    if not text:find("[%z\1-\8\14-\31\127-\255]") then
+      tree:add(fields.frame_text, payload(0, math.min(payload:len(), 200)))
+    end
+  end
+  return "Frame " .. length
+end
+
+local blocks = { header = 8, name = "block" }
+
+-- No encoder makes more of its input than this, and a byte stands for 255 bytes at most.
+local function plausible_block(payload, content)
+  if payload == 0 or content == 0 then
+    return payload == 0 and content == 0
+  end
+  return payload <= content + content / 8 + 1024 and content <= payload * 255
+end
+
+function blocks.size(tvb, offset)
+  local payload, content = tvb(offset, 4):le_uint(), tvb(offset + 4, 4):le_uint()
+  if payload > MOST or not plausible_block(payload, content) then
+    return nil
+  end
+  return 8 + payload
+end
+
+function blocks.show(tvb, tree, pinfo)
+  local payload, content = tvb(0, 4):le_uint(), tvb(4, 4):le_uint()
+  tree = tree:add(fields.block, tvb())
+  tree:append_text(", " .. content .. " bytes in " .. payload)
+  tree:add_le(fields.block_payload_size, tvb(0, 4))
+  tree:add_le(fields.block_content_size, tvb(4, 4))
+  if payload > 0 then
+    tree:add(fields.block_payload, tvb(8))
+  end
+  return "Block " .. content
+end
+
+local records = { header = 8, name = "record" }
+
+function records.size(tvb, offset)
+  local low, high = tvb(offset, 4):le_uint(), tvb(offset + 4, 4):le_uint()
+  if high ~= 0 or low > MOST or low % 16 ~= 0 then
+    return nil
+  end
+  return low == 0 and 24 or 8 + low
+end
+
+function records.show(tvb, tree, pinfo)
+  local length = tvb(0, 4):le_uint()
+  tree = tree:add(fields.record, tvb())
+  tree:add_le(fields.record_length, tvb(0, 8))
+  if length == 0 then
+    tree:append_text(", initialisation vector")
+    tree:add(fields.record_iv, tvb(8, 16))
+    return "IV"
+  end
+  tree:append_text(", " .. length .. " bytes")
+  tree:add(fields.record_ciphertext, tvb(8))
+  return "Record " .. length
+end
+
+local by_preference = { [FRAMES] = frames, [BLOCKS] = blocks, [RECORDS] = records }
+
+-- An encrypted stream starts with 8 bytes of zero and the IV. A block's two sizes fit each other,
+-- which the beginning of a frame hardly does; and a frame's length is a write of its own.
+local function guess(tvb)
+  if tvb:len() < 8 then
+    return frames
+  end
+  if tvb:len() >= 24 and tvb(0, 4):le_uint() == 0 and tvb(4, 4):le_uint() == 0 then
+    return records
+  end
+  local payload, content = tvb(0, 4):le_uint(), tvb(4, 4):le_uint()
+  if payload > 0 and payload <= MOST and plausible_block(payload, content) then
+    return blocks
+  end
+  return frames
+end
+
+local function layer_of(tvb)
+  local chosen = by_preference[zelgvc.prefs.layer]
+  if chosen then
+    return chosen
+  end
+  local stream = tcp_stream()
+  local key = stream and stream.value or -1
+  layers[key] = layers[key] or guess(tvb)
+  return layers[key]
+end
+
+local function show_damage(tvb, tree, layer)
+  local item = tree:add(fields[layer.name], tvb())
+  item:append_text(", damaged or something else")
+  item:add_proto_expert_info(bad_length)
+end
+
+-- Takes unit after unit; where the last one is not complete, asks TCP for the rest.
+function zelgvc.dissector(tvb, pinfo, root)
+  local layer = layer_of(tvb)
+  local length = tvb:len()
+  local offset = 0
+  local shown = {}
+
+  pinfo.cols.protocol = "ZELGVC"
+  local tree = root:add(zelgvc, tvb())
+  while offset < length do
+    local missing
+    local size
+    if length - offset < layer.header then
+      missing = DESEGMENT_ONE_MORE_SEGMENT
+    else
+      size = layer.size(tvb, offset)
+      if not size then
+        show_damage(tvb(offset):tvb(), tree, layer)
+        shown[#shown + 1] = "damaged"
+        break
+      end
+      if size > length - offset then
+        missing = size - (length - offset)
+      end
+    end
+    if missing and zelgvc.prefs.desegment and pinfo.can_desegment > 0 then
+      pinfo.desegment_offset = offset
+      pinfo.desegment_len = missing
+      break
+    end
+    if missing then
+      tree:add(fields[layer.name], tvb(offset)):append_text(", continued elsewhere")
+      break
+    end
+    shown[#shown + 1] = layer.show(tvb(offset, size):tvb(), tree, pinfo)
+    offset = offset + size
+  end
+  if #shown > 0 then
+    pinfo.cols.info = table.concat(shown, ", ")
+  end
+  return length
+end
+
+local registered
+local tcp_port = DissectorTable.get("tcp.port")
+
+local function register()
+  if registered then
+    tcp_port:remove(registered, zelgvc)
+  end
+  registered = zelgvc.prefs.ports
+  tcp_port:add(registered, zelgvc)
+end
+
+zelgvc.prefs_changed = register
+register()

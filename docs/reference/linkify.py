@@ -1,0 +1,110 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-2.1-or-later
+"""Turns the sigils of the doc comments (#GvcConnection, gvc_connection_new()) into the links of
+gi-docgen, which on its own only sets them in type-writer face. A reference to one of our own
+symbols that does not exist is an error.
+
+Usage: linkify.py IN.gir OUT.gir
+"""
+
+import pathlib
+import re
+import sys
+import xml.etree.ElementTree as ET
+
+CORE = "{http://www.gtk.org/introspection/core/1.0}"
+C = "{http://www.gtk.org/introspection/c/1.0}"
+GLIB = "{http://www.gtk.org/introspection/glib/1.0}"
+SYSTEM_GIRS = pathlib.Path("/usr/share/gir-1.0")
+
+TYPE_LINKS = {
+    "class": "class",
+    "interface": "iface",
+    "record": "struct",
+    "enumeration": "enum",
+    "bitfield": "flags",
+    "callback": "callback",
+    "alias": "alias",
+}
+FUNCTION_LINKS = {"constructor": "ctor", "method": "method", "function": "func"}
+
+TYPE = re.compile(r"#([A-Z]\w+)(?::([a-z]+(?:-[a-z]+)*))?")
+FUNCTION = re.compile(r"\b(g(?:vc)?_\w+)\(\)")
+
+
+def local(element):
+    return element.tag.removeprefix(CORE)
+
+
+def type_link(element):
+    if element.get(GLIB + "error-domain"):
+        return "error"
+    return TYPE_LINKS.get(local(element))
+
+
+def symbols_of(root):
+    """What a C name is called in a link."""
+    namespace = root.find(CORE + "namespace")
+    prefix = namespace.get("name")
+    links = {}
+    for element in namespace:
+        name = f"{prefix}.{element.get('name')}"
+        kind = type_link(element)
+        if kind:
+            links[element.get(C + "type")] = f"{kind}@{name}"
+        elif local(element) == "function":
+            links[element.get(C + "identifier")] = f"func@{name}"
+        for member in element:
+            kind = FUNCTION_LINKS.get(local(member))
+            if kind:
+                identifier = member.get(C + "identifier")
+                links.setdefault(identifier, f"{kind}@{name}.{member.get('name')}")
+    return links
+
+
+class Linker:
+    def __init__(self, links):
+        self.links = links
+        self.dead = []
+
+    def link(self, c_name, plain):
+        target = self.links.get(c_name)
+        if not target and c_name.lower().startswith("gvc"):
+            self.dead.append(c_name)
+        return f"[{target}]" if target else plain
+
+    def type(self, match):
+        name, prop = match.groups()
+        linked = self.link(name, f"`{name}`")
+        if prop and linked.startswith("["):
+            return f"[property@{linked.split('@')[1].rstrip(']')}:{prop}]"
+        return linked
+
+    def function(self, match):
+        return self.link(match.group(1), f"`{match.group(0)}`")
+
+    def text(self, text):
+        return FUNCTION.sub(self.function, TYPE.sub(self.type, text))
+
+
+def main(source, target):
+    ET.register_namespace("", CORE.strip("{}"))
+    ET.register_namespace("c", C.strip("{}"))
+    ET.register_namespace("glib", GLIB.strip("{}"))
+    tree = ET.parse(source)
+    links = {}
+    for name in "GLib", "GObject", "Gio":
+        links.update(symbols_of(ET.parse(SYSTEM_GIRS / f"{name}-2.0.gir").getroot()))
+    links.update(symbols_of(tree.getroot()))
+
+    linker = Linker(links)
+    for doc in tree.getroot().iter(CORE + "doc"):
+        doc.text = linker.text(doc.text)
+    tree.write(target, encoding="utf-8", xml_declaration=True)
+    for name in linker.dead:
+        print(f"{source}: a doc comment refers to {name}, which does not exist", file=sys.stderr)
+    return bool(linker.dead)
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What the C++ server and the C++ client share: a reference that counts itself, and the channel.
+#pragma once
+
+#include <zelgvc/zelgvc.h>
+
+#include <memory>
+
+struct Unref {
+  void
+  operator()(gpointer object) const
+  {
+    g_object_unref(object);
+  }
+  void
+  operator()(GBytes *bytes) const
+  {
+    g_bytes_unref(bytes);
+  }
+  void
+  operator()(GError *error) const
+  {
+    g_error_free(error);
+  }
+};
+
+template <typename T> using Ref = std::unique_ptr<T, Unref>;
+
+// An error that a C function sets through slot(), freed with its scope.
+class Failure
+{
+public:
+  Failure() = default;
+  Failure(const Failure &) = delete;
+  Failure &operator=(const Failure &) = delete;
+  ~Failure()
+  {
+    g_clear_error(&error_);
+  }
+
+  GError **
+  slot()
+  {
+    return &error_;
+  }
+  explicit operator bool() const
+  {
+    return error_ != nullptr;
+  }
+  const char *
+  message() const
+  {
+    return error_->message;
+  }
+
+  // The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
+  // that it could not get another block.
+  bool
+  is_end() const
+  {
+    return g_error_matches(error_, GVC_ERROR, GVC_ERROR_DISCONNECTED) ||
+           g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+  }
+
+private:
+  GError *error_ = nullptr;
+};
+
+class Channel
+{
+public:
+  // Encryption is added first and compression second: the stage added last is nearest to the
+  // caller, so messages are compressed and then encrypted. Both peers add them in this order.
+  explicit Channel(GSocketConnection *socket) : connection_(gvc_connection_new(socket))
+  {
+    Ref<GBytes> key = demonstration_key();
+    Ref<GvcDecryptor> decryptor(gvc_decryptor_new(key.get()));
+    Ref<GvcEncryptor> encryptor(gvc_encryptor_new(key.get()));
+    Ref<GvcDecompressor> decompressor(gvc_decompressor_new());
+    Ref<GvcCompressor> compressor(gvc_compressor_new());
+
+    gvc_connection_add_converters(connection_.get(), G_CONVERTER(decryptor.get()),
+                                  G_CONVERTER(encryptor.get()));
+    gvc_connection_add_converters(connection_.get(), G_CONVERTER(decompressor.get()),
+                                  G_CONVERTER(compressor.get()));
+    auto *io = G_IO_STREAM(connection_.get());
+    reader_.reset(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(io)));
+    writer_.reset(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io)));
+  }
+  ~Channel()
+  {
+    g_io_stream_close(G_IO_STREAM(connection_.get()), nullptr, nullptr);
+  }
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+
+  GvcBytesInputStream *
+  reader() const
+  {
+    return reader_.get();
+  }
+  GvcBytesOutputStream *
+  writer() const
+  {
+    return writer_.get();
+  }
+  GIOStream *
+  io() const
+  {
+    return G_IO_STREAM(connection_.get());
+  }
+
+private:
+  // Real peers agree on 32 random bytes by a way of their own.
+  static Ref<GBytes>
+  demonstration_key()
+  {
+    guint8 key[32];
+    for (guint8 i = 0; i < sizeof key; i++)
+      key[i] = i;
+    return Ref<GBytes>(g_bytes_new(key, sizeof key));
+  }
+
+  Ref<GvcConnection> connection_;
+  Ref<GvcBytesInputStream> reader_;
+  Ref<GvcBytesOutputStream> writer_;
+};

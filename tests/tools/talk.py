@@ -1,0 +1,374 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-2.1-or-later
+"""keygen, listen and connect, each as a real process against another."""
+
+import json
+import os
+import pathlib
+import pty
+import signal
+import socket
+import stat
+import struct
+import subprocess
+
+from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
+
+
+@case
+def keygen_makes_a_key_that_only_the_owner_reads():
+    run("keygen", "a")
+    run("keygen", "b")
+    first, second = pathlib.Path("a").read_bytes(), pathlib.Path("b").read_bytes()
+    assert len(first) == len(second) == 32 and first != second
+    assert stat.S_IMODE(os.stat("a").st_mode) == 0o600
+
+
+@case
+def keygen_overwrites_nothing():
+    pathlib.Path("a").write_text("precious")
+    run("keygen", "a", codes=(6,)).complained("a exists and is not overwritten")
+    assert pathlib.Path("a").read_text() == "precious"
+    run("keygen", "none/a", codes=(6,)).complained("cannot create none/a: No such file")
+
+
+@case
+def help_version_and_usage():
+    assert run("--version").output.startswith(b"zelgvc ")
+    overall = run("--help").output.decode()
+    commands = "keygen listen connect send receive serve ping perf decode".split()
+    for command in commands:
+        assert f"  {command} " in overall
+        assert f"zelgvc {command} [OPTION" in run(command, "--help").output.decode()
+    run(codes=(2,)).complained("no command")
+    run("dance", codes=(2,)).complained('no command "dance"')
+    run("ping", codes=(2,)).complained("an argument is missing")
+    run("ping", "a:1", "b", codes=(2,)).complained("too many arguments")
+    run("ping", "a:1", "--key-length", "192", codes=(2,)).complained("128 or 256")
+    for address in ("nowhere", "host:99999", "host:http", "::1:5000", "unix:"):
+        run("ping", address, codes=(2,)).complained("an address is HOST:PORT")
+
+
+@case
+def a_bad_key_file_is_named():
+    pathlib.Path("short").write_bytes(b"x" * 31)
+    pathlib.Path("long").write_bytes(b"x" * 33)
+    run("connect", "127.0.0.1:1", "--encrypt", "short", codes=(6,)).complained("less than 32 bytes")
+    run("connect", "127.0.0.1:1", "--encrypt", "long", codes=(6,)).complained("more than 32 bytes")
+    run("connect", "127.0.0.1:1", "--encrypt", "none", codes=(6,)).complained("none: No such file")
+
+
+@case
+def nobody_there():
+    run("connect", "unix:none", codes=(3,)).complained("cannot connect to unix:none")
+    with socket.socket() as unused:
+        unused.bind(("127.0.0.1", 0))
+        address = f"127.0.0.1:{unused.getsockname()[1]}"
+        run("connect", address, codes=(3,)).complained(f"cannot connect to {address}")
+        run("listen", address, codes=(3,)).complained(f"cannot listen on {address}")
+
+
+@each(*PAIRS)
+def lines_become_messages_and_messages_lines(kind, stages):
+    key()
+    there = "".join(f"line {i}\n" for i in range(500)).encode() + b"\n" + b"x" * 300000 + b"\n"
+    back = b"first\n\nthird, and no end of line"
+    with open("back", "wb") as file:
+        file.write(back)
+    with open("back", "rb") as file:
+        listen = Process("listen", listening_address(kind), *stages, stdin=file)
+    connect = run("connect", listen.address(), *stages, data=there)
+    listen.wait()
+    assert listen.output == there
+    assert connect.output == back + b"\n"
+    assert not listen.complaints and not connect.complaints
+
+
+@case
+def ipv6():
+    listen = Process("listen", "[::1]:0")
+    try:
+        address = listen.address()
+    except AssertionError:
+        raise Skip("no IPv6 here") from None
+    run("connect", address, data=b"six\n")
+    assert listen.wait().output == b"six\n"
+
+
+@case
+def frames_on_the_wire_are_length_and_bytes():
+    listen = Process("listen", "unix:socket")
+    listen.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    peer.sendall(b"\x05\0\0\0hello\0\0\0\0\x01\0\0\0x")
+    peer.shutdown(socket.SHUT_WR)
+    assert peer.recv(100) == b""
+    listen.wait()
+    assert listen.output == b"hello\n\nx\n"
+    assert not os.path.exists("socket")
+
+
+@case
+def hex_lines():
+    listen = Process("listen", "unix:socket", "--hex")
+    run("connect", listen.address(), "--hex", data=b"00ff 0A\n\n7f\n")
+    assert listen.wait().output == b"00ff0a\n\n7f\n"
+    listen = Process("listen", "unix:socket", "--hex")
+    bad = run("connect", listen.address(), "--hex", data=b"0g\n012\naa\n", codes=(1,))
+    bad.complained("line 2 is not sent: an odd number", lines=2)
+    assert listen.wait().output == b"aa\n"
+
+
+@case
+def variant_lines():
+    options = ["--variant", "(sua{sv})"]
+    value = b"('x y', uint32 7, {'k': <[1, 2]>})\n"
+    listen = Process("listen", "unix:socket", *options)
+    bad = run("connect", listen.address(), *options, data=value + b"(1, 2)\n" + value, codes=(1,))
+    bad.complained("line 2 is not sent: no value of type (sua{sv})")
+    assert listen.wait().output.replace(b"uint32 ", b"") == 2 * value.replace(b"uint32 ", b"")
+    run("connect", "unix:socket", "--variant", "(s*", codes=(2,)).complained("no definite type")
+    run("connect", "unix:socket", "--variant", "a*", codes=(2,)).complained("no definite type")
+
+
+@case
+def what_is_no_variant_is_reported_and_the_rest_goes_on():
+    listen = Process("listen", "unix:socket", "--variant", "s")
+    run("connect", listen.address(), "--hex", data=b"ff\n686900\n")
+    listen.wait(1).complained("a message of 1 bytes is no value of type s")
+    assert listen.output == b"'hi'\n"
+
+
+@case
+def strings_with_a_terminator():
+    for terminator, byte in ((";", b";"), ("\\0", b"\0"), ("\\xfe", b"\xfe")):
+        listen = Process("listen", "unix:socket", "--strings", terminator)
+        listen.address()
+        peer = socket.socket(socket.AF_UNIX)
+        peer.connect("socket")
+        peer.sendall(b"one" + byte + byte + b"x" * 5000 + byte)
+        peer.shutdown(socket.SHUT_WR)
+        assert listen.wait().output == b"one\n\n" + b"x" * 5000 + b"\n"
+        peer.close()
+    listen = Process("listen", "unix:socket", "--strings", ";")
+    bad = run("connect", listen.address(), "--strings", ";", data=b"a;b\nc\n", codes=(1,))
+    bad.complained("line 1 is not sent: the terminator cannot be part of a string")
+    assert listen.wait().output == b"c\n"
+
+
+@each(*PAIRS)
+def strings_through_stages(kind, stages):
+    key()
+    listen = Process("listen", listening_address(kind), *stages, "--strings", "\\0")
+    run("connect", listen.address(), *stages, "--strings", "\\0", data=b"one\ntwo\n" * 20)
+    assert listen.wait().output == b"one\ntwo\n" * 20
+
+
+@case
+def json_objects():
+    listen = Process("listen", "unix:socket", "--json")
+    run("connect", listen.address(), "--hex", data=b"6869\nff22\n\n")
+    found = [json.loads(line) for line in listen.wait().output.splitlines()]
+    assert found == [
+        {"size": 2, "text": "hi"},
+        {"size": 2, "hex": "ff22"},
+        {"size": 0, "text": ""},
+    ], found
+
+
+@each(*PAIRS)
+def exec_answers_each_message(kind, stages):
+    key()
+    listen = Process("listen", listening_address(kind), *stages, "--exec", "tr a-z A-Z; echo done")
+    connect = Process("connect", listen.address(), *stages, stdin=subprocess.PIPE)
+    connect.popen.stdin.write(b"one\n")
+    connect.popen.stdin.flush()
+    connect.until(lambda: connect.output == b"ONE\ndone\n", "answer")
+    connect.popen.stdin.write(b"two\n")
+    connect.popen.stdin.close()
+    connect.wait()
+    listen.wait()
+    assert connect.output == b"ONE\ndone\nTWO\ndone\n"
+
+
+@case
+def keep_serves_one_peer_after_another():
+    listen = Process("listen", "unix:socket", "--keep")
+    for text in (b"one\n", b"two\n", b"three\n"):
+        run("connect", listen.address(), data=text)
+    # A peer that speaks something else does not end it.
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    peer.sendall(b"GET / HTTP/1.0\r\n\r\n")
+    peer.close()
+    listen.until(lambda: listen.complaints, "complaint")
+    run("connect", listen.address(), data=b"four\n")
+    listen.until(lambda: listen.output == b"one\ntwo\nthree\nfour\n", "last line")
+    listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+@case
+def both_directions_at_once_do_not_block_each_other():
+    big = b"y" * 3000000 + b"\n"
+    with open("big", "wb") as file:
+        file.write(big * 8)
+    with open("big", "rb") as one, open("big", "rb") as other:
+        listen = Process("listen", "127.0.0.1:0", "--compress", stdin=one)
+        connect = Process("connect", listen.address(), "--compress", stdin=other)
+    listen.wait()
+    connect.wait()
+    assert listen.output == connect.output == big * 8
+
+
+@case
+def output_closed_early_is_no_error():
+    reader, writer = os.pipe()
+    listen = Process("listen", "unix:socket", stdout=writer)
+    os.close(writer)
+    listen.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    peer.sendall(b"\x01\0\0\0a")
+    assert os.read(reader, 10) == b"a\n"
+    os.close(reader)
+    peer.sendall(b"\x01\0\0\0b")
+    listen.wait(0)
+    assert not listen.complaints
+
+
+@case
+def a_full_disk_under_standard_output_is_named():
+    with open("/dev/full", "wb") as full:
+        listen = Process("listen", "unix:socket", stdout=full)
+        run("connect", listen.address(), data=b"x\n", codes=(0, 4))
+        listen.wait(6).complained("cannot write to standard output: ")
+        assert "No space left" in listen.errors
+        help_ = Process("--help", stdout=full)
+        help_.wait(6).complained("No space left")
+
+
+def cut_off(data, *options):
+    listen = Process("listen", "unix:socket", *options)
+    listen.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    peer.sendall(data)
+    peer.close()
+    return listen
+
+
+@case
+def a_peer_gone_in_the_middle_is_named_and_what_was_complete_is_printed():
+    for cut in (b"\x05\0", b"\x05\0\0\0", b"\x05\0\0\0hel"):
+        listen = cut_off(b"\x02\0\0\0ok" + cut)
+        listen.wait(4).complained("went away in the middle of a message")
+        assert listen.output == b"ok\n"
+    listen = cut_off(b"ok;hel", "--strings", ";")
+    listen.wait(4).complained("went away in the middle of a string")
+    assert listen.output == b"ok\n"
+
+
+@case
+def a_stage_cut_off_in_the_middle_is_named():
+    key()
+    for cut in (1, 8, 23, 25, 32, 40):
+        listen = cut_off((bytes(24) + struct.pack("<Q", 32) + bytes(32))[:cut], "--encrypt", "key")
+        listen.wait(4).complained("went away in the middle of a message")
+    block = struct.pack("<II", 8, 4) + b"\x15\x02\0\0\0\x11\0\0"
+    for cut in (1, 7, 8, 15):
+        listen = cut_off(block[:cut], "--compress")
+        listen.wait(4).complained("went away in the middle of a message")
+    listen = cut_off(block, "--compress")
+    listen.wait(4).complained("went away in the middle of a message")
+
+
+@case
+def a_wrong_key_or_something_else_is_named():
+    key("key", 1)
+    key("other", 2)
+    for one, other in (
+        (["--encrypt", "key"], ["--encrypt", "other"]),
+        (["--encrypt", "key"], ["--encrypt", "key", "--key-length", "128"]),
+        (["--encrypt", "key"], []),
+        (["--compress"], ["--encrypt", "key"]),
+        (["--compress"], []),
+        (["--compress", "--encrypt", "key"], ["--encrypt", "key", "--compress"]),
+    ):
+        listen = Process("listen", "unix:socket", *one)
+        run("connect", listen.address(), *other, data=b"hello, hello\n" * 20, codes=(0, 4))
+        listen.wait(5).complained("another key or other stages")
+        assert listen.output == b""
+    listen = cut_off(b"SSH-2.0-OpenSSH_9.2\r\n")
+    listen.wait(5).complained("cannot be understood (a message of ")
+
+
+@case
+def a_message_over_the_limit_takes_no_memory():
+    data = struct.pack("<i", 100 * 2**20) + bytes(50 * 2**20)
+    free = Process("listen", "unix:socket", "--limit", str(2**30))
+    free.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    peer.sendall(data)
+    free.until(lambda: free.look_at_memory() or free.peak > 40 * 1024, "memory in use")
+    free.kill()
+    peer.close()
+
+    listen = Process("listen", "unix:socket", "--limit", "1000")
+    listen.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    try:
+        peer.sendall(data)
+    except OSError:
+        pass
+    listen.wait(5).complained("where at most 1000 are expected")
+    listen.used_at_most(32 * 1024)
+
+
+@case
+def an_interrupt_ends_both_sides_cleanly():
+    listen = Process("listen", "unix:socket")
+    listen.address()
+    listen.kill(signal.SIGINT)
+    listen.wait(130)
+    assert not os.path.exists("socket")
+    listen = Process("listen", "unix:socket", stdin=subprocess.PIPE)
+    connect = Process("connect", listen.address(), stdin=subprocess.PIPE)
+    connect.popen.stdin.write(b"complete\n")
+    connect.popen.stdin.flush()
+    listen.until(lambda: listen.output == b"complete\n", "line")
+    connect.kill(signal.SIGTERM)
+    connect.wait(143)
+    listen.popen.stdin.close()
+    listen.wait()
+    assert listen.output == b"complete\n"
+
+
+@case
+def a_socket_left_behind_is_replaced_and_a_file_is_not():
+    dead = socket.socket(socket.AF_UNIX)
+    dead.bind("socket")
+    dead.close()
+    listen = Process("listen", "unix:socket")
+    run("connect", listen.address(), data=b"x\n")
+    listen.wait()
+    pathlib.Path("file").write_text("precious")
+    run("listen", "unix:file", codes=(3,)).complained("cannot listen on unix:file")
+    assert pathlib.Path("file").read_text() == "precious"
+
+
+@case
+def a_terminal_is_not_controlled_by_the_peer():
+    master, slave = pty.openpty()
+    listen = Process("listen", "unix:socket", stdout=slave)
+    os.close(slave)
+    run("connect", listen.address(), data=b"\x1b[2Jred\n")
+    listen.wait()
+    assert os.read(master, 100) == b"\\x1b[2Jred\r\n"
+    os.close(master)
+
+
+main()

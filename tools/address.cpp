@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "errors.h"
+#include "interrupt.h"
+
+#include <gio/gunixsocketaddress.h>
+
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+[[noreturn]] static void
+reject(const std::string &text, const char *why)
+{
+  fail(Exit::usage, "%s: %s; an address is HOST:PORT, [V6]:PORT or unix:PATH",
+       printable(text).c_str(), why);
+}
+
+Address
+Address::parse(const std::string &text)
+{
+  Address address;
+
+  if (text.starts_with("unix:")) {
+    address.path = text.substr(5);
+    if (address.path.empty())
+      reject(text, "no path");
+    if (address.path.size() >= 108)
+      reject(text, "the path of a Unix socket has at most 107 bytes");
+    return address;
+  }
+
+  auto colon = text.rfind(':');
+  if (colon == std::string::npos)
+    reject(text, "no port");
+  address.host = text.substr(0, colon);
+  bool bracketed = address.host.starts_with('[') && address.host.ends_with(']');
+  if (bracketed)
+    address.host = address.host.substr(1, address.host.size() - 2);
+  else if (address.host.find(':') != std::string::npos)
+    reject(text, "an IPv6 address stands in brackets");
+
+  guint64 port;
+  if (!g_ascii_string_to_unsigned(text.c_str() + colon + 1, 10, 0, 65535, &port, nullptr))
+    reject(text, "a port is a number up to 65535");
+  address.port = static_cast<guint16>(port);
+  return address;
+}
+
+std::string
+Address::text() const
+{
+  if (!path.empty())
+    return "unix:" + printable(path);
+  auto shown = host.find(':') == std::string::npos ? printable(host) : "[" + printable(host) + "]";
+  return shown + ":" + std::to_string(port);
+}
+
+GSocketConnection *
+connect_to(const Address &address, guint timeout)
+{
+  g_autoptr(GSocketConnectable) target = nullptr;
+  if (!address.path.empty())
+    target = G_SOCKET_CONNECTABLE(g_unix_socket_address_new(address.path.c_str()));
+  else if (address.port == 0)
+    fail(Exit::usage, "%s: port 0 is no port to connect to", address.text().c_str());
+  else
+    target = g_network_address_new(address.host.empty() ? "localhost" : address.host.c_str(),
+                                   address.port);
+
+  g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_socket_client_set_enable_proxy(client, FALSE);
+  g_socket_client_set_timeout(client, timeout);
+  g_autoptr(GError) error = nullptr;
+  auto *connection = g_socket_client_connect(client, target, interrupt_soon(), &error);
+  if (connection)
+    return connection;
+  if (interrupted())
+    throw Failure{Exit::interrupted, "interrupted"};
+  fail(Exit::address, "cannot connect to %s: %s", address.text().c_str(), error->message);
+}
+
+Listener::Listener(const Address &address) : listener(g_socket_listener_new())
+{
+  try {
+    if (!address.path.empty())
+      listen_unix(address);
+    else
+      listen_inet(address);
+  } catch (...) {
+    g_object_unref(listener);
+    throw;
+  }
+}
+
+Listener::~Listener()
+{
+  g_socket_listener_close(listener);
+  g_object_unref(listener);
+  if (!path.empty())
+    unlink(path.c_str());
+}
+
+// A socket that nobody listens on any more, left behind by a process that was killed, is in the way
+// of nothing. Anything else at the path stays.
+static void
+remove_stale_socket(const std::string &path, GSocketAddress *address)
+{
+  struct stat status;
+  if (lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode))
+    return;
+
+  g_autoptr(GSocket) probe =
+      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_DEFAULT, nullptr);
+  g_autoptr(GError) error = nullptr;
+  if (probe && !g_socket_connect(probe, address, nullptr, &error) &&
+      g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED))
+    unlink(path.c_str());
+}
+
+void
+Listener::listen_unix(const Address &address)
+{
+  g_autoptr(GSocketAddress) socket_address = g_unix_socket_address_new(address.path.c_str());
+  remove_stale_socket(address.path, socket_address);
+
+  g_autoptr(GError) error = nullptr;
+  if (!g_socket_listener_add_address(listener, socket_address, G_SOCKET_TYPE_STREAM,
+                                     G_SOCKET_PROTOCOL_DEFAULT, nullptr, nullptr, &error))
+    fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
+  path = address.path;
+  inform("listening on %s", address.text().c_str());
+}
+
+static std::vector<GInetAddress *>
+addresses_of(const Address &address)
+{
+  if (address.host.empty())
+    return {g_inet_address_new_any(G_SOCKET_FAMILY_IPV6),
+            g_inet_address_new_any(G_SOCKET_FAMILY_IPV4)};
+
+  g_autoptr(GResolver) resolver = g_resolver_get_default();
+  g_autoptr(GError) error = nullptr;
+  auto *list = g_resolver_lookup_by_name(resolver, address.host.c_str(), interrupt_soon(), &error);
+  if (!list)
+    fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
+
+  std::vector<GInetAddress *> addresses;
+  for (auto *link = list; link; link = link->next)
+    addresses.push_back(G_INET_ADDRESS(link->data));
+  g_list_free(list);
+  return addresses;
+}
+
+// Listens on every address of the host; one that succeeds is enough (a machine may have no IPv6).
+// All of them get the port that the first one was given.
+void
+Listener::listen_inet(const Address &address)
+{
+  g_autoptr(GError) error = nullptr;
+  bool any = false;
+  auto port = address.port;
+  auto addresses = addresses_of(address);
+
+  for (auto *inet : addresses) {
+    g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new(inet, port);
+    g_autoptr(GSocketAddress) effective = nullptr;
+    g_autoptr(GError) this_error = nullptr;
+    if (g_socket_listener_add_address(listener, wanted, G_SOCKET_TYPE_STREAM,
+                                      G_SOCKET_PROTOCOL_DEFAULT, nullptr, &effective,
+                                      &this_error)) {
+      any = true;
+      port = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(effective));
+      g_autofree char *host = g_inet_address_to_string(inet);
+      inform("listening on %s", Address{host, port, ""}.text().c_str());
+    } else if (!error && !any) {
+      error = static_cast<GError *>(g_steal_pointer(&this_error));
+    }
+  }
+  for (auto *inet : addresses)
+    g_object_unref(inet);
+  if (!any)
+    fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
+}
+
+GSocketConnection *
+Listener::accept()
+{
+  g_autoptr(GError) error = nullptr;
+  auto *connection = g_socket_listener_accept(listener, nullptr, interrupt_soon(), &error);
+  if (connection)
+    return connection;
+  if (interrupted())
+    throw Failure{Exit::interrupted, "interrupted"};
+  fail(Exit::address, "cannot accept a connection: %s", error->message);
+}
+
+GSocketConnection *
+Listener::accept_only()
+{
+  auto *connection = accept();
+  g_socket_listener_close(listener);
+  if (!path.empty())
+    unlink(path.c_str());
+  path.clear();
+  return connection;
+}
+
+void
+Listener::abandon()
+{
+  g_socket_listener_close(listener);
+  path.clear();
+}

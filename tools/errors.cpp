@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "errors.h"
+#include "progress.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+static std::string
+format_message(const char *format, va_list args)
+{
+  g_autofree char *text = g_strdup_vprintf(format, args);
+  return text;
+}
+
+void
+fail(Exit code, const char *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  auto message = format_message(format, args);
+  va_end(args);
+  throw Failure{code, message};
+}
+
+static void
+print_line(const std::string &line)
+{
+  progress_clear();
+  std::fputs((line + "\n").c_str(), stderr);
+}
+
+void
+complain(const char *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  auto message = format_message(format, args);
+  va_end(args);
+  print_line("zelgvc: " + message);
+}
+
+void
+complain(const Failure &failure)
+{
+  if (!failure.message.empty())
+    print_line("zelgvc: " + failure.message);
+}
+
+void
+inform(const char *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  auto message = format_message(format, args);
+  va_end(args);
+  print_line(message);
+}
+
+std::string
+printable(const void *bytes, gsize size)
+{
+  auto *at = static_cast<const char *>(bytes);
+  auto *end = at + size;
+  std::string text;
+
+  while (at < end) {
+    auto c = g_utf8_get_char_validated(at, end - at);
+    bool valid = c != static_cast<gunichar>(-1) && c != static_cast<gunichar>(-2) && c != 0;
+    if (valid && g_unichar_isprint(c)) {
+      const char *next = g_utf8_next_char(at);
+      text.append(at, next);
+      at = next;
+    } else {
+      char escaped[8];
+      g_snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<guint8>(*at));
+      text += escaped;
+      at++;
+    }
+  }
+  return text;
+}
+
+std::string
+printable(const std::string &text)
+{
+  return printable(text.data(), text.size());
+}

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "command.h"
+#include "interrupt.h"
+#include "talk.h"
+
+// One peer after another; what goes wrong with one is no reason not to serve the next, except where
+// it is this side that cannot go on.
+static Exit
+talk_to_all(Listener &listener, Talk &talk)
+{
+  for (;;) {
+    try {
+      talk.with(listener.accept());
+    } catch (const Failure &failure) {
+      if (interrupted())
+        return Exit::ok;
+      if (failure.code == Exit::local)
+        throw;
+      complain(failure);
+    }
+  }
+}
+
+Exit
+run_listen(const Command &command, int argc, char **argv)
+{
+  TalkOptions options;
+  const GOptionEntry entries[] = {
+      {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one peer after another", nullptr},
+      {"exec", 0, 0, G_OPTION_ARG_STRING, &options.exec.value,
+       "Answer each message with the output of this shell command", "COMMAND"},
+      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+  };
+  CommandLine line(command);
+  line.add(entries);
+  options.add_to(line);
+  auto arguments = line.parse(argc, argv, 1, 1);
+  options.check();
+
+  Listener listener(Address::parse(arguments[0]));
+  Talk talk(options);
+  if (options.keep)
+    return talk_to_all(listener, talk);
+  return talk.with(listener.accept_only());
+}

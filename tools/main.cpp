@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// zelgvc: talks over channels, measures them, and looks at what went over the wire.
+#include "command.h"
+#include "interrupt.h"
+#include "output.h"
+#include "progress.h"
+
+#include <zelgvc/zelgvc.h>
+
+#include <clocale>
+#include <cstring>
+
+static const Command commands[] = {
+    {"keygen", "FILE", "Makes a key file: 32 random bytes that only its owner can read.",
+     run_keygen},
+    {"listen", "ADDRESS", "Waits for a peer; lines become messages, and messages lines.",
+     run_listen},
+    {"connect", "ADDRESS", "Connects to a peer; lines become messages, and messages lines.",
+     run_connect},
+    {"send", "ADDRESS FILE...", "Sends files to a waiting zelgvc receive.", run_send},
+    {"receive", "ADDRESS DIRECTORY", "Waits for a zelgvc send and stores its files.", run_receive},
+    {"serve", "ADDRESS", "Answers zelgvc ping and zelgvc perf, any number at once.", run_serve},
+    {"ping", "ADDRESS", "Measures round trips to a zelgvc serve.", run_ping},
+    {"perf", "ADDRESS", "Measures throughput to and from a zelgvc serve.", run_perf},
+    {"decode", "[FILE]", "Takes one direction of a captured byte stream apart.", run_decode},
+};
+
+static std::string
+help()
+{
+  std::string text = "Usage: zelgvc COMMAND [OPTION...] [ARGUMENT...]\n\n"
+                     "Talks over framed, compressed and encrypted channels.\n\nCommands:\n";
+  for (auto &command : commands) {
+    char line[160];
+    g_snprintf(line, sizeof line, "  %-8s %-18s %s\n", command.name, command.arguments,
+               command.summary);
+    text += line;
+  }
+  return text + "\nAn address is HOST:PORT, [V6]:PORT or unix:PATH.\n"
+                "zelgvc COMMAND --help tells more, the manual page zelgvc(1) everything.\n";
+}
+
+static Exit
+run(int argc, char **argv)
+{
+  if (argc < 2)
+    fail(Exit::usage, "no command; see zelgvc --help");
+  if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+    output(help());
+    return Exit::ok;
+  }
+  if (std::strcmp(argv[1], "--version") == 0) {
+    output_line("zelgvc %s", ZELGVC_VERSION);
+    return Exit::ok;
+  }
+  for (auto &command : commands)
+    if (std::strcmp(argv[1], command.name) == 0)
+      return command.run(command, argc - 1, argv + 1);
+  fail(Exit::usage, "there is no command \"%s\"; see zelgvc --help",
+       printable(std::string(argv[1])).c_str());
+}
+
+static int
+exit_code(Exit code)
+{
+  return code == Exit::interrupted ? interrupt_exit_code() : static_cast<int>(code);
+}
+
+int
+main(int argc, char **argv)
+{
+  std::setlocale(LC_ALL, "");
+  interrupt_start();
+  gvc_init();
+
+  try {
+    auto code = run(argc, argv);
+    progress_clear();
+    return exit_code(code);
+  } catch (const Failure &failure) {
+    complain(failure);
+    progress_clear();
+    return exit_code(failure.code);
+  } catch (const OutputClosed &) {
+    progress_clear();
+    return 0;
+  }
+}

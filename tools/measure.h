@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The protocols of ping and perf with serve.
+//
+// ping: after the hello every message comes back as it is.
+//
+// perf: the caller sends a dictionary with "direction", "size", "seconds" and "data", one after
+// another until it closes. For the direction "send" it then sends messages of that size for as
+// long, and an empty one; for "receive" serve does. Then serve sends a dictionary with what it
+// counted: "messages", "bytes", "wire", "seconds" and "cpu".
+#pragma once
+
+#include "channel.h"
+
+#include <string>
+#include <vector>
+
+inline constexpr const char *ping_service = "ping";
+inline constexpr const char *perf_service = "perf";
+
+struct Measured {
+  guint64 messages = 0;
+  guint64 bytes = 0;
+  guint64 wire = 0;
+  double seconds = 0;
+  double cpu = 0;
+};
+
+// What the messages of perf consist of: "text", "random" or "zero". False for anything else.
+bool make_data(const std::string &kind, std::vector<char> &data);
+
+// Sends messages for `seconds`, then an empty one. Shows the rate under `label` on a terminal,
+// unless it is empty.
+Measured send_messages(Channel &channel, const std::vector<char> &data, double seconds,
+                       const std::string &label);
+Measured receive_messages(Channel &channel, const std::string &label);
+
+double cpu_seconds();

@@ -1,0 +1,179 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "meter.h"
+
+#include <algorithm>
+
+struct ToolMeter {
+  GFilterInputStream parent;
+  guint64 total;
+  guint32 limit;
+  guint32 length;      // of the present frame, as far as its prefix has come
+  guint prefix;        // bytes of the present prefix that have come, 4 within a payload
+  guint32 outstanding; // bytes of the present payload that have not
+  bool strings;
+  bool at_end;
+};
+
+struct ToolMeterClass {
+  GFilterInputStreamClass parent_class;
+};
+
+static void tool_meter_pollable_init(GPollableInputStreamInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(ToolMeter, tool_meter, G_TYPE_FILTER_INPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
+                                              tool_meter_pollable_init))
+
+static ToolMeter *
+meter_cast(gpointer stream)
+{
+  return static_cast<ToolMeter *>(stream);
+}
+
+static GInputStream *
+base_of(gpointer stream)
+{
+  return static_cast<GFilterInputStream *>(stream)->base_stream;
+}
+
+// Follows the frames through the bytes that have just passed.
+static bool
+follow(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
+{
+  while (size > 0) {
+    if (self->prefix == 4) {
+      auto part = static_cast<guint32>(std::min<gsize>(size, self->outstanding));
+      self->outstanding -= part;
+      bytes += part;
+      size -= part;
+    } else {
+      self->length |= static_cast<guint32>(*bytes++) << (8 * self->prefix++);
+      size--;
+      if (self->prefix == 4 && self->length > self->limit) {
+        g_set_error(error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
+                    "a message of %u bytes is announced where at most %u are expected",
+                    self->length, self->limit);
+        return false;
+      }
+      if (self->prefix == 4)
+        self->outstanding = self->length;
+    }
+    if (self->prefix == 4 && self->outstanding == 0)
+      self->prefix = self->length = 0;
+  }
+  return true;
+}
+
+static gssize
+account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **error)
+{
+  if (got < 0)
+    return got;
+  if (got == 0 && wanted > 0) {
+    self->at_end = true;
+    if (!self->strings)
+      return 0;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_CLOSED, "end of the channel");
+    return -1;
+  }
+  auto size = static_cast<gsize>(got);
+  self->total += size;
+  if (!self->strings && !follow(self, static_cast<const guint8 *>(buffer), size, error))
+    return -1;
+  return got;
+}
+
+static gssize
+tool_meter_read(GInputStream *stream, void *buffer, gsize count, GCancellable *cancellable,
+                GError **error)
+{
+  auto got = g_input_stream_read(base_of(stream), buffer, count, cancellable, error);
+  return account(meter_cast(stream), buffer, count, got, error);
+}
+
+static void
+tool_meter_class_init(ToolMeterClass *klass)
+{
+  G_INPUT_STREAM_CLASS(klass)->read_fn = tool_meter_read;
+}
+
+static void
+tool_meter_init(ToolMeter *self)
+{
+  self->limit = G_MAXUINT32;
+}
+
+static gboolean
+tool_meter_can_poll(GPollableInputStream *stream)
+{
+  auto *base = base_of(stream);
+  return G_IS_POLLABLE_INPUT_STREAM(base) &&
+         g_pollable_input_stream_can_poll(G_POLLABLE_INPUT_STREAM(base));
+}
+
+static gboolean
+tool_meter_is_readable(GPollableInputStream *stream)
+{
+  return g_pollable_input_stream_is_readable(G_POLLABLE_INPUT_STREAM(base_of(stream)));
+}
+
+static GSource *
+tool_meter_create_source(GPollableInputStream *stream, GCancellable *cancellable)
+{
+  g_autoptr(GSource) base_source =
+      g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(base_of(stream)), cancellable);
+  return g_pollable_source_new_full(stream, base_source, nullptr);
+}
+
+static gssize
+tool_meter_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize count, GError **error)
+{
+  auto got = g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(base_of(stream)),
+                                                      buffer, count, nullptr, error);
+  return account(meter_cast(stream), buffer, count, got, error);
+}
+
+static void
+tool_meter_pollable_init(GPollableInputStreamInterface *iface)
+{
+  iface->can_poll = tool_meter_can_poll;
+  iface->is_readable = tool_meter_is_readable;
+  iface->create_source = tool_meter_create_source;
+  iface->read_nonblocking = tool_meter_read_nonblocking;
+}
+
+ToolMeter *
+meter_new(GInputStream *base)
+{
+  return meter_cast(g_object_new(tool_meter_get_type(), "base-stream", base, nullptr));
+}
+
+void
+meter_set_limit(ToolMeter *meter, guint32 limit)
+{
+  meter->limit = limit;
+}
+
+void
+meter_set_strings(ToolMeter *meter)
+{
+  meter->strings = true;
+}
+
+guint64
+meter_total(ToolMeter *meter)
+{
+  return meter->total;
+}
+
+bool
+meter_at_end(ToolMeter *meter)
+{
+  return meter->at_end;
+}
+
+bool
+meter_at_boundary(ToolMeter *meter)
+{
+  return meter->prefix == 0;
+}

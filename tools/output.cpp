@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "output.h"
+#include "errors.h"
+#include "progress.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdarg>
+#include <unistd.h>
+
+void
+output(const std::string &text)
+{
+  progress_clear();
+  for (gsize done = 0; done < text.size();) {
+    auto written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
+    if (written > 0)
+      done += static_cast<gsize>(written);
+    else if (written < 0 && errno == EPIPE)
+      throw OutputClosed();
+    else if (written < 0 && errno != EINTR)
+      fail(Exit::local, "cannot write to standard output: %s", g_strerror(errno));
+  }
+}
+
+void
+output_line(const char *format, ...)
+{
+  va_list args;
+  va_start(args, format);
+  g_autofree char *text = g_strdup_vprintf(format, args);
+  va_end(args);
+  output(std::string(text) + "\n");
+}
+
+JsonLine &
+JsonLine::add(const char *name, const std::string &text)
+{
+  bool valid = g_utf8_validate_len(text.data(), text.size(), nullptr);
+  auto shown = valid ? text : printable(text);
+  json_builder_set_member_name(builder, name);
+  json_builder_add_string_value(builder, shown.c_str());
+  return *this;
+}
+
+JsonLine &
+JsonLine::add(const char *name, gint64 number)
+{
+  json_builder_set_member_name(builder, name);
+  json_builder_add_int_value(builder, number);
+  return *this;
+}
+
+JsonLine &
+JsonLine::add(const char *name, double number)
+{
+  json_builder_set_member_name(builder, name);
+  json_builder_add_double_value(builder, std::isfinite(number) ? number : 0);
+  return *this;
+}
+
+JsonLine &
+JsonLine::add(const char *name, bool value)
+{
+  json_builder_set_member_name(builder, name);
+  json_builder_add_boolean_value(builder, value);
+  return *this;
+}
+
+std::string
+JsonLine::text()
+{
+  json_builder_end_object(builder);
+  g_autoptr(JsonNode) root = json_builder_get_root(builder);
+  g_autofree char *text = json_to_string(root, FALSE);
+  return std::string(text) + "\n";
+}
+
+std::string
+human_size(guint64 bytes)
+{
+  g_autofree char *text = g_format_size_full(bytes, G_FORMAT_SIZE_IEC_UNITS);
+  std::string plain = text;
+  // GLib puts a blank between that does not break, and that no grep finds.
+  if (auto at = plain.find("\u00a0"); at != std::string::npos)
+    plain = plain.substr(0, at) + " " + plain.substr(at + 2);
+  return plain;
+}
+
+std::string
+human_rate(double bytes_per_second)
+{
+  char text[32];
+  g_snprintf(text, sizeof text, "%.1f MB/s", bytes_per_second / 1e6);
+  return text;
+}
+
+std::string
+human_time(double seconds)
+{
+  auto whole = static_cast<long>(std::min(seconds, 359999.0) + 0.5);
+  char text[32];
+  if (whole >= 3600)
+    g_snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
+  else
+    g_snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
+  return text;
+}
+
+std::string
+human_latency(double seconds)
+{
+  char text[32];
+  if (seconds < 1e-3)
+    g_snprintf(text, sizeof text, "%.1f us", seconds * 1e6);
+  else if (seconds < 1)
+    g_snprintf(text, sizeof text, "%.2f ms", seconds * 1e3);
+  else
+    g_snprintf(text, sizeof text, "%.2f s", seconds);
+  return text;
+}
+
+std::string
+hex_text(const void *bytes, gsize size)
+{
+  static const char digits[] = "0123456789abcdef";
+  auto *from = static_cast<const guint8 *>(bytes);
+  std::string text;
+  text.reserve(2 * size);
+  for (gsize i = 0; i < size; i++) {
+    text += digits[from[i] >> 4];
+    text += digits[from[i] & 15];
+  }
+  return text;
+}

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "command.h"
+#include "interrupt.h"
+#include "measure.h"
+#include "output.h"
+#include "progress.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace
+{
+struct Options {
+  int count = 10;
+  int size = 32;
+  double interval = 0.1;
+  gboolean json = FALSE;
+  int timeout = 30;
+};
+} // namespace
+
+// One round trip, in seconds.
+static double
+round_trip(Channel &channel, std::vector<char> &message, guint64 number)
+{
+  if (!message.empty())
+    std::memcpy(message.data(), &number, std::min(message.size(), sizeof number));
+  auto begun = g_get_monotonic_time();
+  channel.put(message.data(), message.size());
+  auto answer = channel.need(message_limit);
+  auto ended = g_get_monotonic_time();
+
+  gsize size;
+  auto *data = g_bytes_get_data(answer.get(), &size);
+  if (size != message.size() || (size > 0 && std::memcmp(data, message.data(), size) != 0))
+    fail(Exit::protocol, "%s answers with something else than it was sent", channel.peer().c_str());
+  return static_cast<double>(ended - begun) / G_USEC_PER_SEC;
+}
+
+// The value that this part of the sorted values does not exceed.
+static double
+percentile(const std::vector<double> &sorted, double part)
+{
+  auto rank = std::ceil(part * static_cast<double>(sorted.size()));
+  return sorted[static_cast<gsize>(std::max(rank, 1.0)) - 1];
+}
+
+static constexpr struct {
+  const char *name;
+  double part;
+} percentiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p95", 0.95}, {"p99", 0.99}, {"p99.9", 0.999}};
+
+static void
+print_summary(const Options &options, const Stages &stages, Channel &channel,
+              std::vector<double> times)
+{
+  std::sort(times.begin(), times.end());
+  double sum = 0;
+  for (auto time : times)
+    sum += time;
+  auto mean = sum / static_cast<double>(times.size());
+
+  if (options.json) {
+    JsonLine line;
+    line.add("stages", stages.text()).add("size", options.size);
+    line.add("count", static_cast<guint64>(times.size()));
+    line.add("min", times.front()).add("mean", mean);
+    for (auto &each : percentiles)
+      line.add(each.name, percentile(times, each.part));
+    line.add("max", times.back()).add("wire-bytes-sent", channel.wire_sent());
+    line.add("wire-bytes-received", channel.wire_received());
+    line.print();
+    return;
+  }
+  output_line("%" G_GSIZE_FORMAT " round trips of %d bytes, %s", times.size(), options.size,
+              stages.text().c_str());
+  output_line("  %-6s %12s", "min", human_latency(times.front()).c_str());
+  output_line("  %-6s %12s", "mean", human_latency(mean).c_str());
+  for (auto &each : percentiles)
+    output_line("  %-6s %12s", each.name, human_latency(percentile(times, each.part)).c_str());
+  output_line("  %-6s %12s", "max", human_latency(times.back()).c_str());
+}
+
+// Waits for the next turn; false where the user has had enough.
+static bool
+pause_for(double seconds)
+{
+  if (interrupted())
+    return false;
+  GPollFD fd;
+  if (seconds <= 0 || !g_cancellable_make_pollfd(interrupt_soon(), &fd))
+    return true;
+  g_poll(&fd, 1, static_cast<gint>(seconds * 1000));
+  g_cancellable_release_fd(interrupt_soon());
+  return !interrupted();
+}
+
+static std::vector<double>
+measure(Channel &channel, const Options &options)
+{
+  std::vector<char> message(static_cast<gsize>(options.size), '.');
+  std::vector<double> times;
+  double sum = 0;
+
+  for (int i = 0; options.count == 0 || i < options.count; i++) {
+    if (i > 0 && !pause_for(options.interval))
+      break;
+    try {
+      times.push_back(round_trip(channel, message, static_cast<guint64>(i)));
+    } catch (const Failure &failure) {
+      if (failure.code != Exit::interrupted || times.empty())
+        throw;
+      break;
+    }
+    sum += times.back();
+    progress_draw("round trip " + std::to_string(i + 1) + ": " + human_latency(times.back()) +
+                  ", mean " + human_latency(sum / (i + 1)));
+  }
+  return times;
+}
+
+Exit
+run_ping(const Command &command, int argc, char **argv)
+{
+  Options options;
+  const GOptionEntry entries[] = {
+      {"count", 'c', 0, G_OPTION_ARG_INT, &options.count,
+       "Stop after this many round trips, 0 for never (default 10)", "N"},
+      {"interval", 'i', 0, G_OPTION_ARG_DOUBLE, &options.interval,
+       "Wait this long between two (default 0.1)", "SECONDS"},
+      {"size", 's', 0, G_OPTION_ARG_INT, &options.size, "Bytes in a message (default 32)", "N"},
+      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object, times in seconds",
+       nullptr},
+      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+  };
+  Stages stages;
+  CommandLine line(command);
+  line.add(entries);
+  line.add(&stages);
+  line.add_timeout(&options.timeout);
+  auto arguments = line.parse(argc, argv, 1, 1);
+  if (options.count < 0 || options.size < 0 || options.size > static_cast<int>(message_limit) ||
+      !(options.interval >= 0) || options.interval > 86400)
+    fail(Exit::usage, "a count, a size (up to 64 MiB) and an interval are not negative");
+
+  auto seconds = static_cast<guint>(options.timeout);
+  Channel channel(connect_to(Address::parse(arguments[0]), seconds), stages, seconds);
+  channel.greet(ping_service, Control());
+  auto times = measure(channel, options);
+  if (!interrupted())
+    channel.close();
+  print_summary(options, stages, channel, times);
+  return interrupted() ? Exit::interrupted : Exit::ok;
+}

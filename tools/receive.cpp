@@ -1,0 +1,438 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "command.h"
+#include "interrupt.h"
+#include "output.h"
+#include "progress.h"
+#include "transfer.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const std::string part_suffix = ".zelgvc-part";
+static constexpr gsize name_max = 255;
+// How much may wait in memory for the disk, so that the last fsync does not take for ever.
+static constexpr guint64 sync_interval = 256 * 1024 * 1024;
+
+namespace
+{
+struct Options {
+  gboolean force = FALSE, resume = FALSE, keep = FALSE, json = FALSE;
+  int timeout = 30;
+  int dir = -1;
+  std::string dir_text;
+};
+
+struct Announced {
+  std::string name;
+  guint64 size;
+  mode_t mode;
+  timespec mtime;
+};
+
+// Why a file is not taken; the sender goes on with the next one.
+struct Refusal {
+  std::string why;
+};
+
+// The file that grows under a name of its own until it is complete. What has arrived stays there
+// for --resume, whatever ends the transfer.
+class Part
+{
+public:
+  Part(int dir, const std::string &name);
+  ~Part();
+  Part(const Part &) = delete;
+
+  guint64 size() const;
+  void truncate(guint64 size);
+  void write(const void *bytes, gsize size, guint64 offset);
+  void discard();
+  void commit(const Announced &file, bool force);
+
+  const int dir;
+  const std::string path;
+  int fd;
+
+private:
+  guint64 unsynced = 0;
+  bool settled = false;
+};
+} // namespace
+
+// A name that is too long to get the suffix is cut, and its checksum keeps it apart from others.
+static std::string
+part_name(const std::string &name)
+{
+  auto path = "." + name + part_suffix;
+  if (path.size() <= name_max)
+    return path;
+  Sha256 sha;
+  sha.update(name.data(), name.size());
+  return "." + name.substr(0, 100) + "-" + hex_text(sha.digest().data(), 16) + part_suffix;
+}
+
+Part::Part(int dir, const std::string &name) : dir(dir), path(part_name(name))
+{
+  fd = openat(dir, path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (fd < 0)
+    throw Refusal{"cannot create " + printable(path) + ": " + g_strerror(errno)};
+  struct stat status;
+  std::string why;
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+    why = printable(path) + " is in the way and no regular file";
+  else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
+    why = "another transfer of it is going on";
+  if (!why.empty()) {
+    close(fd);
+    throw Refusal{why};
+  }
+}
+
+Part::~Part()
+{
+  if (!settled && size() == 0)
+    unlinkat(dir, path.c_str(), 0);
+  close(fd);
+}
+
+guint64
+Part::size() const
+{
+  struct stat status;
+  return fstat(fd, &status) == 0 ? static_cast<guint64>(status.st_size) : 0;
+}
+
+[[noreturn]] static void
+fail_part(const Part &part, const char *what)
+{
+  fail(Exit::local, "cannot %s %s: %s", what, printable(part.path).c_str(), g_strerror(errno));
+}
+
+void
+Part::truncate(guint64 size)
+{
+  if (ftruncate(fd, static_cast<off_t>(size)) != 0)
+    fail_part(*this, "resize");
+}
+
+static bool
+all_zero(const char *bytes, gsize size)
+{
+  return size > 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+}
+
+// Zeros become a hole, so that a sparse file stays one.
+void
+Part::write(const void *bytes, gsize size, guint64 offset)
+{
+  auto *from = static_cast<const char *>(bytes);
+  if (size >= 4096 && all_zero(from, size)) {
+    truncate(offset + size);
+    return;
+  }
+  for (gsize done = 0; done < size;) {
+    auto written = pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done));
+    if (written < 0 && errno != EINTR)
+      fail_part(*this, "write");
+    done += written > 0 ? static_cast<gsize>(written) : 0;
+  }
+  unsynced += size;
+  if (unsynced >= sync_interval) {
+    if (fdatasync(fd) != 0)
+      fail_part(*this, "write");
+    unsynced = 0;
+  }
+}
+
+void
+Part::discard()
+{
+  unlinkat(dir, path.c_str(), 0);
+  settled = true;
+}
+
+void
+Part::commit(const Announced &file, bool force)
+{
+  const timespec times[2] = {{0, UTIME_OMIT}, file.mtime};
+  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || fsync(fd) != 0)
+    fail_part(*this, "finish");
+
+  auto *name = file.name.c_str();
+  bool renamed;
+  if (force) {
+    renamed = renameat(dir, path.c_str(), dir, name) == 0;
+  } else {
+    renamed = renameat2(dir, path.c_str(), dir, name, RENAME_NOREPLACE) == 0;
+    // Not every file system knows the flag. A second name is never given to what exists, either.
+    if (!renamed && errno == EINVAL)
+      renamed = linkat(dir, path.c_str(), dir, name, 0) == 0 && unlinkat(dir, path.c_str(), 0) == 0;
+  }
+  if (!renamed)
+    fail_part(*this, ("give the name " + printable(file.name) + " to").c_str());
+  settled = true;
+  fsync(dir);
+}
+
+static Announced
+read_announcement(const Control &control)
+{
+  Announced file;
+  file.name = control.bytes("name");
+  file.size = control.number("size");
+  // The bits that make a program run as its owner are not for a peer to set.
+  file.mode = static_cast<mode_t>(control.number("mode", 0600) & 0777);
+  auto mtime = control.integer("mtime");
+  auto seconds = mtime / 1000000000 - (mtime % 1000000000 < 0);
+  file.mtime = {seconds, mtime - seconds * 1000000000};
+  return file;
+}
+
+static void
+check_name(const std::string &name)
+{
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
+      name.find('\0') != std::string::npos)
+    throw Refusal{"its name would leave the directory or is none"};
+  if (name.size() > name_max)
+    throw Refusal{"its name is too long"};
+  if (name.starts_with('.') && name.ends_with(part_suffix))
+    throw Refusal{"its name is kept for unfinished transfers"};
+}
+
+static void
+check_free(const Options &options, const std::string &name)
+{
+  struct stat status;
+  if (fstatat(options.dir, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return;
+  if (S_ISDIR(status.st_mode))
+    throw Refusal{"there is a directory of that name"};
+  if (!options.force)
+    throw Refusal{"it exists already, and --force was not given"};
+}
+
+// What there is of an earlier attempt goes into the checksum, and the sender is asked whether it
+// has the same. Returns where to go on.
+static guint64
+agree_on_offset(Channel &channel, Part &part, const Announced &file, bool resume, Sha256 &sha)
+{
+  auto have = resume ? part.size() : 0;
+  if (have > file.size || !hash_beginning(part.fd, have, sha, channel)) {
+    have = 0;
+    sha.reset();
+  }
+  channel.put(std::move(Control().set("have", have).set_bytes("sha256", sha.digest())));
+
+  auto answer = next_answer(channel);
+  if (answer.has("failed"))
+    throw Refusal{printable(answer.text("failed"))};
+  auto offset = answer.number("offset", G_MAXUINT64);
+  if (offset != 0 && offset != have)
+    fail(Exit::protocol, "%s starts in the middle of the file", channel.peer().c_str());
+  if (offset == 0)
+    sha.reset();
+  part.truncate(offset);
+  return offset;
+}
+
+static void
+receive_data(Channel &channel, Part &part, const Announced &file, guint64 offset, Sha256 &sha)
+{
+  Progress progress(printable(file.name), file.size, offset);
+  auto wire = channel.wire_received();
+
+  progress.update(offset, 0, true);
+  while (offset < file.size) {
+    auto bytes = channel.need(chunk_limit);
+    gsize size;
+    auto *data = g_bytes_get_data(bytes.get(), &size);
+    if (size == 0) {
+      auto why = next_answer(channel).text("failed");
+      throw Refusal{"the sender gave up: " + printable(why)};
+    }
+    if (size > file.size - offset)
+      fail(Exit::protocol, "%s sends more than it announced", channel.peer().c_str());
+    part.write(data, size, offset);
+    sha.update(data, size);
+    offset += size;
+    progress.update(offset, channel.wire_received() - wire);
+  }
+  progress.update(offset, channel.wire_received() - wire, true);
+}
+
+static void
+check_sum(Channel &channel, Part &part, const Sha256 &sha)
+{
+  auto trailer = next_answer(channel);
+  if (!trailer.has("sha256"))
+    fail(Exit::protocol, "%s sends no checksum after the file", channel.peer().c_str());
+  if (trailer.bytes("sha256") == sha.digest())
+    return;
+  part.discard();
+  fail(Exit::protocol, "the checksum of what arrived is not the sender's; it is thrown away");
+}
+
+static void
+say_what_is_kept(const Part &part, const Announced &file)
+{
+  auto kept = part.size();
+  if (kept > 0)
+    inform("%s of %s of %s are kept in %s; --resume goes on there", human_size(kept).c_str(),
+           human_size(file.size).c_str(), printable(file.name).c_str(),
+           printable(part.path).c_str());
+}
+
+static Transferred
+receive_into(Channel &channel, Part &part, const Announced &file, const Options &options,
+             bool resume)
+{
+  Transferred result;
+  Sha256 sha;
+  auto begun = g_get_monotonic_time();
+  auto wire = channel.wire_received();
+
+  result.resumed_at = agree_on_offset(channel, part, file, resume, sha);
+  receive_data(channel, part, file, result.resumed_at, sha);
+  check_sum(channel, part, sha);
+  part.commit(file, options.force);
+  channel.put(std::move(Control().set("stored", guint64{1})));
+
+  result.name = printable(file.name);
+  result.size = file.size;
+  result.wire = channel.wire_received() - wire;
+  result.seconds = static_cast<double>(g_get_monotonic_time() - begun) / G_USEC_PER_SEC;
+  result.sha256 = sha.digest();
+  return result;
+}
+
+static Exit
+receive_file(Channel &channel, const Announced &file, const Options &options, bool resume)
+{
+  bool answered = false;
+  try {
+    check_name(file.name);
+    check_free(options, file.name);
+    Part part(options.dir, file.name);
+    answered = true;
+    try {
+      report(receive_into(channel, part, file, options, resume), "received", options.json);
+    } catch (...) {
+      say_what_is_kept(part, file);
+      throw;
+    }
+    return Exit::ok;
+  } catch (const Refusal &refusal) {
+    complain("%s %s: %s", answered ? "did not get" : "refused", printable(file.name).c_str(),
+             refusal.why.c_str());
+    if (!answered)
+      channel.put(std::move(Control().set("refused", refusal.why)));
+    return Exit::partly;
+  }
+}
+
+static Exit
+receive_files(Channel &channel, const Options &options, bool resume)
+{
+  auto worst = Exit::ok;
+  for (;;) {
+    auto control = next_answer(channel);
+    if (control.has("end")) {
+      channel.put(std::move(Control().set("end", guint64{1})));
+      channel.close();
+      return worst;
+    }
+    if (!control.has("name") || !control.has("size"))
+      fail(Exit::protocol, "%s announces what is no file", channel.peer().c_str());
+    auto code = receive_file(channel, read_announcement(control), options, resume);
+    if (worst == Exit::ok)
+      worst = code;
+  }
+}
+
+// What ends the whole transfer on this side is told to the sender, which may be busy sending.
+static void
+tell(Channel &channel, const Failure &failure)
+{
+  auto why = failure.code == Exit::interrupted ? "the receiver was interrupted" : failure.message;
+  try {
+    channel.put(std::move(Control().set("failed", why)));
+    channel.drain();
+  } catch (const Failure &) {
+    // It has gone, too.
+  }
+}
+
+static Exit
+serve_sender(GSocketConnection *connection, const Stages &stages, const Options &options)
+{
+  Channel channel(connection, stages, static_cast<guint>(options.timeout));
+  std::string service;
+  auto wishes = channel.answer_greeting({files_service}, &service);
+  channel.send_hello(files_service, Control());
+  try {
+    return receive_files(channel, options, options.resume || wishes.number("resume") != 0);
+  } catch (const Failure &failure) {
+    if (failure.code != Exit::peer)
+      tell(channel, failure);
+    throw;
+  }
+}
+
+static void
+open_directory(Options &options, const std::string &path)
+{
+  options.dir_text = printable(path);
+  options.dir = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (options.dir < 0 || faccessat(options.dir, ".", W_OK | X_OK, AT_EACCESS) != 0)
+    fail(Exit::local, "cannot store files in %s: %s", options.dir_text.c_str(), g_strerror(errno));
+}
+
+// One sender after another; what goes wrong with one is no reason not to serve the next.
+static Exit
+serve_senders(Listener &listener, const Stages &stages, const Options &options)
+{
+  for (;;) {
+    try {
+      serve_sender(listener.accept(), stages, options);
+    } catch (const Failure &failure) {
+      if (interrupted())
+        return Exit::ok;
+      complain(failure);
+    }
+  }
+}
+
+Exit
+run_receive(const Command &command, int argc, char **argv)
+{
+  Options options;
+  const GOptionEntry entries[] = {
+      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace files that exist", nullptr},
+      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume,
+       "Go on where an interrupted transfer ended", nullptr},
+      {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one sender after another", nullptr},
+      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object for each file",
+       nullptr},
+      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+  };
+  Stages stages;
+  CommandLine line(command);
+  line.add(entries);
+  line.add(&stages);
+  line.add_timeout(&options.timeout);
+  auto arguments = line.parse(argc, argv, 2, 2);
+
+  auto address = Address::parse(arguments[0]);
+  open_directory(options, arguments[1]);
+  Listener listener(address);
+  if (options.keep)
+    return serve_senders(listener, stages, options);
+  return serve_sender(listener.accept_only(), stages, options);
+}

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "command.h"
+#include "interrupt.h"
+#include "output.h"
+#include "progress.h"
+#include "transfer.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+struct File {
+  int fd = -1;
+  std::string path; // as it may be printed, and so the last part of it
+  std::string name;
+  struct stat status = {};
+
+  ~File()
+  {
+    if (fd >= 0)
+      close(fd);
+  }
+  guint64
+  size() const
+  {
+    return static_cast<guint64>(status.st_size);
+  }
+};
+
+// What ends one file but not the others.
+struct FileFailure {
+  Exit code;
+  std::string message;
+};
+} // namespace
+
+static void
+open_file(File &file, const std::string &path)
+{
+  g_autofree char *name = g_path_get_basename(path.c_str());
+  file.path = printable(path);
+  file.name = printable(std::string(name));
+  // Opening a pipe that nobody writes to must not hang.
+  file.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (file.fd < 0 || fstat(file.fd, &file.status) != 0)
+    throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
+  if (S_ISDIR(file.status.st_mode))
+    throw FileFailure{Exit::local, file.path + " is a directory; only files are sent"};
+  if (!S_ISREG(file.status.st_mode))
+    throw FileFailure{Exit::local, file.path + " is no regular file"};
+}
+
+static Control
+announcement(const File &file, const std::string &path)
+{
+  g_autofree char *name = g_path_get_basename(path.c_str());
+  auto mtime =
+      file.status.st_mtim.tv_sec * G_GINT64_CONSTANT(1000000000) + file.status.st_mtim.tv_nsec;
+  Control control;
+  control.set_bytes("name", name).set("size", file.size());
+  control.set("mode", guint64{file.status.st_mode & 07777u});
+  control.set("mtime", g_variant_new_int64(mtime));
+  return control;
+}
+
+[[noreturn]] static void
+receiver_failed(const Channel &channel, const File &file, const Control &answer)
+{
+  auto why = printable(answer.text("failed"));
+  if (why.empty())
+    fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
+  fail(Exit::partly, "%s gave up on %s: %s", channel.peer().c_str(), file.path.c_str(),
+       why.c_str());
+}
+
+// Where the receiver has gone it may have said why.
+[[noreturn]] static void
+lost(Channel &channel, const File &file, const Failure &failure)
+{
+  if (failure.code == Exit::peer) {
+    try {
+      auto answer = next_answer(channel);
+      if (answer.has("failed"))
+        receiver_failed(channel, file, answer);
+    } catch (const Failure &second) {
+      if (second.code == Exit::partly)
+        throw;
+    }
+  }
+  throw failure;
+}
+
+// Tells the receiver not to wait for the rest of this file.
+static void
+break_off(Channel &channel, const std::string &why)
+{
+  channel.put("", 0);
+  channel.put(std::move(Control().set("failed", why)));
+}
+
+static gsize
+read_chunk(const File &file, char *buffer, guint64 offset)
+{
+  auto wanted = std::min<guint64>(chunk_size, file.size() - offset);
+  ssize_t got;
+  do
+    got = pread(file.fd, buffer, wanted, static_cast<off_t>(offset));
+  while (got < 0 && errno == EINTR);
+
+  if (got < 0)
+    throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
+  if (got == 0)
+    throw FileFailure{Exit::local, file.path + " became shorter while it was sent"};
+  return static_cast<gsize>(got);
+}
+
+static void
+send_data(Channel &channel, const File &file, guint64 offset, Sha256 &sha)
+{
+  std::vector<char> buffer(chunk_size);
+  Progress progress(file.name, file.size(), offset);
+  auto wire = channel.wire_sent();
+
+  progress.update(offset, 0, true);
+  while (offset < file.size()) {
+    if (interrupted()) {
+      break_off(channel, "the sender was interrupted");
+      channel.close();
+      throw Failure{Exit::interrupted, "interrupted while sending " + file.path};
+    }
+    auto size = read_chunk(file, buffer.data(), offset);
+    sha.update(buffer.data(), size);
+    channel.put(buffer.data(), size);
+    offset += size;
+    progress.update(offset, channel.wire_sent() - wire);
+    if (channel.readable()) {
+      auto answer = channel.need_control();
+      if (!answer.has("busy"))
+        receiver_failed(channel, file, answer);
+    }
+  }
+  progress.update(offset, channel.wire_sent() - wire, true);
+}
+
+// Compares what the receiver has with the beginning of the file; that much is not sent again.
+static guint64
+agree_on_offset(Channel &channel, const File &file, const Control &answer, Sha256 &sha)
+{
+  auto have = answer.number("have");
+  if (have == 0 || have > file.size())
+    return 0;
+  if (hash_beginning(file.fd, have, sha, channel) && sha.digest() == answer.bytes("sha256"))
+    return have;
+  inform("%s: what the receiver has of it is something else, sending all of it", file.path.c_str());
+  sha.reset();
+  return 0;
+}
+
+static Transferred
+transfer(Channel &channel, const File &file, const std::string &path)
+{
+  Transferred result;
+  channel.put(announcement(file, path));
+  auto answer = next_answer(channel);
+  if (answer.has("failed"))
+    receiver_failed(channel, file, answer);
+  if (answer.has("refused"))
+    throw FileFailure{Exit::partly, channel.peer() + " refuses " + file.path + ": " +
+                                        printable(answer.text("refused"))};
+  if (!answer.has("have"))
+    fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
+
+  Sha256 sha;
+  auto begun = g_get_monotonic_time();
+  auto wire = channel.wire_sent();
+  auto offset = agree_on_offset(channel, file, answer, sha);
+  channel.put(std::move(Control().set("offset", offset)));
+  try {
+    send_data(channel, file, offset, sha);
+  } catch (const FileFailure &failure) {
+    break_off(channel, failure.message);
+    throw;
+  }
+  result.sha256 = sha.digest();
+  channel.put(std::move(Control().set_bytes("sha256", result.sha256)));
+  result.wire = channel.wire_sent() - wire;
+  answer = next_answer(channel);
+  if (!answer.has("stored"))
+    receiver_failed(channel, file, answer);
+
+  result.name = file.path;
+  result.size = file.size();
+  result.resumed_at = offset;
+  result.seconds = static_cast<double>(g_get_monotonic_time() - begun) / G_USEC_PER_SEC;
+  return result;
+}
+
+static Exit
+send_file(Channel &channel, const std::string &path, bool json)
+{
+  File file;
+  try {
+    open_file(file, path);
+    report(transfer(channel, file, path), "sent", json);
+    return Exit::ok;
+  } catch (const FileFailure &failure) {
+    complain("%s", failure.message.c_str());
+    return failure.code;
+  } catch (const Failure &failure) {
+    lost(channel, file, failure);
+  }
+}
+
+Exit
+run_send(const Command &command, int argc, char **argv)
+{
+  gboolean resume = FALSE, json = FALSE;
+  int timeout = 30;
+  const GOptionEntry entries[] = {
+      {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
+       "Go on where an interrupted transfer to this receiver ended", nullptr},
+      {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
+      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+  };
+  Stages stages;
+  CommandLine line(command);
+  line.add(entries);
+  line.add(&stages);
+  line.add_timeout(&timeout);
+  auto arguments = line.parse(argc, argv, 2, G_MAXSIZE);
+  auto address = Address::parse(arguments.front());
+
+  auto seconds = static_cast<guint>(timeout);
+  Channel channel(connect_to(address, seconds), stages, seconds);
+  channel.greet(files_service, std::move(Control().set("resume", guint64{resume ? 1u : 0u})));
+
+  auto worst = Exit::ok;
+  for (gsize i = 1; i < arguments.size(); i++) {
+    auto code = send_file(channel, arguments[i], json);
+    if (worst == Exit::ok)
+      worst = code;
+  }
+  channel.put(std::move(Control().set("end", guint64{1})));
+  if (!next_answer(channel).has("end"))
+    fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
+  channel.close();
+  return worst;
+}

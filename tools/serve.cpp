@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "address.h"
+#include "command.h"
+#include "interrupt.h"
+#include "measure.h"
+#include "output.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+static void
+serve_ping(Channel &channel)
+{
+  while (auto bytes = channel.get(message_limit))
+    channel.put(bytes.get());
+}
+
+static Control
+report(const Measured &measured)
+{
+  Control control;
+  control.set("messages", measured.messages).set("bytes", measured.bytes);
+  control.set("wire", measured.wire).set("seconds", measured.seconds);
+  control.set("cpu", measured.cpu);
+  return control;
+}
+
+static void
+serve_perf_run(Channel &channel, const Control &wanted)
+{
+  auto direction = wanted.text("direction");
+  if (direction == "send") {
+    channel.put(report(receive_messages(channel, "")));
+    return;
+  }
+  auto size = wanted.number("size");
+  auto seconds = wanted.real("seconds");
+  if (direction != "receive" || size == 0 || size > message_limit || !(seconds <= 3600))
+    fail(Exit::protocol, "%s wants a measurement that there is not", channel.peer().c_str());
+  std::vector<char> data(size);
+  if (!make_data(wanted.text("data"), data))
+    fail(Exit::protocol, "%s wants data of a kind that there is not", channel.peer().c_str());
+  channel.put(report(send_messages(channel, data, seconds, "")));
+}
+
+static void
+serve_perf(Channel &channel)
+{
+  // The end between two measurements is the orderly one.
+  for (;;) {
+    auto wanted = channel.get_control();
+    if (!wanted)
+      return;
+    serve_perf_run(channel, *wanted);
+  }
+}
+
+static void
+serve_peer(GSocketConnection *connection, const Stages &stages, guint timeout)
+{
+  Channel channel(connection, stages, timeout);
+  std::string service;
+  channel.answer_greeting({ping_service, perf_service}, &service);
+  channel.send_hello(service.c_str(), Control());
+  if (service == ping_service)
+    serve_ping(channel);
+  else
+    serve_perf(channel);
+  channel.close();
+}
+
+// A process for each peer: what it measures of itself is what this peer cost, and none can hold up
+// or bring down another.
+[[noreturn]] static void
+be_child(Listener &listener, GSocketConnection *connection, const Stages &stages, guint timeout)
+{
+  interrupt_restore();
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  listener.abandon();
+
+  auto code = Exit::ok;
+  try {
+    serve_peer(connection, stages, timeout);
+  } catch (const Failure &failure) {
+    complain(failure);
+    code = failure.code;
+  }
+  _exit(static_cast<int>(code));
+}
+
+Exit
+run_serve(const Command &command, int argc, char **argv)
+{
+  int timeout = 30;
+  Stages stages;
+  CommandLine line(command);
+  line.add(&stages);
+  line.add_timeout(&timeout);
+  auto arguments = line.parse(argc, argv, 1, 1);
+
+  // The system takes away the children that have ended.
+  std::signal(SIGCHLD, SIG_IGN);
+  Listener listener(Address::parse(arguments[0]));
+  for (;;) {
+    GSocketConnection *connection;
+    try {
+      connection = listener.accept();
+    } catch (const Failure &) {
+      if (interrupted())
+        return Exit::ok;
+      throw;
+    }
+    auto pid = fork();
+    if (pid == 0)
+      be_child(listener, connection, stages, static_cast<guint>(timeout));
+    if (pid < 0)
+      complain("cannot start a process for %s: %s", name_of_peer(connection).c_str(),
+               g_strerror(errno));
+    // Only this process's copy is closed, the connection stays with the child.
+    g_object_unref(connection);
+  }
+}

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "transfer.h"
+#include "interrupt.h"
+#include "output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unistd.h>
+#include <vector>
+
+Control
+next_answer(Channel &channel)
+{
+  for (;;) {
+    auto control = channel.need_control();
+    if (!control.has("busy"))
+      return control;
+  }
+}
+
+bool
+hash_beginning(int fd, guint64 size, Sha256 &sha, Channel &channel)
+{
+  std::vector<char> buffer(chunk_size);
+  auto last = g_get_monotonic_time();
+
+  for (guint64 done = 0; done < size;) {
+    auto wanted = std::min<guint64>(buffer.size(), size - done);
+    auto got = pread(fd, buffer.data(), wanted, static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got <= 0)
+      return false;
+    if (interrupted())
+      throw Failure{Exit::interrupted, "interrupted"};
+    sha.update(buffer.data(), static_cast<gsize>(got));
+    done += static_cast<guint64>(got);
+    if (g_get_monotonic_time() - last > G_USEC_PER_SEC) {
+      channel.put(std::move(Control().set("busy", guint64{1})));
+      last = g_get_monotonic_time();
+    }
+  }
+  return true;
+}
+
+static void
+print_report(const Transferred &file, const char *verb, bool json)
+{
+  auto moved = file.size - file.resumed_at;
+  auto rate = file.seconds > 0 ? static_cast<double>(moved) / file.seconds : 0;
+  auto ratio = moved > 0 ? static_cast<double>(file.wire) / static_cast<double>(moved) : 1;
+  auto sha256 = hex_text(file.sha256.data(), file.sha256.size());
+
+  if (json) {
+    JsonLine line;
+    line.add("event", verb).add("name", file.name).add("size", file.size);
+    line.add("resumed-at", file.resumed_at).add("wire-bytes", file.wire);
+    line.add("seconds", file.seconds).add("bytes-per-second", rate).add("sha256", sha256);
+    line.print();
+    return;
+  }
+  std::string from;
+  if (file.resumed_at > 0)
+    from = ", resumed at " + human_size(file.resumed_at);
+  output_line("%s %s: %s in %.2f s, %s, wire %.2f%s, sha256 %.16s...", verb, file.name.c_str(),
+              human_size(file.size).c_str(), file.seconds, human_rate(rate).c_str(), ratio,
+              from.c_str(), sha256.c_str());
+}
+
+void
+report(const Transferred &file, const char *verb, bool json)
+{
+  try {
+    print_report(file, verb, json);
+  } catch (const OutputClosed &) {
+    // That nobody reads on is no reason to leave files behind.
+  }
+}
