@@ -33,7 +33,10 @@ def receiver(kind="unix", *options, **more):
 
 
 def parts():
-    return [name for name in os.listdir("in") if name.endswith(".zelgvc-part")]
+    """The files that are on their way: those of which something has arrived. One without content
+    may belong to a sender that has not been told to begin yet."""
+    return [name for name in os.listdir("in")
+            if name.endswith(".zelgvc-part") and os.path.getsize(f"in/{name}") > 0]
 
 
 @each(*PAIRS)

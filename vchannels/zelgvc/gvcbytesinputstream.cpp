@@ -148,7 +148,7 @@ gvc_bytes_input_stream_read_bytes(GvcBytesInputStream *stream, GCancellable *can
 {
   GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
-  auto *in = G_INPUT_STREAM(stream);
+  auto *in = reinterpret_cast<GInputStream *>(stream);
   gint32 prefix = 0;
   gsize nread;
   if (!g_input_stream_read_all(in, &prefix, sizeof prefix, &nread, cancellable, error))
@@ -205,7 +205,8 @@ read_bytes_callback(GObject *source, GAsyncResult *result, gpointer user_data)
   gsize bytes_read;
   GError *error = nullptr;
 
-  if (!gvc_input_stream_util_read_all_finish(G_INPUT_STREAM(source), result, &bytes_read, &error)) {
+  if (!gvc_input_stream_util_read_all_finish(reinterpret_cast<GInputStream *>(source), result,
+                                             &bytes_read, &error)) {
     g_task_return_error(task, error);
   } else if (bytes_read != data->bytes_to_read) {
     g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
@@ -220,7 +221,7 @@ read_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_da
 {
   g_autoptr(GTask) task = static_cast<GTask *>(user_data);
   auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  auto *in = G_INPUT_STREAM(source);
+  auto *in = reinterpret_cast<GInputStream *>(source);
   gsize bytes_read;
   GError *error = nullptr;
 

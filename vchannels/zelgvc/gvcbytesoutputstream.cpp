@@ -97,7 +97,7 @@ gvc_bytes_output_stream_put_bytes(GvcBytesOutputStream *stream, GBytes *bytes,
   GVC_CHECK_VAL(GVC_IS_BYTES_OUTPUT_STREAM (stream), FALSE);
   GVC_CHECK_VAL(bytes != NULL, FALSE);
 
-  auto *out = G_OUTPUT_STREAM(stream);
+  auto *out = reinterpret_cast<GOutputStream *>(stream);
   gint32 bytes_size = wire_size(bytes);
   if (!g_output_stream_write_all(out, &bytes_size, sizeof bytes_size, nullptr, cancellable, error))
     return FALSE;
@@ -136,7 +136,8 @@ write_bytes_callback(GObject *source, GAsyncResult *result, gpointer user_data)
   g_autoptr(GTask) task = static_cast<GTask *>(user_data);
   GError *error = nullptr;
 
-  if (gvc_output_stream_util_write_all_finish(G_OUTPUT_STREAM(source), result, nullptr, &error))
+  if (gvc_output_stream_util_write_all_finish(reinterpret_cast<GOutputStream *>(source), result,
+                                              nullptr, &error))
     g_task_return_boolean(task, TRUE);
   else
     g_task_return_error(task, error);
@@ -146,7 +147,7 @@ static void
 write_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_data)
 {
   g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  auto *out = G_OUTPUT_STREAM(source);
+  auto *out = reinterpret_cast<GOutputStream *>(source);
   GError *error = nullptr;
 
   if (!gvc_output_stream_util_write_all_finish(out, result, nullptr, &error)) {

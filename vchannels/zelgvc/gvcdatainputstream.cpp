@@ -104,7 +104,7 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
 {
   GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
 
-  auto *in = G_INPUT_STREAM(stream);
+  auto *in = reinterpret_cast<GInputStream *>(stream);
   gsize buffer_length = initial_buffer_length;
   g_autofree gchar *buffer = static_cast<gchar *>(g_malloc(buffer_length));
   gsize count = 0;
@@ -129,7 +129,7 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
 static void
 read_string_callback(GObject *source, GAsyncResult *result, gpointer user_data)
 {
-  auto *in = G_INPUT_STREAM(source);
+  auto *in = reinterpret_cast<GInputStream *>(source);
   g_autoptr(GTask) task = static_cast<GTask *>(user_data);
   auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
   GError *error = nullptr;

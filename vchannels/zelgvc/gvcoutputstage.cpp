@@ -115,7 +115,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcOutputStage, gvc_output_stage, G_TYPE_CONVERTER_OUTPU
 static GOutputStream *
 base_stream(GvcOutputStage *self)
 {
-  return g_filter_output_stream_get_base_stream(&self->parent.parent_instance);
+  return self->parent.parent_instance.base_stream;
 }
 
 // The most of a write that is converted at once. It bounds the memory of both peers, who hold a
@@ -244,8 +244,9 @@ push_nonblocking(GvcOutputStage *self, GError **error)
   }
 
   while (self->converted.size() > 0) {
-    gssize written = gvc::write_nonblocking(G_POLLABLE_OUTPUT_STREAM(base_stream(self)),
-                                            self->converted.data(), self->converted.size(), error);
+    gssize written =
+        gvc::write_nonblocking(reinterpret_cast<GPollableOutputStream *>(base_stream(self)),
+                               self->converted.data(), self->converted.size(), error);
     if (written < 0)
       return FALSE;
     self->converted.consume(static_cast<gsize>(written));

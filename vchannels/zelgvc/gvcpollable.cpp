@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcpollable.h"
 
+// The stream below, which can_poll() has found to be pollable before anything else is asked of it.
 static GPollableInputStream *
 input_base(GPollableInputStream *filter)
 {
-  auto *base = g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(filter));
-  return G_IS_POLLABLE_INPUT_STREAM(base) ? G_POLLABLE_INPUT_STREAM(base) : nullptr;
+  return reinterpret_cast<GPollableInputStream *>(
+      reinterpret_cast<GFilterInputStream *>(filter)->base_stream);
 }
 
 static gboolean
 input_can_poll(GPollableInputStream *filter)
 {
   auto *base = input_base(filter);
-  return base && g_pollable_input_stream_can_poll(base);
+  return G_IS_POLLABLE_INPUT_STREAM(base) && g_pollable_input_stream_can_poll(base);
 }
 
 static gboolean
@@ -32,11 +33,12 @@ static gssize
 input_read_nonblocking(GPollableInputStream *filter, void *buffer, gsize count, GError **error)
 {
   auto *base = input_base(filter);
+  auto *stream = reinterpret_cast<GInputStream *>(base);
 
-  if (!g_input_stream_set_pending(G_INPUT_STREAM(base), error))
+  if (!g_input_stream_set_pending(stream, error))
     return -1;
   gssize nread = g_pollable_input_stream_read_nonblocking(base, buffer, count, nullptr, error);
-  g_input_stream_clear_pending(G_INPUT_STREAM(base));
+  g_input_stream_clear_pending(stream);
   return nread;
 }
 
@@ -63,24 +65,28 @@ gssize
 gvc::write_nonblocking(GPollableOutputStream *stream, const void *buffer, gsize count,
                        GError **error)
 {
-  if (!g_output_stream_set_pending(G_OUTPUT_STREAM(stream), error))
+  auto *output = reinterpret_cast<GOutputStream *>(stream);
+
+  if (!g_output_stream_set_pending(output, error))
     return -1;
   gssize nwritten =
       g_pollable_output_stream_write_nonblocking(stream, buffer, count, nullptr, error);
-  g_output_stream_clear_pending(G_OUTPUT_STREAM(stream));
+  g_output_stream_clear_pending(output);
   return nwritten;
 }
 
+// As input_base().
 static GPollableOutputStream *
 output_base(GPollableOutputStream *filter)
 {
-  return gvc::pollable_base(G_FILTER_OUTPUT_STREAM(filter));
+  return reinterpret_cast<GPollableOutputStream *>(
+      reinterpret_cast<GFilterOutputStream *>(filter)->base_stream);
 }
 
 static gboolean
 output_can_poll(GPollableOutputStream *filter)
 {
-  return output_base(filter) != nullptr;
+  return gvc::pollable_base(reinterpret_cast<GFilterOutputStream *>(filter)) != nullptr;
 }
 
 static gboolean
