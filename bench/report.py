@@ -147,8 +147,7 @@ def verdict(rows, subject, yardstick, name=None):
 class Page:
     def __init__(self, docs):
         self.docs = docs
-        self.plots = docs / "performance"
-        self.plots.mkdir(parents=True, exist_ok=True)
+        docs.mkdir(parents=True, exist_ok=True)
         self.parts = []
 
     def add(self, *parts):
@@ -173,8 +172,8 @@ class Page:
         y_name = {"rate": "MB/s", "per second": "messages a second", "time": "µs"}[value]
         label = size_text if x == "size" else str
         svg = line_plot(title, x_name, y_name, series, label)
-        (self.plots / f"{name}.svg").write_text(svg)
-        self.add(f"![{title}](performance/{name}.svg)")
+        (self.docs / f"performance-{name}.svg").write_text(svg)
+        self.add(f"![{title}](performance-{name}.svg)")
 
     def write(self):
         (self.docs / "performance.md").write_text("\n\n".join(self.parts) + "\n")
@@ -405,11 +404,11 @@ def perbyte_section(page, results):
                           f"{seconds['low'] * 1e9:.3f}–{seconds['high'] * 1e9:.3f}"])
         series.append((stages, sorted(points)))
     svg = line_plot("Cost per byte", "bytes of message", "ns a byte", series, size_text)
-    (page.plots / "perbyte.svg").write_text(svg)
-    page.add("![Cost per byte](performance/perbyte.svg)",
+    (page.docs / "performance-perbyte.svg").write_text(svg)
+    page.add("![Cost per byte](performance-perbyte.svg)",
              "Small messages pay for their system calls and for each conversion's start. Large "
-             "ones pay for memory that is fresh from the system: a message is one allocation, and "
-             "with stages one block and one record, each buffered whole.",
+             "ones pay for memory that is fresh from the system: a message is one allocation. "
+             "Stages add buffers for a block and a record of up to 1 MiB.",
              table(["stages", "message", "ns a byte", "quartiles"], lines))
 
 
@@ -469,7 +468,8 @@ def main():
         sys.exit(__doc__)
     results = Results(pathlib.Path(sys.argv[1]))
     page = Page(pathlib.Path(sys.argv[2]))
-    page.add("# Performance",
+    page.add("Title: Performance\nSlug: performance",
+             "# Performance",
              "What the library costs beside what a program would use in its place. This page is "
              "generated from one run of `scripts/bench`; nothing in it is edited by hand.")
     if results.data["quick"]:
