@@ -202,8 +202,8 @@ ippsDecodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen)
   const lzo1x::Output room(pDst, *pDstLen);
   const bool chunked = isChunked(payload);
   lzo1x::Result result = chunked ? decodeChunks(payload, room) : lzo1x::decode(payload, room);
-  // A single chunk has no size to be known by: a plain stream that starts like it has its end marker
-  // in the right place too. What does not decode as a chunk is such a stream.
+  // A single chunk has no size to be known by: a plain stream that starts like it has its end
+  // marker in the right place too. What does not decode as a chunk is such a stream.
   if (chunked && payload[1] == 1 && result.status != lzo1x::Status::ok)
     result = lzo1x::decode(payload, room);
   // Output beyond the room is a broken stream too: the room is what the sender announced, so a
