@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 using namespace support;
 
@@ -480,13 +481,11 @@ test_both_directions_at_once(int stages)
   g_assert_true(g_bytes_equal(assert_got(channel.a, read_a).get(), two.get()));
 }
 
-// After a cancelled write the channel's frames are out of step, but its bytes are in order: what
-// was accepted before comes out, the rest never does.
-void
-test_cancel_while_the_peer_is_slow(int stages)
+// A write that is cancelled while the peer is slow; with stages, these have accepted all of it.
+BytesRef
+write_and_cancel(Channel &channel, guint32 seed)
 {
-  Channel channel(Family::unix_domain, stages, true);
-  auto message = new_bytes(noise(900'000, 3));
+  auto message = new_bytes(noise(900'000, seed));
   auto cancellable = own(g_cancellable_new());
   Collector written;
 
@@ -498,32 +497,40 @@ test_cancel_while_the_peer_is_slow(int stages)
       gvc_bytes_output_stream_put_bytes_finish(channel.a.out.get(), written.wait(), &error));
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
   g_assert_cmpuint(written.calls(), ==, 1);
+  return message;
+}
+
+// The peer, in a thread of its own, reads these messages and nothing before them.
+std::thread
+expect_messages(Channel &channel, std::vector<GBytes *> expected)
+{
+  return std::thread([in = channel.b.in.get(), expected] {
+    for (auto *message : expected) {
+      Error error;
+      auto got = BytesRef(gvc_bytes_input_stream_read_bytes(in, nullptr, &error));
+      error.assert_none();
+      g_assert_true(g_bytes_equal(got.get(), message));
+    }
+  });
+}
+
+void
+test_cancel_while_the_peer_is_slow(int stages)
+{
+  Channel channel(Family::unix_domain, stages, true);
+  write_and_cancel(channel, 3);
   abandon(channel);
 }
 
-// A stage has accepted the whole message when the wait for the peer is cancelled. A blocking write
-// that comes after it sends the rest first, so the peer sees both messages whole and in order.
+// A blocking write that comes after it sends the rest first, so the peer sees both messages whole
+// and in order.
 void
 test_blocking_write_after_a_cancelled_one(int stages)
 {
   Channel channel(Family::unix_domain, stages, true);
-  auto first = new_bytes(noise(900'000, 4));
+  auto first = write_and_cancel(channel, 4);
   auto second = new_bytes("second");
-  auto cancellable = own(g_cancellable_new());
-  Collector written;
-  put(channel.a, first.get(), written, cancellable.get());
-  assert_stays_unfinished(written);
-  g_cancellable_cancel(cancellable.get());
-  written.wait();
-
-  std::thread reader([&] {
-    for (auto *expected : {first.get(), second.get()}) {
-      Error error;
-      auto got = BytesRef(gvc_bytes_input_stream_read_bytes(channel.b.in.get(), nullptr, &error));
-      error.assert_none();
-      g_assert_true(g_bytes_equal(got.get(), expected));
-    }
-  });
+  auto reader = expect_messages(channel, {first.get(), second.get()});
   Error error;
   g_assert_true(
       gvc_bytes_output_stream_put_bytes(channel.a.out.get(), second.get(), nullptr, &error));
@@ -553,20 +560,8 @@ void
 test_flush_sends_what_a_cancelled_write_left(int stages)
 {
   Channel channel(Family::unix_domain, stages, true);
-  auto message = new_bytes(noise(900'000, 5));
-  auto cancellable = own(g_cancellable_new());
-  Collector written;
-  put(channel.a, message.get(), written, cancellable.get());
-  assert_stays_unfinished(written);
-  g_cancellable_cancel(cancellable.get());
-  written.wait();
-
-  std::thread reader([&] {
-    Error error;
-    auto got = BytesRef(gvc_bytes_input_stream_read_bytes(channel.b.in.get(), nullptr, &error));
-    error.assert_none();
-    g_assert_true(g_bytes_equal(got.get(), message.get()));
-  });
+  auto message = write_and_cancel(channel, 5);
+  auto reader = expect_messages(channel, {message.get()});
   Error error;
   g_assert_true(g_output_stream_flush(G_OUTPUT_STREAM(channel.a.out.get()), nullptr, &error));
   reader.join();
@@ -577,20 +572,8 @@ void
 test_close_sends_what_is_pending(int stages)
 {
   Channel channel(Family::unix_domain, stages, true);
-  auto message = new_bytes(noise(900'000, 6));
-  auto cancellable = own(g_cancellable_new());
-  Collector written;
-  put(channel.a, message.get(), written, cancellable.get());
-  assert_stays_unfinished(written);
-  g_cancellable_cancel(cancellable.get());
-  written.wait();
-
-  std::thread reader([&] {
-    Error error;
-    auto got = BytesRef(gvc_bytes_input_stream_read_bytes(channel.b.in.get(), nullptr, &error));
-    error.assert_none();
-    g_assert_true(g_bytes_equal(got.get(), message.get()));
-  });
+  auto message = write_and_cancel(channel, 6);
+  auto reader = expect_messages(channel, {message.get()});
   Error error;
   g_assert_true(g_io_stream_close(G_IO_STREAM(channel.a.connection.get()), nullptr, &error));
   reader.join();
@@ -601,13 +584,7 @@ void
 test_close_can_be_cancelled_while_the_peer_is_slow(int stages)
 {
   Channel channel(Family::unix_domain, stages, true);
-  auto message = new_bytes(noise(900'000, 6));
-  auto cancellable = own(g_cancellable_new());
-  Collector written;
-  put(channel.a, message.get(), written, cancellable.get());
-  assert_stays_unfinished(written);
-  g_cancellable_cancel(cancellable.get());
-  written.wait();
+  write_and_cancel(channel, 7);
 
   auto impatience = own(g_cancellable_new());
   std::thread canceller([&] {
