@@ -41,16 +41,16 @@ class Channel
 {
 public:
   explicit Channel(const Plan &plan)
-      : pieces_(plan.pieces), pair_(new_pair()), connection_(own(gvc_connection_new(
-                                                     pair_.connection.get())))
+      : pieces_(plan.pieces), pair_(new_pair()),
+        connection_(own(gvc_connection_new(pair_.connection.get())))
   {
     if (plan.split)
       add(new_splitter(&pieces_), new_splitter(&pieces_));
     for (auto kind : plan.stages)
       if (kind != 0)
         add(new_in_stage(kind), new_out_stage(kind));
-    stream_ = own(gvc_bytes_input_stream_new(
-        g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()))));
+    stream_ = own(
+        gvc_bytes_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()))));
   }
   ~Channel()
   {
@@ -116,8 +116,7 @@ read_async(Channel *channel, View *wire, Script *script)
     run_ready();
   }
   GError *error = nullptr;
-  auto *bytes =
-      gvc_bytes_input_stream_read_bytes_finish(channel->stream(), waiter.wait(), &error);
+  auto *bytes = gvc_bytes_input_stream_read_bytes_finish(channel->stream(), waiter.wait(), &error);
   run_ready(); // no second call
   return outcome(bytes, error);
 }
@@ -150,8 +149,7 @@ read_all_blocking(const Plan &plan, std::size_t most)
     GError *error = nullptr;
     auto *bytes = gvc_bytes_input_stream_read_bytes(channel.stream(), nullptr, &error);
     outcomes.push_back(outcome(bytes, error));
-  } while (outcomes.size() < most &&
-           (outcomes.back().message || is_disconnected(outcomes.back())));
+  } while (outcomes.size() < most && (outcomes.back().message || is_disconnected(outcomes.back())));
   return outcomes;
 }
 

@@ -146,8 +146,7 @@ check(View payload, std::size_t room)
   const Bytes in(payload.begin(), payload.end());
   const std::unique_ptr<Ipp8u[]> out(new Ipp8u[room]);
   auto size = static_cast<Ipp32u>(room);
-  const auto status =
-      ippsDecodeLZO_8u(in.data(), static_cast<Ipp32u>(in.size()), out.get(), &size);
+  const auto status = ippsDecodeLZO_8u(in.data(), static_cast<Ipp32u>(in.size()), out.get(), &size);
   const auto decoded = expected(payload, room);
   FUZZ_CHECK((status == ippStsNoErr) == decoded.has_value());
   if (decoded)

@@ -88,8 +88,8 @@ check_call(const Call &call, unsigned kind, View in, std::size_t room, GConverte
     return;
   }
   FUZZ_CHECK(!call.error);
-  FUZZ_CHECK(call.result == (flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED
-                                                              : G_CONVERTER_CONVERTED));
+  FUZZ_CHECK(call.result ==
+             (flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED : G_CONVERTER_CONVERTED));
   FUZZ_CHECK(length && call.nread == *length && call.nread <= in.size());
   FUZZ_CHECK(call.nwritten <= announced_room(kind, in) && call.nwritten <= room);
 }

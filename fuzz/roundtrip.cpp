@@ -67,6 +67,8 @@ private:
   std::vector<Stage> stages_;
 };
 
+constexpr std::size_t largest = 1'100'000;
+
 // Mostly small, seldom very large.
 std::size_t
 message_size(Script *script)
@@ -77,7 +79,7 @@ message_size(Script *script)
   if (decision < 0xfc)
     return (decision - 0xbf) * 211;
   const auto more = script->byte();
-  return more >= 0xf8 ? 1'100'000 : more * 400U;
+  return more >= 0xf8 ? largest : more * 400U;
 }
 
 void
@@ -131,8 +133,7 @@ void
 read_blocking(End *end, View sent)
 {
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message =
-      gvc_bytes_input_stream_read_bytes(end->in.get(), nullptr, &error);
+  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(end->in.get(), nullptr, &error);
   check_message(message, error, sent, true);
 }
 
@@ -203,8 +204,7 @@ finish(End *from, GSocketConnection *socket, End *to, bool plain)
   FUZZ_CHECK(g_io_stream_close(from->stream(), nullptr, nullptr));
   FUZZ_CHECK(g_io_stream_close(G_IO_STREAM(socket), nullptr, nullptr));
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message =
-      gvc_bytes_input_stream_read_bytes(to->in.get(), nullptr, &error);
+  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(to->in.get(), nullptr, &error);
   FUZZ_CHECK(!message);
   FUZZ_CHECK(g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED) ||
              (!plain && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT)));
@@ -221,6 +221,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   for (auto &stage : stages)
     stage = script.byte();
   Script pieces(payload);
+  memory_limit = largest;
   auto [a, b] = new_connections();
   End first(a.get(), stages, &pieces), second(b.get(), stages, &pieces);
 

@@ -102,6 +102,7 @@ put_frames(const Corpus &corpus)
   corpus.put("cancelled", {0, 2, 3, 0}, two);
   corpus.put("negative", {}, {0xff, 0xff, 0xff, 0xff, 1});
   corpus.put("large", {}, {0, 0, 0, 1, 1});
+  corpus.put("large-and-there", {0xef}, {0, 0, 0, 1, 1});
   corpus.put("string", {2}, variant_frame("'hello'"));
   corpus.put("pair", {3}, variant_frame("('hello', uint32 7)"));
   corpus.put("dictionary", {4}, variant_frame("{'one': <1>, 'two': <'zwei'>}"));
@@ -118,7 +119,7 @@ put_strings(const Corpus &corpus)
   corpus.put("zero", {}, bytes({"a\0b\0", 4}));
   corpus.put("fails", {3, 6, 0, '\n', '\n'}, lines);
   corpus.put("in-threads", {0xf8, 0, 0, '\n', '\n'}, lines);
-  corpus.put("grows", {0, 0, 0, '\n', '\n'}, join({Bytes(1024, 'a'), {'\n'}}));
+  corpus.put("grows", {4, 0, 0, '\n', '\n'}, join({Bytes(30, 'a'), {'\n'}}));
 }
 
 void
@@ -132,7 +133,8 @@ put_convert(const Corpus &corpus)
     corpus.put(name.c_str(), {script}, one);
     corpus.put((name + "-several").c_str(), {static_cast<std::uint8_t>(script + 0x81), 0, 9, 0, 40},
                staged(kind, bytes(text), true));
-    corpus.put((name + "-cut-off").c_str(), {script, 1, 8, 1, 8}, Bytes(one.begin(), one.end() - 2));
+    corpus.put((name + "-cut-off").c_str(), {script, 1, 8, 1, 8},
+               Bytes(one.begin(), one.end() - 2));
   }
   corpus.put("decompress-run", {0}, staged(1, Bytes(10'000, 'a')));
   corpus.put("decompress-lies", {0}, {3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0x11, 0, 0});
@@ -151,8 +153,8 @@ put_chunked(const Corpus &corpus)
   const auto block = staged(1, bytes(text));
   corpus.put("plain", {0, 0, 1}, Bytes(block.begin() + 8, block.end()));
   // Two chunks of "a" and "bc".
-  corpus.put("raw", {0, 0, 1}, {0x55, 2, 0x57, 3,    0,    0, 0, 5,   0,   0,    0,
-                                0x12, 'a', 0x11, 0,    0,    0x13, 'b', 'c', 0x11, 0, 0});
+  corpus.put("raw", {0, 0, 1}, {0x55, 2,   0x57, 3, 0, 0,    0,   5,   0,    0, 0,
+                                0x12, 'a', 0x11, 0, 0, 0x13, 'b', 'c', 0x11, 0, 0});
 }
 
 void
@@ -183,9 +185,8 @@ put_roundtrip(const Corpus &corpus)
     const char *name;
     Bytes stages;
   } orders[] = {
-      {"none", {0, 0, 0, 0}}, {"c", {1, 0, 0, 0}},     {"e", {2, 0, 0, 0}},
-      {"ec", {2, 1, 0, 0}},   {"ce", {1, 3, 0, 0}},    {"cc", {1, 1, 0, 0}},
-      {"ecec", {2, 1, 3, 1}}, {"split", {4, 1, 4, 2}},
+      {"none", {0, 0, 0, 0}}, {"c", {1, 0, 0, 0}},  {"e", {2, 0, 0, 0}},    {"ec", {2, 1, 0, 0}},
+      {"ce", {1, 3, 0, 0}},   {"cc", {1, 1, 0, 0}}, {"ecec", {2, 1, 3, 1}}, {"split", {4, 1, 4, 2}},
   };
   for (const auto &order : orders) {
     corpus.put(order.name, join({order.stages, messages}), {});
@@ -241,11 +242,13 @@ put_states(const Corpus &corpus)
              {open_writer, 4, write_async, 0xfc, 0, close_something, 1, close_something, 4,
               peer_reads, 0, iterate, 15, peer_reads, 0, iterate, 15, close_something, 4},
              {});
-  corpus.put("strings", {open_reader, 0, read_async, '\n', 0, peer_sends_payload, 3, iterate, 9,
-                         peer_sends_payload, 9, iterate, 15, read_async, '\n', 0, cancel, 0},
+  corpus.put("strings",
+             {open_reader, 0, read_async, '\n', 0, peer_sends_payload, 3, iterate, 9,
+              peer_sends_payload, 9, iterate, 15, read_async, '\n', 0, cancel, 0},
              bytes("one\ntwo\n"));
-  corpus.put("ill-behaved", {add_stage, 0, open_reader, 1, read_async, 0, 0, peer_sends_payload, 40,
-                             iterate, 15, close_something, 0, 0, iterate, 15},
+  corpus.put("ill-behaved",
+             {add_stage, 0, open_reader, 1, read_async, 0, 0, peer_sends_payload, 40, iterate, 15,
+              close_something, 0, 0, iterate, 15},
              staged(1, frame("hello")));
 }
 

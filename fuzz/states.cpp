@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The calls that a host may make on a channel, in any order, while its peer sends, reads, stops or
-// goes away: stages added, messages read and written, cancelled, closed, let go in the middle. Every
-// operation calls back exactly once, messages of a peer in good order arrive as they were sent, and
-// when the peer has gone everything ends and nothing is left.
+// goes away: stages added, messages read and written, cancelled, closed, let go in the middle.
+// Every operation calls back exactly once, messages of a peer in good order arrive as they were
+// sent, and when the peer has gone everything ends and nothing is left.
 #include "support.h"
 
 #include <zelgvc/zelgvc.h>
@@ -82,10 +82,10 @@ private:
 
   std::vector<Ref<GConverter>> peer_stages_; // the outermost first
   std::deque<Bytes> expected_;               // messages of the peer that have not been read
-  bool in_order_ = true; // the peer has sent nothing but messages, and none was cut short
-  bool used_ = false;    // the peer has sent, or the host has read: no more stages
-  bool hung_up_ = false; // the peer sends no more
-  bool cut_ = false;     // the stages hold something of a message that was cut short
+  bool in_order_ = true;   // the peer has sent nothing but messages, and none was cut short
+  bool used_ = false;      // the peer has sent, or the host has read: no more stages
+  bool hung_up_ = false;   // the peer sends no more
+  bool cut_ = false;       // the stages hold something of a message that was cut short
   std::size_t unread_ = 0; // by the peer, at most
 };
 
@@ -139,9 +139,9 @@ Host::open_reader()
     reader_ = own(gvc_bytes_input_stream_new(in));
   }
   if (decision & 4)
-    g_filter_input_stream_set_close_base_stream(
-        reader_ ? G_FILTER_INPUT_STREAM(reader_.get()) : G_FILTER_INPUT_STREAM(strings_.get()),
-        FALSE);
+    g_filter_input_stream_set_close_base_stream(reader_ ? G_FILTER_INPUT_STREAM(reader_.get())
+                                                        : G_FILTER_INPUT_STREAM(strings_.get()),
+                                                FALSE);
 }
 
 void
@@ -202,8 +202,7 @@ Host::read_blocking()
     return;
   used_ = true;
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message =
-      gvc_bytes_input_stream_read_bytes(reader_.get(), nullptr, &error);
+  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(reader_.get(), nullptr, &error);
   FUZZ_CHECK(!message == !!error);
   if (expected_.empty() || !expected_.front().empty())
     check_message(message, error);
@@ -338,13 +337,13 @@ Host::finish(Operation *operation)
   auto *result = operation->waiter.result();
   switch (operation->kind) {
   case Kind::bytes:
-    message = gvc_bytes_input_stream_read_bytes_finish(GVC_BYTES_INPUT_STREAM(stream), result,
-                                                       &error);
+    message =
+        gvc_bytes_input_stream_read_bytes_finish(GVC_BYTES_INPUT_STREAM(stream), result, &error);
     check_message(message, error);
     break;
   case Kind::variant: {
-    g_autoptr(GVariant) variant = gvc_bytes_input_stream_read_variant_finish(
-        GVC_BYTES_INPUT_STREAM(stream), result, &error);
+    g_autoptr(GVariant) variant =
+        gvc_bytes_input_stream_read_variant_finish(GVC_BYTES_INPUT_STREAM(stream), result, &error);
     FUZZ_CHECK(!variant == !!error);
     message = variant ? g_variant_get_data_as_bytes(g_variant_ref_sink(variant)) : nullptr;
     check_message(message, error);
@@ -365,8 +364,8 @@ Host::finish(Operation *operation)
     cut_ |= error != nullptr;
     break;
   case Kind::put_variant:
-    FUZZ_CHECK(gvc_bytes_output_stream_put_variant_finish(GVC_BYTES_OUTPUT_STREAM(stream),
-                                                          result, &error) == !error);
+    FUZZ_CHECK(gvc_bytes_output_stream_put_variant_finish(GVC_BYTES_OUTPUT_STREAM(stream), result,
+                                                          &error) == !error);
     cut_ |= error != nullptr;
     break;
   }
@@ -477,12 +476,24 @@ void
 Host::run()
 {
   static constexpr void (Host::*calls[])() = {
-      &Host::add_stage,     &Host::open_reader,        &Host::open_writer,
-      &Host::read_async,    &Host::read_async,         &Host::read_blocking,
-      &Host::write_async,   &Host::write_async,        &Host::write_blocking,
-      &Host::cancel,        &Host::close_something,    &Host::drop_something,
-      &Host::iterate,       &Host::iterate,            &Host::peer_sends_message,
-      &Host::peer_reads,    &Host::peer_sends_payload, &Host::peer_goes,
+      &Host::add_stage,
+      &Host::open_reader,
+      &Host::open_writer,
+      &Host::read_async,
+      &Host::read_async,
+      &Host::read_blocking,
+      &Host::write_async,
+      &Host::write_async,
+      &Host::write_blocking,
+      &Host::cancel,
+      &Host::close_something,
+      &Host::drop_something,
+      &Host::iterate,
+      &Host::iterate,
+      &Host::peer_sends_message,
+      &Host::peer_reads,
+      &Host::peer_sends_payload,
+      &Host::peer_goes,
   };
   while (!script_.empty())
     (this->*calls[script_.below(G_N_ELEMENTS(calls))])();

@@ -32,9 +32,8 @@ check_string(const Source &source, std::size_t *at, char terminator, View string
   const auto found = std::ranges::find(rest, static_cast<std::uint8_t>(terminator));
   if (found == rest.end()) {
     FUZZ_CHECK(string.empty());
-    FUZZ_CHECK(g_error_matches(error, G_IO_ERROR, end == source.cancel_at
-                                                      ? int{G_IO_ERROR_CANCELLED}
-                                                      : source_error));
+    FUZZ_CHECK(g_error_matches(error, G_IO_ERROR,
+                               end == source.cancel_at ? int{G_IO_ERROR_CANCELLED} : source_error));
     *at = end;
     return;
   }
@@ -91,6 +90,14 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const auto kind = script.byte();
   const auto where = script.byte() | static_cast<std::size_t>(script.byte()) << 8;
   const Terminators terminators{script.byte(), script.byte()};
+  // Long strings, in which the buffer grows, out of short inputs: each byte many times.
+  constexpr std::size_t repeated_most = 48, times = 40;
+  Bytes repeated;
+  if ((kind & 4) && payload.size() <= repeated_most) {
+    for (auto byte : payload)
+      repeated.insert(repeated.end(), times, byte);
+    payload = repeated;
+  }
   // A thread's help for every byte takes its time.
   Source source{.data = payload, .pieces = script, .pollable = kind < 0xf8 || payload.size() > 32};
   const auto end = kind & 2 ? std::min(where, payload.size()) : payload.size();

@@ -23,6 +23,10 @@ using Bytes = std::vector<std::uint8_t>;
 [[noreturn]] void fail(const char *what, const char *file, int line);
 #define FUZZ_CHECK(condition) ((condition) ? void(0) : ::fuzz::fail(#condition, __FILE__, __LINE__))
 
+// The largest message that there is memory for.
+inline constexpr std::size_t default_memory_limit = 256 * 1024;
+extern std::size_t memory_limit;
+
 // Decisions, one byte each. Once they are used up every decision is 0.
 class Script
 {
