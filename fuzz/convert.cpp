@@ -46,6 +46,16 @@ announced_room(unsigned kind, View in)
   return is_decompressor(kind) ? load(in.subspan(4), 4) : load(in, 8);
 }
 
+// A block that announces more than its payload can hold may be refused, and may be taken where
+// there happens to be room for what it announces.
+bool
+exaggerates(unsigned kind, View in)
+{
+  const auto length = announced(kind, in);
+  return is_decompressor(kind) && length &&
+         announced_room(kind, in) > std::max<std::uint64_t>((*length - 8) * 255, 1024 * 1024);
+}
+
 struct Call {
   GConverterResult result;
   std::size_t nread, nwritten;
@@ -115,33 +125,40 @@ convert_growing(GConverter *converter, unsigned kind, View in, std::size_t room,
   }
 }
 
-// Everything in calls of the converter. Returns what came out before the bytes ended or were found
-// broken; `*broken` says which.
+enum class End { partial, broken, exaggerated };
+
+// Everything in calls of the converter. Returns what came out before the end, and which it was.
 Bytes
-convert_directly(unsigned kind, View in, Script script, bool *broken)
+convert_directly(unsigned kind, View in, Script script, End *end)
 {
   auto converter = new_in_stage(kind);
   Bytes out;
   std::size_t offered = 0;
-  *broken = false;
 
   for (;;) {
     const auto decision = script.byte();
-    const auto flags = decision == 0xff ? G_CONVERTER_FLUSH : G_CONVERTER_NO_FLAGS;
+    const auto flags = decision == 0xff   ? G_CONVERTER_FLUSH
+                       : decision == 0xfe ? G_CONVERTER_INPUT_AT_END
+                                          : G_CONVERTER_NO_FLAGS;
     const auto room = decision & 0x80 ? std::size_t{decision} * 64 : std::size_t{decision} + 1;
     // A copy of its own, so that the sanitizer sees every access outside.
     const Bytes part(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(offered));
     const auto call = convert_growing(converter.get(), kind, part, room, flags, &out);
-    if (call.result == G_CONVERTER_CONVERTED) {
+    if (exaggerates(kind, part) && !matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
+      *end = End::exaggerated;
+      return out;
+    }
+    if (call.result == G_CONVERTER_CONVERTED || call.result == G_CONVERTER_FINISHED) {
       in = in.subspan(call.nread);
       offered -= call.nread;
     } else if (matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
+      *end = End::partial;
       if (offered == in.size())
         return out;
       const auto more = script.byte();
       offered = more == 0 ? in.size() : std::min(in.size(), offered + more);
     } else if (call.result == G_CONVERTER_ERROR) {
-      *broken = true;
+      *end = End::broken;
       return out;
     }
   }
@@ -165,26 +182,26 @@ read_some(GInputStream *stream, std::uint8_t *buffer, std::size_t size, bool blo
 
 // The same bytes through GIO's stream: it delivers what the calls have, and then fails.
 void
-convert_in_stream(unsigned kind, View in, Script script, bool blocking, View expected, bool broken)
+convert_in_stream(unsigned kind, View in, Script script, bool blocking, View expected, End end)
 {
   Source source{.data = in, .pieces = script};
   auto base = new_input(&source);
   auto converter = new_in_stage(kind);
   auto stream = own(g_converter_input_stream_new(base.get(), converter.get()));
 
-  for (;;) {
+  while (end != End::exaggerated || !expected.empty()) {
     const auto size = 1 + std::size_t{script.byte()} * 16;
     const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[size]);
     ErrorRef error;
     const auto nread = read_some(stream.get(), buffer.get(), size, blocking, &error);
     if (nread < 0) {
       FUZZ_CHECK(expected.empty());
-      FUZZ_CHECK(matches(error, broken ? G_IO_ERROR_FAILED : G_IO_ERROR_PARTIAL_INPUT));
+      FUZZ_CHECK(matches(error, end == End::broken ? G_IO_ERROR_FAILED : G_IO_ERROR_PARTIAL_INPUT));
       return;
     }
     const auto got = static_cast<std::size_t>(nread);
     if (got == 0) {
-      FUZZ_CHECK(expected.empty() && !broken);
+      FUZZ_CHECK(expected.empty() && end == End::partial);
       return;
     }
     FUZZ_CHECK(got <= size && got <= expected.size());
@@ -202,9 +219,9 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   auto [script, payload] = split_input(data, size);
   const auto decision = script.byte();
   const auto kind = 1 + decision % (stage_kinds - 1);
-  bool broken;
-  const auto out = convert_directly(kind, payload, script, &broken);
+  End end;
+  const auto out = convert_directly(kind, payload, script, &end);
   FUZZ_CHECK(out.size() <= payload.size() * 255);
-  convert_in_stream(kind, payload, script, decision & 0x80, out, broken);
+  convert_in_stream(kind, payload, script, decision & 0x80, out, end);
   return 0;
 }

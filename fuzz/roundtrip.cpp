@@ -67,19 +67,20 @@ private:
   std::vector<Stage> stages_;
 };
 
+// More than a stage converts at once.
 constexpr std::size_t largest = 1'100'000;
 
-// Mostly small, seldom very large.
+// Mostly small. A message of the largest size takes as long as hundreds of others, so it is rare.
 std::size_t
-message_size(Script *script)
+message_size(Script *script, bool may_be_largest)
 {
   const std::size_t decision = script->byte();
-  if (decision < 0xc0)
+  if (decision < 0xe0)
     return decision;
   if (decision < 0xfc)
-    return (decision - 0xbf) * 211;
+    return (decision - 0xdf) * 151;
   const auto more = script->byte();
-  return more >= 0xf8 ? largest : more * 400U;
+  return may_be_largest && more == 0xff ? largest : more * 100U;
 }
 
 void
@@ -232,7 +233,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     auto *to = back ? &first : &second;
     if (decision & 0x40)
       restart(*from, *to, script.byte());
-    const auto sent = pattern(message_size(&script), decision);
+    const auto sent = pattern(message_size(&script, i == 0), decision);
     const bool small = sent.size() <= blocking_most;
     exchange(from, to, sent,
              {(decision & 2) != 0, small && (decision & 4), small && (decision & 8)});

@@ -188,6 +188,7 @@ put_roundtrip(const Corpus &corpus)
       {"none", {0, 0, 0, 0}}, {"c", {1, 0, 0, 0}},  {"e", {2, 0, 0, 0}},    {"ec", {2, 1, 0, 0}},
       {"ce", {1, 3, 0, 0}},   {"cc", {1, 1, 0, 0}}, {"ecec", {2, 1, 3, 1}}, {"split", {4, 1, 4, 2}},
   };
+  corpus.put("largest", {2, 1, 0, 0, 1, 0xff, 0xff}, {});
   for (const auto &order : orders) {
     corpus.put(order.name, join({order.stages, messages}), {});
     corpus.put((std::string(order.name) + "-in-pieces").c_str(), join({order.stages, messages}),
