@@ -68,7 +68,7 @@ private:
 };
 
 // More than a stage converts at once.
-constexpr std::size_t largest = 1'100'000;
+constexpr std::size_t largest = longest_pattern;
 
 // Mostly small. A message of the largest size takes as long as hundreds of others, so it is rare.
 std::size_t

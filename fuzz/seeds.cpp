@@ -119,7 +119,7 @@ put_strings(const Corpus &corpus)
   corpus.put("zero", {}, bytes({"a\0b\0", 4}));
   corpus.put("fails", {3, 6, 0, '\n', '\n'}, lines);
   corpus.put("in-threads", {0xf8, 0, 0, '\n', '\n'}, lines);
-  corpus.put("grows", {4, 0, 0, '\n', '\n'}, join({Bytes(30, 'a'), {'\n'}}));
+  corpus.put("grows", {4, 0, 0, '\n', '\n'}, join({Bytes(27, 'a'), {'\n'}}));
 }
 
 void

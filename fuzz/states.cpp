@@ -82,7 +82,7 @@ private:
   std::list<Operation> operations_;
 
   std::vector<Ref<GConverter>> peer_stages_; // the outermost first
-  std::deque<Bytes> expected_;               // messages of the peer that have not been read
+  std::deque<View> expected_;                // messages of the peer that have not been read
   bool in_order_ = true;   // the peer has sent nothing but messages, and none was cut short
   bool calm_ = true;       // nothing was cancelled, closed or let go, and the peer is there
   bool used_ = false;      // the peer has sent, or the host has read: no more stages
@@ -417,13 +417,13 @@ Host::peer_sends_message()
     return;
   used_ = true;
   const std::uint8_t prefix[] = {decision, 0, 0, 0};
-  auto message = pattern(decision, decision);
+  const auto message = pattern(decision, decision);
   Bytes wire(prefix, prefix + sizeof prefix);
   wire.insert(wire.end(), message.begin(), message.end());
   for (auto stage = peer_stages_.rbegin(); stage != peer_stages_.rend(); ++stage)
     wire = convert_all(stage->get(), wire, &script_);
   if (send_some(peer_, wire) == wire.size())
-    expected_.push_back(std::move(message));
+    expected_.push_back(message);
   else
     in_order_ = false;
 }

@@ -91,7 +91,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const auto where = script.byte() | static_cast<std::size_t>(script.byte()) << 8;
   const Terminators terminators{script.byte(), script.byte()};
   // Long strings, in which the buffer grows, out of short inputs: each byte many times.
-  constexpr std::size_t repeated_most = 48, times = 40;
+  constexpr std::size_t repeated_most = 28, times = 40;
   Bytes repeated;
   if ((kind & 4) && payload.size() <= repeated_most) {
     for (auto byte : payload)
@@ -99,7 +99,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     payload = repeated;
   }
   // A thread's help for every byte takes its time.
-  Source source{.data = payload, .pieces = script, .pollable = kind < 0xf8 || payload.size() > 32};
+  Source source{.data = payload, .pieces = script, .pollable = kind < 0xf8 || payload.size() > 16};
   const auto end = kind & 2 ? std::min(where, payload.size()) : payload.size();
   (kind & 1 ? source.fail_at : source.cancel_at) = end;
 

@@ -107,16 +107,23 @@ fuzz::view(GBytes *bytes)
   return {data, size};
 }
 
-Bytes
-fuzz::pattern(std::size_t size, std::uint8_t seed)
+static Bytes
+noise(unsigned shift)
 {
-  Bytes bytes(size);
-  std::uint32_t state = seed + 1U;
+  Bytes bytes(longest_pattern + UINT8_MAX);
+  std::uint32_t state = 1;
   for (auto &byte : bytes) {
     state = state * 1664525U + 1013904223U;
-    byte = static_cast<std::uint8_t>(seed % 2 == 0 ? state >> 31 : state >> 24);
+    byte = static_cast<std::uint8_t>(state >> shift);
   }
   return bytes;
+}
+
+View
+fuzz::pattern(std::size_t size, std::uint8_t seed)
+{
+  static const Bytes compressible = noise(31), incompressible = noise(24);
+  return View(seed % 2 == 0 ? compressible : incompressible).subspan(seed, size);
 }
 
 bool

@@ -57,8 +57,10 @@ Input split_input(const std::uint8_t *data, std::size_t size);
 
 bool equal(View a, View b);
 View view(GBytes *bytes);
-// The same bytes for the same arguments; they compress well where `seed` is even.
-Bytes pattern(std::size_t size, std::uint8_t seed);
+// The same bytes for the same arguments, for ever, up to `longest_pattern` of them; they compress
+// well where `seed` is even.
+inline constexpr std::size_t longest_pattern = 1'100'000;
+View pattern(std::size_t size, std::uint8_t seed);
 
 template <typename T> struct Unref {
   void
