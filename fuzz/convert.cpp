@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Any bytes decompressed and decrypted: in calls of the converter with any part of the bytes and
+// any room, and in a converter stream over any pieces. Every call does as its header says, each
+// step moves on, and neither output nor room grow beyond what the bytes can stand for.
+#include "support.h"
+
+#include <algorithm>
+#include <cstring>
+
+using namespace fuzz;
+
+namespace
+{
+
+constexpr bool
+is_decompressor(unsigned kind)
+{
+  return kind == 1;
+}
+
+std::uint64_t
+load(View from, std::size_t size)
+{
+  std::uint64_t value = 0;
+  for (auto i = size; i-- > 0;)
+    value = value << 8 | from[i];
+  return value;
+}
+
+// How long the block or record at the start of `in` is, if its header is there.
+std::optional<std::uint64_t>
+announced(unsigned kind, View in)
+{
+  if (in.size() < 8)
+    return std::nullopt;
+  if (is_decompressor(kind))
+    return 8 + load(in, 4);
+  const auto length = load(in, 8);
+  return length == 0 ? 24 : length > UINT64_MAX - 8 ? UINT64_MAX : 8 + length;
+}
+
+// How much room it asks for.
+std::uint64_t
+announced_room(unsigned kind, View in)
+{
+  return is_decompressor(kind) ? load(in.subspan(4), 4) : load(in, 8);
+}
+
+// A block that announces more than its payload can hold may be refused, and may be taken where
+// there happens to be room for what it announces.
+bool
+exaggerates(unsigned kind, View in)
+{
+  const auto length = announced(kind, in);
+  return is_decompressor(kind) && length &&
+         announced_room(kind, in) > std::max<std::uint64_t>((*length - 8) * 255, 1024 * 1024);
+}
+
+struct Call {
+  GConverterResult result;
+  std::size_t nread, nwritten;
+  ErrorRef error;
+};
+
+constexpr std::size_t untouched = 0x5a5a5a5a;
+
+Call
+convert(GConverter *converter, View in, std::uint8_t *out, std::size_t room, GConverterFlags flags)
+{
+  Call call{G_CONVERTER_ERROR, untouched, untouched, nullptr};
+  GError *error = nullptr;
+  // Not through GIO's function, which sets the counts to 0 beforehand.
+  call.result = G_CONVERTER_GET_IFACE(converter)->convert(
+      converter, in.data(), in.size(), out, room, flags, &call.nread, &call.nwritten, &error);
+  call.error.reset(error);
+  return call;
+}
+
+// What holds for every call, as far as the header says it.
+void
+check_call(const Call &call, unsigned kind, View in, std::size_t room, GConverterFlags flags)
+{
+  if (flags & G_CONVERTER_FLUSH) {
+    FUZZ_CHECK(call.result == G_CONVERTER_FLUSHED && call.nread == 0 && call.nwritten == 0);
+    return;
+  }
+  const auto length = announced(kind, in);
+  if (call.result == G_CONVERTER_ERROR) {
+    FUZZ_CHECK(call.error && call.nread == untouched && call.nwritten == untouched);
+    const bool partial = !length || *length > in.size();
+    const bool narrow = !partial && announced_room(kind, in) > room;
+    if (matches(call.error, G_IO_ERROR_PARTIAL_INPUT))
+      FUZZ_CHECK(partial);
+    else if (matches(call.error, G_IO_ERROR_NO_SPACE))
+      FUZZ_CHECK(narrow);
+    else
+      FUZZ_CHECK(matches(call.error, G_IO_ERROR_FAILED) && length);
+    return;
+  }
+  FUZZ_CHECK(!call.error);
+  FUZZ_CHECK(call.result ==
+             (flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED : G_CONVERTER_CONVERTED));
+  FUZZ_CHECK(length && call.nread == *length && call.nread <= in.size());
+  FUZZ_CHECK(call.nwritten <= announced_room(kind, in) && call.nwritten <= room);
+}
+
+// Converts with growing room until the converter asks for no more of it. A room that it still finds
+// too small when it is larger than all that the input can stand for would grow without end.
+Call
+convert_growing(GConverter *converter, unsigned kind, View in, std::size_t room,
+                GConverterFlags flags, Bytes *out)
+{
+  const auto most = std::max<std::size_t>(in.size() * 255, 1024 * 1024);
+  for (;;) {
+    // Of exactly this size, so that the sanitizer sees every access outside.
+    const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[room]);
+    auto call = convert(converter, in, buffer.get(), room, flags);
+    check_call(call, kind, in, room, flags);
+    if (call.result != G_CONVERTER_ERROR)
+      out->insert(out->end(), buffer.get(), buffer.get() + call.nwritten);
+    if (!matches(call.error, G_IO_ERROR_NO_SPACE))
+      return call;
+    FUZZ_CHECK(room < most);
+    room *= 2;
+  }
+}
+
+enum class End { partial, broken, exaggerated };
+
+// Everything in calls of the converter. Returns what came out before the end, and which it was.
+Bytes
+convert_directly(unsigned kind, View in, Script script, End *end)
+{
+  auto converter = new_in_stage(kind);
+  Bytes out;
+  std::size_t offered = 0;
+
+  for (;;) {
+    const auto decision = script.byte();
+    const auto flags = decision == 0xff   ? G_CONVERTER_FLUSH
+                       : decision == 0xfe ? G_CONVERTER_INPUT_AT_END
+                                          : G_CONVERTER_NO_FLAGS;
+    const auto room = decision & 0x80 ? std::size_t{decision} * 64 : std::size_t{decision} + 1;
+    // A copy of its own, so that the sanitizer sees every access outside.
+    const Bytes part(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(offered));
+    const auto call = convert_growing(converter.get(), kind, part, room, flags, &out);
+    if (exaggerates(kind, part) && !matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
+      *end = End::exaggerated;
+      return out;
+    }
+    if (call.result == G_CONVERTER_CONVERTED || call.result == G_CONVERTER_FINISHED) {
+      in = in.subspan(call.nread);
+      offered -= call.nread;
+    } else if (matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
+      *end = End::partial;
+      if (offered == in.size())
+        return out;
+      const auto more = script.byte();
+      offered = more == 0 ? in.size() : std::min(in.size(), offered + more);
+    } else if (call.result == G_CONVERTER_ERROR) {
+      *end = End::broken;
+      return out;
+    }
+  }
+}
+
+gssize
+read_some(GInputStream *stream, std::uint8_t *buffer, std::size_t size, bool blocking,
+          ErrorRef *error)
+{
+  GError *failure = nullptr;
+  gssize nread;
+  do {
+    g_clear_error(&failure);
+    nread = blocking ? g_input_stream_read(stream, buffer, size, nullptr, &failure)
+                     : g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(stream),
+                                                                buffer, size, nullptr, &failure);
+  } while (g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK));
+  error->reset(failure);
+  return nread;
+}
+
+// The same bytes through GIO's stream: it delivers what the calls have, and then fails.
+void
+convert_in_stream(unsigned kind, View in, Script script, bool blocking, View expected, End end)
+{
+  Source source{.data = in, .pieces = script};
+  auto base = new_input(&source);
+  auto converter = new_in_stage(kind);
+  auto stream = own(g_converter_input_stream_new(base.get(), converter.get()));
+
+  while (end != End::exaggerated || !expected.empty()) {
+    const auto size = 1 + std::size_t{script.byte()} * 16;
+    const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[size]);
+    ErrorRef error;
+    const auto nread = read_some(stream.get(), buffer.get(), size, blocking, &error);
+    if (nread < 0) {
+      FUZZ_CHECK(expected.empty());
+      FUZZ_CHECK(matches(error, end == End::broken ? G_IO_ERROR_FAILED : G_IO_ERROR_PARTIAL_INPUT));
+      return;
+    }
+    const auto got = static_cast<std::size_t>(nread);
+    if (got == 0) {
+      FUZZ_CHECK(expected.empty() && end == End::partial);
+      return;
+    }
+    FUZZ_CHECK(got <= size && got <= expected.size());
+    FUZZ_CHECK(equal({buffer.get(), got}, expected.first(got)));
+    expected = expected.subspan(got);
+  }
+}
+
+} // namespace
+
+// The script: the converter, how to read its stream, and pieces and rooms.
+extern "C" int
+LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+  auto [script, payload] = split_input(data, size);
+  const auto decision = script.byte();
+  const auto kind = 1 + decision % (stage_kinds - 1);
+  End end;
+  const auto out = convert_directly(kind, payload, script, &end);
+  FUZZ_CHECK(out.size() <= payload.size() * 255);
+  convert_in_stream(kind, payload, script, decision & 0x80, out, end);
+  return 0;
+}

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Messages of any sizes in both directions between two channels with any stages, up to four of
+// them, blocking and asynchronously, with key changes and resets in between and with pieces of any
+// size between the stages. What comes out is what went in, and then the end.
+#include "support.h"
+
+#include <zelgvc/zelgvc.h>
+
+#include <array>
+
+using namespace fuzz;
+
+namespace
+{
+
+constexpr std::size_t stages_most = 4;
+
+// More than this could fill the socket while nobody reads.
+constexpr std::size_t blocking_most = 16 * 1024;
+
+struct Stage {
+  unsigned kind;
+  Ref<GConverter> in, out;
+};
+
+class End
+{
+public:
+  // The pieces are used up by both ends of both directions.
+  End(GSocketConnection *socket, View stages, Script *pieces)
+      : connection_(own(gvc_connection_new(socket)))
+  {
+    for (auto decision : stages) {
+      const unsigned kind = decision % (stage_kinds + 1);
+      const bool split = kind == stage_kinds;
+      if (kind != 0)
+        add({kind, split ? new_splitter(pieces) : new_in_stage(kind),
+             split ? new_splitter(pieces) : new_out_stage(kind)});
+    }
+    auto *stream = G_IO_STREAM(connection_.get());
+    in = own(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(stream)));
+    out = own(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(stream)));
+  }
+  const Stage *
+  stage(std::size_t i) const
+  {
+    return stages_.empty() ? nullptr : &stages_[i % stages_.size()];
+  }
+  GIOStream *
+  stream() const
+  {
+    return G_IO_STREAM(connection_.get());
+  }
+
+  Ref<GvcBytesInputStream> in;
+  Ref<GvcBytesOutputStream> out;
+
+private:
+  void
+  add(Stage stage)
+  {
+    gvc_connection_add_converters(connection_.get(), stage.in.get(), stage.out.get());
+    stages_.push_back(std::move(stage));
+  }
+
+  Ref<GvcConnection> connection_;
+  std::vector<Stage> stages_;
+};
+
+// More than a stage converts at once.
+constexpr std::size_t largest = longest_pattern;
+
+// Mostly small. A message of the largest size takes as long as hundreds of others, so it is rare.
+std::size_t
+message_size(Script *script, bool may_be_largest)
+{
+  const std::size_t decision = script->byte();
+  if (decision < 0xe0)
+    return decision;
+  if (decision < 0xfc)
+    return (decision - 0xdf) * 151;
+  const auto more = script->byte();
+  return may_be_largest && more == 0xff ? largest : more * 100U;
+}
+
+void
+check_message(GBytes *message, const GError *error, View sent, bool blocking)
+{
+  if (sent.empty() && blocking) {
+    FUZZ_CHECK(!message && g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED));
+    return;
+  }
+  FUZZ_CHECK(message && !error);
+  FUZZ_CHECK(equal(view(message), sent));
+}
+
+GVariant *
+as_variant(GBytes *bytes)
+{
+  return g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE));
+}
+
+struct Form {
+  bool variant, write_blocking, read_blocking;
+};
+
+void
+write_message(End *end, GBytes *bytes, Form form, Waiter *waiter)
+{
+  g_autoptr(GVariant) variant = as_variant(bytes);
+  auto *out = end->out.get();
+  if (form.write_blocking && form.variant)
+    FUZZ_CHECK(gvc_bytes_output_stream_put_variant(out, variant, nullptr, nullptr));
+  else if (form.write_blocking)
+    FUZZ_CHECK(gvc_bytes_output_stream_put_bytes(out, bytes, nullptr, nullptr));
+  else if (form.variant)
+    gvc_bytes_output_stream_put_variant_async(out, variant, 0, nullptr, Waiter::ready, waiter);
+  else
+    gvc_bytes_output_stream_put_bytes_async(out, bytes, 0, nullptr, Waiter::ready, waiter);
+}
+
+void
+finish_write(End *end, Form form, Waiter *waiter)
+{
+  if (form.write_blocking)
+    return;
+  auto *out = end->out.get();
+  auto *result = waiter->wait();
+  FUZZ_CHECK(form.variant ? gvc_bytes_output_stream_put_variant_finish(out, result, nullptr)
+                          : gvc_bytes_output_stream_put_bytes_finish(out, result, nullptr));
+}
+
+void
+read_blocking(End *end, View sent)
+{
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(end->in.get(), nullptr, &error);
+  check_message(message, error, sent, true);
+}
+
+void
+finish_read(End *end, Form form, View sent, Waiter *waiter)
+{
+  g_autoptr(GError) error = nullptr;
+  auto *in = end->in.get();
+  auto *result = waiter->wait();
+  g_autoptr(GBytes) message = nullptr;
+  if (form.variant) {
+    auto *variant = gvc_bytes_input_stream_read_variant_finish(in, result, &error);
+    FUZZ_CHECK(variant);
+    g_variant_ref_sink(variant);
+    message = g_variant_get_data_as_bytes(variant);
+    g_variant_unref(variant);
+  } else {
+    message = gvc_bytes_input_stream_read_bytes_finish(in, result, &error);
+  }
+  check_message(message, error, sent, false);
+}
+
+// One message, written and read at the same time where one of them could have to wait.
+void
+exchange(End *from, End *to, View sent, Form form)
+{
+  g_autoptr(GBytes) bytes = g_bytes_new_static(sent.data(), sent.size());
+  Waiter written, arrived;
+  if (form.read_blocking) {
+    write_message(from, bytes, form, &written);
+    finish_write(from, form, &written);
+    read_blocking(to, sent);
+  } else {
+    if (form.variant)
+      gvc_bytes_input_stream_read_variant_async(to->in.get(), "ay", 0, nullptr, Waiter::ready,
+                                                &arrived);
+    else
+      gvc_bytes_input_stream_read_bytes_async(to->in.get(), 0, nullptr, Waiter::ready, &arrived);
+    write_message(from, bytes, form, &written);
+    finish_read(to, form, sent, &arrived);
+    finish_write(from, form, &written);
+  }
+  run_ready(); // no second call
+}
+
+// Both sides of one stage begin anew, which they may do between any two messages.
+void
+restart(const End &from, const End &to, std::uint8_t decision)
+{
+  auto *out = from.stage(decision & 7);
+  auto *in = to.stage(decision & 7);
+  if (!out)
+    return;
+  if (GVC_IS_ENCRYPTOR(out->out.get()) && (decision & 8)) {
+    const guint bits = decision & 16 ? 128 : 256;
+    gvc_encryptor_set_key_length(GVC_ENCRYPTOR(out->out.get()), bits);
+    gvc_decryptor_set_key_length(GVC_DECRYPTOR(in->in.get()), bits);
+  } else {
+    g_converter_reset(out->out.get());
+    g_converter_reset(in->in.get());
+  }
+}
+
+// An orderly end: no message more, and no end that looks like one.
+void
+finish(End *from, GSocketConnection *socket, End *to, bool plain)
+{
+  FUZZ_CHECK(g_io_stream_close(from->stream(), nullptr, nullptr));
+  FUZZ_CHECK(g_io_stream_close(G_IO_STREAM(socket), nullptr, nullptr));
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(to->in.get(), nullptr, &error);
+  FUZZ_CHECK(!message);
+  FUZZ_CHECK(g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED) ||
+             (!plain && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT)));
+}
+
+} // namespace
+
+// The script: the stages, then the messages; the payload has the sizes of pieces.
+extern "C" int
+LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+  auto [script, payload] = split_input(data, size);
+  std::array<std::uint8_t, stages_most> stages;
+  for (auto &stage : stages)
+    stage = script.byte();
+  Script pieces(payload);
+  memory_limit = largest;
+  auto [a, b] = new_connections();
+  End first(a.get(), stages, &pieces), second(b.get(), stages, &pieces);
+
+  for (unsigned i = 0; i < 16 && !script.empty(); i++) {
+    const auto decision = script.byte();
+    const bool back = decision & 1;
+    auto *from = back ? &second : &first;
+    auto *to = back ? &first : &second;
+    if (decision & 0x40)
+      restart(*from, *to, script.byte());
+    const auto sent = pattern(message_size(&script, i == 0), decision);
+    const bool small = sent.size() <= blocking_most;
+    exchange(from, to, sent,
+             {(decision & 2) != 0, small && (decision & 4), small && (decision & 8)});
+  }
+  finish(&first, a.get(), &second, !first.stage(0));
+  return 0;
+}

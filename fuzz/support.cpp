@@ -1,0 +1,448 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "support.h"
+
+#include <zelgvc/zelgvc.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+using namespace fuzz;
+
+extern "C" const char *
+__asan_default_options()
+{
+  return "detect_stack_use_after_return=1:strict_string_checks=1";
+}
+
+extern "C" const char *
+__ubsan_default_options()
+{
+  return "halt_on_error=1:abort_on_error=1:print_stacktrace=1";
+}
+
+// The seed of the initial IVs: the same in every run, so that an input always means the same.
+extern "C" int
+gettimeofday(timeval *time, void *) noexcept
+{
+  *time = {1, 2};
+  return 0;
+}
+
+// A peer can announce up to 2 GiB, and the sanitizer marks what is freed by writing to its shadow.
+// So there is an end to the memory that can be had in these ways, in which the library asks for it.
+std::size_t fuzz::memory_limit = fuzz::default_memory_limit;
+
+extern "C" gpointer
+g_try_malloc(gsize size)
+{
+  return size > 0 && size <= memory_limit ? std::malloc(size) : nullptr;
+}
+
+extern "C" gpointer
+g_try_malloc0(gsize size)
+{
+  return size > 0 && size <= memory_limit ? std::calloc(size, 1) : nullptr;
+}
+
+extern "C" int
+LLVMFuzzerInitialize(int *, char ***argv)
+{
+  // GLib reads these before main(): its slices hide leaks and overruns from the sanitizers, and
+  // critical messages and warnings are defects, since no target provokes one.
+  if (!getenv("G_SLICE")) {
+    setenv("G_SLICE", "always-malloc", 1);
+    setenv("G_DEBUG", "fatal-warnings", 1);
+    execv("/proc/self/exe", *argv);
+    abort();
+  }
+  gvc_init();
+  return 0;
+}
+
+void
+fuzz::fail(const char *what, const char *file, int line)
+{
+  std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, what);
+  abort();
+}
+
+std::uint8_t
+Script::byte()
+{
+  if (rest_.empty())
+    return 0;
+  auto first = rest_.front();
+  rest_ = rest_.subspan(1);
+  return first;
+}
+
+Input
+fuzz::split_input(const std::uint8_t *data, std::size_t size)
+{
+  View all(data, size);
+  if (size == 0)
+    return {Script(all), all};
+  auto length = std::min<std::size_t>(all[0], size - 1);
+  return {Script(all.subspan(1, length)), all.subspan(1 + length)};
+}
+
+bool
+fuzz::equal(View a, View b)
+{
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
+}
+
+View
+fuzz::view(GBytes *bytes)
+{
+  gsize size;
+  auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(bytes, &size));
+  return {data, size};
+}
+
+static Bytes
+noise(unsigned shift)
+{
+  Bytes bytes(longest_pattern + UINT8_MAX);
+  std::uint32_t state = 1;
+  for (auto &byte : bytes) {
+    state = state * 1664525U + 1013904223U;
+    byte = static_cast<std::uint8_t>(state >> shift);
+  }
+  return bytes;
+}
+
+View
+fuzz::pattern(std::size_t size, std::uint8_t seed)
+{
+  static const Bytes compressible = noise(31), incompressible = noise(24);
+  return View(seed % 2 == 0 ? compressible : incompressible).subspan(seed, size);
+}
+
+bool
+fuzz::matches(const ErrorRef &error, int code)
+{
+  return g_error_matches(error.get(), G_IO_ERROR, code);
+}
+
+// ---- The size of a piece: all that is asked for, a few bytes, or some more
+
+static std::size_t
+piece(std::uint8_t decision)
+{
+  decision &= 0x3f;
+  if (decision == 0)
+    return SIZE_MAX;
+  return decision < 0x30 ? decision : (decision - 0x2fU) * 61U;
+}
+
+// ---- The scripted stream
+
+namespace
+{
+struct ScriptedInput {
+  GInputStream parent;
+  Source *source;
+};
+struct ScriptedInputClass {
+  GInputStreamClass parent_class;
+};
+} // namespace
+
+static GType scripted_input_get_type();
+static void scripted_input_pollable_init(GPollableInputStreamInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(ScriptedInput, scripted_input, G_TYPE_INPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
+                                              scripted_input_pollable_init))
+
+static gssize
+read_source(Source *source, void *buffer, gsize count, bool may_block, GError **error)
+{
+  auto decision = source->pieces.byte();
+  if (source->position >= source->cancel_at) {
+    g_cancellable_cancel(source->cancellable);
+    g_cancellable_set_error_if_cancelled(source->cancellable, error);
+    return -1;
+  }
+  if (source->position >= source->fail_at) {
+    g_set_error_literal(error, G_IO_ERROR, source_error, "Scripted failure");
+    return -1;
+  }
+  if (!may_block && !source->blocked && (decision & 0x80)) {
+    source->blocked = true;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, "Scripted wait");
+    return -1;
+  }
+
+  source->blocked = false;
+  auto stop = std::min({source->data.size(), source->fail_at, source->cancel_at});
+  auto size = std::min({count, stop - source->position, piece(decision)});
+  if (size > 0)
+    std::memcpy(buffer, source->data.data() + source->position, size);
+  source->position += size;
+  return static_cast<gssize>(size);
+}
+
+static gssize
+scripted_input_read(GInputStream *stream, void *buffer, gsize count, GCancellable *, GError **error)
+{
+  return read_source(reinterpret_cast<ScriptedInput *>(stream)->source, buffer, count, true, error);
+}
+
+static void
+scripted_input_class_init(ScriptedInputClass *klass)
+{
+  G_INPUT_STREAM_CLASS(klass)->read_fn = scripted_input_read;
+}
+
+static void
+scripted_input_init(ScriptedInput *)
+{
+}
+
+static gboolean
+scripted_input_can_poll(GPollableInputStream *stream)
+{
+  return reinterpret_cast<ScriptedInput *>(stream)->source->pollable;
+}
+
+static gboolean
+scripted_input_is_readable(GPollableInputStream *)
+{
+  return TRUE;
+}
+
+static GSource *
+scripted_input_create_source(GPollableInputStream *stream, GCancellable *cancellable)
+{
+  g_autoptr(GSource) now = g_timeout_source_new(0);
+  return g_pollable_source_new_full(stream, now, cancellable);
+}
+
+static gssize
+scripted_input_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize count,
+                                GError **error)
+{
+  return read_source(reinterpret_cast<ScriptedInput *>(stream)->source, buffer, count, false,
+                     error);
+}
+
+static void
+scripted_input_pollable_init(GPollableInputStreamInterface *iface)
+{
+  iface->can_poll = scripted_input_can_poll;
+  iface->is_readable = scripted_input_is_readable;
+  iface->create_source = scripted_input_create_source;
+  iface->read_nonblocking = scripted_input_read_nonblocking;
+}
+
+Ref<GInputStream>
+fuzz::new_input(Source *source)
+{
+  auto *stream = g_object_new(scripted_input_get_type(), nullptr);
+  static_cast<ScriptedInput *>(stream)->source = source;
+  return own(static_cast<GInputStream *>(stream));
+}
+
+// ---- The splitting converter
+
+namespace
+{
+struct Splitter {
+  GObject parent;
+  Script *pieces;
+};
+struct SplitterClass {
+  GObjectClass parent_class;
+};
+} // namespace
+
+static GType splitter_get_type();
+static void splitter_converter_init(GConverterIface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(Splitter, splitter, G_TYPE_OBJECT,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, splitter_converter_init))
+
+static void
+splitter_class_init(SplitterClass *)
+{
+}
+
+static void
+splitter_init(Splitter *)
+{
+}
+
+static GConverterResult
+splitter_convert(GConverter *converter, const void *in, gsize in_size, void *out, gsize room,
+                 GConverterFlags flags, gsize *bytes_read, gsize *bytes_written, GError **error)
+{
+  auto *self = reinterpret_cast<Splitter *>(converter);
+  *bytes_read = *bytes_written = 0;
+  if (in_size == 0) {
+    if (flags & G_CONVERTER_INPUT_AT_END)
+      return G_CONVERTER_FINISHED;
+    if (flags & G_CONVERTER_FLUSH)
+      return G_CONVERTER_FLUSHED;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "Nothing there");
+    return G_CONVERTER_ERROR;
+  }
+  if (room == 0) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "No room");
+    return G_CONVERTER_ERROR;
+  }
+
+  auto size = std::min({in_size, room, piece(self->pieces->byte())});
+  std::memcpy(out, in, size);
+  *bytes_read = *bytes_written = size;
+  if (size < in_size)
+    return G_CONVERTER_CONVERTED;
+  if (flags & G_CONVERTER_INPUT_AT_END)
+    return G_CONVERTER_FINISHED;
+  return flags & G_CONVERTER_FLUSH ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
+}
+
+static void
+splitter_reset(GConverter *)
+{
+}
+
+static void
+splitter_converter_init(GConverterIface *iface)
+{
+  iface->convert = splitter_convert;
+  iface->reset = splitter_reset;
+}
+
+Ref<GConverter>
+fuzz::new_splitter(Script *pieces)
+{
+  auto *splitter = g_object_new(splitter_get_type(), nullptr);
+  static_cast<Splitter *>(splitter)->pieces = pieces;
+  return own(static_cast<GConverter *>(splitter));
+}
+
+// ---- Stages
+
+static GType
+stage_type(unsigned kind, bool in)
+{
+  if (kind == 1)
+    return in ? GVC_TYPE_DECOMPRESSOR : GVC_TYPE_COMPRESSOR;
+  return in ? GVC_TYPE_DECRYPTOR : GVC_TYPE_ENCRYPTOR;
+}
+
+static Ref<GConverter>
+new_stage(unsigned kind, bool in)
+{
+  static GBytes *const key = g_bytes_new_static("libzelgvc: this is a fixed key.", 32);
+  auto type = stage_type(kind, in);
+  auto *stage =
+      kind == 1 ? g_object_new(type, nullptr)
+                : g_object_new(type, "key", key, "key-length", kind == 2 ? 256U : 128U, nullptr);
+  return own(static_cast<GConverter *>(stage));
+}
+
+Ref<GConverter>
+fuzz::new_in_stage(unsigned kind)
+{
+  return new_stage(kind, true);
+}
+
+Ref<GConverter>
+fuzz::new_out_stage(unsigned kind)
+{
+  return new_stage(kind, false);
+}
+
+Bytes
+fuzz::convert_all(GConverter *converter, View plain, Script *pieces)
+{
+  Bytes out;
+  while (!plain.empty()) {
+    auto offered = std::min(plain.size(), piece(pieces->byte()));
+    gsize nread = 0, nwritten = 0;
+    auto used = out.size();
+    out.resize(used + offered + offered / 10 + 128);
+    auto result =
+        g_converter_convert(converter, plain.data(), offered, out.data() + used, out.size() - used,
+                            G_CONVERTER_NO_FLAGS, &nread, &nwritten, nullptr);
+    FUZZ_CHECK(result == G_CONVERTER_CONVERTED);
+    FUZZ_CHECK(nread <= offered && nwritten <= out.size() - used);
+    out.resize(used + nwritten);
+    plain = plain.subspan(nread);
+  }
+  return out;
+}
+
+// ---- Sockets
+
+static void
+new_sockets(int fds[2])
+{
+  FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) == 0);
+}
+
+static Ref<GSocketConnection>
+new_connection(int fd)
+{
+  auto socket = own(g_socket_new_from_fd(fd, nullptr));
+  FUZZ_CHECK(socket != nullptr);
+  return own(g_socket_connection_factory_create_connection(socket.get()));
+}
+
+Pair
+fuzz::new_pair()
+{
+  int fds[2];
+  new_sockets(fds);
+  return {new_connection(fds[0]), fds[1]};
+}
+
+std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>>
+fuzz::new_connections()
+{
+  int fds[2];
+  new_sockets(fds);
+  return {new_connection(fds[0]), new_connection(fds[1])};
+}
+
+std::size_t
+fuzz::send_some(int fd, View bytes)
+{
+  auto sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  return sent > 0 ? static_cast<std::size_t>(sent) : 0;
+}
+
+// ---- Asynchronous operations
+
+void
+Waiter::ready(GObject *, GAsyncResult *result, gpointer waiter)
+{
+  auto *self = static_cast<Waiter *>(waiter);
+  FUZZ_CHECK(!self->done());
+  self->result_ = own(static_cast<GAsyncResult *>(g_object_ref(result)));
+}
+
+GAsyncResult *
+Waiter::wait()
+{
+  while (!done())
+    g_main_context_iteration(nullptr, TRUE);
+  return result();
+}
+
+void
+fuzz::run_ready()
+{
+  while (g_main_context_iteration(nullptr, FALSE)) {
+  }
+}
