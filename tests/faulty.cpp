@@ -516,6 +516,8 @@ faulty_connection_class_init(FaultyConnectionClass *klass)
   };
 }
 
+} // namespace
+
 void
 add_stages(GvcConnection *channel, int stages, LifeWatch *lives)
 {
@@ -529,11 +531,10 @@ add_stages(GvcConnection *channel, int stages, LifeWatch *lives)
     for (gpointer object : {gpointer(in.get()), gpointer(out.get()),
                             gpointer(g_io_stream_get_input_stream(G_IO_STREAM(channel))),
                             gpointer(g_io_stream_get_output_stream(G_IO_STREAM(channel)))})
-      lives->add(object);
+      if (lives != nullptr)
+        lives->add(object);
   }
 }
-
-} // namespace
 
 /* ---- Rig ---- */
 
