@@ -738,11 +738,11 @@ assert_outcome(const Case &one, Rig &rig, Outcome &outcome, const std::string &v
 
 void
 add_cases(const char *subject, const Operation &operation, std::initializer_list<Fault> faults,
-          void (*test)(const Case &), guint least_steps)
+          void (*test)(const Case &), guint least_steps, int stages_up_to)
 {
   using Entry = std::pair<void (*)(const Case &), Case>;
   for (const Flavour flavour : {Flavour::blocking, Flavour::pollable})
-    for (int stages = 0; stages <= most_stages; stages++)
+    for (int stages = 0; stages <= stages_up_to; stages++)
       for (const Fault fault : faults) {
         /* A blocking operation in the main loop's own thread has nobody to wait for. */
         if (fault == Fault::stall && operation.way == Operation::Way::blocking)

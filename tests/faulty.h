@@ -206,7 +206,7 @@ void assert_outcome(const Case &one, Rig &rig, Outcome &outcome, const std::stri
 
 /* Adds a test case for every given fault, flavour and number of stages. */
 void add_cases(const char *subject, const Operation &operation, std::initializer_list<Fault> faults,
-               void (*test)(const Case &), guint least_steps = 2);
+               void (*test)(const Case &), guint least_steps = 2, int stages_up_to = most_stages);
 
 } // namespace faulty
 
