@@ -417,7 +417,8 @@ main(int argc, char **argv)
         &read_string_async, &read_all_util, &read_plain, &read_plain_async, &skip_plain,
         &skip_plain_async, &splice_plain, &splice_plain_async}) {
     add_cases("read", *operation,
-              {Fault::fail, Fault::stall, Fault::trickle, Fault::cancel, Fault::cancel_late},
+              {Fault::fail, Fault::fail_once, Fault::stall, Fault::trickle, Fault::cancel,
+               Fault::cancel_late},
               test_read);
     add_cases("read", *operation, {Fault::end}, test_end);
   }

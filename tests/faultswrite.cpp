@@ -324,7 +324,8 @@ main(int argc, char **argv)
        {&put_bytes, &put_bytes_async, &put_variant, &put_variant_async, &write_all_util,
         &write_plain, &write_plain_async, &splice_plain, &splice_plain_async})
     add_cases("write", *operation,
-              {Fault::fail, Fault::stall, Fault::trickle, Fault::cancel, Fault::cancel_late},
+              {Fault::fail, Fault::fail_once, Fault::stall, Fault::trickle, Fault::cancel,
+               Fault::cancel_late},
               test_write);
   for (const Operation *operation : {&flush_plain, &flush_plain_async})
     add_cases("write", *operation,

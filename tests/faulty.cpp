@@ -15,6 +15,8 @@ fault_name(Fault fault)
   switch (fault) {
   case Fault::fail:
     return "fail";
+  case Fault::fail_once:
+    return "fail-once";
   case Fault::stall:
     return "stall";
   case Fault::trickle:
@@ -108,10 +110,17 @@ Faults::step(Kind kind)
   const guint number = steps_++;
   if (number < at_)
     return Act::move;
+  if (number == at_ && fault_ == Fault::fail_once && kind == Kind::wait) {
+    /* Waiting cannot fail: the next step does. */
+    at_++;
+    return Act::move;
+  }
   reached_ = true;
   switch (fault_) {
   case Fault::fail:
     return Act::fail;
+  case Fault::fail_once:
+    return number == at_ ? Act::fail : Act::move;
   case Fault::trickle:
     return Act::one;
   case Fault::end:
@@ -720,7 +729,7 @@ void
 assert_outcome(const Case &one, Rig &rig, Outcome &outcome, const std::string &value)
 {
   if (rig.faults().reached()) {
-    if (one.fault == Fault::fail) {
+    if (one.fault == Fault::fail || one.fault == Fault::fail_once) {
       outcome.error.assert_is(fault_quark(), fault_code, fault_message);
       return;
     }

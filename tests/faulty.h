@@ -18,7 +18,8 @@ using support::Ref;
 
 enum class Fault {
   none,
-  fail,        /* the step and all after it fail with injected_error() */
+  fail,        /* the step and all after it fail with the error below */
+  fail_once,   /* the step alone does: nobody may forget it */
   stall,       /* the step would block, or waits, until the main loop has turned */
   trickle,     /* from the step on, one byte a call */
   cancel,      /* the operation's cancellable is cancelled, and the step moves nothing */
