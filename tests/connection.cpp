@@ -535,6 +535,28 @@ converters_wrap_the_current_streams()
   g_assert_true(gvc_connection_get_connection(fixture.channel.get()) == fixture.socket.get());
 }
 
+/* What is skipped is what would be read, not what comes from the socket. */
+static void
+skips_count_converted_bytes()
+{
+  Fixture fixture;
+  const Ref<GConverter> in_conv(G_CONVERTER(gvc_decompressor_new()));
+  const Ref<GConverter> out_conv(G_CONVERTER(gvc_compressor_new()));
+  gvc_connection_add_converters(fixture.channel.get(), in_conv.get(), out_conv.get());
+  Error error;
+  g_assert_true(g_output_stream_write_all(out_of(fixture.channel.get()), "0123456789", 10, nullptr,
+                                          nullptr, &error));
+  fixture.in_script->data = fixture.out_script->written();
+
+  g_assert_cmpint(g_input_stream_skip(in_of(fixture.channel.get()), 4, nullptr, &error), ==, 4);
+  error.assert_none();
+  char rest[6];
+  g_assert_cmpint(
+      g_input_stream_read(in_of(fixture.channel.get()), rest, sizeof rest, nullptr, &error), ==, 6);
+  error.assert_none();
+  assert_bytes({rest, sizeof rest}, "456789");
+}
+
 static void
 converters_and_streams_have_the_references_they_need()
 {
@@ -913,6 +935,7 @@ main(int argc, char **argv)
 {
   g_test_init(&argc, &argv, nullptr);
 #define TEST(path, function) g_test_add_func("/connection/" path, function)
+  TEST("converters/skips-count-converted-bytes", skips_count_converted_bytes);
   TEST("type/is-a-plain-io-stream", type_is_a_plain_io_stream);
   TEST("type/overrides-what-a-channel-needs", type_overrides_what_a_channel_needs);
   TEST("type/can-be-registered-from-many-threads", type_can_be_registered_from_many_threads);

@@ -23,6 +23,10 @@ struct World {
   std::array<Plan, static_cast<std::size_t>(Function::count)> plans;
   std::array<unsigned, static_cast<std::size_t>(Function::count)> counts{};
   std::vector<Call> log;
+  std::vector<Function> any; // of failAny(), in order
+  unsigned failAny = 0;
+  bool failAnyOnward = false;
+  IppStatus failAnyStatus = ippStsErr;
   std::map<const void *, Key> contexts;
   std::map<const void *, Number> numbers;
   std::map<const void *, std::optional<std::uint64_t>> generators; // by their state, if seeded
@@ -49,6 +53,16 @@ public:
     const unsigned number = ++world.counts[indexOf(function)];
     isPlannedToFail =
         plan.failFrom != 0 && number >= plan.failFrom && number - plan.failFrom < plan.failTimes;
+    status = plan.status;
+    if (function == Function::rijndaelRelease)
+      return;
+    world.any.push_back(function);
+    const auto any = static_cast<unsigned>(world.any.size());
+    if (world.failAny != 0 &&
+        (any == world.failAny || (world.failAnyOnward && any > world.failAny))) {
+      isPlannedToFail = true;
+      status = world.failAnyStatus;
+    }
   }
   Recorder(const Recorder &) = delete;
   Recorder &operator=(const Recorder &) = delete;
@@ -62,7 +76,7 @@ public:
   IppStatus
   run(Work work)
   {
-    call.status = isPlannedToFail ? plan.status : work();
+    call.status = isPlannedToFail ? status : work();
     return call.status;
   }
 
@@ -75,6 +89,7 @@ public:
 
 private:
   bool isPlannedToFail = false;
+  IppStatus status = ippStsErr;
 };
 
 std::vector<Ipp8u>
@@ -264,6 +279,29 @@ failAt(Function function, unsigned call, IppStatus status)
   changed.failFrom = call;
   changed.failTimes = 1;
   changed.status = status;
+}
+
+void
+failAny(unsigned call, bool onward, IppStatus status)
+{
+  const std::lock_guard lock(mutex);
+  world.failAny = call;
+  world.failAnyOnward = onward;
+  world.failAnyStatus = status;
+}
+
+unsigned
+anyCount()
+{
+  const std::lock_guard lock(mutex);
+  return static_cast<unsigned>(world.any.size());
+}
+
+Function
+anyFunction(unsigned call)
+{
+  const std::lock_guard lock(mutex);
+  return world.any.at(call - 1);
 }
 
 void

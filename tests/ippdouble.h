@@ -88,6 +88,13 @@ Plan &plan(Function function);
 void failAt(Function function, unsigned call, IppStatus status = ippStsErr);
 void failFrom(Function function, unsigned call, IppStatus status = ippStsErr);
 
+// Lets the `call`-th call of any function but Release fail, counted from 1 since reset(), and where
+// `onward` is set all after it. 0 ends that.
+void failAny(unsigned call, bool onward = false, IppStatus status = ippStsErr);
+// How many calls that counts so far, and the function of one of them.
+unsigned anyCount();
+Function anyFunction(unsigned call);
+
 // The calls since reset(), in order: all of them, those of one function, and how many those are.
 std::vector<Call> calls();
 std::vector<Call> calls(Function function);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcconnection.h"
 #include "gvcchecks.h"
+#include "gvcinputstage.h"
 #include "gvcoutputstage.h"
 
 #include <netinet/in.h>
@@ -268,7 +269,7 @@ gvc_connection_add_converters(GvcConnection *connection, GConverter *in_conv, GC
   GVC_CHECK(G_IS_CONVERTER(out_conv));
 
   auto *priv = get_private(connection);
-  auto *in = g_converter_input_stream_new(priv->in, in_conv);
+  auto *in = gvc::input_stage_new(priv->in, in_conv);
   auto *out = gvc::output_stage_new(priv->out, out_conv);
 
   // The converter streams hold the old streams now.

@@ -96,6 +96,7 @@ struct GvcOutputStage {
   Buffer unconverted; // what the converter wants more input for
   Buffer converted;   // what the base stream has not taken yet
   GError *deferred;   // met after the bytes of a write had been accepted; for the next operation
+  gsize kept;         // of a blocking write that failed: bytes that it accepted all the same
   gboolean finished;  // the converter has said so; nothing more is accepted
 };
 
@@ -218,6 +219,31 @@ accept(GvcOutputStage *self, const guint8 *in, gsize size, GError **error)
   return -1;
 }
 
+static GvcOutputStage *
+as_stage(GOutputStream *stream)
+{
+  return G_TYPE_CHECK_INSTANCE_TYPE(stream, gvc_output_stage_get_type())
+             ? reinterpret_cast<GvcOutputStage *>(stream)
+             : nullptr;
+}
+
+// As g_output_stream_write_all(), but *written counts what a stage has kept of a write that failed:
+// it is on its way, and must not come twice.
+static gboolean
+write_all(GOutputStream *stream, const Buffer &bytes, gsize *written, GCancellable *cancellable,
+          GError **error)
+{
+  auto *stage = as_stage(stream);
+
+  if (stage)
+    stage->kept = 0;
+  if (g_output_stream_write_all(stream, bytes.data(), bytes.size(), written, cancellable, error))
+    return TRUE;
+  if (stage)
+    *written += stage->kept;
+  return FALSE;
+}
+
 // Hands converted bytes to the base stream until there are none.
 static gboolean
 push_blocking(GvcOutputStage *self, GCancellable *cancellable, GError **error)
@@ -229,8 +255,7 @@ push_blocking(GvcOutputStage *self, GCancellable *cancellable, GError **error)
 
   gsize written = 0;
   gboolean done = self->converted.size() == 0 ||
-                  g_output_stream_write_all(base_stream(self), self->converted.data(),
-                                            self->converted.size(), &written, cancellable, error);
+                  write_all(base_stream(self), self->converted, &written, cancellable, error);
   self->converted.consume(written);
   return done;
 }
@@ -271,8 +296,10 @@ gvc_output_stage_write(GOutputStream *stream, const void *buffer, gsize count,
       return accepted > 0 ? static_cast<gssize>(accepted) : -1;
     taken = static_cast<gsize>(result);
     accepted += taken;
-    if (!push_blocking(self, cancellable, error))
+    if (!push_blocking(self, cancellable, error)) {
+      self->kept = accepted;
       return -1;
+    }
   } while (taken == part && accepted < count);
   return static_cast<gssize>(accepted);
 }
@@ -370,9 +397,9 @@ gvc::drain_stages(GOutputStream *stream, GPollableOutputStream **wait_for, GErro
   // From the caller down, since what one stage passes on lands in the next.
   for (; G_IS_FILTER_OUTPUT_STREAM(stream);
        stream = g_filter_output_stream_get_base_stream(G_FILTER_OUTPUT_STREAM(stream))) {
-    if (!G_TYPE_CHECK_INSTANCE_TYPE(stream, gvc_output_stage_get_type()))
+    auto *stage = as_stage(stream);
+    if (!stage)
       continue;
-    auto *stage = reinterpret_cast<GvcOutputStage *>(stream);
     // What cannot be polled was written by a thread of GIO's, which blocks until all has left.
     auto *base = gvc::pollable_base(&stage->parent.parent_instance);
     GError *failure = nullptr;
