@@ -2,8 +2,8 @@
 #include "gvcbytesinputstream.h"
 #include "gvcchecks.h"
 #include "gvcerror.h"
-#include "gvcinputstreamutils.h"
 #include "gvcpollable.h"
+#include "gvcreadall.h"
 #include "gvcwire.h"
 
 /**
@@ -31,6 +31,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILT
 namespace
 {
 struct AsyncRead {
+  gvc::ReadAll step;
   gint32 bytes_size;   // as it stands on the wire: the prefix is read into here
   gsize bytes_to_read; // by the current step
   void *buffer;        // the payload's, until the result owns it
@@ -42,6 +43,7 @@ free_async_data(gpointer user_data)
 {
   auto *data = static_cast<AsyncRead *>(user_data);
 
+  data->step.clear();
   g_free(data->buffer);
   g_slice_free(AsyncRead, data);
 }
@@ -197,42 +199,40 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
   return bytes ? g_variant_new_from_bytes(type, bytes, FALSE) : nullptr;
 }
 
-static void
-read_bytes_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+// Returns the error of a step that did not bring what it was to.
+static gboolean
+check_step(GTask *task, AsyncRead *data)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  gsize bytes_read;
-  GError *error = nullptr;
-
-  if (!gvc_input_stream_util_read_all_finish(reinterpret_cast<GInputStream *>(source), result,
-                                             &bytes_read, &error)) {
-    g_task_return_error(task, error);
-  } else if (bytes_read != data->bytes_to_read) {
+  if (data->step.error)
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
+  else if (data->step.bytes_read != data->bytes_to_read)
     g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-  } else {
-    auto *bytes = g_bytes_new_take(g_steal_pointer(&data->buffer), bytes_read);
-    g_task_return_pointer(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
-  }
+  else
+    return !g_task_return_error_if_cancelled(task);
+  return FALSE;
 }
 
 static void
-read_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+payload_done(GTask *chain)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
+  g_autoptr(GTask) task = chain;
   auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  auto *in = reinterpret_cast<GInputStream *>(source);
-  gsize bytes_read;
+
+  if (!check_step(task, data))
+    return;
+  auto *bytes = g_bytes_new_take(g_steal_pointer(&data->buffer), data->bytes_to_read);
+  g_task_return_pointer(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
+}
+
+static void
+prefix_done(GTask *chain)
+{
+  g_autoptr(GTask) task = chain;
+  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
   GError *error = nullptr;
 
-  if (!gvc_input_stream_util_read_all_finish(in, result, &bytes_read, &error)) {
-    g_task_return_error(task, error);
+  if (!check_step(task, data))
     return;
-  }
-  if (bytes_read != data->bytes_to_read) {
-    g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-    return;
-  }
   data->buffer = allocate_payload(&data->bytes_size, &data->bytes_to_read, &error);
   if (error) {
     g_task_return_error(task, error);
@@ -241,10 +241,9 @@ read_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_da
 
   // The task's own priority was never set: the payload is read at the default priority, whatever
   // the prefix had.
-  auto *chain = static_cast<GTask *>(g_steal_pointer(&task));
-  gvc_input_stream_util_read_all_async(in, data->buffer, data->bytes_to_read,
-                                       g_task_get_priority(chain), g_task_get_cancellable(chain),
-                                       read_bytes_callback, chain);
+  chain = static_cast<GTask *>(g_steal_pointer(&task));
+  gvc::ReadAll::start(chain, data->buffer, data->bytes_to_read, g_task_get_priority(chain),
+                      payload_done);
 }
 
 /**
@@ -271,9 +270,8 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
   data->bytes_to_read = sizeof data->bytes_size;
   g_task_set_task_data(task, data, free_async_data);
 
-  gvc_input_stream_util_read_all_async(reinterpret_cast<GInputStream *>(stream), &data->bytes_size,
-                                       data->bytes_to_read, io_priority, cancellable,
-                                       read_bytes_size_callback, task);
+  if (gvc::ReadAll::check_source(stream))
+    gvc::ReadAll::start(task, &data->bytes_size, data->bytes_to_read, io_priority, prefix_done);
 }
 
 /**
