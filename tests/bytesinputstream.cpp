@@ -1088,6 +1088,20 @@ peer_that_goes_away_anywhere_ends_the_read()
   }
 }
 
+/* So large that its memory comes from the system rather than from the allocator's own. */
+static void
+message_with_a_mapping_of_its_own_is_whole()
+{
+  const auto payload = pattern((gsize(32) << 20) + 4711);
+  for (const auto way : both_ways) {
+    const Fixture fixture(frame(payload));
+    Error error;
+    const auto bytes = read_bytes(way, fixture.stream.get(), error);
+    error.assert_none();
+    assert_bytes(bytes_string(bytes.get()), payload);
+  }
+}
+
 static void
 large_message_arrives_over_a_socket()
 {
@@ -1165,6 +1179,7 @@ main(int argc, char **argv)
   TEST("lives/nothing-stays-after-any-outcome", nothing_stays_alive_after_any_outcome);
   TEST("lives/message-outlives-its-stream", message_outlives_its_stream);
   TEST("completes-in-the-context-of-its-thread", completes_in_the_context_of_its_thread);
+  TEST("frame/with-a-mapping-of-its-own-is-whole", message_with_a_mapping_of_its_own_is_whole);
   TEST("socket/frames-arrive", frames_arrive_over_sockets);
   TEST("socket/peer-that-sends-bytewise-is-waited-for", peer_that_sends_bytewise_is_waited_for);
   TEST("socket/peer-that-goes-away-anywhere-ends-the-read",
