@@ -390,14 +390,20 @@ def stages_section(page, results):
         line += [f"{converter}, {rate_text(row.rate(converter))}",
                  ratio_text(row.ratios["both", converter]),
                  ratio_text(row.ratios["both", row["slower channel"]]),
-                 f"{end}, {ratio_text(row.ratios['both', end])}"]
+                 f"{end}, {ratio_text(row.ratios['both', end])}",
+                 ratio_text(row.ratios["in turn", "all four"])]
         shares.append(line)
     page.add(
         "A channel starts no threads, so one end does its two conversions and the system calls of "
         "a message one after the other: what the converters of the busier end take together bounds "
-        "the channel, not the slowest of them.",
+        "the channel, not the slowest of them. The last column is what is left of the four "
+        "conversions' speed when one thread sends and receives each message in turn: what it lacks "
+        "of 1 is system calls, framing and copies. Between two threads the sender also wakes a "
+        "receiver that has gone to sleep, twice for a message, for its length and for itself; that "
+        "is the rest of the distance to the busier end's sum.",
         table(["corpus", "both", "compressed", "encrypted", "plain", "slowest converter",
-               "both ÷ it", "both ÷ slower channel of one stage", "both ÷ busier end's sum"],
+               "both ÷ it", "both ÷ slower channel of one stage", "both ÷ busier end's sum",
+               "in turn ÷ all four"],
               shares),
     )
 
