@@ -165,6 +165,22 @@ channel(const char *name, Link &link, const std::vector<SharedBytes> &messages)
   return {name, [&](std::size_t times) { runOneWay(link, messages, times); }, messages.size()};
 }
 
+// Each message is sent and then received in the one thread, so that nobody has to be woken. The
+// socket's buffer has room for one.
+Contender
+inTurn(Link &link, const std::vector<SharedBytes> &messages)
+{
+  return {"in turn",
+          [&](std::size_t times) {
+            for (std::size_t i = 0; i < times; i++)
+              for (const auto &message : messages) {
+                link.near->send(message.get());
+                link.far->receive();
+              }
+          },
+          messages.size()};
+}
+
 // The corpus in messages; what is left over at its end is left out.
 std::vector<SharedBytes>
 messagesOf(const Bytes &corpus)
@@ -214,7 +230,9 @@ measureSlowestStage(Report &report)
       "channels with one stage only, likewise; compress to decompress: that converter by itself, "
       "in "
       "one thread, on what the stage gets in the channel. Each end does its two conversions one "
-      "after the other in its thread: \"sender\" and \"receiver\" are those sums.");
+      "after the other in its thread: \"sender\" and \"receiver\" are those sums. in turn: both, "
+      "with each message sent and then received in one thread; all four: the sum of all "
+      "conversions.");
   auto link = [](Stages stages) {
     return linkZelgvc(connectSockets(Transport::unixSocket), stages);
   };
@@ -229,16 +247,19 @@ measureSlowestStage(Report &report)
     std::vector<Contender> contenders = {
         channel("both", *both, messages), channel("compressed", *compressed, messages),
         channel("encrypted", *encrypted, messages), channel("plain", *plain, messages)};
+    contenders.push_back(inTurn(*both, messages));
     for (auto &contender : alone.contenders())
       contenders.push_back(std::move(contender));
     auto timings = takeTurns(contenders, report.effort().withLongTurns());
     timings.push_back(sum("sender", named(timings, "compress"), named(timings, "encrypt")));
     timings.push_back(sum("receiver", named(timings, "decrypt"), named(timings, "decompress")));
+    timings.push_back(sum("all four", named(timings, "sender"), named(timings, "receiver")));
 
     auto converter = slowest(timings, {"compress", "encrypt", "decrypt", "decompress"});
     auto channelOfOne = slowest(timings, {"compressed", "encrypted"});
     auto end = slowest(timings, {"sender", "receiver"});
     auto ratios = ratiosOf(timings, "both", {converter, channelOfOne, end});
+    ratios.push_back(ratiosOf(timings, "in turn", {"all four"}).front());
     Parameters parameters = {{"corpus", corpus.name},
                              {"slowest converter", converter},
                              {"slower channel", channelOfOne},

@@ -228,9 +228,9 @@ def blocking_section(page, results):
         )
         page.add(
             "A small frame is bound by system calls: two writes and two reads, which by hand take "
-            f"{shares} for 64 bytes. What the channel adds is its filter streams, one more layer of "
-            "GIO calls in each direction. A large one is bound by the copies into the socket and "
-            "out of it, which both pay alike."
+            f"{shares} for 64 bytes. What the channel adds is the checks of a message stream, which "
+            "then moves both parts on its base stream directly. A large one is bound by the copies "
+            "into the socket and out of it, which both pay alike."
         )
     page.add(full_table(rows))
 
@@ -245,9 +245,13 @@ def async_section(page, results):
     page.add(
         verdict(rows, "zelgvc", "gio", "hand-written GIO"),
         verdict(rows, "zelgvc", "not pollable", "a filter that is not pollable"),
-        "An asynchronous frame is bound by turns of the main loop and by tasks: each of its four "
-        "operations is completed from the loop, which polls in between. On a filter that is not "
-        "pollable each operation is a trip to a worker thread and back instead.",
+        verdict(rows, "gio", "not pollable", "the same filter"),
+        "An asynchronous frame is bound by turns of the main loop, and by the sources and tasks "
+        "that each takes. By hand each of its four operations is completed from the loop, which "
+        "polls in between; a message stream takes one task and one turn for each end of a frame. "
+        "On a filter that is not pollable each operation is a trip to a worker thread and back "
+        "instead: how long that takes depends on the machine and on what else runs there, and so "
+        "does how far ahead of it anything else can be.",
         full_table(rows),
     )
 
@@ -260,8 +264,10 @@ def strings_section(page, results):
         verdict(rows, "zelgvc", "gio", "a byte at a time by hand"),
         verdict(rows, "zelgvc", "GDataInputStream"),
         verdict(rows, "zelgvc", "not pollable", "a filter that is not pollable"),
+        verdict(rows, "gio", "not pollable", "the same filter"),
         "A string is read a byte at a time so that what follows it stays in the stream, and each "
-        "byte is a system call and a turn of the main loop. `GDataInputStream` reads ahead into a "
+        "byte is a system call and a turn of the main loop, though no task and no source of its "
+        "own. `GDataInputStream` reads ahead into a "
         "buffer of its own: where nothing but lines is read from a stream, it is the better choice.",
         full_table(rows),
     )
@@ -296,8 +302,11 @@ def ciphers_section(page, results):
         f"{rate_text(pair['encrypt'].rate('libgcrypt'))} at {size_text(largest)} with 256 bits, "
         "bound by the latency of the AES instruction, and decrypts "
         f"{rate_text(pair['decrypt'].rate('libgcrypt'))}, where blocks run side by side. Nothing "
-        "gets past the first figure with one stream. Of small records the call itself is the "
-        "larger part.",
+        "gets past the first figure with one stream. Of small records the calls are the larger "
+        "part: what stands under `thin` is libgcrypt's call inside a converter that does nothing "
+        "else, so that `g_converter_convert` alone is the distance from there to bare libgcrypt, "
+        "and what our records cost is the distance from there to us. A record takes two calls to "
+        "encrypt, as its last block is padded beside the input.",
         full_table(results.rows("ciphers")),
     )
 
@@ -305,17 +314,19 @@ def ciphers_section(page, results):
 def converters_section(page, results):
     if not begin(page, results, "converters"):
         return
-    yardsticks = ["codec", "lzo", "lz4"]
+    yardsticks = ["codec", "thin", "lzo", "lz4"]
+    page.add("What `g_converter_convert` costs by itself, tens of nanoseconds, shows in blocks that "
+             "the codec does in less than a microsecond: small ones, and such as it only copies.")
     for direction in ("compress", "decompress"):
         rows = results.rows("converters", direction=direction)
         page.add(f"### {direction.capitalize()}")
         page.plot(f"converters-{direction}", f"{direction.capitalize()}, C source",
                   results.rows("converters", direction=direction, corpus="source"),
                   ["zelgvc"] + yardsticks, x_name="bytes of block")
-        names = ["the bare codec", "liblzo2", "LZ4"]
+        names = ["the bare codec", "the bare codec in a thin converter", "liblzo2", "LZ4"]
         page.add(*[verdict(rows, "zelgvc", y, n) for y, n in zip(yardsticks, names)])
-        page.add("In a cell: what the converter does, and that divided by the bare codec, by "
-                 "liblzo2 and by LZ4.",
+        page.add("In a cell: what the converter does, and that divided by the bare codec, by the "
+                 "same in a thin converter, by liblzo2 and by LZ4.",
                  pivot_table(rows, "zelgvc", yardsticks))
 
 
@@ -379,14 +390,20 @@ def stages_section(page, results):
         line += [f"{converter}, {rate_text(row.rate(converter))}",
                  ratio_text(row.ratios["both", converter]),
                  ratio_text(row.ratios["both", row["slower channel"]]),
-                 f"{end}, {ratio_text(row.ratios['both', end])}"]
+                 f"{end}, {ratio_text(row.ratios['both', end])}",
+                 ratio_text(row.ratios["in turn", "all four"])]
         shares.append(line)
     page.add(
         "A channel starts no threads, so one end does its two conversions and the system calls of "
         "a message one after the other: what the converters of the busier end take together bounds "
-        "the channel, not the slowest of them.",
+        "the channel, not the slowest of them. The last column is what is left of the four "
+        "conversions' speed when one thread sends and receives each message in turn: what it lacks "
+        "of 1 is system calls, framing and copies. Between two threads the sender also wakes a "
+        "receiver that has gone to sleep, twice for a message, for its length and for itself; that "
+        "is the rest of the distance to the busier end's sum.",
         table(["corpus", "both", "compressed", "encrypted", "plain", "slowest converter",
-               "both ÷ it", "both ÷ slower channel of one stage", "both ÷ busier end's sum"],
+               "both ÷ it", "both ÷ slower channel of one stage", "both ÷ busier end's sum",
+               "in turn ÷ all four"],
               shares),
     )
 
@@ -406,9 +423,10 @@ def perbyte_section(page, results):
     svg = line_plot("Cost per byte", "bytes of message", "ns a byte", series, size_text)
     (page.docs / "performance-perbyte.svg").write_text(svg)
     page.add("![Cost per byte](performance-perbyte.svg)",
-             "Small messages pay for their system calls and for each conversion's start. Large "
-             "ones pay for memory that is fresh from the system: a message is one allocation. "
-             "Stages add buffers for a block and a record of up to 1 MiB.",
+             "Small messages pay for their system calls and for each conversion's start. The "
+             "largest, from 32 MiB on, pay for memory that is fresh from the system, in huge pages "
+             "where it has them: a message is one allocation. In between the cost follows the "
+             "socket's buffers and how sender and receiver fall into step. Stages add buffers for a block and a record of up to 1 MiB.",
              table(["stages", "message", "ns a byte", "quartiles"], lines))
 
 

@@ -798,6 +798,46 @@ cancelled_between_the_last_read_and_finish()
   g_assert_cmpuint(fixture.script->moved(), ==, 9);
 }
 
+/* Although the whole frame is there. */
+static void
+cancelled_after_the_call_leaves_the_payload()
+{
+  const Fixture fixture(frame("hello"), StreamKind::pollable);
+  const auto cancellable = own(g_cancellable_new());
+  Collector collector;
+  gvc_bytes_input_stream_read_bytes_async(fixture.stream.get(), 0, cancellable.get(),
+                                          Collector::ready, &collector);
+  g_cancellable_cancel(cancellable.get());
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes_finish(fixture.stream.get(), collector.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  g_assert_cmpuint(fixture.script->moved(), ==, 4);
+}
+
+static void
+stream_is_busy_until_the_callback()
+{
+  for (const auto kind : all_stream_kinds) {
+    const Fixture fixture(frame("hello"), kind);
+    auto *const in = G_INPUT_STREAM(fixture.stream.get());
+    Collector first, second;
+    gvc_bytes_input_stream_read_bytes_async(fixture.stream.get(), 0, nullptr, Collector::ready,
+                                            &first);
+    g_assert_true(g_input_stream_has_pending(in));
+    gvc_bytes_input_stream_read_bytes_async(fixture.stream.get(), 0, nullptr, Collector::ready,
+                                            &second);
+    Error error;
+    g_assert_null(
+        gvc_bytes_input_stream_read_bytes_finish(fixture.stream.get(), second.wait(), &error));
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_PENDING);
+    const BytesRef bytes(
+        gvc_bytes_input_stream_read_bytes_finish(fixture.stream.get(), first.wait(), &error));
+    g_assert_false(g_input_stream_has_pending(in));
+    assert_bytes(bytes_string(bytes.get()), "hello");
+  }
+}
+
 /* ---- Preconditions ---- */
 
 static void
@@ -1048,6 +1088,20 @@ peer_that_goes_away_anywhere_ends_the_read()
   }
 }
 
+/* So large that its memory comes from the system rather than from the allocator's own. */
+static void
+message_with_a_mapping_of_its_own_is_whole()
+{
+  const auto payload = pattern((gsize(32) << 20) + 4711);
+  for (const auto way : both_ways) {
+    const Fixture fixture(frame(payload));
+    Error error;
+    const auto bytes = read_bytes(way, fixture.stream.get(), error);
+    error.assert_none();
+    assert_bytes(bytes_string(bytes.get()), payload);
+  }
+}
+
 static void
 large_message_arrives_over_a_socket()
 {
@@ -1112,6 +1166,8 @@ main(int argc, char **argv)
        blocking_reads_have_the_callers_cancellable);
   TEST("cancelled/before-it-starts-reads-nothing", cancelled_before_it_starts_reads_nothing);
   TEST("cancelled/during-any-read-ends-there", cancelled_during_any_read_ends_there);
+  TEST("cancelled/after-the-call-leaves-the-payload", cancelled_after_the_call_leaves_the_payload);
+  TEST("busy-until-the-callback", stream_is_busy_until_the_callback);
   TEST("cancelled/blocking-read-from-another-thread",
        blocking_read_is_cancelled_from_another_thread);
   TEST("cancelled/between-the-last-read-and-finish", cancelled_between_the_last_read_and_finish);
@@ -1123,6 +1179,7 @@ main(int argc, char **argv)
   TEST("lives/nothing-stays-after-any-outcome", nothing_stays_alive_after_any_outcome);
   TEST("lives/message-outlives-its-stream", message_outlives_its_stream);
   TEST("completes-in-the-context-of-its-thread", completes_in_the_context_of_its_thread);
+  TEST("frame/with-a-mapping-of-its-own-is-whole", message_with_a_mapping_of_its_own_is_whole);
   TEST("socket/frames-arrive", frames_arrive_over_sockets);
   TEST("socket/peer-that-sends-bytewise-is-waited-for", peer_that_sends_bytewise_is_waited_for);
   TEST("socket/peer-that-goes-away-anywhere-ends-the-read",

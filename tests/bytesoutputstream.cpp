@@ -520,6 +520,56 @@ length_has_the_callers_priority_and_payload_the_default()
   }
 }
 
+/* What is more urgent than the length comes before the payload. */
+static void
+payload_waits_for_its_length()
+{
+  const Fixture fixture(StreamKind::pollable);
+  Collector collector;
+  gsize moved_before = G_MAXSIZE;
+  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(),
+                                          G_PRIORITY_LOW, nullptr, Collector::ready, &collector);
+  auto idle = [&] { moved_before = fixture.script->moved(); };
+  g_idle_add(
+      [](gpointer function) -> gboolean {
+        (*static_cast<decltype(idle) *>(function))();
+        return G_SOURCE_REMOVE;
+      },
+      &idle);
+  g_assert_true(
+      gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.wait(), nullptr));
+  g_assert_cmpuint(moved_before, ==, 4);
+  assert_bytes(fixture.script->written(), frame("hello"));
+}
+
+static void
+stream_is_busy_until_the_callback()
+{
+  for (const auto kind : all_stream_kinds) {
+    for (const auto *payload : {"hello", ""}) {
+      for (const bool may_cancel : {false, true}) {
+        const Fixture fixture(kind);
+        auto *const out = G_OUTPUT_STREAM(fixture.stream.get());
+        const auto cancellable = own(may_cancel ? g_cancellable_new() : nullptr);
+        Collector first, second;
+        gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes(payload).get(), 0,
+                                                cancellable.get(), Collector::ready, &first);
+        g_assert_true(g_output_stream_has_pending(out));
+        gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("no").get(), 0,
+                                                cancellable.get(), Collector::ready, &second);
+        Error error;
+        g_assert_false(
+            gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), second.wait(), &error));
+        error.assert_is(G_IO_ERROR, G_IO_ERROR_PENDING);
+        g_assert_true(
+            gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), first.wait(), &error));
+        g_assert_false(g_output_stream_has_pending(out));
+        assert_bytes(fixture.script->written(), frame(payload));
+      }
+    }
+  }
+}
+
 static void
 blocking_writes_have_the_callers_cancellable()
 {
@@ -620,6 +670,23 @@ cancelled_between_the_last_write_and_finish()
       gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.result(), &error));
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
   assert_bytes(fixture.script->written(), frame("hello"));
+}
+
+/* Although the stream would have taken all of the frame within the call. */
+static void
+cancelled_after_the_call_keeps_the_payload_back()
+{
+  const Fixture fixture(StreamKind::pollable);
+  const auto cancellable = own(g_cancellable_new());
+  Collector collector;
+  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
+                                          cancellable.get(), Collector::ready, &collector);
+  g_cancellable_cancel(cancellable.get());
+  Error error;
+  g_assert_false(
+      gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  assert_bytes(fixture.script->written(), unhex("05 00 00 00"));
 }
 
 /* ---- Preconditions ---- */
@@ -960,10 +1027,14 @@ main(int argc, char **argv)
   TEST("failure/errors-may-be-left-out", errors_may_be_left_out);
   TEST("priority/of-the-length-is-the-callers-of-the-payload-the-default",
        length_has_the_callers_priority_and_payload_the_default);
+  TEST("priority/payload-waits-for-its-length", payload_waits_for_its_length);
+  TEST("busy-until-the-callback", stream_is_busy_until_the_callback);
   TEST("cancelled/blocking-writes-have-the-callers-cancellable",
        blocking_writes_have_the_callers_cancellable);
   TEST("cancelled/before-it-starts-writes-nothing", cancelled_before_it_starts_writes_nothing);
   TEST("cancelled/during-any-write-ends-there", cancelled_during_any_write_ends_there);
+  TEST("cancelled/after-the-call-keeps-the-payload-back",
+       cancelled_after_the_call_keeps_the_payload_back);
   TEST("cancelled/blocking-write-from-another-thread",
        blocking_write_is_cancelled_from_another_thread);
   TEST("cancelled/between-the-last-write-and-finish", cancelled_between_the_last_write_and_finish);

@@ -609,6 +609,24 @@ async_starter_does_not_check_the_stream()
   assert_bytes({string.get(), 6}, "hello\n");
 }
 
+/* So a long string that is all there does not keep others from their turn. */
+static void
+each_byte_is_a_turn_of_the_main_loop()
+{
+  const Fixture fixture("hello\n", StreamKind::pollable);
+  Collector collector;
+  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr, Collector::ready,
+                                          &collector);
+  for (gsize moved = 1; moved <= 6; moved++) {
+    g_assert_cmpuint(fixture.script->moved(), ==, moved);
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    g_assert_true(g_main_context_iteration(nullptr, FALSE));
+  }
+  const Mem<gchar> string(gvc_data_input_stream_read_string_finish(
+      fixture.stream.get(), collector.wait(), nullptr, nullptr));
+  assert_bytes({string.get(), 6}, "hello\n");
+}
+
 /* ---- Lives and threads ---- */
 
 static void
@@ -734,6 +752,7 @@ main(int argc, char **argv)
   TEST("string/of-any-length-is-whole", strings_of_any_length_are_whole);
   TEST("string/buffer-doubles-when-it-is-full", buffer_doubles_when_it_is_full);
   TEST("string/bytes-are-asked-for-one-by-one", bytes_are_asked_for_one_by_one);
+  TEST("string/each-byte-is-a-turn-of-the-main-loop", each_byte_is_a_turn_of_the_main_loop);
   TEST("string/length-may-be-left-out", length_may_be_left_out);
   TEST("end-of-stream/does-not-end-a-string", end_of_stream_does_not_end_a_string);
   TEST("end-of-stream/nothing-read-matches-no-terminator", nothing_read_matches_no_terminator);

@@ -2,9 +2,12 @@
 #include "gvcbytesinputstream.h"
 #include "gvcchecks.h"
 #include "gvcerror.h"
-#include "gvcinputstreamutils.h"
 #include "gvcpollable.h"
+#include "gvcreadall.h"
 #include "gvcwire.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 /**
  * GvcBytesInputStream:
@@ -31,6 +34,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILT
 namespace
 {
 struct AsyncRead {
+  gvc::ReadAll step;
   gint32 bytes_size;   // as it stands on the wire: the prefix is read into here
   gsize bytes_to_read; // by the current step
   void *buffer;        // the payload's, until the result owns it
@@ -42,6 +46,7 @@ free_async_data(gpointer user_data)
 {
   auto *data = static_cast<AsyncRead *>(user_data);
 
+  data->step.clear();
   g_free(data->buffer);
   g_slice_free(AsyncRead, data);
 }
@@ -50,6 +55,22 @@ static void
 set_no_memory(GError **error)
 {
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
+}
+
+// From this size on glibc maps each block of its own, so that all of its pages are fresh from the
+// system: faulting them in one by one takes several times as long as the reading. The mapping goes
+// away with the block, and with it the advice.
+static constexpr gsize mapped_from = 32 * 1024 * 1024;
+
+static void
+prefer_huge_pages(void *block, gsize size)
+{
+#ifdef MADV_HUGEPAGE
+  auto page = static_cast<gsize>(sysconf(_SC_PAGESIZE));
+  auto before = reinterpret_cast<guintptr>(block) % page;
+  // The start of the page in which the block starts is malloc()'s header.
+  madvise(static_cast<guint8 *>(block) - before, size + before, MADV_HUGEPAGE);
+#endif
 }
 
 // The length that the 4 bytes of a prefix announce, and memory for it: NULL for a length of 0, and
@@ -67,6 +88,8 @@ allocate_payload(const void *prefix, gsize *size, GError **error)
   void *buffer = g_try_malloc(*size);
   if (!buffer && *size > 0)
     set_no_memory(error);
+  if (buffer && *size >= mapped_from)
+    prefer_huge_pages(buffer, *size);
   return buffer;
 }
 
@@ -93,6 +116,37 @@ zero_missing(void *buffer, gsize size, gsize nread, GError **error)
     set_no_memory(error);
   g_free(buffer);
   return zeroed;
+}
+
+// Whether a blocking read does no more than to read from the base stream. Then a frame can come
+// from there directly, which saves a layer of calls for each of its parts.
+static gboolean
+passes_on(GInputStream *stream)
+{
+  return G_INPUT_STREAM_GET_CLASS(stream)->read_fn ==
+         static_cast<GInputStreamClass *>(gvc_bytes_input_stream_parent_class)->read_fn;
+}
+
+static GBytes *
+read_frame(GInputStream *in, GCancellable *cancellable, GError **error)
+{
+  gint32 prefix = 0;
+  gsize nread;
+  if (!g_input_stream_read_all(in, &prefix, sizeof prefix, &nread, cancellable, error))
+    return nullptr;
+  if (nread < sizeof prefix || prefix == 0) {
+    g_set_error_literal(error, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+    return nullptr;
+  }
+
+  gsize size;
+  g_autofree void *buffer = allocate_payload(&prefix, &size, error);
+  if (!buffer || !g_input_stream_read_all(in, buffer, size, &nread, cancellable, error))
+    return nullptr;
+
+  if (nread < size)
+    buffer = zero_missing(buffer, size, nread, error);
+  return buffer ? g_bytes_new_take(g_steal_pointer(&buffer), size) : nullptr;
 }
 
 static void
@@ -149,23 +203,14 @@ gvc_bytes_input_stream_read_bytes(GvcBytesInputStream *stream, GCancellable *can
   GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
   auto *in = reinterpret_cast<GInputStream *>(stream);
-  gint32 prefix = 0;
-  gsize nread;
-  if (!g_input_stream_read_all(in, &prefix, sizeof prefix, &nread, cancellable, error))
-    return nullptr;
-  if (nread < sizeof prefix || prefix == 0) {
-    g_set_error_literal(error, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-    return nullptr;
-  }
+  if (!passes_on(in))
+    return read_frame(in, cancellable, error);
 
-  gsize size;
-  g_autofree void *buffer = allocate_payload(&prefix, &size, error);
-  if (!buffer || !g_input_stream_read_all(in, buffer, size, &nread, cancellable, error))
+  if (!g_input_stream_set_pending(in, error))
     return nullptr;
-
-  if (nread < size)
-    buffer = zero_missing(buffer, size, nread, error);
-  return buffer ? g_bytes_new_take(g_steal_pointer(&buffer), size) : nullptr;
+  auto *bytes = read_frame(stream->parent.base_stream, cancellable, error);
+  g_input_stream_clear_pending(in);
+  return bytes;
 }
 
 /**
@@ -197,42 +242,40 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
   return bytes ? g_variant_new_from_bytes(type, bytes, FALSE) : nullptr;
 }
 
-static void
-read_bytes_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+// Returns the error of a step that did not bring what it was to.
+static gboolean
+check_step(GTask *task, AsyncRead *data)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  gsize bytes_read;
-  GError *error = nullptr;
-
-  if (!gvc_input_stream_util_read_all_finish(reinterpret_cast<GInputStream *>(source), result,
-                                             &bytes_read, &error)) {
-    g_task_return_error(task, error);
-  } else if (bytes_read != data->bytes_to_read) {
+  if (data->step.error)
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
+  else if (data->step.bytes_read != data->bytes_to_read)
     g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-  } else {
-    auto *bytes = g_bytes_new_take(g_steal_pointer(&data->buffer), bytes_read);
-    g_task_return_pointer(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
-  }
+  else
+    return !g_task_return_error_if_cancelled(task);
+  return FALSE;
 }
 
 static void
-read_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+payload_done(GTask *chain)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
+  g_autoptr(GTask) task = chain;
   auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  auto *in = reinterpret_cast<GInputStream *>(source);
-  gsize bytes_read;
+
+  if (!check_step(task, data))
+    return;
+  auto *bytes = g_bytes_new_take(g_steal_pointer(&data->buffer), data->bytes_to_read);
+  g_task_return_pointer(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
+}
+
+static void
+prefix_done(GTask *chain)
+{
+  g_autoptr(GTask) task = chain;
+  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
   GError *error = nullptr;
 
-  if (!gvc_input_stream_util_read_all_finish(in, result, &bytes_read, &error)) {
-    g_task_return_error(task, error);
+  if (!check_step(task, data))
     return;
-  }
-  if (bytes_read != data->bytes_to_read) {
-    g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-    return;
-  }
   data->buffer = allocate_payload(&data->bytes_size, &data->bytes_to_read, &error);
   if (error) {
     g_task_return_error(task, error);
@@ -241,10 +284,9 @@ read_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_da
 
   // The task's own priority was never set: the payload is read at the default priority, whatever
   // the prefix had.
-  auto *chain = static_cast<GTask *>(g_steal_pointer(&task));
-  gvc_input_stream_util_read_all_async(in, data->buffer, data->bytes_to_read,
-                                       g_task_get_priority(chain), g_task_get_cancellable(chain),
-                                       read_bytes_callback, chain);
+  chain = static_cast<GTask *>(g_steal_pointer(&task));
+  gvc::ReadAll::start(chain, data->buffer, data->bytes_to_read, g_task_get_priority(chain),
+                      payload_done);
 }
 
 /**
@@ -271,9 +313,8 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
   data->bytes_to_read = sizeof data->bytes_size;
   g_task_set_task_data(task, data, free_async_data);
 
-  gvc_input_stream_util_read_all_async(reinterpret_cast<GInputStream *>(stream), &data->bytes_size,
-                                       data->bytes_to_read, io_priority, cancellable,
-                                       read_bytes_size_callback, task);
+  if (gvc::ReadAll::check_source(stream))
+    gvc::ReadAll::start(task, &data->bytes_size, data->bytes_to_read, io_priority, prefix_done);
 }
 
 /**

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesoutputstream.h"
 #include "gvcchecks.h"
-#include "gvcoutputstreamutils.h"
 #include "gvcpollable.h"
 #include "gvcwire.h"
+#include "gvcwriteall.h"
 
 /**
  * GvcBytesOutputStream:
@@ -26,6 +26,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FI
 namespace
 {
 struct AsyncWrite {
+  gvc::WriteAll step;
   GBytes *bytes;
   gint32 bytes_size; // as it stands on the wire: the prefix is written from here
 };
@@ -37,11 +38,31 @@ wire_size(GBytes *bytes)
   return static_cast<gint32>(GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(bytes))));
 }
 
+// Whether a blocking write does no more than to write to the base stream. Then a frame can go there
+// directly, which saves a layer of calls for each of its parts.
+static gboolean
+passes_on(GOutputStream *stream)
+{
+  return G_OUTPUT_STREAM_GET_CLASS(stream)->write_fn ==
+         static_cast<GOutputStreamClass *>(gvc_bytes_output_stream_parent_class)->write_fn;
+}
+
+static gboolean
+write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError **error)
+{
+  gint32 prefix = wire_size(bytes);
+  gsize size;
+  auto *payload = g_bytes_get_data(bytes, &size);
+  return g_output_stream_write_all(out, &prefix, sizeof prefix, nullptr, cancellable, error) &&
+         g_output_stream_write_all(out, payload, size, nullptr, cancellable, error);
+}
+
 static void
 free_async_data(gpointer user_data)
 {
   auto *data = static_cast<AsyncWrite *>(user_data);
 
+  data->step.clear();
   g_bytes_unref(data->bytes);
   g_slice_free(AsyncWrite, data);
 }
@@ -98,11 +119,14 @@ gvc_bytes_output_stream_put_bytes(GvcBytesOutputStream *stream, GBytes *bytes,
   GVC_CHECK_VAL(bytes != NULL, FALSE);
 
   auto *out = reinterpret_cast<GOutputStream *>(stream);
-  gint32 bytes_size = wire_size(bytes);
-  if (!g_output_stream_write_all(out, &bytes_size, sizeof bytes_size, nullptr, cancellable, error))
+  if (!passes_on(out))
+    return write_frame(out, bytes, cancellable, error);
+
+  if (!g_output_stream_set_pending(out, error))
     return FALSE;
-  return g_output_stream_write_all(out, g_bytes_get_data(bytes, nullptr), g_bytes_get_size(bytes),
-                                   nullptr, cancellable, error);
+  gboolean done = write_frame(stream->parent.base_stream, bytes, cancellable, error);
+  g_output_stream_clear_pending(out);
+  return done;
 }
 
 /**
@@ -131,37 +155,34 @@ gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *vari
 }
 
 static void
-write_bytes_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+payload_done(GTask *chain)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  GError *error = nullptr;
+  g_autoptr(GTask) task = chain;
+  auto *data = static_cast<AsyncWrite *>(g_task_get_task_data(task));
 
-  if (gvc_output_stream_util_write_all_finish(reinterpret_cast<GOutputStream *>(source), result,
-                                              nullptr, &error))
-    g_task_return_boolean(task, TRUE);
+  if (data->step.error)
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
   else
-    g_task_return_error(task, error);
+    g_task_return_boolean(task, TRUE);
 }
 
 static void
-write_bytes_size_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+prefix_done(GTask *task)
 {
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  auto *out = reinterpret_cast<GOutputStream *>(source);
-  GError *error = nullptr;
+  auto *data = static_cast<AsyncWrite *>(g_task_get_task_data(task));
 
-  if (!gvc_output_stream_util_write_all_finish(out, result, nullptr, &error)) {
-    g_task_return_error(task, error);
+  if (!data->step.error)
+    g_cancellable_set_error_if_cancelled(g_task_get_cancellable(task), &data->step.error);
+  if (data->step.error) {
+    payload_done(task);
     return;
   }
 
   // The task's own priority was never set: the payload goes out at the default priority, whatever
   // the prefix had.
-  auto *bytes = static_cast<AsyncWrite *>(g_task_get_task_data(task))->bytes;
-  auto *chain = static_cast<GTask *>(g_steal_pointer(&task));
-  gvc_output_stream_util_write_all_async(
-      out, g_bytes_get_data(bytes, nullptr), g_bytes_get_size(bytes), g_task_get_priority(chain),
-      g_task_get_cancellable(chain), write_bytes_callback, chain);
+  data->step.eager = FALSE;
+  gvc::WriteAll::start(task, g_bytes_get_data(data->bytes, nullptr), g_bytes_get_size(data->bytes),
+                       g_task_get_priority(task), payload_done);
 }
 
 /**
@@ -190,9 +211,13 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
   data->bytes_size = wire_size(bytes);
   g_task_set_task_data(task, data, free_async_data);
 
-  gvc_output_stream_util_write_all_async(reinterpret_cast<GOutputStream *>(stream),
-                                         &data->bytes_size, sizeof data->bytes_size, io_priority,
-                                         cancellable, write_bytes_size_callback, task);
+  // Where nothing can come between the length and the message, neither a cancellation nor sources
+  // of a priority between the two, the message does not wait for the main loop.
+  data->step.eager =
+      !cancellable && io_priority == g_task_get_priority(task) && g_bytes_get_size(bytes) > 0;
+  if (gvc::WriteAll::check_source(stream))
+    gvc::WriteAll::start(task, &data->bytes_size, sizeof data->bytes_size, io_priority,
+                         prefix_done);
 }
 
 /**

@@ -2,6 +2,7 @@
 #include "gvcdatainputstream.h"
 #include "gvcchecks.h"
 #include "gvcpollable.h"
+#include "gvcreadall.h"
 
 /**
  * GvcDataInputStream:
@@ -26,6 +27,7 @@ static constexpr gsize initial_buffer_length = 1024;
 namespace
 {
 struct AsyncRead {
+  gvc::ReadAll step;
   gchar string_end;
   gchar *buffer; // until the result owns it
   gsize buffer_length;
@@ -38,6 +40,7 @@ free_async_data(gpointer user_data)
 {
   auto *data = static_cast<AsyncRead *>(user_data);
 
+  data->step.clear();
   g_free(data->buffer);
   g_slice_free(AsyncRead, data);
 }
@@ -127,20 +130,17 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
 }
 
 static void
-read_string_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+byte_done(GTask *chain)
 {
-  auto *in = reinterpret_cast<GInputStream *>(source);
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
+  g_autoptr(GTask) task = chain;
   auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  GError *error = nullptr;
 
-  gssize nread = g_input_stream_read_finish(in, result, &error);
-  if (nread < 0) {
-    g_task_return_error(task, error);
+  if (data->step.error) {
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
     return;
   }
 
-  if (nread > 0) {
+  if (data->step.bytes_read > 0) {
     data->read++;
     if (data->buffer[data->read - 1] == data->string_end) {
       g_task_return_pointer(task, g_steal_pointer(&data->buffer), g_free);
@@ -149,9 +149,10 @@ read_string_callback(GObject *source, GAsyncResult *result, gpointer user_data)
     data->buffer = grow_if_full(data->buffer, &data->buffer_length, data->read);
   }
 
-  auto *chain = static_cast<GTask *>(g_steal_pointer(&task));
-  g_input_stream_read_async(in, data->buffer + data->read, 1, g_task_get_priority(chain),
-                            g_task_get_cancellable(chain), read_string_callback, chain);
+  // One byte in each turn of the main loop.
+  chain = static_cast<GTask *>(g_steal_pointer(&task));
+  data->step.in_loop = FALSE;
+  gvc::ReadAll::start(chain, data->buffer + data->read, 1, g_task_get_priority(chain), byte_done);
 }
 
 /**
@@ -180,8 +181,7 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
   data->buffer_length = initial_buffer_length;
   g_task_set_task_data(task, data, free_async_data);
 
-  g_input_stream_read_async(reinterpret_cast<GInputStream *>(stream), data->buffer, 1, io_priority,
-                            cancellable, read_string_callback, task);
+  gvc::ReadAll::start(task, data->buffer, 1, io_priority, byte_done);
 }
 
 /**

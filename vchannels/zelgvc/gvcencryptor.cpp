@@ -177,10 +177,13 @@ encrypt_final_block(GvcEncryptor *self, const guint8 *from, gsize rest, guint8 *
   guint8 block[gvc::aes_block];
   auto padding = gvc::aes_block - rest;
 
-  std::memcpy(block, from, rest);
-  std::memset(block + rest, static_cast<int>(padding), padding);
+  // Lengths that the compiler knows; where there is no rest, the block holds nothing secret.
+  std::memset(block, static_cast<int>(padding), sizeof block);
+  if (rest > 0)
+    std::memcpy(block, from, rest);
   gboolean done = encrypt_blocks(self, block, to, sizeof block);
-  explicit_bzero(block, sizeof block);
+  if (rest > 0)
+    explicit_bzero(block, rest);
   return done;
 }
 

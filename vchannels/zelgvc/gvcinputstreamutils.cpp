@@ -1,59 +1,29 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcinputstreamutils.h"
 #include "gvcchecks.h"
+#include "gvcreadall.h"
 
-// The mirror image of the loop in gvcoutputstreamutils.cpp.
-
-namespace
-{
-struct AsyncReadAll {
-  guint8 *buffer; // the caller's
-  gsize to_read;
-  gsize bytes_read; // also the offset in buffer at which the next read stores
-};
-} // namespace
+// The mirror image of gvcoutputstreamutils.cpp.
 
 static void
-free_async_read_all(gpointer data)
+free_async_read_all(gpointer user_data)
 {
-  g_slice_free(AsyncReadAll, data);
+  auto *data = static_cast<gvc::ReadAll *>(user_data);
+
+  data->clear();
+  g_slice_free(gvc::ReadAll, data);
 }
 
 static void
-read_all_callback(GObject *source, GAsyncResult *result, gpointer user_data)
+read_all_done(GTask *task)
 {
-  auto *stream = reinterpret_cast<GInputStream *>(source);
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  auto *data = static_cast<AsyncReadAll *>(g_task_get_task_data(task));
+  auto *data = static_cast<gvc::ReadAll *>(g_task_get_task_data(task));
 
-  if (result) {
-    GError *error = nullptr;
-    gssize nread = g_input_stream_read_finish(stream, result, &error);
-    if (nread < 0) {
-      g_task_return_error(task, error);
-      return;
-    }
-
-    gvc::assert_not_more(nread, static_cast<gint64>(data->to_read),
-                         {"vchannels/zelgvc/gvcinputstreamutils", 49}, __func__,
-                         "nread <= data->to_read");
-    data->to_read -= static_cast<gsize>(nread);
-    data->bytes_read += static_cast<gsize>(nread);
-    if (nread == 0) {
-      g_task_return_boolean(task, TRUE);
-      return;
-    }
-  }
-
-  if (data->to_read == 0) {
+  if (data->error)
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->error)));
+  else
     g_task_return_boolean(task, TRUE);
-    return;
-  }
-
-  auto *chain = static_cast<GTask *>(g_steal_pointer(&task));
-  g_input_stream_read_async(stream, data->buffer + data->bytes_read, data->to_read,
-                            g_task_get_priority(chain), g_task_get_cancellable(chain),
-                            read_all_callback, chain);
+  g_object_unref(task);
 }
 
 /**
@@ -82,13 +52,10 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
   GVC_CHECK(buffer != NULL || count == 0);
 
   auto *task = g_task_new(stream, cancellable, callback, user_data);
-  auto *data = g_slice_new0(AsyncReadAll);
-  data->buffer = static_cast<guint8 *>(buffer);
-  data->to_read = count;
-  g_task_set_task_data(task, data, free_async_read_all);
+  g_task_set_task_data(task, g_slice_new0(gvc::ReadAll), free_async_read_all);
   g_task_set_priority(task, io_priority);
 
-  read_all_callback(G_OBJECT(stream), nullptr, task);
+  gvc::ReadAll::start(task, buffer, count, io_priority, read_all_done);
 }
 
 /**
@@ -115,6 +82,6 @@ gvc_input_stream_util_read_all_finish(GInputStream *stream, GAsyncResult *result
 
   auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_read)
-    *bytes_read = static_cast<AsyncReadAll *>(g_task_get_task_data(task))->bytes_read;
+    *bytes_read = static_cast<gvc::ReadAll *>(g_task_get_task_data(task))->bytes_read;
   return g_task_propagate_boolean(task, error);
 }

@@ -42,6 +42,15 @@ input_read_nonblocking(GPollableInputStream *filter, void *buffer, gsize count, 
   return nread;
 }
 
+GSource *
+gvc::readable_source(GInputStream *stream, GCancellable *cancellable)
+{
+  auto *pollable = reinterpret_cast<GPollableInputStream *>(stream);
+  while (G_POLLABLE_INPUT_STREAM_GET_INTERFACE(pollable)->create_source == input_create_source)
+    pollable = input_base(pollable);
+  return g_pollable_input_stream_create_source(pollable, cancellable);
+}
+
 void
 gvc::init_pollable_filter_input(GPollableInputStreamInterface *iface)
 {
@@ -107,6 +116,15 @@ output_write_nonblocking(GPollableOutputStream *filter, const void *buffer, gsiz
                          GError **error)
 {
   return gvc::write_nonblocking(output_base(filter), buffer, count, error);
+}
+
+GSource *
+gvc::writable_source(GOutputStream *stream, GCancellable *cancellable)
+{
+  auto *pollable = reinterpret_cast<GPollableOutputStream *>(stream);
+  while (G_POLLABLE_OUTPUT_STREAM_GET_INTERFACE(pollable)->create_source == output_create_source)
+    pollable = output_base(pollable);
+  return g_pollable_output_stream_create_source(pollable, cancellable);
 }
 
 void

@@ -13,6 +13,25 @@ namespace gvc
 void init_pollable_filter_input(GPollableInputStreamInterface *iface);
 void init_pollable_filter_output(GPollableOutputStreamInterface *iface);
 
+// Sources for streams that can be polled. A filter that forwards to its base is left out: every
+// filter costs a source of its own otherwise.
+GSource *readable_source(GInputStream *stream, GCancellable *cancellable);
+GSource *writable_source(GOutputStream *stream, GCancellable *cancellable);
+
+// Who moves the bytes of an asynchronous operation: we by polling, or GIO.
+enum class Way {
+  unknown,
+  polling,
+  gio,
+};
+
+// What an operation that is in progress may wait for.
+enum class Wait {
+  none,
+  turn,   // of the main loop
+  stream, // to become readable or writable
+};
+
 // The stream below `filter` where it can be polled, else NULL.
 GPollableOutputStream *pollable_base(GFilterOutputStream *filter);
 
