@@ -51,7 +51,8 @@ bool is_secret_time; // GLib asks for the time too, before and after a case
 extern "C" int
 gettimeofday(struct timeval *__restrict now, void *__restrict) noexcept
 {
-  now->tv_sec = is_secret_time ? static_cast<time_t>(secrets.seconds ^ secrets.mask) : time(nullptr);
+  now->tv_sec =
+      is_secret_time ? static_cast<time_t>(secrets.seconds ^ secrets.mask) : time(nullptr);
   now->tv_usec = 0;
   return 0;
 }
@@ -302,11 +303,11 @@ writable_memory()
   unsigned long begin, end;
   while (std::fgets(line, sizeof line, maps)) {
     name[0] = '\0';
-    g_assert_cmpint(
-        std::sscanf(line, "%lx-%lx %4s %*s %*s %*s %4096s", &begin, &end, flags, name), >=, 3);
+    g_assert_cmpint(std::sscanf(line, "%lx-%lx %4s %*s %*s %*s %4096s", &begin, &end, flags, name),
+                    >=, 3);
     if (flags[0] == 'r' && flags[1] == 'w')
-      ranges.push_back({reinterpret_cast<const guint8 *>(begin),
-                        reinterpret_cast<const guint8 *>(end), name});
+      ranges.push_back(
+          {reinterpret_cast<const guint8 *>(begin), reinterpret_cast<const guint8 *>(end), name});
   }
   std::fclose(maps);
   return ranges;
