@@ -232,23 +232,41 @@ struct Case {
 
 const Case cases[] = {
     {"frames", "announces 2 GiB, sends 64 KiB", read_frames,
-     [] { return Script{words({0x7fffffff}), zeros(4096), 65536, 4096}; }},
+     [] {
+       return Script{words({0x7fffffff}), zeros(4096), 65536, 4096};
+     }},
     {"frames", "64 MiB in one message", read_frames,
-     [] { return Script{words({64 * mib}), zeros(65536), 64 * mib + 4, 65536}; }},
+     [] {
+       return Script{words({64 * mib}), zeros(65536), 64 * mib + 4, 65536};
+     }},
     {"frames", "one message, a byte at a time", read_frames,
-     [] { return Script{words({4 * mib}), zeros(65536), 4 * mib + 4, 1}; }},
+     [] {
+       return Script{words({4 * mib}), zeros(65536), 4 * mib + 4, 1};
+     }},
     {"frames", "messages of 1 byte", read_frames,
-     [] { return Script{nothing(), words({1}, 1), 4 * mib, 5}; }},
+     [] {
+       return Script{nothing(), words({1}, 1), 4 * mib, 5};
+     }},
     {"strings", "64 MiB without a terminator", read_string,
-     [] { return Script{zeros(64 * mib), g_bytes_new_static("\n", 1), 64 * mib + 1, 65536}; }},
+     [] {
+       return Script{zeros(64 * mib), g_bytes_new_static("\n", 1), 64 * mib + 1, 65536};
+     }},
     {"strings", "the same, a byte at a time", read_string,
-     [] { return Script{zeros(4 * mib), g_bytes_new_static("\n", 1), 4 * mib + 1, 1}; }},
+     [] {
+       return Script{zeros(4 * mib), g_bytes_new_static("\n", 1), 4 * mib + 1, 1};
+     }},
     {"decompressor", "announces 4 GiB, sends 64 MiB", read_decompressed,
-     [] { return Script{words({0xffffffff, 0xffffffff}), zeros(65536), 64 * mib, 65536}; }},
+     [] {
+       return Script{words({0xffffffff, 0xffffffff}), zeros(65536), 64 * mib, 65536};
+     }},
     {"decompressor", "the same, 4 MiB a byte at a time", read_decompressed,
-     [] { return Script{words({0xffffffff, 0xffffffff}), zeros(65536), 4 * mib, 1}; }},
+     [] {
+       return Script{words({0xffffffff, 0xffffffff}), zeros(65536), 4 * mib, 1};
+     }},
     {"decompressor", "blocks of 1 MiB of zeros", read_decompressed,
-     [] { return Script{nothing(), block_of_zeros(mib), 2 * mib, 65536}; }},
+     [] {
+       return Script{nothing(), block_of_zeros(mib), 2 * mib, 65536};
+     }},
     {"decompressor", "one block of 256 MiB of zeros", read_decompressed,
      [] {
        auto *block = block_of_zeros(256 * mib);
@@ -260,26 +278,42 @@ const Case cases[] = {
        return Script{nothing(), block, g_bytes_get_size(block), 1};
      }},
     {"decompressor", "announces 4 GiB, holds nothing", read_decompressed,
-     [] { return Script{words({3, 0xffffffff}), zeros(3), 11, 11}; }},
+     [] {
+       return Script{words({3, 0xffffffff}), zeros(3), 11, 11};
+     }},
     {"decompressor", "empty blocks", read_decompressed,
-     [] { return Script{nothing(), words({0, 0}), 4 * mib, 65536}; }},
+     [] {
+       return Script{nothing(), words({0, 0}), 4 * mib, 65536};
+     }},
     {"decryptor", "announces 2 GiB, sends 64 MiB", read_decrypted,
-     [] { return Script{words({0x7ffffff0, 0}), zeros(65536), 64 * mib, 65536}; }},
+     [] {
+       return Script{words({0x7ffffff0, 0}), zeros(65536), 64 * mib, 65536};
+     }},
     {"decryptor", "the same, 4 MiB a byte at a time", read_decrypted,
-     [] { return Script{words({0x7ffffff0, 0}), zeros(65536), 4 * mib, 1}; }},
+     [] {
+       return Script{words({0x7ffffff0, 0}), zeros(65536), 4 * mib, 1};
+     }},
     {"decryptor", "announces 2^60 bytes", read_decrypted,
-     [] { return Script{words({0, 0x10000000}), zeros(65536), 64 * mib, 65536}; }},
+     [] {
+       return Script{words({0, 0x10000000}), zeros(65536), 64 * mib, 65536};
+     }},
     {"decryptor", "one record of 64 MiB", read_decrypted,
      [] {
        auto *record = records_of_zeros(64 * mib);
        return Script{nothing(), record, g_bytes_get_size(record), 65536};
      }},
     {"decryptor", "records of 1 byte of text", read_decrypted,
-     [] { return Script{nothing(), records_of_zeros(1), 4 * mib, 65536}; }},
+     [] {
+       return Script{nothing(), records_of_zeros(1), 4 * mib, 65536};
+     }},
     {"decryptor", "records of 1 byte, a byte at a time", read_decrypted,
-     [] { return Script{nothing(), records_of_zeros(1), 4 * mib, 1}; }},
+     [] {
+       return Script{nothing(), records_of_zeros(1), 4 * mib, 1};
+     }},
     {"decryptor", "IV records", read_decrypted,
-     [] { return Script{nothing(), words({0, 0}, 16), 4 * mib, 65536}; }},
+     [] {
+       return Script{nothing(), words({0, 0}, 16), 4 * mib, 65536};
+     }},
 };
 
 // ---- Measuring ----
