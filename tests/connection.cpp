@@ -461,6 +461,22 @@ tcp_sockets_send_without_delay()
   }
 }
 
+/* What is set on TCP sockets is not asked of others. */
+static void
+datagram_sockets_are_left_alone()
+{
+  Error error;
+  LogCapture log;
+  const auto socket = own(
+      g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &error));
+  error.assert_none();
+  const auto plain = own(g_socket_connection_factory_create_connection(socket.get()));
+  const auto channel = own(gvc_connection_new(plain.get()));
+  g_assert_true(gvc_connection_get_connection(channel.get()) == plain.get());
+  int option;
+  g_assert_false(g_socket_get_option(socket.get(), IPPROTO_TCP, TCP_NODELAY, &option, nullptr));
+}
+
 static void
 host_can_have_nagle_back()
 {
@@ -953,6 +969,7 @@ main(int argc, char **argv)
   TEST("get-connection/refuses-other-objects", get_connection_refuses_other_objects);
   TEST("nagle/tcp-sockets-send-without-delay", tcp_sockets_send_without_delay);
   TEST("nagle/host-can-have-it-back", host_can_have_nagle_back);
+  TEST("nagle/datagram-sockets-are-left-alone", datagram_sockets_are_left_alone);
   TEST("nagle/unix-sockets-are-left-alone", unix_sockets_are_left_alone);
   TEST("converters/wrap-the-current-streams", converters_wrap_the_current_streams);
   TEST("converters/and-streams-have-the-references-they-need",

@@ -180,6 +180,62 @@ test_errors_are_those_of_the_converter()
   }
 }
 
+// What a refused write brought is forgotten; what was kept before it is not.
+void
+test_refused_write_leaves_what_was_kept()
+{
+  Stage stage(to_utf16);
+  for (const char *text : {"x", "\xe2", "(", "\x82", "((", "\xac", "y"}) {
+    Error error;
+    bool refused = text[0] == '(';
+    g_assert_cmpint(g_output_stream_write(stage.out, text, strlen(text), nullptr, &error), ==,
+                    refused ? -1 : static_cast<gssize>(strlen(text)));
+    if (refused)
+      error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_DATA);
+  }
+  assert_bytes(stage.close(), std::string_view("x\0\xac\x20y\0", 6));
+}
+
+// A converter that needs far more room than was offered first, and says so.
+void
+test_room_grows_until_it_is_enough()
+{
+  const std::string text(1000000, 'z');
+  auto packer = own(gvc_compressor_new());
+  std::string block(text.size() * 2, '\0');
+  gsize consumed, produced;
+  Error error;
+  g_converter_convert(G_CONVERTER(packer.get()), text.data(), text.size(), block.data(),
+                      block.size(), G_CONVERTER_NO_FLAGS, &consumed, &produced, &error);
+  error.assert_none();
+  block.resize(produced);
+
+  Stage stage([] { return own(G_CONVERTER(gvc_decompressor_new())); });
+  for (int i = 0; i < 2; i++)
+    assert_bytes(write_outcome(stage.out, block), std::to_string(block.size()));
+  stage.end();
+  assert_bytes(stage.received, text + text);
+}
+
+// Bytes that were accepted cannot be refused any more when the base fails afterwards: the error is
+// the outcome of the next operation, once.
+void
+test_deferred_error_comes_with_the_next_operation(gconstpointer is_blocking)
+{
+  Stage stage(compressor);
+  stage.end();
+  auto *pollable = G_POLLABLE_OUTPUT_STREAM(stage.out);
+  Error error;
+  g_assert_cmpint(g_pollable_output_stream_write_nonblocking(pollable, "abc", 3, nullptr, &error),
+                  ==, 3);
+  error.assert_none();
+  gssize count =
+      is_blocking ? g_output_stream_write(stage.out, "d", 1, nullptr, &error)
+                  : g_pollable_output_stream_write_nonblocking(pollable, "d", 1, nullptr, &error);
+  g_assert_cmpint(count, ==, -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE);
+}
+
 void
 test_error_at_the_end_of_the_input()
 {
@@ -259,6 +315,14 @@ main(int argc, char **argv)
   g_test_add_func("/output-stage/incomplete-input-is-kept", test_incomplete_input_is_kept);
   g_test_add_func("/output-stage/errors-are-those-of-the-converter",
                   test_errors_are_those_of_the_converter);
+  g_test_add_func("/output-stage/refused-write-leaves-what-was-kept",
+                  test_refused_write_leaves_what_was_kept);
+  g_test_add_func("/output-stage/room-grows-until-it-is-enough",
+                  test_room_grows_until_it_is_enough);
+  g_test_add_data_func("/output-stage/deferred-error-comes-with-the-next-operation/blocking",
+                       GINT_TO_POINTER(TRUE), test_deferred_error_comes_with_the_next_operation);
+  g_test_add_data_func("/output-stage/deferred-error-comes-with-the-next-operation/nonblocking",
+                       nullptr, test_deferred_error_comes_with_the_next_operation);
   g_test_add_func("/output-stage/error-at-the-end-of-the-input",
                   test_error_at_the_end_of_the_input);
   g_test_add_func("/output-stage/is-a-converter-output-stream", test_is_a_converter_output_stream);

@@ -3,6 +3,7 @@
 
 #include <gcrypt.h>
 #include <pthread.h>
+#include <string.h>
 
 // The oldest libgcrypt with every call that is made here.
 static constexpr char oldestVersion[] = "1.8.0";
@@ -29,6 +30,13 @@ ipp::startEngine() noexcept
 {
   pthread_once(&startOnce, start);
   return isReady ? ippStsNoErr : ippStsErr;
+}
+
+void
+ipp::wipeStackBelow() noexcept
+{
+  unsigned char below[1024];
+  explicit_bzero(below, sizeof below);
 }
 
 IppStatus

@@ -9,7 +9,7 @@
 //   N chunks              each one LZO1X stream; the last one ends with the payload
 //
 // Chunk i decodes to total / N bytes, the last chunk to the remainder also.
-#include "platform/ipp/ipp.h"
+#include "platform/ipp/ippcore.h"
 #include "codec/lzo1x/lzo1x.h"
 
 #include <string.h>
@@ -116,6 +116,7 @@ ippsEncodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen,
   const lzo1x::Result result =
       lzo1x::encode({pSrc, srcLen}, {pDst, room},
                     {reinterpret_cast<std::byte *>(pLZOState + 1), pLZOState->workSize});
+  ipp::wipeStackBelow(); // the last bytes of the data can have passed through it
   std::size_t size = result.size;
   if (result.status != lzo1x::Status::ok || !avoidChunkMagic(pDst, &size, *pDstLen))
     return ippStsDstSizeLessExpected; // encode() fails for nothing else
@@ -206,6 +207,7 @@ ippsDecodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen)
   // marker in the right place too. What does not decode as a chunk is such a stream.
   if (chunked && payload[1] == 1 && result.status != lzo1x::Status::ok)
     result = lzo1x::decode(payload, room);
+  ipp::wipeStackBelow(); // as in ippsEncodeLZO_8u()
   // Output beyond the room is a broken stream too: the room is what the sender announced, so a
   // caller that answered with a larger one would never come to an end.
   if (result.status != lzo1x::Status::ok)

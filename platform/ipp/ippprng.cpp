@@ -108,6 +108,7 @@ deriveValue(const Ipp8u *data, std::size_t size, Ipp8u *value)
     if (gcry_md_hash_buffers(GCRY_MD_SHA256, 0, digest, pieces, 2) != 0)
       return false;
     memcpy(value + at, digest, std::min(hashSize, valueSize - at));
+    explicit_bzero(digest, sizeof digest);
   }
   return true;
 }
@@ -142,6 +143,10 @@ struct TaggedValue {
     bytes[0] = tag;
     memcpy(bytes + 1, value, valueSize);
   }
+  ~TaggedValue()
+  {
+    explicit_bzero(bytes, sizeof bytes);
+  }
 };
 
 [[nodiscard]] static bool
@@ -159,15 +164,18 @@ fill(Ipp8u *out, std::size_t size, const Ipp8u *v)
 {
   static constexpr Ipp8u one[1] = {1};
   Ipp8u data[valueSize];
+  bool done = true;
   memcpy(data, v, valueSize);
-  for (std::size_t at = 0; at < size; at += hashSize) {
+  for (std::size_t at = 0; done && at < size; at += hashSize) {
     Ipp8u digest[hashSize];
-    if (!hash(data, valueSize, digest))
-      return false;
-    memcpy(out + at, digest, std::min(hashSize, size - at));
+    done = hash(data, valueSize, digest);
+    if (done)
+      memcpy(out + at, digest, std::min(hashSize, size - at));
+    explicit_bzero(digest, sizeof digest); // what exceeds the request is nobody's
     add(data, one, 1);
   }
-  return true;
+  explicit_bzero(data, sizeof data);
+  return done;
 }
 
 // One generate call, of at most requestLimit bytes. The state is left as it was on failure.
@@ -222,6 +230,8 @@ ippsPRNGSetSeed(const IppsBigNumState *pSeed, IppsPRNGState *pCtx)
     entropy[i] = static_cast<Ipp8u>(pSeed->words[i / 4] >> (8 * (i % 4)));
   pCtx->isSeeded = instantiate(entropy, sizeof entropy, pCtx);
   explicit_bzero(entropy, sizeof entropy);
+  // libgcrypt's one-shot hash does not wipe what it hashed, here and in ippsPRNGen.
+  ipp::wipeStackBelow();
   return pCtx->isSeeded ? ippStsNoErr : ippStsErr;
 }
 
@@ -238,9 +248,12 @@ ippsPRNGen(Ipp32u *pRand, int nBits, void *pCtx)
   auto *out = reinterpret_cast<Ipp8u *>(pRand);
   const auto bits = static_cast<std::size_t>(nBits);
   const std::size_t size = (bits + 7) / 8;
-  for (std::size_t at = 0; at < size; at += requestLimit)
-    if (!generate(out + at, std::min(requestLimit, size - at), state))
-      return ippStsErr;
+  bool done = true;
+  for (std::size_t at = 0; done && at < size; at += requestLimit)
+    done = generate(out + at, std::min(requestLimit, size - at), state);
+  ipp::wipeStackBelow();
+  if (!done)
+    return ippStsErr;
   if (bits % 8 != 0)
     out[size - 1] &= static_cast<Ipp8u>((1U << (bits % 8)) - 1);
   return ippStsNoErr;

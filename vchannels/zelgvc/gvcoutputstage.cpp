@@ -7,7 +7,8 @@
 namespace
 {
 
-// Bytes on their way: appended at the end, taken from the front.
+// Bytes on their way: appended at the end, taken from the front. They are what a stage below may
+// be there to encrypt, so the memory is wiped before it is given back.
 class Buffer
 {
 public:
@@ -44,8 +45,15 @@ public:
     begin_ = 0;
     if (tail_room() >= room)
       return;
-    capacity_ = end_ + room;
-    memory_ = static_cast<guint8 *>(g_realloc(memory_, capacity_));
+
+    Buffer grown;
+    grown.capacity_ = end_ + room;
+    grown.memory_ = static_cast<guint8 *>(g_malloc(grown.capacity_));
+    if (end_ > 0)
+      std::memcpy(grown.memory_, memory_, end_);
+    grown.end_ = end_;
+    release();
+    *this = grown;
   }
   void
   produced(gsize count)
@@ -78,6 +86,8 @@ public:
   void
   release()
   {
+    if (memory_)
+      explicit_bzero(memory_, capacity_);
     g_free(memory_);
     *this = Buffer();
   }

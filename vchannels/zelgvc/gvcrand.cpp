@@ -84,12 +84,17 @@ report(const char *line)
   return FALSE;
 }
 
-static guint64
-microseconds_since_epoch()
+// The words of the seed, the lowest first, with nothing of it left elsewhere.
+static void
+load_time_seed(Ipp32u *words)
 {
   timeval now;
   gettimeofday(&now, nullptr);
-  return static_cast<guint64>(now.tv_sec) * 1000000 + static_cast<guint64>(now.tv_usec);
+  auto seed = static_cast<guint64>(now.tv_sec) * 1000000 + static_cast<guint64>(now.tv_usec);
+  words[0] = static_cast<Ipp32u>(seed);
+  words[1] = static_cast<Ipp32u>(seed >> 32);
+  explicit_bzero(&now, sizeof now);
+  explicit_bzero(&seed, sizeof seed);
 }
 
 static gboolean
@@ -102,9 +107,11 @@ install_time_seed(IppsPRNGState *prng)
   if (ippsBigNumInit(seed_words, seed_num.get()) != ippStsNoErr)
     return report("ippsBigNumInit return error\n");
 
-  guint64 seed = microseconds_since_epoch();
-  const Ipp32u words[seed_words] = {static_cast<Ipp32u>(seed), static_cast<Ipp32u>(seed >> 32)};
-  if (ippsSet_BN(IppsBigNumPOS, seed_words, words, seed_num.get()) != ippStsNoErr)
+  Ipp32u words[seed_words] = {};
+  load_time_seed(words);
+  auto status = ippsSet_BN(IppsBigNumPOS, seed_words, words, seed_num.get());
+  explicit_bzero(words, sizeof words);
+  if (status != ippStsNoErr)
     return report("ippsSet_BN return error\n");
   if (ippsPRNGSetSeed(seed_num.get(), prng) != ippStsNoErr)
     return report("ippsPRNGSetSeed return error\n");
