@@ -5,29 +5,20 @@
 //
 // A round makes some channels, does a few operations on each and drops them all. Everything about
 // it follows from the seed and the number of the round, except how the system cuts what is sent.
+#include "resources.h"
 #include "traffic.h"
 
-#include <malloc.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 
 using namespace support;
 using namespace traffic;
 
-/* There is one where a sanitizer has taken malloc() over, and mallinfo2() does not know. */
-extern "C" __attribute__((weak)) size_t __sanitizer_get_current_allocated_bytes();
-
 namespace
 {
 
 constexpr gsize mib = 1 << 20;
-constexpr gsize most_growth = mib;
 
 struct Options {
   gint64 seconds = 20;
@@ -39,56 +30,6 @@ struct Options {
 struct Counts {
   guint64 operations, messages, bytes, channels, failures;
 } counts;
-
-/* ---- The state of the process ---- */
-
-gsize
-directory_entries(const char *path)
-{
-  GDir *const directory = g_dir_open(path, 0, nullptr);
-  g_assert_nonnull(directory);
-  gsize entries = 0;
-  while (g_dir_read_name(directory) != nullptr)
-    entries++;
-  g_dir_close(directory);
-  return entries;
-}
-
-gsize
-heap_in_use()
-{
-  if (__sanitizer_get_current_allocated_bytes != nullptr)
-    return __sanitizer_get_current_allocated_bytes();
-  const auto info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
-
-struct State {
-  gsize heap, descriptors, threads;
-
-  static State
-  now()
-  {
-    return {heap_in_use(), directory_entries("/proc/self/fd"),
-            directory_entries("/proc/self/task")};
-  }
-};
-
-/* The least of several states: what a moment of rest has beyond that belongs to a cache or to a
- * thread that has not ended yet. */
-struct Least {
-  State state = {G_MAXSIZE, G_MAXSIZE, G_MAXSIZE};
-  guint taken = 0;
-
-  void
-  take(const State &other)
-  {
-    state.heap = std::min(state.heap, other.heap);
-    state.descriptors = std::min(state.descriptors, other.descriptors);
-    state.threads = std::min(state.threads, other.threads);
-    taken++;
-  }
-};
 
 /* ---- Chance ---- */
 
@@ -494,14 +435,6 @@ run_round(guint64 number)
 }
 
 void
-print_state(const char *when, const State &state)
-{
-  g_print("%s: %" G_GSIZE_FORMAT " bytes of heap, %" G_GSIZE_FORMAT " descriptors, %" G_GSIZE_FORMAT
-          " threads\n",
-          when, state.heap, state.descriptors, state.threads);
-}
-
-void
 print_counts(gint64 elapsed)
 {
   g_print("%" G_GINT64_FORMAT " s: %" G_GUINT64_FORMAT " operations, %" G_GUINT64_FORMAT
@@ -511,34 +444,14 @@ print_counts(gint64 elapsed)
           counts.channels, counts.failures);
 }
 
-bool
-compare(const State &before, const State &after)
-{
-  bool good = true;
-  const auto growth = static_cast<gssize>(after.heap) - static_cast<gssize>(before.heap);
-  g_print("growth after warm-up: %" G_GSSIZE_FORMAT " bytes\n", growth);
-  if (growth > static_cast<gssize>(most_growth)) {
-    g_printerr("the heap has grown by more than %" G_GSIZE_FORMAT " bytes\n", most_growth);
-    good = false;
-  }
-  if (after.descriptors > before.descriptors) {
-    g_printerr("there are more descriptors\n");
-    good = false;
-  }
-  if (after.threads > before.threads) {
-    g_printerr("there are more threads\n");
-    good = false;
-  }
-  return good;
-}
-
 int
 soak()
 {
   const gint64 start = g_get_monotonic_time();
   const gint64 length = options.seconds * G_USEC_PER_SEC;
   gint64 next_report = start + G_USEC_PER_SEC * 60;
-  Least before, after;
+  Resources before = Resources::most(), after = Resources::most();
+  guint taken_before = 0, taken_after = 0;
   g_print("seed %" G_GUINT64_FORMAT ", from round %" G_GUINT64_FORMAT "\n", options.seed,
           options.first_round);
   for (guint64 round = 0; round < options.rounds; round++) {
@@ -548,10 +461,13 @@ soak()
     run_round(options.first_round + round);
     /* The first quarter warms up; then the second is compared with the last. */
     const gint64 quarter = elapsed * 4 / length;
-    if (quarter == 1)
-      before.take(State::now());
-    else if (quarter == 3)
-      after.take(State::now());
+    if (quarter == 1) {
+      before = before.least(Resources::now());
+      taken_before++;
+    } else if (quarter == 3) {
+      after = after.least(Resources::now());
+      taken_after++;
+    }
     if (start + elapsed >= next_report) {
       print_counts(elapsed);
       next_report += G_USEC_PER_SEC * 60;
@@ -560,13 +476,15 @@ soak()
   print_counts(g_get_monotonic_time() - start);
   for (gsize i = 0; i < G_N_ELEMENTS(operations); i++)
     g_print("  %s: %" G_GUINT64_FORMAT "\n", operations[i].name, times[i]);
-  if (before.taken == 0 || after.taken == 0) {
+  if (taken_before == 0 || taken_after == 0) {
     g_print("too short to compare\n");
     return options.rounds != G_MAXUINT64 ? EXIT_SUCCESS : EXIT_FAILURE;
   }
-  print_state("after warm-up", before.state);
-  print_state("at the end", after.state);
-  return compare(before.state, after.state) ? EXIT_SUCCESS : EXIT_FAILURE;
+  before.print("after warm-up");
+  after.print("at the end");
+  g_print("growth after warm-up: %" G_GSSIZE_FORMAT " bytes\n",
+          static_cast<gssize>(after.heap) - static_cast<gssize>(before.heap));
+  return after.returned_to(before) ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 void
@@ -600,12 +518,7 @@ parse_options(int argc, char **argv)
 int
 main(int argc, char **argv)
 {
-  /* Slices would hide from the heap what is kept in them. GLib has read its environment by now. */
-  if (g_strcmp0(g_getenv("G_SLICE"), "always-malloc") != 0) {
-    g_setenv("G_SLICE", "always-malloc", TRUE);
-    execv("/proc/self/exe", argv);
-    g_error("no second start: %s", g_strerror(errno));
-  }
+  want_plain_heap(argv);
   parse_options(argc, argv);
   gvc_init();
   return soak();
