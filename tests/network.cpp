@@ -128,12 +128,8 @@ talks_of(const Scenario &scenario)
   for (int form = 0; form < most_forms; form++)
     for (const bool staged : {false, true})
       for (const bool asynchronous : {false, true}) {
-        const Talk talk = {static_cast<guint16>(7001 + talks.size()),
-                           staged,
-                           asynchronous,
-                           scenario.plan,
-                           static_cast<Form>(form),
-                           scenario.event == Event::silence};
+        const Talk talk = {static_cast<guint16>(7001 + talks.size()), staged, asynchronous,
+                           scenario.plan, static_cast<Form>(form)};
         if (!string_reader_would_not_end(scenario, talk))
           talks.push_back(talk);
       }
@@ -326,13 +322,17 @@ private:
     case Event::link_down_and_up:
       return take_link_down();
     case Event::silence:
-      return strike(*found, [this, port] { link_.silence(port); });
+      return strike(*found, [this, port, client, server] {
+        link_.silence(port);
+        kill(client, signal_impatience);
+        kill(server, signal_impatience);
+      });
     case Event::client_killed:
       return strike(*found, [client] { kill(client, SIGKILL); });
     case Event::server_killed:
       return strike(*found, [server] { kill(server, SIGKILL); });
     case Event::client_resets:
-      return strike(*found, [client] { kill(client, SIGUSR1); });
+      return strike(*found, [client] { kill(client, signal_reset); });
     }
   }
   void

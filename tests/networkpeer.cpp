@@ -16,6 +16,9 @@ using namespace traffic;
 namespace network
 {
 
+const int signal_reset = SIGUSR1;
+const int signal_impatience = SIGUSR2;
+
 /* ---- Plans ---- */
 
 namespace
@@ -91,8 +94,7 @@ to_arguments(const Talk &talk, Role role)
           std::to_string(talk.staged),
           std::to_string(talk.asynchronous),
           std::to_string(static_cast<int>(talk.plan)),
-          std::to_string(static_cast<int>(talk.doomed_form)),
-          std::to_string(talk.impatient)};
+          std::to_string(static_cast<int>(talk.doomed_form))};
 }
 
 /* ---- The peer ---- */
@@ -385,14 +387,24 @@ connect_to_server(guint16 port)
   }
 }
 
-int reset_fd;
+int socket_fd; /* for the signal handlers */
 
-/* The network asks for a reset when enough has gone by. */
 void
 reset_and_exit(int)
 {
-  linger_not(reset_fd);
+  linger_not(socket_fd);
   _exit(0);
+}
+
+void
+become_impatient(int)
+{
+  const int on = 1, seconds = 1, probes = 2, milliseconds = 3000;
+  setsockopt(socket_fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  setsockopt(socket_fd, IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof seconds);
+  setsockopt(socket_fd, IPPROTO_TCP, TCP_KEEPINTVL, &seconds, sizeof seconds);
+  setsockopt(socket_fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+  setsockopt(socket_fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
 }
 
 void
@@ -404,13 +416,9 @@ prepare(const Talk &talk, GSocket *socket)
     g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, 32 * 1024, &error);
     error.assert_none();
   }
-  if (talk.impatient) {
-    g_socket_set_timeout(socket, 5);
-    g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, 5000, &error);
-    error.assert_none();
-  }
-  reset_fd = g_socket_get_fd(socket);
-  signal(SIGUSR1, reset_and_exit);
+  socket_fd = g_socket_get_fd(socket);
+  signal(signal_reset, reset_and_exit);
+  signal(signal_impatience, become_impatient);
 }
 
 } // namespace
@@ -418,12 +426,11 @@ prepare(const Talk &talk, GSocket *socket)
 int
 run_peer(const std::vector<std::string> &arguments)
 {
-  g_assert_cmpuint(arguments.size(), ==, 7);
+  g_assert_cmpuint(arguments.size(), ==, 6);
   const auto number = [&](gsize i) { return atoi(arguments[i].c_str()); };
   const Role role = arguments[0] == "client" ? Role::client : Role::server;
-  const Talk talk = {
-      static_cast<guint16>(number(1)), number(2) != 0, number(3) != 0, static_cast<Plan>(number(4)),
-      static_cast<Form>(number(5)),    number(6) != 0};
+  const Talk talk = {static_cast<guint16>(number(1)), number(2) != 0, number(3) != 0,
+                     static_cast<Plan>(number(4)), static_cast<Form>(number(5))};
   gvc_init();
   const auto socket =
       role == Role::client ? connect_to_server(talk.port) : accept_client(talk.port);

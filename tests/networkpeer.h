@@ -25,7 +25,6 @@ struct Talk {
   bool asynchronous;
   Plan plan;
   traffic::Form doomed_form;
-  bool impatient; /* gives up on a peer that says nothing for 5 seconds */
 };
 
 enum class Role { client, server };
@@ -47,6 +46,12 @@ std::string to_line(const Outcome &outcome);
 std::optional<Outcome> from_line(const std::string &line);
 
 std::vector<std::string> to_arguments(const Talk &talk, Role role);
+/* Tells a peer, by a signal, to reset its connection and to exit at once. */
+extern const int signal_reset;
+/* Tells a peer to give up on a connection over which nothing comes any more. The system decides
+ * that, so it does not matter how slowly the processes run. */
+extern const int signal_impatience;
+
 /* The whole life of a peer, from its arguments on. Gives the exit status of its process. */
 int run_peer(const std::vector<std::string> &arguments);
 
