@@ -16,6 +16,14 @@
 namespace support
 {
 
+gint64
+watchdog_usec()
+{
+  const char *const patience = g_getenv("TEST_PATIENCE");
+  const gint64 times = patience != nullptr ? g_ascii_strtoll(patience, nullptr, 10) : 1;
+  return 120 * G_USEC_PER_SEC * std::max<gint64>(times, 1);
+}
+
 /* ---- Errors ---- */
 
 void
@@ -701,7 +709,7 @@ hold_blocking(Script &script, GCancellable *cancellable)
     g_assert_null(script.held.get());
     script.held = held;
   }
-  const gint64 give_up = g_get_monotonic_time() + watchdog_usec;
+  const gint64 give_up = g_get_monotonic_time() + watchdog_usec();
   std::unique_lock lock(script.mutex);
   while (!held->go && !g_cancellable_is_cancelled(cancellable)) {
     /* Cancellation is looked for every now and then: connecting to the cancellable would have to
@@ -1072,7 +1080,7 @@ void
 spin_until(const std::function<bool()> &condition)
 {
   GMainContext *const context = g_main_context_ref_thread_default();
-  const gint64 give_up = g_get_monotonic_time() + watchdog_usec;
+  const gint64 give_up = g_get_monotonic_time() + watchdog_usec();
   bool woken = false;
   /* Wakes the loop now and then, for conditions that other threads make true. */
   GSource *const ticks = g_timeout_source_new(5);
