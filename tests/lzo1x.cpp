@@ -524,6 +524,37 @@ testReachOfMatches()
     g_assert_cmpuint(encodedSizeOfTwice(twice, distance) + 20, >, encodedSizeOfTwice(twice, 49152));
 }
 
+// What the encoder remembers moves on with it in large inputs: repeats are found wherever they
+// stand, also behind a match that is larger than all that it can look back.
+void
+testReachInLargeInputs()
+{
+  Random random = seeded();
+  // Zeros in between keep the encoder from striding over it.
+  Bytes start = noise(random, 200000);
+  for (std::size_t i = 0; i < start.size(); i++)
+    if (i % 32 >= 12)
+      start[i] = 0;
+  for (const std::size_t place :
+       {65515, 65535, 65536, 65537, 81919, 114687, 114688, 163839, 200000})
+    for (const std::size_t distance : {100, 2048, 16000}) {
+      Bytes content(start.begin(), start.begin() + static_cast<std::ptrdiff_t>(place));
+      const std::size_t without = encode(content).size();
+      for (int i = 0; i < 4000; i++)
+        content.push_back(content[content.size() - distance]);
+      checkRoundTrip(content);
+      g_assert_cmpuint(encode(content).size(), <, without + 1000);
+    }
+  for (const std::size_t length : {65536, 70000, 131072, 300000, 800000}) {
+    Bytes content(length, 'x');
+    content.insert(content.end(), start.begin(), start.begin() + 70000);
+    content.insert(content.end(), start.begin() + 60000, start.begin() + 70000);
+    content.resize(content.size() + length);
+    checkRoundTrip(content);
+    g_assert_cmpuint(encode(content).size(), <, 70000 + 300 + 2 * length / 250 + 1000);
+  }
+}
+
 void
 testStateGrowsWithInput()
 {
@@ -694,14 +725,15 @@ testFormsByHand()
   }
 }
 
-// A match of any length from any small distance, in the middle of a stream and at its very end.
+// A match of any length from any small distance, in the middle of a stream and at its very end;
+// with little room behind it and with so much that more than needed is copied.
 void
 testOverlappingMatches()
 {
   Random random = seeded();
   for (std::size_t distance = 1; distance <= 70; distance++)
     for (std::size_t length = 3; length <= 150; length++)
-      for (const std::size_t tail : {0, 4, 120}) {
+      for (const std::size_t tail : {0, 4, 120, 2000}) {
         Bytes stream;
         appendRun(stream, noise(random, 75));
         if (length <= 33) {
@@ -946,6 +978,7 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/every-room-succeeds-or-fails-cleanly", testEveryRoom);
   g_test_add_func("/lzo1x/worst-case-holds", testWorstCaseHolds);
   g_test_add_func("/lzo1x/matches-reach-as-far-as-the-format", testReachOfMatches);
+  g_test_add_func("/lzo1x/matches-are-found-all-over-large-inputs", testReachInLargeInputs);
   g_test_add_func("/lzo1x/state-grows-with-input", testStateGrowsWithInput);
   g_test_add_func("/lzo1x/every-instruction-in-every-context", testEveryInstruction);
   g_test_add_func("/lzo1x/forms-by-hand", testFormsByHand);

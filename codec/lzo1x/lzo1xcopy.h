@@ -17,9 +17,11 @@ template <std::size_t size>
 [[gnu::always_inline]] inline void
 copyFixed(std::uint8_t *to, const std::uint8_t *from) noexcept
 {
-  std::uint8_t between[size];
-  std::memcpy(between, from, size);
-  std::memcpy(to, between, size);
+  // What a register holds; an array in its place would go through memory.
+  typedef std::uint8_t Register __attribute__((vector_size(size)));
+  Register between;
+  std::memcpy(&between, from, size);
+  std::memcpy(to, &between, size);
 }
 
 // Exactly `length` bytes, at least a chunk. `from` lies at least a chunk before `to`, or in other
@@ -32,6 +34,18 @@ copyChunks(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexc
   for (std::size_t at = 0; at < last; at += chunk)
     copyFixed<chunk>(to + at, from + at);
   copyFixed<chunk>(to + last, from + last);
+}
+
+// `length` bytes and up to chunk - 1 more, from at least a chunk before or from other memory.
+[[gnu::always_inline]] inline void
+copyOver(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
+{
+  std::uint8_t *const end = to + length;
+  do {
+    copyFixed<chunk>(to, from);
+    to += chunk;
+    from += chunk;
+  } while (to < end);
 }
 
 // Exactly `length` bytes, less than a chunk, from memory that does not overlap.

@@ -4,6 +4,8 @@
 #include "codec/lzo1x/lzo1xcopy.h"
 #include "codec/lzo1x/lzo1xformat.h"
 
+#include <algorithm>
+
 namespace lzo1x
 {
 
@@ -52,6 +54,71 @@ copyLiterals(Position &at, std::size_t length) noexcept
   return Status::ok;
 }
 
+// Chooses without a branch, where a branch would be mispredicted: the compiler cannot know the two
+// values, so nothing is gained by one.
+template <typename Value>
+[[gnu::always_inline]] inline Value
+choose(bool first, Value a, Value b) noexcept
+{
+  asm("" : "+r"(a), "+r"(b));
+  return first ? a : b;
+}
+
+// A match nearer than a chunk. Up to 15 bytes behind it are written too.
+inline void
+repeat(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
+{
+  // What is written comes from two words, so that no load waits for a store: the pattern is as long
+  // as `period`, begins with `first` and ends with `second`, which stands at `offset`.
+  std::uint64_t first = loadLittleEndian<std::uint64_t>(to - distance);
+  std::uint64_t second = first;
+  std::size_t period = distance;
+  std::size_t offset = distance - 8;
+  if (distance < 8) {
+    // The pattern repeated by multiplying it with ones that stand `distance` bytes apart; it fits
+    // again at the largest multiple of the distance up to 8.
+    static constexpr std::uint64_t ones[8] = {0,
+                                              0x0101010101010101,
+                                              0x0001000100010001,
+                                              0x0001000001000001,
+                                              0x0000000100000001,
+                                              0x0000010000000001,
+                                              0x0001000000000001,
+                                              0x0100000000000001};
+    static constexpr std::uint8_t multiples[8] = {8, 8, 8, 6, 8, 5, 6, 7};
+    first = (first & ((std::uint64_t{1} << (8 * distance)) - 1)) * ones[distance];
+    second = first;
+    offset = multiples[distance];
+    period = 2 * offset;
+  } else {
+    second = loadLittleEndian<std::uint64_t>(to - 8);
+  }
+  for (std::uint8_t *const end = to + length; to < end; to += period) {
+    storeLittleEndian(to, first);
+    storeLittleEndian(to + offset, second);
+  }
+}
+
+// A match nearer than a chunk or than its length, and nothing behind it.
+inline void
+repeatExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
+{
+  if (distance < chunk && length >= 2 * chunk) {
+    // repeat() writes up to the end. The last chunk comes from as many whole distances before it as
+    // make a chunk or more: that is at most distance + chunk - 1, so still from behind `from`.
+    repeat(to, distance, length - (chunk - 1));
+    const std::size_t back = (chunk - 1 + distance) / distance * distance;
+    copyFixed<chunk>(to + length - chunk, to + length - chunk - back);
+    return;
+  }
+  // What has been written doubles what can be copied at once.
+  const std::uint8_t *const from = to - distance;
+  std::size_t there = distance;
+  for (; there < length; length -= there, to += there, there = static_cast<std::size_t>(to - from))
+    copyRun(to, from, there);
+  copyRun(to, from, length);
+}
+
 inline Status
 copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
 {
@@ -67,8 +134,7 @@ copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
   } else if (length >= chunk && distance >= chunk) {
     copyChunks(to, from, length);
   } else {
-    for (std::size_t i = 0; i < length; i++)
-      to[i] = from[i];
+    repeatExactly(to, distance, length);
   }
   return Status::ok;
 }
@@ -109,6 +175,11 @@ step(Position &at, bool &done) noexcept
 {
   if (at.readLeft() == 0)
     return Status::inputOverrun;
+  if (at.readLeft() == sizeof endMarker && std::memcmp(at.read, endMarker, sizeof endMarker) == 0) {
+    at.read += sizeof endMarker;
+    done = true;
+    return Status::ok;
+  }
   const unsigned t = *at.read++;
   const Instruction &instruction = instructions[at.context][t];
   std::size_t length = instruction.length();
@@ -140,44 +211,9 @@ step(Position &at, bool &done) noexcept
   return copyLiterals(at, literals);
 }
 
-// A match nearer than a chunk. Up to 15 bytes behind it are written too.
-inline void
-repeat(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
-{
-  // What is written comes from two words, so that no load waits for a store: the pattern is as long
-  // as `period`, begins with `first` and ends with `second`, which stands at `offset`.
-  std::uint64_t first = loadLittleEndian<std::uint64_t>(to - distance);
-  std::uint64_t second = first;
-  std::size_t period = distance;
-  std::size_t offset = distance - 8;
-  if (distance < 8) {
-    // The pattern repeated by multiplying it with ones that stand `distance` bytes apart; it fits
-    // again at the largest multiple of the distance up to 8.
-    static constexpr std::uint64_t ones[8] = {0,
-                                              0x0101010101010101,
-                                              0x0001000100010001,
-                                              0x0001000001000001,
-                                              0x0000000100000001,
-                                              0x0000010000000001,
-                                              0x0001000000000001,
-                                              0x0100000000000001};
-    static constexpr std::uint8_t multiples[8] = {8, 8, 8, 6, 8, 5, 6, 7};
-    first = (first & ((std::uint64_t{1} << (8 * distance)) - 1)) * ones[distance];
-    second = first;
-    offset = multiples[distance];
-    period = 2 * offset;
-  } else {
-    second = loadLittleEndian<std::uint64_t>(to - 8);
-  }
-  for (std::uint8_t *const end = to + length; to < end; to += period) {
-    storeLittleEndian(to, first);
-    storeLittleEndian(to + offset, second);
-  }
-}
-
-// Decodes as long as nothing is special and there is room around: it stops near the ends, at the
-// end marker and at what may be broken, always between two instructions. A match of up to `span`
-// bytes is copied as so many.
+// Decodes as long as there is room around: it stops near the ends, at the end marker and at what
+// may be broken, always between two instructions. A match of up to `span` bytes is copied as so
+// many.
 template <std::size_t span> class FastDecoder
 {
 public:
@@ -201,34 +237,41 @@ public:
   {
     while (read <= readLast && written <= writtenLast) {
       const unsigned t = *read;
-      if (!(t < farMark ? run(t) : match(t)))
+      if (!(t < farMark ? runOrRareMatch(t) : match(t)))
         break;
     }
     at.read = read;
     at.written = written;
-    at.context = literals == 0 ? afterMatch : literals < runMin ? afterFewLiterals : afterRun;
+    at.context = context();
   }
 
-private:
   // What can be read behind readLast: a match of three bytes, and 4 for its literals, of which up
   // to 3 are used.
   static constexpr std::size_t readSlack = 3 + 4;
-  // What can be written behind writtenLast: a match of up to `span` bytes, and 15 more by repeat().
-  // A run without length bytes, or 4 bytes for the literals of a match, take less.
-  static constexpr std::size_t writeSlack = span + 15;
-  static_assert(writeSlack >= runShortMax && writeSlack >= span + 4);
+  // What can be written behind writtenLast: a match of up to `span` bytes, and 4 for its literals.
+  // A run without length bytes takes less, and so does what a long match writes behind its end.
+  static constexpr std::size_t writeSlack = span + 4;
+  static_assert(writeSlack >= runShortMax && writeSlack >= chunk - 1 + 4);
+
+private:
+  Context
+  context() const noexcept
+  {
+    return literals == 0 ? afterMatch : literals < runMin ? afterFewLiterals : afterRun;
+  }
 
   [[gnu::always_inline]] bool
-  run(unsigned t) noexcept
+  runOrRareMatch(unsigned t) noexcept
   {
-    if (literals != 0) // not a run but a rare match
-      return false;
+    if (literals != 0) [[unlikely]]
+      return anyMatch(t, loadLittleEndian<std::uint32_t>(read), instructions[context()][t]);
     const std::uint8_t *from = read + 1;
     std::size_t length = t + runBias;
     if (t != 0) {
       if (static_cast<std::size_t>(readEnd - from) < runShortMax)
         return false;
-      copyFixed<runShortMax>(written, from);
+      copyFixed<chunk>(written, from);
+      copyFixed<runShortMax - chunk>(written + chunk, from + chunk);
     } else {
       length = runShortMax;
       if (readLengthBytes(from, readEnd, roomToLast(), length) != Status::ok ||
@@ -249,31 +292,37 @@ private:
   {
     const auto word = loadLittleEndian<std::uint32_t>(read);
     const Instruction &instruction = instructions[afterMatch][t];
-    const unsigned threeBytes = (t - nearMark) >> 31;
-    const unsigned length = instruction.lengthAndFlag;
-    if (length > span) [[unlikely]]
-      return longMatch(t, word, instruction);
+    const std::size_t length = instruction.lengthAndFlag;
     const std::size_t distance = instruction.distance(word);
+    if (length > span || distance < std::min(length, chunk)) [[unlikely]]
+      return anyMatch(t, word, instruction);
     if (!isPlain(distance)) [[unlikely]]
       return false;
     const std::uint8_t *const from = written - distance;
-    if (distance < (length < chunk ? length : chunk)) [[unlikely]] {
-      repeat(written, distance, length);
-    } else {
-      copyFixed<chunk>(written, from);
-      if constexpr (span > chunk)
-        copyFixed<chunk>(written + chunk, from + chunk);
+    copyFixed<chunk>(written, from);
+    if constexpr (span > chunk) {
+      // What nobody needs is not read from where it may just have been written, for which it would
+      // have to wait.
+      const auto *const spare = reinterpret_cast<const std::uint8_t *>(&instructions);
+      copyFixed<chunk>(written + chunk, choose(length > chunk, from + chunk, spare));
     }
     written += length;
-    copyMatchLiterals(read + 2 + threeBytes, word >> (8 * threeBytes));
+    const bool threeBytes = t < nearMark;
+    const std::uint8_t *const literalsFrom = read + 2 + threeBytes;
+    const std::uint8_t *const next = choose(threeBytes, read + 3 + (read[1] & matchLiteralsMax),
+                                            read + 2 + (t & matchLiteralsMax));
+    copyFixed<4>(written, literalsFrom);
+    literals = static_cast<std::size_t>(next - literalsFrom);
+    written += literals;
+    read = next;
     return true;
   }
 
-  // A match of three bytes that is longer than `span` or has length bytes.
+  // Any match of any length that leaves enough room.
   [[gnu::always_inline]] bool
-  longMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
+  anyMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
   {
-    const std::uint8_t *next = read + 3;
+    const std::uint8_t *next = read + instruction.size;
     std::size_t length = instruction.length();
     if (instruction.hasLengthBytes()) {
       next = read + 1;
@@ -290,34 +339,13 @@ private:
     if (distance < chunk)
       repeat(written, distance, length);
     else
-      copyLong(written, written - distance, length);
+      copyOver(written, written - distance, length);
     written += length;
-    copyMatchLiterals(next, word >> 8);
-    return true;
-  }
-
-  // `length` bytes, of which there may be less than a chunk, from at least a chunk before.
-  [[gnu::always_inline]] static void
-  copyLong(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
-  {
-    copyFixed<chunk>(to, from);
-    if constexpr (span > chunk) {
-      copyFixed<chunk>(to + chunk, from + chunk);
-      copyFixed<chunk>(to + 2 * chunk, from + 2 * chunk);
-      if (length > 3 * chunk)
-        copyChunks(to + 2 * chunk, from + 2 * chunk, length - 2 * chunk);
-    } else if (length > chunk) {
-      copyChunks(to, from, length);
-    }
-  }
-
-  [[gnu::always_inline]] void
-  copyMatchLiterals(const std::uint8_t *from, std::uint32_t count) noexcept
-  {
-    literals = count & matchLiteralsMax;
-    copyFixed<4>(written, from);
+    literals = (instruction.size == 2 ? t : word >> 8) & matchLiteralsMax;
+    copyFixed<4>(written, next);
     written += literals;
-    read = from + literals;
+    read = next + literals;
+    return true;
   }
 
   // Not in the end marker (the middle form says this distance too, but seldom), and not too far.
@@ -342,6 +370,10 @@ private:
   std::size_t literals; // since the last match, or runMin for a run
 };
 
+// So much room or less is filled with the small span alone: it comes nearer to the end, and the
+// first matches of a block are short.
+constexpr std::size_t smallBlock = 1500;
+
 template <std::size_t span>
 inline void
 decodeFast(Position &at) noexcept
@@ -364,9 +396,12 @@ decode(Input in, Output out) noexcept
   bool done = false;
   Status status = openingRun(at);
   while (status == Status::ok && !done) {
-    decodeFast<2 * chunk>(at);
+    if (at.room() > smallBlock)
+      decodeFast<2 * chunk>(at);
     decodeFast<chunk>(at);
-    status = step(at, done);
+    do
+      status = step(at, done);
+    while (status == Status::ok && !done && at.room() < FastDecoder<chunk>::writeSlack);
   }
   if (status != Status::ok)
     return {status, 0};

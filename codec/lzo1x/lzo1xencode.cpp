@@ -5,9 +5,6 @@
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 namespace lzo1x
 {
@@ -17,8 +14,11 @@ namespace
 
 // The table holds the latest place of a word, under its hash. It starts with zeros, and no place is
 // asked for before 1, so every entry is a place before the one that is asked for; whether the word
-// stands there is always compared.
-using Entry = std::uint32_t;
+// stands there is always compared. Places count from the beginning of a segment, so that small
+// entries hold them and the table stays in the cache; segments overlap.
+using Entry = std::uint16_t;
+constexpr std::size_t segmentSize = std::size_t{1} << 16;
+constexpr std::size_t segmentOverlap = segmentSize / 4;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;
 
@@ -169,23 +169,16 @@ putEndMarker(Encoder &at)
   return true;
 }
 
-// How many of the first 16 bytes are equal.
+// How many of the first 16 bytes are equal. In two steps: the next search waits for the result, and
+// the first one mostly has it.
 [[gnu::always_inline]] inline std::size_t
 commonFew(const std::uint8_t *a, const std::uint8_t *b) noexcept
 {
-#ifdef __SSE2__
-  const __m128i equal = _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(a)),
-                                       _mm_loadu_si128(reinterpret_cast<const __m128i *>(b)));
-  // The upper half of the mask is zeros, which end the count.
-  const auto mask = static_cast<unsigned>(_mm_movemask_epi8(equal));
-  return static_cast<unsigned>(__builtin_ctz(~mask));
-#else
   const auto low = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
-  if (low != 0)
+  if (low != 0) [[likely]]
     return static_cast<std::size_t>(std::countr_zero(low)) / 8;
   const auto high = loadLittleEndian<std::uint64_t>(a + 8) ^ loadLittleEndian<std::uint64_t>(b + 8);
   return 8 + static_cast<std::size_t>(std::countr_zero(high)) / 8;
-#endif
 }
 
 // How many bytes are equal up to bEnd, where the first ones have been found equal.
@@ -238,21 +231,26 @@ putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) n
   return written + 3 - near;
 }
 
-// Puts matches into the output that `at` describes, whose `pending` and `written` are kept here.
-// Places are indices into the input.
+// Puts the matches of a segment into the output that `at` describes, whose `pending` and `written`
+// are kept here. Places count from the beginning of the segment, which is searched from `first` on,
+// where at least tinyInput bytes are left.
 class Matcher
 {
 public:
-  Matcher(const Encoder &start, Entry *entries, unsigned bits) noexcept
-      : at(start), table(entries), mask((1U << bits) - 1), begin(start.begin),
-        written(start.written), quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
-        last(static_cast<std::size_t>(start.readEnd - start.begin) - (minMatch + compared))
+  Matcher(const Encoder &start, const std::uint8_t *segment, std::size_t first, Entry *entries,
+          unsigned bits) noexcept
+      : at(start), table(entries), shift(32 - bits), begin(segment), written(start.written),
+        quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
+        last(std::min(static_cast<std::size_t>(start.readEnd - segment) - (minMatch + compared),
+                      segmentSize - 1)),
+        pending(start.pending), read(first)
   {
   }
 
-  // Goes on until there are no more; the literals behind the last match stay pending.
+  // Goes on until there are no more; the literals behind the last match stay pending. Moves `first`
+  // to what has not been searched.
   [[gnu::always_inline]] bool
-  run(Encoder &end) noexcept
+  run(Encoder &end, std::size_t &first) noexcept
   {
     while (find()) {
       extendBackwards();
@@ -263,12 +261,19 @@ public:
           return false;
       } while (findHere());
     }
-    end.pending = begin + pending;
+    end.pending = pending;
     end.written = written;
+    first = read;
     return true;
   }
 
 private:
+  [[gnu::always_inline]] std::size_t
+  literals() const noexcept
+  {
+    return static_cast<std::size_t>(begin + read - pending);
+  }
+
   [[gnu::always_inline]] std::uint32_t
   wordAt(std::size_t place) const noexcept
   {
@@ -279,7 +284,7 @@ private:
   [[gnu::always_inline]] std::size_t
   exchange(std::uint32_t word, std::size_t place) noexcept
   {
-    Entry &entry = table[word * 0x9e3779b1U >> (32 - maxTableBits) & mask];
+    Entry &entry = table[word * 0x9e3779b1U >> shift];
     const std::size_t latest = entry;
     entry = static_cast<Entry>(place);
     return latest;
@@ -304,7 +309,7 @@ private:
   [[gnu::always_inline]] bool
   find() noexcept
   {
-    for (; read <= last; read += 1 + ((read - pending) >> 5))
+    for (; read <= last; read += 1 + (literals() >> 5))
       if (matches())
         return true;
     return false;
@@ -323,27 +328,36 @@ private:
     return false;
   }
 
+  // At most by 7 bytes, without a branch on how many, where so many lie before.
   [[gnu::always_inline]] void
   extendBackwards() noexcept
   {
-    while (read > pending && from > 0 && begin[read - 1] == begin[from - 1]) {
-      read--;
-      from--;
-      length++;
+    const std::size_t most = literals();
+    std::size_t equal = 0;
+    if (from >= 8) [[likely]] {
+      const auto differing = loadLittleEndian<std::uint64_t>(begin + read - 8) ^
+                             loadLittleEndian<std::uint64_t>(begin + from - 8);
+      equal = std::min(static_cast<std::size_t>(std::countl_zero(differing | 1)) / 8, most);
+    } else {
+      while (equal < most && equal < from && begin[read - 1 - equal] == begin[from - 1 - equal])
+        equal++;
     }
+    read -= equal;
+    from -= equal;
+    length += equal;
   }
 
   // `read` is at most `last`, so quickLiterals can be read from `pending`.
   [[gnu::always_inline]] bool
   putPending() noexcept
   {
-    const std::size_t literals = read - pending;
-    if (literals <= quickLiterals && written < quickEnd && written != at.outBegin) {
-      written = putQuickLiterals(written, begin + pending, literals);
+    const std::size_t count = literals();
+    if (count <= quickLiterals && written < quickEnd && written != at.outBegin) {
+      written = putQuickLiterals(written, pending, count);
       return true;
     }
     Encoder careful = at;
-    careful.pending = begin + pending;
+    careful.pending = pending;
     careful.written = written;
     const bool fits = putLiterals(careful, begin + read);
     written = careful.written;
@@ -365,20 +379,20 @@ private:
       written = careful.written;
     }
     read += length;
-    pending = read;
+    pending = begin + read;
     return fits;
   }
 
   const Encoder &at;
   Entry *const table;
-  const std::uint32_t mask;
+  const unsigned shift;
   const std::uint8_t *const begin;
   std::uint8_t *written;
   // As long as `written` is before it, a quick sequence can be written.
   std::uint8_t *const quickEnd;
   const std::size_t last; // the last place where a match may be sought
-  std::size_t pending = 0;
-  std::size_t read = 1;
+  const std::uint8_t *pending;
+  std::size_t read;
   std::size_t from = 0;
   std::size_t length = 0;
 };
@@ -412,6 +426,26 @@ encodeTiny(Input in, Output out) noexcept
 
 } // namespace
 
+namespace
+{
+
+// Lets the places in the table count from `places` later on; those before become zeros.
+void
+forget(Entry *table, unsigned bits, std::size_t places) noexcept
+{
+  typedef Entry Entries __attribute__((vector_size(16)));
+  constexpr std::size_t entries = sizeof(Entries) / sizeof(Entry);
+  const auto less = static_cast<Entry>(std::min(places, segmentSize - 1));
+  for (std::size_t i = 0; i < std::size_t{1} << bits; i += entries) {
+    Entries some;
+    std::memcpy(&some, table + i, sizeof some);
+    some = some > less ? some - less : some ^ some;
+    std::memcpy(table + i, &some, sizeof some);
+  }
+}
+
+} // namespace
+
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
@@ -419,17 +453,28 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
     return encodeTiny(in, out);
   const unsigned bits = tableBits(in.size());
   auto *const table = reinterpret_cast<Entry *>(state.data());
+  Encoder at{.begin = in.data(),
+             .readEnd = in.data() + in.size(),
+             .pending = in.data(),
+             .written = out.data(),
+             .outBegin = out.data(),
+             .writtenEnd = out.data() + out.size()};
+  const std::uint8_t *segment = in.data();
   std::memset(table, 0, sizeof(Entry) << bits);
-  const Encoder start{.begin = in.data(),
-                      .readEnd = in.data() + in.size(),
-                      .pending = in.data(),
-                      .written = out.data(),
-                      .outBegin = out.data(),
-                      .writtenEnd = out.data() + out.size()};
-  Encoder end = start;
-  if (!Matcher(start, table, bits).run(end) || !putLiterals(end, end.readEnd) || !putEndMarker(end))
+  for (std::size_t first = 1;;) {
+    const Encoder start = at;
+    if (!Matcher(start, segment, first, table, bits).run(at, first))
+      return {Status::noRoom, 0};
+    if (static_cast<std::size_t>(at.readEnd - segment) <= first + tinyInput)
+      break;
+    const std::size_t forgotten = first - segmentOverlap;
+    forget(table, bits, forgotten);
+    segment += forgotten;
+    first = segmentOverlap;
+  }
+  if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
     return {Status::noRoom, 0};
-  return {Status::ok, static_cast<std::size_t>(end.written - out.data())};
+  return {Status::ok, static_cast<std::size_t>(at.written - out.data())};
 }
 
 } // namespace lzo1x
