@@ -217,6 +217,28 @@ test_room_grows_until_it_is_enough()
   assert_bytes(stage.received, text + text);
 }
 
+// A flush goes on to the stages below, here to one that holds everything back until then.
+void
+test_flush_reaches_the_stages_below()
+{
+  Stage stage(zlib);
+  auto in = new_map_converter([](guint8 byte) { return byte; });
+  auto upper = small_steps();
+  gvc_connection_add_converters(stage.connection.get(), in.get(), upper.get());
+  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(stage.connection.get()));
+  Error error;
+  g_assert_true(g_output_stream_write_all(out, "FLUSHED", 7, nullptr, nullptr, &error));
+  g_assert_true(g_output_stream_flush(out, nullptr, &error));
+  stage.end();
+
+  auto unpacker = own(g_zlib_decompressor_new(G_ZLIB_COMPRESSOR_FORMAT_GZIP));
+  char text[64];
+  gsize consumed, produced = 0;
+  g_converter_convert(G_CONVERTER(unpacker.get()), stage.received.data(), stage.received.size(),
+                      text, sizeof text, G_CONVERTER_NO_FLAGS, &consumed, &produced, nullptr);
+  assert_bytes(std::string_view(text, produced), "flushed");
+}
+
 // Bytes that were accepted cannot be refused any more when the base fails afterwards: the error is
 // the outcome of the next operation, once.
 void
@@ -323,6 +345,8 @@ main(int argc, char **argv)
                        GINT_TO_POINTER(TRUE), test_deferred_error_comes_with_the_next_operation);
   g_test_add_data_func("/output-stage/deferred-error-comes-with-the-next-operation/nonblocking",
                        nullptr, test_deferred_error_comes_with_the_next_operation);
+  g_test_add_func("/output-stage/flush-reaches-the-stages-below",
+                  test_flush_reaches_the_stages_below);
   g_test_add_func("/output-stage/error-at-the-end-of-the-input",
                   test_error_at_the_end_of_the_input);
   g_test_add_func("/output-stage/is-a-converter-output-stream", test_is_a_converter_output_stream);
