@@ -660,7 +660,7 @@ Rig::assert_all_gone()
   channel_.reset();
   cancellable_.reset();
   /* A worker thread drops its reference a moment after the result: not worth a tick of waiting. */
-  const gint64 give_up = g_get_monotonic_time() + watchdog_usec;
+  const gint64 give_up = g_get_monotonic_time() + watchdog_usec();
   while (lives_.alive() != 0 && g_get_monotonic_time() < give_up) {
     spin_pending();
     g_thread_yield();
