@@ -340,6 +340,33 @@ transfer_nonblocking(gpointer stream, const Transfer &transfer, GError **error)
   return moved;
 }
 
+/* Fires at every turn of the main loop, which is also when a stream becomes ready. The source over
+ * it keeps the stream. */
+struct TurnSource {
+  GSource parent;
+  Faults *faults;
+};
+
+GSourceFuncs turn_source_funcs = {
+    [](GSource *source, int *timeout) -> gboolean {
+      reinterpret_cast<TurnSource *>(source)->faults->become_ready();
+      *timeout = 0;
+      return FALSE;
+    },
+    [](GSource *) -> gboolean { return TRUE; },
+    [](GSource *, GSourceFunc, gpointer) -> gboolean { return G_SOURCE_CONTINUE; },
+    nullptr,
+    [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; },
+    nullptr};
+
+GSource *
+new_turn_source(Faults &faults)
+{
+  GSource *const source = g_source_new(&turn_source_funcs, sizeof(TurnSource));
+  reinterpret_cast<TurnSource *>(source)->faults = &faults;
+  return source;
+}
+
 /* Waiting for readiness cannot fail, but be in vain once more, or be cancelled. */
 GSource *
 new_readiness_source(gpointer stream, GCancellable *cancellable)
@@ -356,8 +383,7 @@ new_readiness_source(gpointer stream, GCancellable *cancellable)
   default:
     break;
   }
-  faults.become_ready();
-  GSource *const child = g_timeout_source_new(0);
+  GSource *const child = new_turn_source(faults);
   GSource *const source = g_pollable_source_new_full(stream, child, cancellable);
   g_source_unref(child);
   return source;
