@@ -276,15 +276,20 @@ measurePerByte(Report &report)
   report.begin(
       "perbyte", "Cost per byte by the size of a message",
       "Blocking messages of C source one way over loopback TCP, the peer in a second thread; "
-      "the sizes take turns, and an operation is one byte.");
+      "the sizes take turns, and an operation is one byte. gio: frames by hand on the bare socket "
+      "streams.");
   std::vector<std::int64_t> sizes = {1024,    4096,    16384,    65536,    262144,
                                      1 << 20, 4 << 20, 16 << 20, 64 << 20, 256 << 20};
   if (report.effort().quick)
     sizes = {1024, 65536, 1 << 20, 8 << 20};
   auto data = repeated(corpus("source"), static_cast<std::size_t>(sizes.back()));
 
-  for (auto stages : {Stages::none, Stages::both}) {
-    auto link = linkZelgvc(connectSockets(Transport::tcp), stages);
+  auto tcp = [] { return connectSockets(Transport::tcp); };
+  std::pair<const char *, std::unique_ptr<Link>> links[] = {
+      {stagesName(Stages::none), linkZelgvc(tcp(), Stages::none)},
+      {stagesName(Stages::both), linkZelgvc(tcp(), Stages::both)},
+      {"gio", linkGio(tcp())}};
+  for (auto &[name, link] : links) {
     std::vector<Contender> contenders;
     std::deque<std::vector<SharedBytes>> messages;
     for (auto size : sizes) {
@@ -292,12 +297,12 @@ measurePerByte(Report &report)
       one.emplace_back(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
       checkLink(*link, one.front().get());
       contenders.push_back({sizeText(size),
-                            [&](std::size_t times) { runOneWay(*link, one, times); },
+                            [&, on = link.get()](std::size_t times) { runOneWay(*on, one, times); },
                             static_cast<std::size_t>(size)});
     }
     auto timings = takeTurns(contenders, report.effort().withLongTurns());
     for (std::size_t i = 0; i < sizes.size(); i++)
-      report.add({{{"stages", stagesName(stages)}, {"size", sizes[i]}},
+      report.add({{{"stages", name}, {"size", sizes[i]}},
                   1,
                   {timings[i]},
                   ratiosOf(timings, timings[i].name, {sizeText(65536)}),

@@ -412,7 +412,7 @@ def perbyte_section(page, results):
     if not begin(page, results, "perbyte"):
         return
     lines, series = [], []
-    for stages in ("plain", "both"):
+    for stages in ("plain", "both", "gio"):
         points = []
         for row in results.rows("perbyte", stages=stages):
             seconds = row.timings[size_text(row["size"])]
@@ -425,8 +425,10 @@ def perbyte_section(page, results):
     page.add("![Cost per byte](performance-perbyte.svg)",
              "Small messages pay for their system calls and for each conversion's start. The "
              "largest, from 32 MiB on, pay for memory that is fresh from the system, in huge pages "
-             "where it has them: a message is one allocation. In between the cost follows the "
-             "socket's buffers and how sender and receiver fall into step. Stages add buffers for a block and a record of up to 1 MiB.",
+             "where it has them, since a message is one allocation, and for memory that no cache "
+             "holds. In between the cost follows the socket's buffers and how sender and receiver "
+             "fall into step; frames by hand show the same. Stages add buffers for a block and a "
+             "record of up to 1 MiB.",
              table(["stages", "message", "ns a byte", "quartiles"], lines))
 
 
