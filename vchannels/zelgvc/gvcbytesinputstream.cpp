@@ -34,7 +34,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILT
 namespace
 {
 struct AsyncRead {
-  gvc::ReadAll step;
+  gvc::Transfer step;
   gint32 bytes_size;   // as it stands on the wire: the prefix is read into here
   gsize bytes_to_read; // by the current step
   void *buffer;        // the payload's, until the result owns it
@@ -248,7 +248,7 @@ check_step(GTask *task, AsyncRead *data)
 {
   if (data->step.error)
     g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
-  else if (data->step.bytes_read != data->bytes_to_read)
+  else if (data->step.moved != data->bytes_to_read)
     g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
   else
     return !g_task_return_error_if_cancelled(task);
@@ -285,8 +285,7 @@ prefix_done(GTask *chain)
   // The task's own priority was never set: the payload is read at the default priority, whatever
   // the prefix had.
   chain = static_cast<GTask *>(g_steal_pointer(&task));
-  gvc::ReadAll::start(chain, data->buffer, data->bytes_to_read, g_task_get_priority(chain),
-                      payload_done);
+  gvc::read_all(chain, data->buffer, data->bytes_to_read, g_task_get_priority(chain), payload_done);
 }
 
 /**
@@ -313,8 +312,8 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
   data->bytes_to_read = sizeof data->bytes_size;
   g_task_set_task_data(task, data, free_async_data);
 
-  if (gvc::ReadAll::check_source(stream))
-    gvc::ReadAll::start(task, &data->bytes_size, data->bytes_to_read, io_priority, prefix_done);
+  if (gvc::check_input_stream(stream))
+    gvc::read_all(task, &data->bytes_size, data->bytes_to_read, io_priority, prefix_done);
 }
 
 /**

@@ -26,7 +26,7 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FI
 namespace
 {
 struct AsyncWrite {
-  gvc::WriteAll step;
+  gvc::Transfer step;
   GBytes *bytes;
   gint32 bytes_size; // as it stands on the wire: the prefix is written from here
 };
@@ -181,8 +181,8 @@ prefix_done(GTask *task)
   // The task's own priority was never set: the payload goes out at the default priority, whatever
   // the prefix had.
   data->step.eager = FALSE;
-  gvc::WriteAll::start(task, g_bytes_get_data(data->bytes, nullptr), g_bytes_get_size(data->bytes),
-                       g_task_get_priority(task), payload_done);
+  gvc::write_all(task, g_bytes_get_data(data->bytes, nullptr), g_bytes_get_size(data->bytes),
+                 g_task_get_priority(task), payload_done);
 }
 
 /**
@@ -215,9 +215,8 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
   // of a priority between the two, the message does not wait for the main loop.
   data->step.eager =
       !cancellable && io_priority == g_task_get_priority(task) && g_bytes_get_size(bytes) > 0;
-  if (gvc::WriteAll::check_source(stream))
-    gvc::WriteAll::start(task, &data->bytes_size, sizeof data->bytes_size, io_priority,
-                         prefix_done);
+  if (gvc::check_output_stream(stream))
+    gvc::write_all(task, &data->bytes_size, sizeof data->bytes_size, io_priority, prefix_done);
 }
 
 /**

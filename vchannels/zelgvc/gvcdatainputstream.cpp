@@ -27,7 +27,7 @@ static constexpr gsize initial_buffer_length = 1024;
 namespace
 {
 struct AsyncRead {
-  gvc::ReadAll step;
+  gvc::Transfer step;
   gchar string_end;
   gchar *buffer; // until the result owns it
   gsize buffer_length;
@@ -140,7 +140,7 @@ byte_done(GTask *chain)
     return;
   }
 
-  if (data->step.bytes_read > 0) {
+  if (data->step.moved > 0) {
     data->read++;
     if (data->buffer[data->read - 1] == data->string_end) {
       g_task_return_pointer(task, g_steal_pointer(&data->buffer), g_free);
@@ -152,7 +152,7 @@ byte_done(GTask *chain)
   // One byte in each turn of the main loop.
   chain = static_cast<GTask *>(g_steal_pointer(&task));
   data->step.in_loop = FALSE;
-  gvc::ReadAll::start(chain, data->buffer + data->read, 1, g_task_get_priority(chain), byte_done);
+  gvc::read_all(chain, data->buffer + data->read, 1, g_task_get_priority(chain), byte_done);
 }
 
 /**
@@ -181,7 +181,7 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
   data->buffer_length = initial_buffer_length;
   g_task_set_task_data(task, data, free_async_data);
 
-  gvc::ReadAll::start(task, data->buffer, 1, io_priority, byte_done);
+  gvc::read_all(task, data->buffer, 1, io_priority, byte_done);
 }
 
 /**

@@ -8,16 +8,16 @@
 static void
 free_async_write_all(gpointer user_data)
 {
-  auto *data = static_cast<gvc::WriteAll *>(user_data);
+  auto *data = static_cast<gvc::Transfer *>(user_data);
 
   data->clear();
-  g_slice_free(gvc::WriteAll, data);
+  g_slice_free(gvc::Transfer, data);
 }
 
 static void
 write_all_done(GTask *task)
 {
-  auto *data = static_cast<gvc::WriteAll *>(g_task_get_task_data(task));
+  auto *data = static_cast<gvc::Transfer *>(g_task_get_task_data(task));
 
   if (data->error)
     g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->error)));
@@ -55,10 +55,10 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
   GVC_CHECK(buffer != NULL || count == 0);
 
   auto *task = g_task_new(stream, cancellable, callback, user_data);
-  g_task_set_task_data(task, g_slice_new0(gvc::WriteAll), free_async_write_all);
+  g_task_set_task_data(task, g_slice_new0(gvc::Transfer), free_async_write_all);
   g_task_set_priority(task, io_priority);
 
-  gvc::WriteAll::start(task, buffer, count, io_priority, write_all_done);
+  gvc::write_all(task, buffer, count, io_priority, write_all_done);
 }
 
 /**
@@ -83,6 +83,6 @@ gvc_output_stream_util_write_all_finish(GOutputStream *stream, GAsyncResult *res
 
   auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_written)
-    *bytes_written = static_cast<gvc::WriteAll *>(g_task_get_task_data(task))->bytes_written;
+    *bytes_written = static_cast<gvc::Transfer *>(g_task_get_task_data(task))->moved;
   return g_task_propagate_boolean(task, error);
 }

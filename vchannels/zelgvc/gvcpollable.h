@@ -18,20 +18,6 @@ void init_pollable_filter_output(GPollableOutputStreamInterface *iface);
 GSource *readable_source(GInputStream *stream, GCancellable *cancellable);
 GSource *writable_source(GOutputStream *stream, GCancellable *cancellable);
 
-// Who moves the bytes of an asynchronous operation: we by polling, or GIO.
-enum class Way {
-  unknown,
-  polling,
-  gio,
-};
-
-// What an operation that is in progress may wait for.
-enum class Wait {
-  none,
-  turn,   // of the main loop
-  stream, // to become readable or writable
-};
-
 // The stream below `filter` where it can be polled, else NULL.
 GPollableOutputStream *pollable_base(GFilterOutputStream *filter);
 
