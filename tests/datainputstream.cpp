@@ -627,6 +627,36 @@ each_byte_is_a_turn_of_the_main_loop()
   assert_bytes({string.get(), 6}, "hello\n");
 }
 
+/* Also where the stream is polled: sources below G_PRIORITY_DEFAULT keep the first byte of a read
+ * of low priority waiting, and none of the others. */
+static void
+bytes_behind_the_first_have_the_default_priority()
+{
+  const Fixture fixture("hello\n", StreamKind::pollable);
+  Collector collector;
+  const auto run_idle = [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; };
+  guint idle = g_idle_add(run_idle, nullptr);
+  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', G_PRIORITY_LOW, nullptr,
+                                          Collector::ready, &collector);
+  for (int turn = 0; turn < 5; turn++) {
+    g_main_context_iteration(nullptr, FALSE);
+    g_assert_cmpuint(fixture.script->moved(), ==, 1);
+  }
+  g_source_remove(idle);
+  g_assert_true(g_main_context_iteration(nullptr, FALSE));
+  g_assert_cmpuint(fixture.script->moved(), ==, 2);
+
+  idle = g_idle_add(run_idle, nullptr);
+  for (gsize moved = 3; moved <= 6; moved++) {
+    g_assert_true(g_main_context_iteration(nullptr, FALSE));
+    g_assert_cmpuint(fixture.script->moved(), ==, moved);
+  }
+  const Mem<gchar> string(gvc_data_input_stream_read_string_finish(
+      fixture.stream.get(), collector.wait(), nullptr, nullptr));
+  g_source_remove(idle);
+  assert_bytes({string.get(), 6}, "hello\n");
+}
+
 /* ---- Lives and threads ---- */
 
 static void
@@ -763,6 +793,8 @@ main(int argc, char **argv)
   TEST("failure/of-closed-streams", closed_streams_fail_as_closed);
   TEST("failure/errors-may-be-left-out", errors_may_be_left_out);
   TEST("priority/first-read-has-the-callers", first_read_has_the_callers_priority);
+  TEST("priority/bytes-behind-the-first-have-the-default",
+       bytes_behind_the_first_have_the_default_priority);
   TEST("cancelled/blocking-reads-have-the-callers-cancellable",
        blocking_reads_have_the_callers_cancellable);
   TEST("cancelled/before-it-starts-reads-nothing", cancelled_before_it_starts_reads_nothing);

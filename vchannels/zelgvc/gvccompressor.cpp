@@ -53,7 +53,7 @@ gvc_compressor_new(void)
   return static_cast<GvcCompressor *>(g_object_new(GVC_TYPE_COMPRESSOR, nullptr));
 }
 
-// What the encoder needs for up to 4 KiB of input.
+// What our own encoder needs at most.
 static constexpr gsize small_state_size = 16 * 1024 + 64;
 
 // Encodes all of `in` to `payload`, whose announced room is *payload_size on entry. NULL on
