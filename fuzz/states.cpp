@@ -56,6 +56,7 @@ private:
   void peer_sends_payload();
   void peer_reads();
   void peer_goes();
+  void peer_leaves();
 
   void start(Kind kind, GObject *stream);
   void finish(Operation *operation);
@@ -403,8 +404,8 @@ Host::reap()
       continue;
     }
     finish(&*at);
-    if (cut_ && !writer_)
-      peer_goes();
+    if (cut_ && at->stream.get() != reinterpret_cast<GObject *>(writer_.get()))
+      peer_leaves();
     at = operations_.erase(at);
   }
 }
@@ -465,8 +466,19 @@ Host::peer_goes()
     shutdown(peer_, SHUT_WR);
     return;
   }
+  peer_leaves();
+}
+
+// Whoever has something to send finds out, and waits no longer.
+void
+Host::peer_leaves()
+{
+  if (peer_ < 0)
+    return;
   close(peer_);
   peer_ = -1;
+  hung_up_ = true;
+  calm_ = false;
   in_order_ = false; // what it had not read itself makes the socket forget what it sent
 }
 
