@@ -99,11 +99,11 @@ repeat(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
   }
 }
 
-// A match nearer than a chunk or than its length, and nothing behind it.
+// A match nearer than a chunk, and nothing behind it.
 inline void
 repeatExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
 {
-  if (distance < chunk && length >= 2 * chunk) {
+  if (length >= 2 * chunk) {
     // repeat() writes up to the end. The last chunk comes from as many whole distances before it as
     // make a chunk or more: that is at most distance + chunk - 1, so still from behind `from`.
     repeat(to, distance, length - (chunk - 1));
