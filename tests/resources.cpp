@@ -6,12 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 /* There is one where a sanitizer has taken malloc() over, and mallinfo2() does not know. */
 extern "C" __attribute__((weak)) size_t __sanitizer_get_current_allocated_bytes();
-
-namespace
-{
 
 gsize
 heap_in_use()
@@ -21,6 +19,16 @@ heap_in_use()
   const auto info = mallinfo2();
   return info.uordblks + info.hblkhd;
 }
+
+bool
+heap_is_known()
+{
+  const char *const preloaded = g_getenv("LD_PRELOAD");
+  return preloaded == nullptr || strstr(preloaded, "vgpreload") == nullptr;
+}
+
+namespace
+{
 
 gsize
 directory_entries(const char *path)

@@ -5,6 +5,11 @@
 
 #include <glib.h>
 
+/* The bytes that the process has from malloc(). Under valgrind, which puts a malloc() of its own in
+ * its place, they are not known. */
+gsize heap_in_use();
+bool heap_is_known();
+
 struct Resources {
   gsize heap; /* bytes */
   gsize descriptors;
