@@ -51,14 +51,6 @@ const Operation put_async = {
           error));
     }};
 
-std::optional<std::string>
-take(GBytes *bytes)
-{
-  if (bytes == nullptr)
-    return std::nullopt;
-  return bytes_string(BytesRef(bytes).get());
-}
-
 const Operation get = {"read", Operation::Way::blocking, [](Rig &rig, GError **error) {
                          return take(
                              gvc_bytes_input_stream_read_bytes(rig.reader(), nullptr, error));

@@ -795,4 +795,30 @@ add_cases(const char *subject, const Operation &operation, std::initializer_list
       }
 }
 
+std::optional<std::string>
+take(GBytes *bytes)
+{
+  if (bytes == nullptr)
+    return std::nullopt;
+  return bytes_string(BytesRef(bytes).get());
+}
+
+std::optional<std::string>
+take(GVariant *variant)
+{
+  if (variant == nullptr)
+    return std::nullopt;
+  const VariantRef owner(g_variant_ref_sink(variant));
+  return std::string(static_cast<const char *>(g_variant_get_data(variant)),
+                     g_variant_get_size(variant));
+}
+
+std::optional<std::string>
+take(char *string, gsize length)
+{
+  if (string == nullptr)
+    return std::nullopt;
+  return std::string(Mem<char>(string).get(), length);
+}
+
 } // namespace faulty

@@ -209,6 +209,11 @@ void assert_outcome(const Case &one, Rig &rig, Outcome &outcome, const std::stri
 void add_cases(const char *subject, const Operation &operation, std::initializer_list<Fault> faults,
                void (*test)(const Case &), guint least_steps = 2, int stages_up_to = most_stages);
 
+/* What a message holds; nothing where there is none. All take the message over. */
+std::optional<std::string> take(GBytes *bytes);
+std::optional<std::string> take(GVariant *variant);
+std::optional<std::string> take(char *string, gsize length);
+
 } // namespace faulty
 
 #endif /* TESTS_FAULTY_H */

@@ -52,24 +52,6 @@ struct MemoryCase {
   bool cut; /* the stream ends within the payload, so that its rest needs another allocation */
 };
 
-std::optional<std::string>
-take(GBytes *bytes)
-{
-  if (bytes == nullptr)
-    return std::nullopt;
-  return bytes_string(BytesRef(bytes).get());
-}
-
-std::optional<std::string>
-take(GVariant *variant)
-{
-  if (variant == nullptr)
-    return std::nullopt;
-  const VariantRef owner(g_variant_ref_sink(variant));
-  return std::string(static_cast<const char *>(g_variant_get_data(variant)),
-                     g_variant_get_size(variant));
-}
-
 const Operation operations[] = {
     {"bytes", Operation::Way::blocking,
      [](Rig &rig, GError **error) {

@@ -155,18 +155,6 @@ gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *vari
 }
 
 static void
-payload_done(GTask *chain)
-{
-  g_autoptr(GTask) task = chain;
-  auto *data = static_cast<AsyncWrite *>(g_task_get_task_data(task));
-
-  if (data->step.error)
-    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
-  else
-    g_task_return_boolean(task, TRUE);
-}
-
-static void
 prefix_done(GTask *task)
 {
   auto *data = static_cast<AsyncWrite *>(g_task_get_task_data(task));
@@ -174,7 +162,7 @@ prefix_done(GTask *task)
   if (!data->step.error)
     g_cancellable_set_error_if_cancelled(g_task_get_cancellable(task), &data->step.error);
   if (data->step.error) {
-    payload_done(task);
+    gvc::Transfer::return_outcome(task);
     return;
   }
 
@@ -182,7 +170,7 @@ prefix_done(GTask *task)
   // the prefix had.
   data->step.eager = FALSE;
   gvc::write_all(task, g_bytes_get_data(data->bytes, nullptr), g_bytes_get_size(data->bytes),
-                 g_task_get_priority(task), payload_done);
+                 g_task_get_priority(task), gvc::Transfer::return_outcome);
 }
 
 /**

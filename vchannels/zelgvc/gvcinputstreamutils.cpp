@@ -5,27 +5,6 @@
 
 // The mirror image of gvcoutputstreamutils.cpp.
 
-static void
-free_async_read_all(gpointer user_data)
-{
-  auto *data = static_cast<gvc::Transfer *>(user_data);
-
-  data->clear();
-  g_slice_free(gvc::Transfer, data);
-}
-
-static void
-read_all_done(GTask *task)
-{
-  auto *data = static_cast<gvc::Transfer *>(g_task_get_task_data(task));
-
-  if (data->error)
-    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->error)));
-  else
-    g_task_return_boolean(task, TRUE);
-  g_object_unref(task);
-}
-
 /**
  * gvc_input_stream_util_read_all_async: (skip)
  * @stream: a #GInputStream
@@ -52,10 +31,10 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
   GVC_CHECK(buffer != NULL || count == 0);
 
   auto *task = g_task_new(stream, cancellable, callback, user_data);
-  g_task_set_task_data(task, g_slice_new0(gvc::Transfer), free_async_read_all);
+  gvc::Transfer::attach_new(task);
   g_task_set_priority(task, io_priority);
 
-  gvc::read_all(task, buffer, count, io_priority, read_all_done);
+  gvc::read_all(task, buffer, count, io_priority, gvc::Transfer::return_outcome);
 }
 
 /**
@@ -82,6 +61,6 @@ gvc_input_stream_util_read_all_finish(GInputStream *stream, GAsyncResult *result
 
   auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_read)
-    *bytes_read = static_cast<gvc::Transfer *>(g_task_get_task_data(task))->moved;
+    *bytes_read = gvc::Transfer::of(task)->moved;
   return g_task_propagate_boolean(task, error);
 }

@@ -5,27 +5,6 @@
 
 // The mirror image of gvcinputstreamutils.cpp.
 
-static void
-free_async_write_all(gpointer user_data)
-{
-  auto *data = static_cast<gvc::Transfer *>(user_data);
-
-  data->clear();
-  g_slice_free(gvc::Transfer, data);
-}
-
-static void
-write_all_done(GTask *task)
-{
-  auto *data = static_cast<gvc::Transfer *>(g_task_get_task_data(task));
-
-  if (data->error)
-    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->error)));
-  else
-    g_task_return_boolean(task, TRUE);
-  g_object_unref(task);
-}
-
 /**
  * gvc_output_stream_util_write_all_async: (skip)
  * @stream: a #GOutputStream
@@ -55,10 +34,10 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
   GVC_CHECK(buffer != NULL || count == 0);
 
   auto *task = g_task_new(stream, cancellable, callback, user_data);
-  g_task_set_task_data(task, g_slice_new0(gvc::Transfer), free_async_write_all);
+  gvc::Transfer::attach_new(task);
   g_task_set_priority(task, io_priority);
 
-  gvc::write_all(task, buffer, count, io_priority, write_all_done);
+  gvc::write_all(task, buffer, count, io_priority, gvc::Transfer::return_outcome);
 }
 
 /**
@@ -83,6 +62,6 @@ gvc_output_stream_util_write_all_finish(GOutputStream *stream, GAsyncResult *res
 
   auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_written)
-    *bytes_written = static_cast<gvc::Transfer *>(g_task_get_task_data(task))->moved;
+    *bytes_written = gvc::Transfer::of(task)->moved;
   return g_task_propagate_boolean(task, error);
 }

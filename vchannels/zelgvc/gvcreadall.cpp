@@ -14,8 +14,10 @@ stream_of(GTask *task)
 }
 
 static void
-account(Transfer *self, gssize nread)
+account(GTask *task, gssize nread)
 {
+  auto *self = Transfer::of(task);
+
   gvc::assert_not_more(nread, static_cast<gint64>(self->left),
                        {"vchannels/zelgvc/gvcinputstreamutils", 49}, "read_all_callback",
                        "nread <= data->to_read");
@@ -55,24 +57,14 @@ mark_busy(GTask *task)
   return g_input_stream_set_pending(stream_of(task), &Transfer::of(task)->error);
 }
 
-static gboolean
-attempt(GTask *task)
+static gssize
+move(GTask *task)
 {
   auto *self = Transfer::of(task);
-  gssize nread = g_pollable_input_stream_read_nonblocking(
+
+  return g_pollable_input_stream_read_nonblocking(
       reinterpret_cast<GPollableInputStream *>(stream_of(task)), self->buffer + self->moved,
       self->left, g_task_get_cancellable(task), &self->error);
-
-  if (nread >= 0) {
-    account(self, nread);
-    return TRUE;
-  }
-  if (g_error_matches(self->error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
-    g_clear_error(&self->error);
-    return FALSE;
-  }
-  self->ended = TRUE;
-  return TRUE;
 }
 
 static GSource *
@@ -84,29 +76,18 @@ ready_source(GTask *task)
 // ---- By GIO ----
 
 static void
-read_all_callback(GObject *, GAsyncResult *result, gpointer user_data)
+start_gio(GTask *task, GAsyncReadyCallback callback)
 {
-  auto *task = static_cast<GTask *>(user_data);
   auto *self = Transfer::of(task);
-  auto *stream = stream_of(task);
 
-  if (result) {
-    gssize nread = g_input_stream_read_finish(stream, result, &self->error);
-    if (nread >= 0)
-      account(self, nread);
-    if (self->error || self->ended) {
-      finish(task);
-      return;
-    }
-  }
-  g_input_stream_read_async(stream, self->buffer + self->moved, self->left, self->priority,
-                            g_task_get_cancellable(task), read_all_callback, task);
+  g_input_stream_read_async(stream_of(task), self->buffer + self->moved, self->left, self->priority,
+                            g_task_get_cancellable(task), callback, task);
 }
 
-static void
-leave_to_gio(GTask *task)
+static gssize
+finish_gio(GTask *task, GAsyncResult *result)
 {
-  read_all_callback(nullptr, nullptr, task);
+  return g_input_stream_read_finish(stream_of(task), result, &Transfer::of(task)->error);
 }
 
 // ---- Both ----
@@ -114,8 +95,8 @@ leave_to_gio(GTask *task)
 void
 gvc::read_all(GTask *task, void *to, gsize count, int io_priority, void (*done)(GTask *))
 {
-  static const Direction reading = {would_poll,   mark_busy, attempt,
-                                    ready_source, finish,    leave_to_gio};
+  static const Direction reading = {would_poll, mark_busy,  move,    ready_source,
+                                    start_gio,  finish_gio, account, finish};
 
   Transfer::start(task, &reading, static_cast<guint8 *>(to), count, io_priority, done);
 }

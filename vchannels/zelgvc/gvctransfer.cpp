@@ -14,7 +14,64 @@ Transfer::of(GTask *task)
   return static_cast<Transfer *>(g_task_get_task_data(task));
 }
 
-// ---- Waiting ----
+void
+Transfer::attach_new(GTask *task)
+{
+  g_task_set_task_data(task, g_slice_new0(Transfer), [](gpointer data) {
+    auto *self = static_cast<Transfer *>(data);
+    self->clear();
+    g_slice_free(Transfer, self);
+  });
+}
+
+void
+Transfer::return_outcome(GTask *task)
+{
+  auto *self = of(task);
+
+  if (self->error)
+    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&self->error)));
+  else
+    g_task_return_boolean(task, TRUE);
+  g_object_unref(task);
+}
+
+// ---- By GIO ----
+
+static void
+gio_callback(GObject *, GAsyncResult *result, gpointer user_data)
+{
+  auto *task = static_cast<GTask *>(user_data);
+  auto *self = Transfer::of(task);
+  gssize moved = self->direction->finish_gio(task, result);
+
+  if (moved >= 0)
+    self->direction->account(task, moved);
+  if (self->error || self->ended)
+    self->direction->finish(task);
+  else
+    self->direction->start_gio(task, gio_callback);
+}
+
+// ---- By polling ----
+
+// FALSE where the stream is not ready.
+static gboolean
+attempt(GTask *task)
+{
+  auto *self = Transfer::of(task);
+  gssize moved = self->direction->move(task);
+
+  if (moved >= 0) {
+    self->direction->account(task, moved);
+  } else if (g_error_matches(self->error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
+    g_clear_error(&self->error);
+    return FALSE;
+  } else {
+    self->ended = TRUE;
+  }
+  return TRUE;
+}
 
 static void proceed(GTask *task);
 
@@ -82,7 +139,7 @@ proceed(GTask *task)
   for (int attempts = 0; !self->ended && next == Wait::none; attempts++) {
     if (attempts == most_attempts)
       next = Wait::turn;
-    else if (!self->direction->attempt(task))
+    else if (!attempt(task))
       next = Wait::stream;
   }
   if (next != Wait::none)
@@ -92,6 +149,8 @@ proceed(GTask *task)
   else
     wait_for(task, Wait::turn);
 }
+
+// ---- Both ----
 
 static void
 set_up(Transfer *self, const gvc::Direction *direction, guint8 *buffer, gsize count,
@@ -124,6 +183,6 @@ Transfer::start(GTask *task, const Direction *direction, guint8 *buffer, gsize c
     self->ended = !self->pending;
     proceed(task);
   } else {
-    direction->leave_to_gio(task);
+    direction->start_gio(task, gio_callback);
   }
 }

@@ -13,14 +13,17 @@ namespace gvc
 {
 
 // What reading and writing do each in their way, with the stream that is the source of the task.
+// What moves bytes returns how many, or -1 with the error of the transfer set.
 struct Direction {
   gboolean (*would_poll)(GTask *task); // GIO's asynchronous function would
   // Marks the stream as busy, or sets the error where it is closed or busy already.
   gboolean (*mark_busy)(GTask *task);
-  gboolean (*attempt)(GTask *task); // FALSE where the stream is not ready
+  gssize (*move)(GTask *task); // without blocking
   GSource *(*ready_source)(GTask *task);
+  void (*start_gio)(GTask *task, GAsyncReadyCallback callback);
+  gssize (*finish_gio)(GTask *task, GAsyncResult *result);
+  void (*account)(GTask *task, gssize moved);
   void (*finish)(GTask *task); // unmarks the stream and hands the task on
-  void (*leave_to_gio)(GTask *task);
 };
 
 // Who moves the bytes.
@@ -59,6 +62,9 @@ struct Transfer {
   static void start(GTask *task, const Direction *direction, guint8 *buffer, gsize count,
                     int io_priority, void (*to)(GTask *task));
   static Transfer *of(GTask *task);
+  // For where the transfer is all that the task does: its data, and what ends it.
+  static void attach_new(GTask *task);
+  static void return_outcome(GTask *task);
 
   void
   clear()

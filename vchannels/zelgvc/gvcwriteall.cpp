@@ -15,8 +15,10 @@ stream_of(GTask *task)
 }
 
 static void
-account(Transfer *self, gssize nwritten)
+account(GTask *task, gssize nwritten)
 {
+  auto *self = Transfer::of(task);
+
   gvc::assert_not_more(nwritten, static_cast<gint64>(self->left),
                        {"vchannels/zelgvc/gvcoutputstreamutils", 48}, "write_all_callback",
                        "nwritten <= data->to_write");
@@ -86,24 +88,14 @@ would_poll(GTask *task)
          g_pollable_output_stream_can_poll(reinterpret_cast<GPollableOutputStream *>(stream));
 }
 
-static gboolean
-attempt(GTask *task)
+static gssize
+move(GTask *task)
 {
   auto *self = Transfer::of(task);
-  gssize nwritten = g_pollable_output_stream_write_nonblocking(
+
+  return g_pollable_output_stream_write_nonblocking(
       reinterpret_cast<GPollableOutputStream *>(stream_of(task)), self->buffer + self->moved,
       self->left, g_task_get_cancellable(task), &self->error);
-
-  if (nwritten >= 0) {
-    account(self, nwritten);
-    return TRUE;
-  }
-  if (g_error_matches(self->error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
-    g_clear_error(&self->error);
-    return FALSE;
-  }
-  self->ended = TRUE;
-  return TRUE;
 }
 
 static GSource *
@@ -115,29 +107,18 @@ ready_source(GTask *task)
 // ---- By GIO ----
 
 static void
-write_all_callback(GObject *, GAsyncResult *result, gpointer user_data)
+start_gio(GTask *task, GAsyncReadyCallback callback)
 {
-  auto *task = static_cast<GTask *>(user_data);
   auto *self = Transfer::of(task);
-  auto *stream = stream_of(task);
 
-  if (result) {
-    gssize nwritten = g_output_stream_write_finish(stream, result, &self->error);
-    if (nwritten >= 0)
-      account(self, nwritten);
-    if (self->error || self->ended) {
-      finish(task);
-      return;
-    }
-  }
-  g_output_stream_write_async(stream, self->buffer + self->moved, self->left, self->priority,
-                              g_task_get_cancellable(task), write_all_callback, task);
+  g_output_stream_write_async(stream_of(task), self->buffer + self->moved, self->left,
+                              self->priority, g_task_get_cancellable(task), callback, task);
 }
 
-static void
-leave_to_gio(GTask *task)
+static gssize
+finish_gio(GTask *task, GAsyncResult *result)
 {
-  write_all_callback(nullptr, nullptr, task);
+  return g_output_stream_write_finish(stream_of(task), result, &Transfer::of(task)->error);
 }
 
 // ---- Both ----
@@ -145,8 +126,8 @@ leave_to_gio(GTask *task)
 void
 gvc::write_all(GTask *task, const void *from, gsize count, int io_priority, void (*done)(GTask *))
 {
-  static const Direction writing = {would_poll,   mark_busy, attempt,
-                                    ready_source, finish,    leave_to_gio};
+  static const Direction writing = {would_poll, mark_busy,  move,    ready_source,
+                                    start_gio,  finish_gio, account, finish};
 
   // Nothing of this direction stores through it.
   auto *bytes = const_cast<guint8 *>(static_cast<const guint8 *>(from));
