@@ -143,8 +143,11 @@ convert_directly(unsigned kind, View in, Script script, End *end)
     const auto room = decision & 0x80 ? std::size_t{decision} * 64 : std::size_t{decision} + 1;
     // A copy of its own, so that the sanitizer sees every access outside.
     const Bytes part(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(offered));
+    const auto before = out.size();
     const auto call = convert_growing(converter.get(), kind, part, room, flags, &out);
     if (exaggerates(kind, part) && !matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
+      // Whether this block is taken depends on the room, which is another one in a stream.
+      out.resize(before);
       *end = End::exaggerated;
       return out;
     }

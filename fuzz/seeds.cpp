@@ -138,6 +138,9 @@ put_convert(const Corpus &corpus)
   }
   corpus.put("decompress-run", {0}, staged(1, Bytes(10'000, 'a')));
   corpus.put("decompress-lies", {0}, {3, 0, 0, 0, 0xff, 0xff, 0xff, 0xff, 0x11, 0, 0});
+  // Announces more than its payload can hold, and less than the room may have grown to.
+  corpus.put("decompress-boasts", {0, 0, 0, 0x5c},
+             {5, 0, 0, 0, 0, 0, 0x11, 0, 0x12, 'a', 0x11, 0, 0});
   corpus.put("decrypt-lies", {1}, {0, 0, 0, 0x40, 0, 0, 0, 0, 1, 2, 3});
 }
 
