@@ -556,6 +556,33 @@ testReachInLargeInputs()
 }
 
 void
+append(Bytes &to, const Bytes &bytes)
+{
+  to.insert(to.end(), bytes.begin(), bytes.end());
+}
+
+// Pixels of two colours in shapes that come again and again. What follows a pixel differs more than
+// the pixel, so the latest place that begins like this one says little about what comes: the
+// encoder has to look at more bytes, and to do so it has to see that these data shrink well.
+void
+testRepeatedShapes()
+{
+  Random fixed(1);
+  std::vector<Bytes> shapes(16);
+  for (auto &shape : shapes)
+    for (int pixel = 0; pixel < 32; pixel++)
+      shape.insert(shape.end(), 4, fixed() % 4 != 0 ? 0xf0 : 0x10);
+  for (const std::size_t size : {4096, 65536, 200000}) {
+    Bytes content;
+    while (content.size() < size)
+      append(content, shapes[below(fixed, shapes.size())]);
+    checkRoundTrip(content);
+    // Only from the places that begin with the same pixel, a quarter more.
+    g_assert_cmpuint(encode(content).size(), <, content.size() / 5);
+  }
+}
+
+void
 testStateGrowsWithInput()
 {
   g_assert_cmpuint(lzo1x::encoderStateSize(4), <=, 256);
@@ -569,12 +596,6 @@ append(Bytes &to, std::initializer_list<unsigned> bytes)
 {
   for (const unsigned byte : bytes)
     to.push_back(static_cast<std::uint8_t>(byte));
-}
-
-void
-append(Bytes &to, const Bytes &bytes)
-{
-  to.insert(to.end(), bytes.begin(), bytes.end());
 }
 
 void
@@ -979,6 +1000,7 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/worst-case-holds", testWorstCaseHolds);
   g_test_add_func("/lzo1x/matches-reach-as-far-as-the-format", testReachOfMatches);
   g_test_add_func("/lzo1x/matches-are-found-all-over-large-inputs", testReachInLargeInputs);
+  g_test_add_func("/lzo1x/repeated-shapes-are-found-whole", testRepeatedShapes);
   g_test_add_func("/lzo1x/state-grows-with-input", testStateGrowsWithInput);
   g_test_add_func("/lzo1x/every-instruction-in-every-context", testEveryInstruction);
   g_test_add_func("/lzo1x/forms-by-hand", testFormsByHand);

@@ -5,6 +5,7 @@
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
+#include <type_traits>
 
 namespace lzo1x
 {
@@ -12,15 +13,26 @@ namespace lzo1x
 namespace
 {
 
-// The table holds the latest place of a word, under its hash. It starts with zeros, and no place is
-// asked for before 1, so every entry is a place before the one that is asked for; whether the word
-// stands there is always compared. Places count from the beginning of a segment, so that small
-// entries hold them and the table stays in the cache; segments overlap.
+// The table holds the latest place of a key, the bytes at a place, under its hash. It starts with
+// zeros, and no place is asked for before 1, so every entry is a place before the one that is asked
+// for; whether a match stands there is always compared. Places count from the beginning of a
+// segment, so that small entries hold them and the table stays in the cache; segments overlap.
 using Entry = std::uint16_t;
 constexpr std::size_t segmentSize = std::size_t{1} << 16;
 constexpr std::size_t segmentOverlap = segmentSize / 4;
+// From a place before it, no place of the segment is too far for a match.
+constexpr std::size_t firstTooFar = farMaxDistance + 1;
 constexpr unsigned minTableBits = 6;
-constexpr unsigned maxTableBits = 13;
+constexpr unsigned maxTableBits = 12;
+
+// A key has the bytes of the shortest match, or more where the data shrink so well that the longer
+// match is worth more than the nearer one: behind a stretch that has shrunk by more than
+// longKeyGain. The first stretches are short, so that this soon comes to bear.
+constexpr unsigned shortKey = 4;
+constexpr unsigned longKey = 6;
+constexpr std::size_t longKeyGain = 4;
+constexpr std::size_t firstStretch = 512;
+constexpr std::size_t stretchGrowth = 8;
 
 // Matches of 4 bytes and more are taken. Near ones save at least 2 bytes, and so do all of 5 and
 // more; one of 4 bytes from farther than nearMaxDistance saves 1. What a match saves pays for the
@@ -70,9 +82,12 @@ lengthBytesSize(std::size_t rest)
 std::uint8_t *
 putLengthBytes(std::uint8_t *to, std::size_t rest)
 {
-  for (; rest > lengthByteStep; rest -= lengthByteStep)
-    *to++ = 0;
-  *to++ = static_cast<std::uint8_t>(rest);
+  const std::size_t zeros = lengthBytesSize(rest) - 1;
+  if (zeros > 0) {
+    std::memset(to, 0, zeros);
+    to += zeros;
+  }
+  *to++ = static_cast<std::uint8_t>(rest - zeros * lengthByteStep);
   return to;
 }
 
@@ -169,32 +184,37 @@ putEndMarker(Encoder &at)
   return true;
 }
 
-// How many of the first 16 bytes are equal. In two steps: the next search waits for the result, and
-// the first one mostly has it.
-[[gnu::always_inline]] inline std::size_t
-commonFew(const std::uint8_t *a, const std::uint8_t *b) noexcept
+// In how many bytes two words agree that are not the same, given their differing bits.
+template <typename Word>
+constexpr std::size_t
+equalBytes(Word differing) noexcept
 {
-  const auto low = loadLittleEndian<std::uint64_t>(a) ^ loadLittleEndian<std::uint64_t>(b);
-  if (low != 0) [[likely]]
-    return static_cast<std::size_t>(std::countr_zero(low)) / 8;
-  const auto high = loadLittleEndian<std::uint64_t>(a + 8) ^ loadLittleEndian<std::uint64_t>(b + 8);
-  return 8 + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+  return static_cast<unsigned>(std::countr_zero(differing)) / 8;
 }
 
-// How many bytes are equal up to bEnd, where the first ones have been found equal.
+// How many bytes are equal up to bEnd, where the first `compared` have been found equal.
 std::size_t
 commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
 {
   std::size_t length = compared;
-  while (static_cast<std::size_t>(bEnd - b) >= length + compared) {
-    const std::size_t more = commonFew(a + length, b + length);
-    length += more;
-    if (more < compared)
-      return length;
+  for (; static_cast<std::size_t>(bEnd - b) >= length + 8; length += 8) {
+    const auto differing =
+        loadLittleEndian<std::uint64_t>(a + length) ^ loadLittleEndian<std::uint64_t>(b + length);
+    if (differing != 0)
+      return length + equalBytes(differing);
   }
   while (b + length < bEnd && a[length] == b[length])
     length++;
   return length;
+}
+
+// The same value, and the compiler does not know it. So it computes no address of it ahead, or for
+// two uses at once, on the way that the next search waits for.
+[[gnu::always_inline]] inline std::size_t
+unrelated(std::size_t value) noexcept
+{
+  asm("" : "+r"(value));
+  return value;
 }
 
 // How much may be written behind a quick sequence: literals with a header byte, then a match of 3
@@ -231,18 +251,64 @@ putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) n
   return written + 3 - near;
 }
 
+// The same for what the far form without length bytes can say.
+[[gnu::always_inline]] inline std::uint8_t *
+putQuickFarMatch(std::uint8_t *written, std::size_t length, std::size_t distance) noexcept
+{
+  const auto code = static_cast<std::uint32_t>(distance - middleMaxDistance);
+  const auto size = static_cast<std::uint32_t>(length);
+  static_assert(farHighDistance == 1U << 14);
+  const std::uint32_t mark = farMark | (code >> 14) * farHighBit;
+  storeLittleEndian(written, (mark + size - 2) | (code % farHighDistance) << (8 + 2));
+  return written + 3;
+}
+
+// Holds a key in its low bytes; what stands above does not count.
+template <unsigned bytes>
+using Key = std::conditional_t<bytes <= sizeof(std::uint32_t), std::uint32_t, std::uint64_t>;
+
+template <unsigned bytes>
+constexpr unsigned
+hashShift(unsigned bits) noexcept
+{
+  return 8 * sizeof(Key<bytes>) - bits;
+}
+
+template <unsigned bytes>
+[[gnu::always_inline]] inline std::size_t
+hash(Key<bytes> key, unsigned shift) noexcept
+{
+  constexpr auto factor = static_cast<Key<bytes>>(
+      sizeof key == sizeof(std::uint32_t) ? 0x9e3779b1U : 0x9e3779b97f4a7c15U);
+  return static_cast<std::size_t>((key << 8 * (sizeof key - bytes)) * factor >> shift);
+}
+
+// Enters the places of a segment before `end` into a table that has them under other keys. Not all
+// of them: a match that begins between two is found at its next one.
+template <unsigned keyBytes>
+void
+learn(const std::uint8_t *segment, std::size_t end, Entry *table, unsigned bits) noexcept
+{
+  constexpr std::size_t step = 4;
+  for (std::size_t place = 1; place < end; place += step)
+    table[hash<keyBytes>(loadLittleEndian<Key<keyBytes>>(segment + place),
+                         hashShift<keyBytes>(bits))] = static_cast<Entry>(place);
+}
+
 // Puts the matches of a segment into the output that `at` describes, whose `pending` and `written`
 // are kept here. Places count from the beginning of the segment, which is searched from `first` on,
-// where at least tinyInput bytes are left.
-class Matcher
+// where at least tinyInput bytes are left, up to `end`.
+template <unsigned keyBytes, bool endsTooFar> class Matcher
 {
+  using Key = lzo1x::Key<keyBytes>;
+
 public:
-  Matcher(const Encoder &start, const std::uint8_t *segment, std::size_t first, Entry *entries,
-          unsigned bits) noexcept
-      : at(start), table(entries), shift(32 - bits), begin(segment), written(start.written),
-        quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
+  Matcher(const Encoder &start, const std::uint8_t *segment, std::size_t first, std::size_t end,
+          Entry *entries, unsigned bits) noexcept
+      : at(start), table(entries), shift(hashShift<keyBytes>(bits)), begin(segment),
+        written(start.written), quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
         last(std::min(static_cast<std::size_t>(start.readEnd - segment) - (minMatch + compared),
-                      segmentSize - 1)),
+                      end - 1)),
         pending(start.pending), read(first)
   {
   }
@@ -274,44 +340,83 @@ private:
     return static_cast<std::size_t>(begin + read - pending);
   }
 
-  [[gnu::always_inline]] std::uint32_t
-  wordAt(std::size_t place) const noexcept
+  [[gnu::always_inline]] Key
+  keyAt(std::size_t place) const noexcept
   {
-    return loadLittleEndian<std::uint32_t>(begin + place);
+    return loadLittleEndian<Key>(begin + place);
   }
 
-  // The latest place of `word`, or any one before `place`; it is `place` from now on.
-  [[gnu::always_inline]] std::size_t
-  exchange(std::uint32_t word, std::size_t place) noexcept
+  [[gnu::always_inline]] std::uint64_t
+  eightAt(std::size_t place) const noexcept
   {
-    Entry &entry = table[word * 0x9e3779b1U >> shift];
-    const std::size_t latest = entry;
-    entry = static_cast<Entry>(place);
+    return loadLittleEndian<std::uint64_t>(begin + place);
+  }
+
+  // The latest place of `some` key, or any one before `place`; it is `place` from now on.
+  [[gnu::always_inline]] std::size_t
+  exchange(Key some, std::size_t place) noexcept
+  {
+    const std::size_t entry = hash<keyBytes>(some, shift);
+    const std::size_t latest = table[entry];
+    table[unrelated(entry)] = static_cast<Entry>(place);
     return latest;
   }
 
-  // Whether a match begins at `read`. Sets `from` and, if so, `length`.
+  // Whether a match begins at `read`, where `key` is. Sets `from` and, if so, `length` and `key`,
+  // which is then the one behind the match: mostly it stands in the bytes that are at hand, and
+  // they are there before a load from a place that depends on the length.
   [[gnu::always_inline]] bool
   matches() noexcept
   {
-    const std::uint32_t word = wordAt(read);
-    from = exchange(word, read);
-    if (wordAt(from) != word || read - from > farMaxDistance)
+    from = exchange(key, read);
+    if (loadLittleEndian<std::uint32_t>(begin + from) != static_cast<std::uint32_t>(key))
       return false;
-    length = commonFew(begin + from + minMatch, begin + read + minMatch);
-    if (length == compared) [[unlikely]]
-      length = commonMany(begin + from + minMatch, begin + read + minMatch, at.readEnd);
-    length += minMatch;
+    if (endsTooFar && read - from > farMaxDistance)
+      return false;
+    const auto here = eightAt(read + minMatch);
+    const auto behind = eightAt(read + minMatch + 8);
+    const auto differing = here ^ eightAt(from + minMatch);
+    if (differing != 0) [[likely]] {
+      const auto equalBits = static_cast<unsigned>(std::countr_zero(differing)) & ~7U;
+      length = minMatch + equalBits / 8;
+      key = static_cast<Key>(here >> equalBits | behind << 1 << (equalBits ^ 63));
+    } else {
+      measureOn(unrelated(from), unrelated(read), behind);
+      key = keyAt(std::min(read + length, last));
+    }
     return true;
   }
 
-  // The longer there was no match, the farther apart are the places tried.
+  // Sets `length` for a match of at least minMatch + 8 bytes; `behind` follows these at `to`.
+  [[gnu::always_inline]] void
+  measureOn(std::size_t before, std::size_t to, std::uint64_t behind) noexcept
+  {
+    const auto differing = behind ^ eightAt(before + minMatch + 8);
+    length = minMatch;
+    if (differing != 0) [[likely]]
+      length += 8 + equalBytes(differing);
+    else
+      length += commonMany(begin + before + minMatch, begin + to + minMatch, at.readEnd);
+  }
+
+  // Goes through all places for as long as there have been few literals. The longer there was no
+  // match then, the farther apart are the places tried.
   [[gnu::always_inline]] bool
   find() noexcept
   {
-    for (; read <= last; read += 1 + (literals() >> 5))
+    constexpr std::size_t few = 32;
+    const std::size_t count = literals();
+    const std::size_t denseEnd = std::min(last + 1, read + (count < few ? few - count : 0));
+    for (; read < denseEnd; read++) {
+      key = keyAt(read);
       if (matches())
         return true;
+    }
+    for (; read <= last; read += 1 + literals() / few) {
+      key = keyAt(read);
+      if (matches())
+        return true;
+    }
     return false;
   }
 
@@ -323,7 +428,8 @@ private:
       return false;
     if (matches())
       return true;
-    exchange(wordAt(read - 2), read - 2);
+    exchange(keyAt(read - 1), read - 1);
+    exchange(keyAt(read - 2), read - 2);
     read++;
     return false;
   }
@@ -335,9 +441,10 @@ private:
     const std::size_t most = literals();
     std::size_t equal = 0;
     if (from >= 8) [[likely]] {
-      const auto differing = loadLittleEndian<std::uint64_t>(begin + read - 8) ^
-                             loadLittleEndian<std::uint64_t>(begin + from - 8);
-      equal = std::min(static_cast<std::size_t>(std::countl_zero(differing | 1)) / 8, most);
+      // The last byte in front, as that is the end that instructions count zeros from best. The bit
+      // ends the count where all are equal.
+      const auto differing = __builtin_bswap64(eightAt(read - 8) ^ eightAt(from - 8));
+      equal = std::min(equalBytes(differing | std::uint64_t{1} << 63), most);
     } else {
       while (equal < most && equal < from && begin[read - 1 - equal] == begin[from - 1 - equal])
         equal++;
@@ -368,10 +475,12 @@ private:
   put() noexcept
   {
     const std::size_t distance = read - from;
+    const bool quick = written < quickEnd;
     bool fits = true;
-    if ((length <= middleShortMax) & (distance <= middleMaxDistance) & (written < quickEnd))
-        [[likely]] {
+    if (quick & (length <= middleShortMax) && distance <= middleMaxDistance) [[likely]] {
       written = putQuickMatch(written, length, distance);
+    } else if (quick & (length <= farShortMax) && distance > middleMaxDistance) {
+      written = putQuickFarMatch(written, length, distance);
     } else {
       Encoder careful = at;
       careful.written = written;
@@ -395,6 +504,7 @@ private:
   std::size_t read;
   std::size_t from = 0;
   std::size_t length = 0;
+  Key key = 0; // at `read`, where a match ended
 };
 
 } // namespace
@@ -439,9 +549,35 @@ forget(Entry *table, unsigned bits, std::size_t places) noexcept
   for (std::size_t i = 0; i < std::size_t{1} << bits; i += entries) {
     Entries some;
     std::memcpy(&some, table + i, sizeof some);
-    some = some > less ? some - less : some ^ some;
+    // As compilers take it for a subtraction that stops at zero.
+    some = (some > less ? some : less + (some ^ some)) - less;
     std::memcpy(table + i, &some, sizeof some);
   }
+}
+
+} // namespace
+
+namespace
+{
+
+// Puts the matches of a stretch of a segment, by a Matcher that knows beforehand what it can.
+template <unsigned keyBytes>
+[[gnu::always_inline]] inline bool
+putMatches(Encoder &at, const std::uint8_t *segment, std::size_t &first, std::size_t end,
+           Entry *table, unsigned bits) noexcept
+{
+  const Encoder start = at;
+  if (end > firstTooFar)
+    return Matcher<keyBytes, true>(start, segment, first, end, table, bits).run(at, first);
+  return Matcher<keyBytes, false>(start, segment, first, end, table, bits).run(at, first);
+}
+
+// Whether long keys suit what has been encoded between the two.
+bool
+shrinksWell(const Encoder &from, const Encoder &to) noexcept
+{
+  return static_cast<std::size_t>(to.written - from.written) * longKeyGain <
+         static_cast<std::size_t>(to.pending - from.pending);
 }
 
 } // namespace
@@ -461,16 +597,31 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
              .writtenEnd = out.data() + out.size()};
   const std::uint8_t *segment = in.data();
   std::memset(table, 0, sizeof(Entry) << bits);
+  std::size_t end = firstStretch;
+  bool longKeys = false;
   for (std::size_t first = 1;;) {
     const Encoder start = at;
-    if (!Matcher(start, segment, first, table, bits).run(at, first))
+    const bool fits = longKeys ? putMatches<longKey>(at, segment, first, end, table, bits)
+                               : putMatches<shortKey>(at, segment, first, end, table, bits);
+    if (!fits)
       return {Status::noRoom, 0};
     if (static_cast<std::size_t>(at.readEnd - segment) <= first + tinyInput)
       break;
-    const std::size_t forgotten = first - segmentOverlap;
-    forget(table, bits, forgotten);
-    segment += forgotten;
-    first = segmentOverlap;
+    if (at.pending > start.pending && shrinksWell(start, at) != longKeys) {
+      longKeys = !longKeys;
+      (longKeys ? learn<longKey> : learn<shortKey>)(segment, std::min(first, end), table, bits);
+    }
+    if (end < firstTooFar) {
+      end = std::min(end * stretchGrowth, firstTooFar);
+    } else if (end < segmentSize) {
+      end = segmentSize;
+    } else {
+      const std::size_t forgotten = first - segmentOverlap;
+      forget(table, bits, forgotten);
+      segment += forgotten;
+      first = segmentOverlap;
+      end = firstTooFar;
+    }
   }
   if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
     return {Status::noRoom, 0};
