@@ -405,9 +405,10 @@ private:
   find() noexcept
   {
     constexpr std::size_t few = 32;
-    const std::size_t count = literals();
-    const std::size_t denseEnd = std::min(last + 1, read + (count < few ? few - count : 0));
-    for (; read < denseEnd; read++) {
+    // The literals can begin before the segment.
+    const auto denseEnd = std::min(static_cast<std::ptrdiff_t>(last + 1),
+                                   pending - begin + static_cast<std::ptrdiff_t>(few));
+    for (; static_cast<std::ptrdiff_t>(read) < denseEnd; read++) {
       key = keyAt(read);
       if (matches())
         return true;
