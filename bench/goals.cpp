@@ -76,6 +76,76 @@ converterGoal(const Report &report, const char *direction)
   return judge(who + " beside the bare codec, blocks of 4 KiB and more", true, 0.97, "", samples);
 }
 
+// One sample: the geometric mean.
+Samples
+meanOf(const Samples &samples)
+{
+  if (samples.empty())
+    return {};
+  double logarithms = 0;
+  for (const auto &sample : samples)
+    logarithms += std::log(sample.value);
+  auto count = samples.size();
+  return {{std::exp(logarithms / static_cast<double>(count)),
+           "mean of " + std::to_string(count) + " rows"}};
+}
+
+struct Sizes {
+  std::int64_t least;
+  std::int64_t most;
+};
+
+constexpr Sizes largeBlocks{4096, INT64_MAX};
+
+Samples
+codecSamples(const Report &report, const char *direction, Sizes sizes, const char *subject,
+             const char *yardstick)
+{
+  return samplesOf(report, "codec", [=](const Row &row) {
+    bool counts = row.text("direction") == direction && row.number("size") >= sizes.least &&
+                  row.number("size") <= sizes.most;
+    return counts ? ratioOf(row, subject, yardstick) : NAN;
+  });
+}
+
+// The decoder on the streams of one of the two encoders.
+std::vector<Goal>
+decoderGoals(const Report &report, const char *subject, const char *yardstick,
+             const std::string &whose)
+{
+  auto large = codecSamples(report, "decode", largeBlocks, subject, yardstick);
+  return {
+      judge("Decoding " + whose + " beside liblzo2, blocks of 4 KiB and more, geometric mean", true,
+            2.5, "", meanOf(large)),
+      judge("Decoding " + whose + " beside liblzo2, blocks of 4 KiB and more, each", true, 1.5, "",
+            large),
+      judge("Decoding " + whose + " beside liblzo2, blocks of 64 B to 1 KiB, each", true, 1.2, "",
+            codecSamples(report, "decode", {64, 1024}, subject, yardstick)),
+  };
+}
+
+std::vector<Goal>
+encoderGoals(const Report &report)
+{
+  auto sizes = samplesOf(report, "codec", [](const Row &row) {
+    const auto *own = row.figure("codec size %");
+    const auto *other = row.figure("lzo size %");
+    return own && other ? 100 * own->spread.median / other->spread.median : NAN;
+  });
+  auto random = samplesOf(report, "codec", [](const Row &row) {
+    bool counts = row.text("direction") == "encode" && row.text("corpus") == "random";
+    return counts ? ratioOf(row, "codec", "lzo") : NAN;
+  });
+  return {
+      judge("Encoding beside liblzo2, blocks of 4 KiB and more, geometric mean", true, 1.2, "",
+            meanOf(codecSamples(report, "encode", largeBlocks, "codec", "lzo"))),
+      judge("Encoding beside liblzo2, blocks of 4 to 512 B, each", true, 1, "",
+            codecSamples(report, "encode", {4, 512}, "codec", "lzo")),
+      judge("Encoding random bytes beside liblzo2, each", true, 1, "", random),
+      judge("Encoded size over that of liblzo2, each", false, 100, " %", sizes),
+  };
+}
+
 // By how many percent the dearest of the sizes from 64 KiB on is above the cheapest.
 Goal
 flatnessGoal(const Report &report, const char *stages)
@@ -123,7 +193,7 @@ stageSamples(const Report &report, const char *parameter)
 std::vector<Goal>
 goalsOf(const Report &report)
 {
-  return {
+  std::vector<Goal> goals = {
       judge("Asynchronous frames of 64 B beside a filter that is not pollable", true, 15, "",
             messageSamples(report, "async", 64, "not pollable")),
       judge("Asynchronous frames of 64 B beside hand-written GIO", true, 0.8, "",
@@ -158,6 +228,15 @@ goalsOf(const Report &report)
       flatnessGoal(report, "plain"),
       flatnessGoal(report, "both"),
   };
+  for (const auto &more :
+       {decoderGoals(report, "codec", "lzo", "our streams"),
+        decoderGoals(report, "codec on lzo's", "lzo on lzo's", "liblzo2's"), encoderGoals(report)})
+    goals.insert(goals.end(), more.begin(), more.end());
+  goals.push_back(judge("Decoding beside LZ4 on its own streams, blocks of 4 KiB and more, "
+                        "geometric mean",
+                        true, 0.75, "",
+                        meanOf(codecSamples(report, "decode", largeBlocks, "codec", "lz4"))));
+  return goals;
 }
 
 } // namespace bench
