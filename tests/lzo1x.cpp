@@ -328,9 +328,27 @@ allSymbols(Random &random, std::size_t size)
 // One kind after the other in one block.
 Bytes mixture(Random &random, std::size_t size);
 
+// Pixels of two colours in shapes that come again and again: these shrink so well that the encoder
+// looks for longer matches.
+Bytes
+shapes(Random &random, std::size_t size)
+{
+  std::vector<Bytes> all(16);
+  for (auto &shape : all)
+    for (int pixel = 0; pixel < 32; pixel++)
+      shape.insert(shape.end(), 4, random() % 4 != 0 ? 0xf0 : 0x10);
+  Bytes bytes;
+  while (bytes.size() < size) {
+    const Bytes &shape = all[below(random, all.size())];
+    bytes.insert(bytes.end(), shape.begin(), shape.end());
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
 using Generator = Bytes (*)(Random &, std::size_t);
 constexpr Generator generators[] = {allSymbols, fewSymbols, runs,      textLike, periodic,
-                                    farRepeats, sparse,     fileSlice, mixture};
+                                    farRepeats, sparse,     fileSlice, shapes,   mixture};
 
 Bytes
 mixture(Random &random, std::size_t size)
@@ -455,6 +473,20 @@ testEveryRoom()
   }
 }
 
+// Wherever in a large input the room ends.
+void
+testTooLittleRoomForLargeInputs()
+{
+  Random random = seeded();
+  for (const auto generator : generators) {
+    const Bytes content = generator(random, 150000);
+    const std::size_t size = encode(content).size();
+    for (int i = 0; i < 60; i++)
+      g_assert_true(encodeAgainst(Guarded::Against::back, content, below(random, size)).status ==
+                    Status::noRoom);
+  }
+}
+
 // Inputs that come as near to the bound as matches can drive them: matches of the least gain, each
 // followed by a run whose header just takes another byte.
 void
@@ -561,21 +593,14 @@ append(Bytes &to, const Bytes &bytes)
   to.insert(to.end(), bytes.begin(), bytes.end());
 }
 
-// Pixels of two colours in shapes that come again and again. What follows a pixel differs more than
-// the pixel, so the latest place that begins like this one says little about what comes: the
-// encoder has to look at more bytes, and to do so it has to see that these data shrink well.
+// What follows a pixel differs more than the pixel, so the latest place that begins like this one
+// says little about what comes.
 void
 testRepeatedShapes()
 {
   Random fixed(1);
-  std::vector<Bytes> shapes(16);
-  for (auto &shape : shapes)
-    for (int pixel = 0; pixel < 32; pixel++)
-      shape.insert(shape.end(), 4, fixed() % 4 != 0 ? 0xf0 : 0x10);
   for (const std::size_t size : {4096, 65536, 200000}) {
-    Bytes content;
-    while (content.size() < size)
-      append(content, shapes[below(fixed, shapes.size())]);
+    const Bytes content = shapes(fixed, size);
     checkRoundTrip(content);
     // Only from the places that begin with the same pixel, a quarter more.
     g_assert_cmpuint(encode(content).size(), <, content.size() / 5);
@@ -997,6 +1022,7 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/decodes-liblzo2-streams", testPeerStreams);
   g_test_add_func("/lzo1x/writes-only-within-its-room", testRoomIsRespected);
   g_test_add_func("/lzo1x/every-room-succeeds-or-fails-cleanly", testEveryRoom);
+  g_test_add_func("/lzo1x/too-little-room-for-large-inputs", testTooLittleRoomForLargeInputs);
   g_test_add_func("/lzo1x/worst-case-holds", testWorstCaseHolds);
   g_test_add_func("/lzo1x/matches-reach-as-far-as-the-format", testReachOfMatches);
   g_test_add_func("/lzo1x/matches-are-found-all-over-large-inputs", testReachInLargeInputs);
