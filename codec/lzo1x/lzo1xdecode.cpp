@@ -147,8 +147,13 @@ readLengthBytes(const std::uint8_t *&read, const std::uint8_t *readEnd, std::siz
                 std::size_t &length) noexcept
 {
   const std::uint8_t *const first = read;
-  while (read < readEnd && *read == 0)
-    read++;
+  if (read < readEnd && *read == 0) [[unlikely]] {
+    // A long run of literals has so many that they take time.
+    while (readEnd - read >= 8 && loadLittleEndian<std::uint64_t>(read) == 0)
+      read += 8;
+    while (read < readEnd && *read == 0)
+      read++;
+  }
   if (read >= readEnd)
     return Status::inputOverrun;
   const auto zeros = static_cast<std::size_t>(read - first);
