@@ -115,13 +115,12 @@ measureConverters(Report &report)
   report.begin(
       "converters", "Compressor and decompressor beside the bare codec, liblzo2 and LZ4",
       "convert() of one block after the other, from 64 B on of a corpus of 1 MiB, all of it: what "
-      "is "
-      "less, the processor's branch predictor learns by heart over the rounds, the sooner the more "
-      "contenders call the same code. codec: the library's own codec called without the converter, "
-      "its working memory at hand; thin: that call inside a GConverter that does nothing else; "
-      "lzo: "
-      "lzo1x_1 and lzo1x_decompress_safe; lz4: LZ4_compress_fast_extState and LZ4_decompress_safe, "
-      "each decoder on what its own encoder wrote. One thread.");
+      "is less, the processor's branch predictor learns by heart over the rounds, the sooner the "
+      "more contenders call the same code. codec: the library's own codec called without the "
+      "converter, its working memory at hand; thin: that call inside a GConverter that does "
+      "nothing "
+      "else; lzo: lzo1x_1 and lzo1x_decompress_safe; lz4: LZ4_compress_fast_extState and "
+      "LZ4_decompress_safe, each decoder on what its own encoder wrote. One thread.");
   std::vector<std::size_t> sizes = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
   if (report.effort().quick)
     sizes = {4, 4096, 65536};

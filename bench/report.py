@@ -333,29 +333,28 @@ def converters_section(page, results):
 def codec_section(page, results):
     if not begin(page, results, "codec"):
         return
-    encode = results.rows("codec", direction="encode")
-    page.add("### Encode",
-             verdict(encode, "codec", "lzo", "liblzo2"), verdict(encode, "codec", "lz4", "LZ4"),
-             "Where data repeat, all three walk one chain from match to match: the bytes behind a "
-             "match, their hash, the table, the place, the length of the next match. No other work "
-             "shortens it; what remains is mostly mispredicted branches. Ours takes the bytes "
-             "behind a match from a register instead of the memory. Random bytes are bound by "
-             "clearing the table and copying.",
-             "In a cell: the codec, and that divided by liblzo2 and by LZ4.",
-             pivot_table(encode, "codec", ["lzo", "lz4"]))
-    decode = results.rows("codec", direction="decode")
-    page.add("### Decode",
-             verdict(decode, "codec", "lzo", "liblzo2"), verdict(decode, "codec", "lz4", "LZ4"),
-             "The next instruction waits for the length of this one, which LZ4 knows sooner: LZO's "
-             "instructions have two or three bytes and say in one of two places how many literals "
-             "follow. Pixels hold matches that overlap what they write, and each of these is a "
-             "branch mispredicted.",
-             "In a cell: the codec, and that divided by liblzo2 and by LZ4.",
-             pivot_table(decode, "codec", ["lzo", "lz4"]),
-             "### Decode what lzo1x_1 wrote",
-             verdict(decode, "codec on lzo's", "lzo on lzo's", "liblzo2"),
+    bounds = {
+        "encode": "Where data repeat, all three walk one chain from match to match: the bytes behind "
+                  "a match, their hash, the table, the place, the length of the next match. No other "
+                  "work shortens it; what remains is mostly mispredicted branches. Ours takes the "
+                  "bytes behind a match from a register instead of the memory. Large random blocks "
+                  "are bound by copying.",
+        "decode": "The next instruction waits for the length of this one, which LZ4 knows sooner: "
+                  "LZO's instructions have two or three bytes and say in one of two places how many "
+                  "literals follow. Pixels hold matches that overlap what they write; these leave "
+                  "the fast way by a branch that is hard to predict.",
+    }
+    for direction, bound in bounds.items():
+        rows = results.rows("codec", direction=direction)
+        page.add(f"### {direction.capitalize()}",
+                 verdict(rows, "codec", "lzo", "liblzo2"), verdict(rows, "codec", "lz4", "LZ4"),
+                 bound, "In a cell: the codec, and that divided by liblzo2 and by LZ4.",
+                 pivot_table(rows, "codec", ["lzo", "lz4"]))
+    rows = results.rows("codec", direction="decode")
+    page.add("### Decode what lzo1x_1 wrote",
+             verdict(rows, "codec on lzo's", "lzo on lzo's", "liblzo2"),
              "In a cell: the codec, and that divided by liblzo2.",
-             pivot_table(decode, "codec on lzo's", ["lzo on lzo's"]))
+             pivot_table(rows, "codec on lzo's", ["lzo on lzo's"]))
     sizes = sorted({row["size"] for row in results.rows("codec", direction="encode")})
     corpora = list(dict.fromkeys(row["corpus"] for row in results.rows("codec")))
     lines = []
