@@ -58,7 +58,6 @@ tableBits(std::size_t size)
 // What is still to be encoded and where it goes. Invariants: [pending, read) are literals not yet
 // written, `written` never passes writtenEnd.
 struct Encoder {
-  const std::uint8_t *const begin;
   const std::uint8_t *const readEnd;
   const std::uint8_t *pending;
   std::uint8_t *written;
@@ -590,8 +589,7 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
     return encodeTiny(in, out);
   const unsigned bits = tableBits(in.size());
   auto *const table = reinterpret_cast<Entry *>(state.data());
-  Encoder at{.begin = in.data(),
-             .readEnd = in.data() + in.size(),
+  Encoder at{.readEnd = in.data() + in.size(),
              .pending = in.data(),
              .written = out.data(),
              .outBegin = out.data(),
