@@ -512,45 +512,6 @@ new_stream(bool input, Flavour flavour, const std::shared_ptr<Faults> &faults)
   return stream;
 }
 
-/* ---- The socket connection that hands them out ---- */
-
-struct FaultyConnection {
-  GSocketConnection parent;
-  GInputStream *in;
-  GOutputStream *out;
-};
-struct FaultyConnectionClass {
-  GSocketConnectionClass parent_class;
-};
-
-G_DEFINE_TYPE(FaultyConnection, faulty_connection, G_TYPE_SOCKET_CONNECTION)
-
-void
-faulty_connection_init(FaultyConnection *)
-{
-}
-
-void
-faulty_connection_finalize(GObject *object)
-{
-  const auto self = reinterpret_cast<FaultyConnection *>(object);
-  G_OBJECT_CLASS(faulty_connection_parent_class)->finalize(object);
-  g_clear_object(&self->in);
-  g_clear_object(&self->out);
-}
-
-void
-faulty_connection_class_init(FaultyConnectionClass *klass)
-{
-  G_OBJECT_CLASS(klass)->finalize = faulty_connection_finalize;
-  G_IO_STREAM_CLASS(klass)->get_input_stream = [](GIOStream *stream) {
-    return reinterpret_cast<FaultyConnection *>(stream)->in;
-  };
-  G_IO_STREAM_CLASS(klass)->get_output_stream = [](GIOStream *stream) {
-    return reinterpret_cast<FaultyConnection *>(stream)->out;
-  };
-}
-
 } // namespace
 
 void
@@ -577,18 +538,13 @@ Rig::Rig(Flavour flavour, int stages)
     : flavour_(flavour), stages_(stages), faults_(std::make_shared<Faults>()),
       cancellable_(g_cancellable_new())
 {
-  Error error;
-  const auto bare = own(
-      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_DEFAULT, &error));
-  error.assert_none();
-  const auto connection = own(static_cast<FaultyConnection *>(
-      g_object_new(faulty_connection_get_type(), "socket", bare.get(), nullptr)));
-  connection->in = static_cast<GInputStream *>(new_stream(true, flavour, faults_));
-  connection->out = static_cast<GOutputStream *>(new_stream(false, flavour, faults_));
-  channel_ = own(gvc_connection_new(&connection->parent));
-  for (gpointer object : {gpointer(connection.get()), gpointer(connection->in),
-                          gpointer(connection->out), gpointer(cancellable_.get())})
+  auto in = own(static_cast<GInputStream *>(new_stream(true, flavour, faults_)));
+  auto out = own(static_cast<GOutputStream *>(new_stream(false, flavour, faults_)));
+  for (gpointer object : {gpointer(in.get()), gpointer(out.get()), gpointer(cancellable_.get())})
     lives_.add(object);
+  const auto connection = new_connection_over(std::move(in), std::move(out));
+  lives_.add(connection.get());
+  channel_ = own(gvc_connection_new(connection.get()));
   lives_.add(channel_.get());
   add_stages(channel_.get(), stages, &lives_);
 }

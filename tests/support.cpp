@@ -1062,6 +1062,64 @@ new_scripted_filter_output(GType parent, GOutputStream *base, std::shared_ptr<Sc
   return stream;
 }
 
+/* ---- Connections over streams ---- */
+
+namespace
+{
+
+struct StreamConnection {
+  GSocketConnection parent;
+  GInputStream *in;
+  GOutputStream *out;
+};
+struct StreamConnectionClass {
+  GSocketConnectionClass parent_class;
+};
+
+G_DEFINE_TYPE(StreamConnection, stream_connection, G_TYPE_SOCKET_CONNECTION)
+
+void
+stream_connection_init(StreamConnection *)
+{
+}
+
+void
+stream_connection_finalize(GObject *object)
+{
+  const auto self = reinterpret_cast<StreamConnection *>(object);
+  G_OBJECT_CLASS(stream_connection_parent_class)->finalize(object);
+  g_clear_object(&self->in);
+  g_clear_object(&self->out);
+}
+
+void
+stream_connection_class_init(StreamConnectionClass *klass)
+{
+  G_OBJECT_CLASS(klass)->finalize = stream_connection_finalize;
+  G_IO_STREAM_CLASS(klass)->get_input_stream = [](GIOStream *stream) {
+    return reinterpret_cast<StreamConnection *>(stream)->in;
+  };
+  G_IO_STREAM_CLASS(klass)->get_output_stream = [](GIOStream *stream) {
+    return reinterpret_cast<StreamConnection *>(stream)->out;
+  };
+}
+
+} // namespace
+
+Ref<GSocketConnection>
+new_connection_over(Ref<GInputStream> in, Ref<GOutputStream> out)
+{
+  Error error;
+  const auto bare = own(
+      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_DEFAULT, &error));
+  error.assert_none();
+  const auto connection = static_cast<StreamConnection *>(
+      g_object_new(stream_connection_get_type(), "socket", bare.get(), nullptr));
+  connection->in = in.release();
+  connection->out = out.release();
+  return own(&connection->parent);
+}
+
 /* ---- Main loop ---- */
 
 namespace
@@ -1341,47 +1399,33 @@ assert_overrides_nothing(GType stream_type)
 namespace
 {
 
-struct Mapping {
-  std::function<guint8(guint8)> map;
-  gsize max_per_call;
-};
+GQuark
+conversion_quark()
+{
+  return g_quark_from_static_string("test-conversion");
+}
 
 GConverterResult
-map_convert(GConverter *converter, const void *in, gsize in_size, void *out, gsize out_size,
-            GConverterFlags flags, gsize *read, gsize *written, GError **error)
+convert(GConverter *converter, const void *in, gsize in_size, void *out, gsize out_size,
+        GConverterFlags flags, gsize *read, gsize *written, GError **error)
 {
-  const auto mapping = static_cast<Mapping *>(
-      g_object_get_qdata(G_OBJECT(converter), g_quark_from_static_string("test-mapping")));
-  const gsize count = std::min({in_size, out_size, mapping->max_per_call});
-  if (count == 0 && in_size != 0) {
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "No room");
-    return G_CONVERTER_ERROR;
-  }
-  if (count == 0 && (flags & (G_CONVERTER_INPUT_AT_END | G_CONVERTER_FLUSH)) == 0) {
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "No input");
-    return G_CONVERTER_ERROR;
-  }
-  std::transform(static_cast<const guint8 *>(in), static_cast<const guint8 *>(in) + count,
-                 static_cast<guint8 *>(out), mapping->map);
-  *read = *written = count;
-  if (count == in_size && (flags & G_CONVERTER_INPUT_AT_END) != 0)
-    return G_CONVERTER_FINISHED;
-  if (count == in_size && (flags & G_CONVERTER_FLUSH) != 0)
-    return G_CONVERTER_FLUSHED;
-  return G_CONVERTER_CONVERTED;
+  const auto conversion =
+      static_cast<ConvertFunction *>(g_object_get_qdata(G_OBJECT(converter), conversion_quark()));
+  return (*conversion)({static_cast<const char *>(in), in_size}, static_cast<char *>(out), out_size,
+                       flags, read, written, error);
 }
 
 GType
-map_converter_type()
+converter_type()
 {
   static const GType type = [] {
     const GType registered =
-        g_type_register_static_simple(G_TYPE_OBJECT, "TestMapConverter", sizeof(GObjectClass),
-                                      nullptr, sizeof(GObject), nullptr, GTypeFlags(0));
+        g_type_register_static_simple(G_TYPE_OBJECT, "TestConverter", sizeof(GObjectClass), nullptr,
+                                      sizeof(GObject), nullptr, GTypeFlags(0));
     const GInterfaceInfo converter = {[](gpointer iface, gpointer) {
                                         const auto operations =
                                             static_cast<GConverterIface *>(iface);
-                                        operations->convert = map_convert;
+                                        operations->convert = convert;
                                         operations->reset = [](GConverter *) {};
                                       },
                                       nullptr, nullptr};
@@ -1394,13 +1438,42 @@ map_converter_type()
 } // namespace
 
 Ref<GConverter>
+new_converter(ConvertFunction conversion)
+{
+  Ref<GConverter> converter(G_CONVERTER(g_object_new(converter_type(), nullptr)));
+  g_object_set_qdata_full(G_OBJECT(converter.get()), conversion_quark(),
+                          new ConvertFunction(std::move(conversion)),
+                          [](gpointer data) { delete static_cast<ConvertFunction *>(data); });
+  return converter;
+}
+
+GConverterResult
+conversion_error(GIOErrorEnum code, const char *message, GError **error)
+{
+  g_set_error_literal(error, G_IO_ERROR, code, message);
+  return G_CONVERTER_ERROR;
+}
+
+Ref<GConverter>
 new_map_converter(std::function<guint8(guint8)> map, gsize max_per_call)
 {
-  Ref<GConverter> converter(G_CONVERTER(g_object_new(map_converter_type(), nullptr)));
-  g_object_set_qdata_full(G_OBJECT(converter.get()), g_quark_from_static_string("test-mapping"),
-                          new Mapping{std::move(map), max_per_call},
-                          [](gpointer mapping) { delete static_cast<Mapping *>(mapping); });
-  return converter;
+  return new_converter([map = std::move(map), max_per_call](
+                           std::string_view in, char *out, gsize out_size, GConverterFlags flags,
+                           gsize *read, gsize *written, GError **error) {
+    const gsize count = std::min({in.size(), out_size, max_per_call});
+    if (count == 0 && !in.empty())
+      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
+    if (count == 0 && (flags & (G_CONVERTER_INPUT_AT_END | G_CONVERTER_FLUSH)) == 0)
+      return conversion_error(G_IO_ERROR_PARTIAL_INPUT, "No input", error);
+    std::transform(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(count), out,
+                   [&](char c) { return static_cast<char>(map(static_cast<guint8>(c))); });
+    *read = *written = count;
+    if (count == in.size() && (flags & G_CONVERTER_INPUT_AT_END) != 0)
+      return G_CONVERTER_FINISHED;
+    if (count == in.size() && (flags & G_CONVERTER_FLUSH) != 0)
+      return G_CONVERTER_FLUSHED;
+    return G_CONVERTER_CONVERTED;
+  });
 }
 
 void

@@ -338,6 +338,9 @@ Ref<GOutputStream> new_scripted_filter_output(GType parent, GOutputStream *base,
                                               std::shared_ptr<Script> script,
                                               StreamKind kind = StreamKind::with_async);
 
+/* A socket connection with these streams. Its socket is connected to nothing. */
+Ref<GSocketConnection> new_connection_over(Ref<GInputStream> in, Ref<GOutputStream> out);
+
 /* ---- Main loop ---- */
 
 /* Runs the thread-default main context until the condition holds. */
@@ -459,6 +462,14 @@ std::vector<std::string> own_signals(GType owner);
 /* Fails where the class of a stream type sets an operation that its parent type has: for types that
  * promise to override none. */
 void assert_overrides_nothing(GType stream_type);
+
+/* A converter out of a function, which has the arguments of g_converter_convert(). */
+using ConvertFunction = std::function<GConverterResult(
+    std::string_view in, char *out, gsize out_size, GConverterFlags flags, gsize *read,
+    gsize *written, GError **error)>;
+Ref<GConverter> new_converter(ConvertFunction conversion);
+/* Sets an error in G_IO_ERROR; what the function then returns. */
+GConverterResult conversion_error(GIOErrorEnum code, const char *message, GError **error);
 
 /* A converter that maps each byte by itself and takes at most `max_per_call` bytes a time. */
 Ref<GConverter> new_map_converter(std::function<guint8(guint8)> map, gsize max_per_call = 5);
