@@ -1,0 +1,696 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// What an operation on a message does beside moving its bytes: whom it lets run in between, how it
+// ends when its stream is odd or is closed below it, and what it leaves for the next one.
+#include "faulty.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+using namespace support;
+
+namespace
+{
+
+using Callback = std::function<void()>;
+
+// Adds a test case for each number of stages.
+void
+add(const char *name, void (*test)(int), int stages_from = 0)
+{
+  using Entry = std::pair<void (*)(int), int>;
+  for (int stages = stages_from; stages <= faulty::most_stages; stages++)
+    g_test_add_data_func_full(
+        (std::string("/engine/") + name + '/' + std::to_string(stages) + "-stages").c_str(),
+        new Entry(test, stages),
+        [](gconstpointer data) {
+          const auto entry = static_cast<const Entry *>(data);
+          entry->first(entry->second);
+        },
+        [](gpointer data) { delete static_cast<Entry *>(data); });
+}
+
+// A channel over scripted streams that can be polled.
+struct Scripted {
+  std::shared_ptr<Script> input, output = new_script();
+  Ref<GvcConnection> channel;
+  Ref<GvcBytesInputStream> reader;
+  Ref<GvcDataInputStream> string_reader;
+  Ref<GvcBytesOutputStream> writer;
+
+  explicit Scripted(int stages, std::string wire = {}) : input(new_script(std::move(wire)))
+  {
+    channel = own(
+        gvc_connection_new(new_connection_over(new_scripted_input(input, StreamKind::pollable),
+                                               new_scripted_output(output, StreamKind::pollable))
+                               .get()));
+    faulty::add_stages(channel.get(), stages);
+    reader = own(gvc_bytes_input_stream_new(in()));
+    string_reader = own(gvc_data_input_stream_new(in()));
+    writer = own(gvc_bytes_output_stream_new(out()));
+  }
+  GInputStream *
+  in() const
+  {
+    return g_io_stream_get_input_stream(G_IO_STREAM(channel.get()));
+  }
+  GOutputStream *
+  out() const
+  {
+    return g_io_stream_get_output_stream(G_IO_STREAM(channel.get()));
+  }
+};
+
+// One on sockets, with the peer in the hand of the test.
+struct Connected {
+  RawPeer peer;
+  Ref<GvcConnection> channel;
+  Ref<GvcBytesInputStream> reader;
+  Ref<GvcBytesOutputStream> writer;
+
+  Connected(Family family, int stages) : peer(family)
+  {
+    channel = own(gvc_connection_new(peer.connection()));
+    faulty::add_stages(channel.get(), stages);
+    reader = own(gvc_bytes_input_stream_new(in()));
+    writer =
+        own(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel.get()))));
+  }
+  GInputStream *
+  in() const
+  {
+    return g_io_stream_get_input_stream(G_IO_STREAM(channel.get()));
+  }
+};
+
+// A frame as it travels through stages.
+std::string
+frame_through_stages(int stages, const std::string &payload)
+{
+  return faulty::through_stages(stages, {le32(static_cast<guint32>(payload.size())), payload});
+}
+
+/* ---- Priorities ---- */
+
+constexpr int urgent = -100;
+constexpr int between = -50; // less urgent than the length, more so than the payload
+
+// Attaches a source of another part of the program, which is ready at once.
+void
+compete(Callback &ran)
+{
+  g_idle_add_full(
+      between,
+      [](gpointer callback) -> gboolean {
+        (*static_cast<Callback *>(callback))();
+        return G_SOURCE_REMOVE;
+      },
+      &ran, nullptr);
+}
+
+// The length has had its turn when the other source gets its own, and the payload has not.
+void
+test_read_payload_waits_for_more_urgent_sources(int stages)
+{
+  Scripted scripted(stages, frame_through_stages(stages, "message"));
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    competed = true;
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    if (stages == 0)
+      g_assert_cmpuint(scripted.input->moved(), <=, 4);
+  };
+  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), urgent, nullptr, Collector::ready,
+                                          &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+  Error error;
+  const BytesRef message(
+      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), collector.result(), &error));
+  assert_bytes(bytes_string(message.get()), "message");
+}
+
+void
+test_written_payload_waits_for_more_urgent_sources(int stages)
+{
+  Scripted scripted(stages);
+  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    competed = true;
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    g_assert_cmpuint(scripted.output->moved(), <=, length_size);
+  };
+  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(), urgent,
+                                          nullptr, Collector::ready, &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+  assert_bytes(faulty::from_stages(stages, scripted.output->written()), frame("message"));
+}
+
+// A socket could take both parts at once.
+void
+test_payload_sent_after_more_urgent_sources(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    char buffer[1024];
+    competed = true;
+    g_assert_cmpint(recv(connected.peer.fd(), buffer, sizeof buffer, MSG_PEEK | MSG_DONTWAIT), <=,
+                    static_cast<gssize>(length_size));
+  };
+  gvc_bytes_output_stream_put_bytes_async(connected.writer.get(), new_bytes("message").get(),
+                                          urgent, nullptr, Collector::ready, &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+}
+
+/* ---- A stream that fails without an error ---- */
+
+struct Operation {
+  const char *name;
+  bool reads;
+  /* Whether it has reported a success. */
+  bool (*run)(const Scripted &, GError **error);
+};
+
+const Operation operations[] = {
+    {"read-all", true,
+     [](const Scripted &scripted, GError **error) -> bool {
+       char buffer[20];
+       Collector collector;
+       gvc_input_stream_util_read_all_async(scripted.in(), buffer, sizeof buffer,
+                                            G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                            &collector);
+       return gvc_input_stream_util_read_all_finish(scripted.in(), collector.wait(), nullptr,
+                                                    error);
+     }},
+    {"read-bytes", true,
+     [](const Scripted &scripted, GError **error) -> bool {
+       Collector collector;
+       gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), G_PRIORITY_DEFAULT, nullptr,
+                                               Collector::ready, &collector);
+       return faulty::take(gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(),
+                                                                    collector.wait(), error))
+           .has_value();
+     }},
+    {"read-variant", true,
+     [](const Scripted &scripted, GError **error) -> bool {
+       Collector collector;
+       gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), "ay", G_PRIORITY_DEFAULT,
+                                                 nullptr, Collector::ready, &collector);
+       return faulty::take(gvc_bytes_input_stream_read_variant_finish(scripted.reader.get(),
+                                                                      collector.wait(), error))
+           .has_value();
+     }},
+    {"read-string", true,
+     [](const Scripted &scripted, GError **error) -> bool {
+       Collector collector;
+       gvc_data_input_stream_read_string_async(scripted.string_reader.get(), '\n',
+                                               G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                               &collector);
+       gsize length = 0;
+       auto *string = gvc_data_input_stream_read_string_finish(scripted.string_reader.get(),
+                                                               collector.wait(), &length, error);
+       return faulty::take(string, length).has_value();
+     }},
+    {"write-all", false,
+     [](const Scripted &scripted, GError **error) -> bool {
+       Collector collector;
+       gvc_output_stream_util_write_all_async(scripted.out(), "some bytes", 10, G_PRIORITY_DEFAULT,
+                                              nullptr, Collector::ready, &collector);
+       return gvc_output_stream_util_write_all_finish(scripted.out(), collector.wait(), nullptr,
+                                                      error);
+     }},
+    {"put-bytes", false,
+     [](const Scripted &scripted, GError **error) -> bool {
+       Collector collector;
+       gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(),
+                                               G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                               &collector);
+       return gvc_bytes_output_stream_put_bytes_finish(scripted.writer.get(), collector.wait(),
+                                                       error);
+     }},
+    {"put-variant", false,
+     [](const Scripted &scripted, GError **error) -> bool {
+       const VariantRef variant(g_variant_ref_sink(g_variant_new_string("message")));
+       Collector collector;
+       gvc_bytes_output_stream_put_variant_async(scripted.writer.get(), variant.get(),
+                                                 G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                                 &collector);
+       return gvc_bytes_output_stream_put_variant_finish(scripted.writer.get(), collector.wait(),
+                                                         error);
+     }},
+};
+
+template <gsize index>
+void
+test_failure_without_an_error(int stages)
+{
+  const auto &operation = operations[index];
+  const auto wire = faulty::through_stages(stages, {le32(16), "fifteen letters\n"});
+  for (const gssize before : {0, 3}) {
+    const Scripted scripted(stages, wire);
+    auto &script = operation.reads ? scripted.input : scripted.output;
+    if (before > 0)
+      script->steps.push_back(Step::move(before));
+    script->steps.push_back(Step::report(-1));
+    Error error;
+    g_assert_false(operation.run(scripted, &error));
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
+  }
+}
+
+template <gsize index = 0>
+void
+add_failures_without_an_error()
+{
+  if constexpr (index < G_N_ELEMENTS(operations)) {
+    add((std::string("failure-without-an-error/") + operations[index].name).c_str(),
+        test_failure_without_an_error<index>);
+    add_failures_without_an_error<index + 1>();
+  }
+}
+
+/* ---- Floods ---- */
+
+// Zeros are records that hold a new start of the chain and nothing else, or empty blocks.
+std::string
+flood(gsize size)
+{
+  return std::string(size, '\0');
+}
+
+constexpr gsize mebibyte = 1024 * 1024;
+constexpr gsize most_in_a_turn = 8 * mebibyte;
+
+void
+test_flood_leaves_the_main_loop_its_turns(int stages)
+{
+  constexpr int turns = 4;
+  const Scripted scripted(stages, flood((turns + 2) * most_in_a_turn));
+  auto cancellable = own(g_cancellable_new());
+  Collector collector;
+  gsize before = 0;
+  const auto assert_little_was_read = [&] {
+    const gsize moved = scripted.input->moved();
+    g_assert_cmpuint(moved - before, <=, most_in_a_turn);
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    before = moved;
+  };
+  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), G_PRIORITY_DEFAULT,
+                                          cancellable.get(), Collector::ready, &collector);
+  assert_little_was_read();
+  for (int turn = 0; turn < turns; turn++) {
+    g_main_context_iteration(nullptr, TRUE);
+    assert_little_was_read();
+  }
+
+  g_cancellable_cancel(cancellable.get());
+  for (int turn = 0; turn < 20; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(collector.calls(), ==, 1);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), collector.result(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+}
+
+void
+test_flood_is_cancelled_while_blocking(int stages)
+{
+  const Scripted scripted(stages, flood(8 * mebibyte));
+  auto cancellable = own(g_cancellable_new());
+  constexpr guint cancelled_at = 3;
+  scripted.input->max_per_call = 1000;
+  scripted.input->on_call = [&](guint number) {
+    g_assert_cmpuint(number, <=, cancelled_at);
+    if (number == cancelled_at)
+      g_cancellable_cancel(cancellable.get());
+  };
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes(scripted.reader.get(), cancellable.get(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+}
+
+// Between two ticks of a timer, a main loop that gets its turns cannot read this much.
+constexpr gsize most_between_ticks = 256 * mebibyte;
+
+void
+test_timers_tick_during_a_flood(int stages)
+{
+  Connected connected(Family::tcp4, stages);
+  auto cancellable = own(g_cancellable_new());
+  std::atomic<gsize> sent = 0;
+  Background sender([&] {
+    const auto zeros = flood(64 * 1024);
+    ssize_t count;
+    while ((count = send(connected.peer.fd(), zeros.data(), zeros.size(), MSG_NOSIGNAL)) > 0)
+      sent += static_cast<gsize>(count);
+  });
+  Collector collector;
+  gvc_bytes_input_stream_read_bytes_async(connected.reader.get(), G_PRIORITY_DEFAULT,
+                                          cancellable.get(), Collector::ready, &collector);
+  gsize last = 0, most = 0;
+  int ticks = 0;
+  Callback tick = [&] {
+    const gsize now = sent;
+    most = std::max(most, now - last);
+    last = now;
+    ticks++;
+  };
+  const guint timer = g_timeout_add(
+      10,
+      [](gpointer callback) -> gboolean {
+        (*static_cast<Callback *>(callback))();
+        return G_SOURCE_CONTINUE;
+      },
+      &tick);
+  spin_until([&] { return ticks >= 20 || most > most_between_ticks; });
+  g_source_remove(timer);
+  g_cancellable_cancel(cancellable.get());
+  collector.wait();
+  g_socket_close(g_socket_connection_get_socket(connected.peer.connection()), nullptr);
+  sender.join();
+
+  g_assert_cmpuint(most, <=, most_between_ticks);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes_finish(connected.reader.get(), collector.result(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+}
+
+/* ---- Sources that stay ---- */
+
+struct SourceRemove {
+  void
+  operator()(GSource *source) const
+  {
+    g_source_destroy(source);
+    g_source_unref(source);
+  }
+};
+using SourceRef = std::unique_ptr<GSource, SourceRemove>;
+
+SourceRef
+watch(GInputStream *stream, Callback &readable)
+{
+  SourceRef source(g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(stream), nullptr));
+  const auto dispatched = [](GObject *, gpointer callback) -> gboolean {
+    (*static_cast<Callback *>(callback))();
+    return G_SOURCE_CONTINUE;
+  };
+  g_source_set_callback(source.get(), G_SOURCE_FUNC(+dispatched), &readable, nullptr);
+  g_source_attach(source.get(), nullptr);
+  return source;
+}
+
+constexpr int many_turns = 1000;
+// Nothing is there any more: a source may look once or twice to notice.
+constexpr int most_in_vain = 10;
+
+const char *const three[] = {"first", "second", "third"};
+
+std::string
+three_through_stages(int stages)
+{
+  return faulty::through_stages(stages, {le32(5), three[0], le32(6), three[1], le32(5), three[2]});
+}
+
+enum class Made { before, after }; // the bytes have come
+
+// One message is read each time; all of them lie in the buffers of the stages after the first.
+void
+watch_messages(int stages, bool own_stream, Made made)
+{
+  Connected connected(Family::unix_domain, stages);
+  std::vector<std::string> messages;
+  int in_vain = 0;
+  Callback readable = [&] {
+    if (messages.size() == G_N_ELEMENTS(three)) {
+      in_vain++;
+      return;
+    }
+    Error error;
+    const BytesRef message(
+        gvc_bytes_input_stream_read_bytes(connected.reader.get(), nullptr, &error));
+    error.assert_none();
+    messages.push_back(bytes_string(message.get()));
+  };
+  if (made == Made::after)
+    connected.peer.send(three_through_stages(stages));
+  const auto source =
+      watch(own_stream ? G_INPUT_STREAM(connected.reader.get()) : connected.in(), readable);
+  if (made == Made::before) {
+    spin_pending();
+    g_assert_cmpuint(messages.size(), ==, 0);
+    connected.peer.send(three_through_stages(stages));
+  }
+  for (int turn = 0; turn < many_turns; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(messages.size(), ==, G_N_ELEMENTS(three));
+  for (gsize i = 0; i < G_N_ELEMENTS(three); i++)
+    assert_text(messages[i], three[i]);
+  g_assert_cmpint(in_vain, <=, most_in_vain);
+}
+
+template <bool own_stream, Made made>
+void
+test_source_sees_all_messages(int stages)
+{
+  watch_messages(stages, own_stream, made);
+}
+
+// A part of a record is nothing that can be read, and nothing to wake up for again and again.
+void
+test_source_waits_for_the_rest_of_a_unit(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  const auto wire = three_through_stages(stages);
+  const auto expected = faulty::from_stages(stages, wire);
+  std::string plain;
+  int in_vain = 0;
+  Callback readable = [&] {
+    char byte;
+    const gssize count = g_pollable_input_stream_read_nonblocking(
+        G_POLLABLE_INPUT_STREAM(connected.in()), &byte, 1, nullptr, nullptr);
+    if (count == 1)
+      plain += byte;
+    else
+      in_vain++;
+  };
+  const auto source = watch(connected.in(), readable);
+  connected.peer.send(wire.substr(0, wire.size() - 5));
+  for (int turn = 0; turn < many_turns; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(plain.size(), <, expected.size());
+  g_assert_cmpint(in_vain, <=, most_in_vain);
+  connected.peer.send(wire.substr(wire.size() - 5));
+  for (int turn = 0; turn < many_turns; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  assert_bytes(plain, expected);
+  g_assert_cmpint(in_vain, <=, 2 * most_in_vain);
+}
+
+/* ---- A channel that is closed below a message ---- */
+
+enum class Closing { blocking, async };
+enum class Closed { channel, channel_and_socket };
+
+// Whether the channel says that it has closed. Programs that are done with a channel then close its
+// socket too.
+template <Closing closing, Closed what>
+bool
+close_channel(const Connected &connected)
+{
+  auto *channel = G_IO_STREAM(connected.channel.get());
+  Error error;
+  gboolean closed;
+  if (closing == Closing::blocking) {
+    closed = g_io_stream_close(channel, nullptr, &error);
+  } else {
+    Collector collector;
+    g_io_stream_close_async(channel, G_PRIORITY_DEFAULT, nullptr, Collector::ready, &collector);
+    closed = g_io_stream_close_finish(channel, collector.wait(), &error);
+  }
+  g_assert_true(closed == !error);
+  if (closed && what == Closed::channel_and_socket)
+    g_io_stream_close(G_IO_STREAM(connected.peer.connection()), nullptr, nullptr);
+  return closed;
+}
+
+template <Closing closing, Closed what>
+void
+test_closed_while_reading(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  const auto wire = frame_through_stages(stages, "message");
+  Collector collector;
+  gvc_bytes_input_stream_read_bytes_async(connected.reader.get(), G_PRIORITY_DEFAULT, nullptr,
+                                          Collector::ready, &collector);
+  connected.peer.send(wire.substr(0, wire.size() / 2));
+  for (int turn = 0; turn < 10; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(collector.calls(), ==, 0);
+
+  const bool closed = close_channel<closing, what>(connected);
+  if (!closed)
+    connected.peer.send(wire.substr(wire.size() / 2));
+  for (int turn = 0; turn < many_turns; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(collector.calls(), ==, 1);
+  Error error;
+  const auto message = faulty::take(
+      gvc_bytes_input_stream_read_bytes_finish(connected.reader.get(), collector.result(), &error));
+  g_assert_true(message.has_value() == !error);
+  g_assert_true(message.has_value() != closed); // the rest was not there to be read
+  if (message)
+    assert_bytes(*message, "message");
+}
+
+// The peer reads while the channel closes, which may take what is in the stages along. Either the
+// message reports an error, or all of it has been sent.
+template <Closing closing, Closed what>
+void
+test_closed_while_writing(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  auto *socket = g_socket_connection_get_socket(connected.peer.connection());
+  g_assert_true(g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, 4096, nullptr));
+  const std::string payload = pattern(3 * mebibyte);
+  Collector collector;
+  gvc_bytes_output_stream_put_bytes_async(connected.writer.get(), new_bytes(payload).get(),
+                                          G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                          &collector);
+  for (int turn = 0; turn < 10; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(collector.calls(), ==, 0);
+
+  std::string wire;
+  Background receiver([&] { wire = connected.peer.receive_all(); });
+  const bool closed = close_channel<closing, what>(connected);
+  collector.wait();
+  spin_pending();
+  g_assert_cmpuint(collector.calls(), ==, 1);
+  g_socket_shutdown(socket, FALSE, TRUE, nullptr);
+  receiver.join();
+
+  Error error;
+  const bool written =
+      gvc_bytes_output_stream_put_bytes_finish(connected.writer.get(), collector.result(), &error);
+  g_assert_true(written == !error);
+  g_assert_true(written || closed); // what has not closed goes on
+  if (written)
+    assert_bytes(faulty::from_stages(stages, wire), frame(payload));
+}
+
+template <Closing closing, Closed what>
+void
+add_closings(const std::string &name)
+{
+  add(("closed-while-reading/" + name).c_str(), test_closed_while_reading<closing, what>);
+  add(("closed-while-writing/" + name).c_str(), test_closed_while_writing<closing, what>);
+}
+
+/* ---- Types that cannot be read ---- */
+
+struct BadType {
+  const char *type;
+  const char *domain;
+  const char *complaint; // a part of the critical
+};
+
+// The frame is there for the next reader, who asks for a type that it can have.
+void
+read_with_bad_type(int stages, const BadType &bad)
+{
+  LogCapture log;
+  const Scripted scripted(
+      stages, faulty::through_stages(stages, {le32(4), "one", std::string_view("", 1), le32(4),
+                                              "two", std::string_view("", 1)}));
+  Collector refused;
+  gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), bad.type, G_PRIORITY_DEFAULT,
+                                            nullptr, Collector::ready, &refused);
+  g_assert_cmpuint(refused.calls(), ==, 0);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_variant_finish(scripted.reader.get(), refused.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "Invalid variant type string");
+  const auto messages = log.take();
+  g_assert_cmpuint(messages.size(), ==, 1);
+  g_assert_cmpint(messages[0].level, ==, G_LOG_LEVEL_CRITICAL);
+  g_assert_cmpstr(messages[0].domain ? messages[0].domain->c_str() : nullptr, ==, bad.domain);
+  g_assert_nonnull(strstr(messages[0].text.c_str(), bad.complaint));
+
+  for (const char *expected : {"one", "two"}) {
+    Collector collector;
+    gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), "s", G_PRIORITY_DEFAULT,
+                                              nullptr, Collector::ready, &collector);
+    const VariantRef variant(g_variant_ref_sink(gvc_bytes_input_stream_read_variant_finish(
+        scripted.reader.get(), collector.wait(), &error)));
+    error.assert_none();
+    g_assert_cmpstr(g_variant_get_string(variant.get(), nullptr), ==, expected);
+  }
+}
+
+void
+test_indefinite_type_costs_no_frame(int stages)
+{
+  for (const char *type : {"*", "a?", "(sr)"})
+    read_with_bad_type(stages, {type, nullptr,
+                                "gvc_bytes_input_stream_read_variant_async: assertion "
+                                "'g_variant_type_is_definite(type)' failed"});
+}
+
+void
+test_invalid_type_costs_no_frame(int stages)
+{
+  for (const char *type : {"", "no type", "a"})
+    read_with_bad_type(stages, {type, "GLib", "g_variant_type_string_is_valid"});
+}
+
+} // namespace
+
+int
+main(int argc, char **argv)
+{
+  g_test_init(&argc, &argv, nullptr);
+  gvc_init();
+
+  add("payload-waits-for-more-urgent-sources/read",
+      test_read_payload_waits_for_more_urgent_sources);
+  add("payload-waits-for-more-urgent-sources/written",
+      test_written_payload_waits_for_more_urgent_sources);
+  add("payload-waits-for-more-urgent-sources/sent", test_payload_sent_after_more_urgent_sources);
+  add_failures_without_an_error();
+  add("flood-leaves-the-main-loop-its-turns", test_flood_leaves_the_main_loop_its_turns, 1);
+  add("flood-is-cancelled-while-blocking", test_flood_is_cancelled_while_blocking, 1);
+  add("timers-tick-during-a-flood", test_timers_tick_during_a_flood, 1);
+  add("source-sees-all-messages/channel/made-before",
+      test_source_sees_all_messages<false, Made::before>);
+  add("source-sees-all-messages/channel/made-after",
+      test_source_sees_all_messages<false, Made::after>);
+  add("source-sees-all-messages/message-stream/made-before",
+      test_source_sees_all_messages<true, Made::before>);
+  add("source-sees-all-messages/message-stream/made-after",
+      test_source_sees_all_messages<true, Made::after>);
+  add("source-waits-for-the-rest-of-a-unit", test_source_waits_for_the_rest_of_a_unit, 1);
+  add_closings<Closing::blocking, Closed::channel>("blocking/channel");
+  add_closings<Closing::async, Closed::channel>("async/channel");
+  add_closings<Closing::blocking, Closed::channel_and_socket>("blocking/channel-and-socket");
+  add_closings<Closing::async, Closed::channel_and_socket>("async/channel-and-socket");
+  add("indefinite-type-costs-no-frame", test_indefinite_type_costs_no_frame);
+  add("invalid-type-costs-no-frame", test_invalid_type_costs_no_frame);
+  return g_test_run();
+}
