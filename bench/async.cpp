@@ -9,84 +9,18 @@ namespace bench
 namespace
 {
 
-using Run = void (*)(AsyncEnd &, AsyncEnd &, GBytes *, std::size_t);
-using MakeEnd = std::unique_ptr<AsyncEnd> (*)(GInputStream *, GOutputStream *);
-
 struct Mode {
   const char *name;
-  Run run;
+  void (AsyncPair::*run)(GBytes *message, std::size_t times);
 };
 
-constexpr Mode modes[] = {{"one way", runAsyncOneWay}, {"round trip", runAsyncRoundTrip}};
+constexpr Mode modes[] = {{"one way", &AsyncPair::oneWay}, {"round trip", &AsyncPair::roundTrips}};
 
-// A pair of ends of one kind.
-struct Pair {
-  const char *name;
-  Sockets sockets;
-  Object<GvcConnection> near_channel;
-  Object<GvcConnection> far_channel;
-  std::unique_ptr<AsyncEnd> near;
-  std::unique_ptr<AsyncEnd> far;
-};
-
-std::unique_ptr<AsyncEnd>
-makeEnd(GIOStream *stream, bool isOpaque, MakeEnd make)
+Contender
+checked(const char *name, AsyncPair &pair, const Mode &mode, GBytes *message)
 {
-  auto *in = g_io_stream_get_input_stream(stream);
-  auto *out = g_io_stream_get_output_stream(stream);
-  if (!isOpaque)
-    return make(in, out);
-  auto opaque_in = makeOpaque(in);
-  auto opaque_out = makeOpaque(out);
-  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(opaque_in.get()), FALSE);
-  g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(opaque_out.get()), FALSE);
-  return make(opaque_in.get(), opaque_out.get());
-}
-
-enum class Below { socket, channel, opaqueChannel };
-
-Pair
-makePair(const char *name, const Sockets &sockets, Below below, MakeEnd make)
-{
-  Pair pair;
-  pair.name = name;
-  pair.sockets = sockets;
-  pair.near_channel = makeChannel(sockets->near.get(), Stages::none);
-  pair.far_channel = makeChannel(sockets->far.get(), Stages::none);
-  bool bare = below == Below::socket;
-  bool isOpaque = below == Below::opaqueChannel;
-  pair.near =
-      makeEnd(bare ? G_IO_STREAM(sockets->near.get()) : G_IO_STREAM(pair.near_channel.get()),
-              isOpaque, make);
-  pair.far = makeEnd(bare ? G_IO_STREAM(sockets->far.get()) : G_IO_STREAM(pair.far_channel.get()),
-                     isOpaque, make);
-  return pair;
-}
-
-void
-race(Report &report, Transport transport, const Mode &mode, GBytes *message,
-     const std::vector<Pair> &pairs)
-{
-  std::vector<Contender> contenders;
-  for (const auto &pair : pairs) {
-    checkAsync(*pair.near, *pair.far, message);
-    contenders.push_back({pair.name, [&pair, &mode, message](std::size_t times) {
-                            mode.run(*pair.near, *pair.far, message, times);
-                          }});
-  }
-  auto size = static_cast<std::int64_t>(g_bytes_get_size(message));
-  auto timings = takeTurns(contenders, report.effort());
-  std::vector<std::string> yardsticks;
-  for (std::size_t i = 1; i < pairs.size(); i++)
-    yardsticks.push_back(pairs[i].name);
-  auto ratios = ratiosOf(timings, "zelgvc", yardsticks);
-  // What hand-written GIO itself reaches beside the last one says what can be expected of us.
-  ratios.push_back(ratiosOf(timings, "gio", {yardsticks.back()}).front());
-  report.add({{{"transport", transportName(transport)}, {"mode", mode.name}, {"size", size}},
-              size,
-              timings,
-              ratios,
-              {}});
+  pair.check(message);
+  return {name, [&pair, &mode, message](std::size_t times) { (pair.*mode.run)(message, times); }};
 }
 
 // `length` bytes with its end, a line feed.
@@ -98,64 +32,125 @@ makeString(gsize length)
   return SharedBytes(g_bytes_new(text.data(), text.size()));
 }
 
+constexpr Transport transports[] = {Transport::tcp, Transport::unixSocket};
+
 } // namespace
 
 void
 measureAsync(Report &report)
 {
   report.begin(
-      "async", "Asynchronous frames beside hand-written GIO",
-      "put_bytes_async and read_bytes_async on a plain channel; gio: "
-      "g_output_stream_write_all_async and g_input_stream_read_all_async of a length and of the "
-      "message on the bare socket streams of the same connection; not pollable: the library's "
-      "message streams on a filter "
-      "stream that cannot be polled, so that GIO uses worker threads. Both ends in one thread and "
-      "one main loop.");
-  auto data = repeated(corpus("source"), 1 << 20);
-  std::vector<gsize> sizes = {16, 64, 256, 1024, 4096, 16384, 65536, 1 << 20};
-  if (report.effort().quick)
-    sizes = {64, 65536};
+      "async", "Asynchronous frames beside frames by hand",
+      "put_bytes_async and read_bytes_async on a plain channel (zelgvc) and on one with both "
+      "stages; gio: g_output_stream_write_all_async and g_input_stream_read_all_async of a length "
+      "and of the message on the bare socket streams. All use the same connection, both ends are "
+      "in one thread and one main loop.");
+  auto data = repeated(corpus("source"), 1 << 16);
 
-  for (auto transport : {Transport::tcp, Transport::unixSocket}) {
+  for (auto transport : transports) {
     auto sockets = connectSockets(transport);
-    std::vector<Pair> pairs;
-    pairs.push_back(makePair("zelgvc", sockets, Below::channel, asyncZelgvc));
-    pairs.push_back(makePair("gio", sockets, Below::socket, asyncGio));
-    pairs.push_back(makePair("not pollable", sockets, Below::opaqueChannel, asyncZelgvc));
+    AsyncPair plain(streamsOn(sockets, Stages::none), framesZelgvc);
+    AsyncPair both(streamsOn(sockets, Stages::both), framesZelgvc);
+    AsyncPair gio(streamsOn(sockets, Stages::bare), framesGio);
     for (const auto &mode : modes)
-      for (auto size : sizes) {
-        SharedBytes message(g_bytes_new_static(data.data(), size));
-        race(report, transport, mode, message.get(), pairs);
+      for (std::int64_t size : {64, 1024, 65536}) {
+        Parameters parameters = {
+            {"transport", transportName(transport)}, {"mode", mode.name}, {"size", size}};
+        if (!report.wants(parameters))
+          continue;
+        SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+        report.race(parameters, size,
+                    {checked("zelgvc", plain, mode, message.get()),
+                     checked("both", both, mode, message.get()),
+                     checked("gio", gio, mode, message.get())},
+                    {{"zelgvc", "gio"}, {"both", "gio"}});
       }
   }
 }
+
+// ---- Strings ----
+
+namespace
+{
+
+void
+raceAsyncStrings(Report &report, Transport transport, Stages stages, const Streams &streams)
+{
+  AsyncPair ours(streams, stringsZelgvc);
+  AsyncPair lines(streams, stringsGDataInputStream);
+  for (const auto &mode : modes)
+    for (std::int64_t size : {16, 64, 256, 1024}) {
+      Parameters parameters = {{"transport", transportName(transport)},
+                               {"stages", stagesName(stages)},
+                               {"mode", mode.name},
+                               {"size", size}};
+      if (!report.wants(parameters))
+        continue;
+      auto message = makeString(static_cast<gsize>(size));
+      report.race(parameters, size,
+                  {checked("zelgvc", ours, mode, message.get()),
+                   checked("GDataInputStream", lines, mode, message.get())});
+    }
+}
+
+void
+raceBlockingStrings(Report &report, Transport transport, Stages stages, const Streams &streams)
+{
+  constexpr gsize size = 1024;
+  Parameters parameters = {{"transport", transportName(transport)},
+                           {"stages", stagesName(stages)},
+                           {"mode", "blocking"},
+                           {"size", std::int64_t{size}}};
+  if (!report.wants(parameters))
+    return;
+  auto *in = g_io_stream_get_input_stream(streams->far.get());
+  Object<GvcDataInputStream> strings(gvc_data_input_stream_new(in));
+  Object<GDataInputStream> lines(g_data_input_stream_new(in));
+  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(strings.get()), FALSE);
+  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(lines.get()), FALSE);
+
+  auto message = makeString(size);
+  auto write = [&, out = g_io_stream_get_output_stream(streams->near.get())] {
+    GError *error = nullptr;
+    must(g_output_stream_write_all(out, g_bytes_get_data(message.get(), nullptr), size, nullptr,
+                                   nullptr, &error),
+         error, "write");
+  };
+  auto ours = [&] {
+    write();
+    gsize length = 0;
+    GError *error = nullptr;
+    g_autofree char *text =
+        gvc_data_input_stream_read_string(strings.get(), '\n', &length, nullptr, &error);
+    must(text && length == size, error, "read string");
+  };
+  auto theirs = [&] {
+    write();
+    gsize length = 0;
+    GError *error = nullptr;
+    g_autofree char *text = g_data_input_stream_read_line(lines.get(), &length, nullptr, &error);
+    must(text && length == size - 1, error, "read line");
+  };
+  report.race(parameters, size, {{"zelgvc", repeat(ours)}, {"GDataInputStream", repeat(theirs)}});
+}
+
+} // namespace
 
 void
 measureStrings(Report &report)
 {
   report.begin(
-      "strings", "Asynchronous strings",
-      "read_string_async on a plain channel; gio: a byte at a time by hand on the bare socket "
-      "stream; GDataInputStream: GIO's line reader, which reads ahead; not pollable: the library's "
-      "stream on a filter stream that cannot be polled. Both ends in one thread and one main "
-      "loop.");
-  std::vector<gsize> sizes = {16, 64, 256, 1024};
-  if (report.effort().quick)
-    sizes = {64};
-
-  for (auto transport : {Transport::tcp, Transport::unixSocket}) {
-    auto sockets = connectSockets(transport);
-    std::vector<Pair> pairs;
-    pairs.push_back(makePair("zelgvc", sockets, Below::channel, stringsZelgvc));
-    pairs.push_back(makePair("gio", sockets, Below::socket, stringsGio));
-    pairs.push_back(makePair("GDataInputStream", sockets, Below::socket, stringsGDataInputStream));
-    pairs.push_back(makePair("not pollable", sockets, Below::opaqueChannel, stringsZelgvc));
-    for (const auto &mode : modes)
-      for (auto size : sizes) {
-        auto message = makeString(size);
-        race(report, transport, mode, message.get(), pairs);
-      }
-  }
+      "strings", "Strings beside GDataInputStream",
+      "zelgvc: read_string, which leaves what follows in the stream; GDataInputStream: GIO's line "
+      "reader, which reads ahead. Both read from the same stream: the bare channel's (plain), or "
+      "one behind both stages. Both ends are in one thread, and in one main loop unless the mode "
+      "is blocking, which writes a string and then reads it.");
+  for (auto transport : transports)
+    for (auto stages : {Stages::none, Stages::both}) {
+      auto streams = streamsOn(connectSockets(transport), stages);
+      raceAsyncStrings(report, transport, stages, streams);
+      raceBlockingStrings(report, transport, stages, streams);
+    }
 }
 
 } // namespace bench

@@ -2,162 +2,162 @@
 #include "asyncends.h"
 
 #include <cstring>
-#include <vector>
-
-// ---- Opaque streams ----
-
-typedef GFilterInputStream BenchOpaqueInput;
-typedef GFilterInputStreamClass BenchOpaqueInputClass;
-typedef GFilterOutputStream BenchOpaqueOutput;
-typedef GFilterOutputStreamClass BenchOpaqueOutputClass;
-
-static GType bench_opaque_input_get_type(void);
-static GType bench_opaque_output_get_type(void);
-
-G_DEFINE_TYPE(BenchOpaqueInput, bench_opaque_input, G_TYPE_FILTER_INPUT_STREAM)
-G_DEFINE_TYPE(BenchOpaqueOutput, bench_opaque_output, G_TYPE_FILTER_OUTPUT_STREAM)
-
-static void
-bench_opaque_input_class_init(BenchOpaqueInputClass *)
-{
-}
-
-static void
-bench_opaque_input_init(BenchOpaqueInput *)
-{
-}
-
-static void
-bench_opaque_output_class_init(BenchOpaqueOutputClass *)
-{
-}
-
-static void
-bench_opaque_output_init(BenchOpaqueOutput *)
-{
-}
+#include <utility>
 
 namespace bench
 {
 
-Object<GInputStream>
-makeOpaque(GInputStream *base)
+// ---- What all ends share ----
+
+AsyncEnd::AsyncEnd(GIOStream *stream)
+    : _in(share(g_io_stream_get_input_stream(stream))),
+      _out(share(g_io_stream_get_output_stream(stream)))
 {
-  return Object<GInputStream>(static_cast<GInputStream *>(
-      g_object_new(bench_opaque_input_get_type(), "base-stream", base, nullptr)));
 }
 
-Object<GOutputStream>
-makeOpaque(GOutputStream *base)
+void
+AsyncEnd::send(GBytes *message, Sent sent, void *user_data)
 {
-  return Object<GOutputStream>(static_cast<GOutputStream *>(
-      g_object_new(bench_opaque_output_get_type(), "base-stream", base, nullptr)));
+  _sent = sent;
+  _sentData = user_data;
+  startSending(message);
+}
+
+void
+AsyncEnd::receive(Received received, void *user_data)
+{
+  _received = received;
+  _receivedData = user_data;
+  startReceiving();
+}
+
+void
+AsyncEnd::end()
+{
+  _ending = true;
+}
+
+void
+AsyncEnd::startSending(GBytes *message)
+{
+  gsize size;
+  auto *data = g_bytes_get_data(message, &size);
+  g_output_stream_write_all_async(_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr, bytesWritten,
+                                  this);
+}
+
+void
+AsyncEnd::checkSent(bool success, GError *error)
+{
+  must(success, error, "write");
+  _sent(_sentData);
+}
+
+bool
+AsyncEnd::checkReceived(bool success, GError *error)
+{
+  must(success || _ending, error, "read");
+  g_clear_error(&error);
+  if (!success)
+    tellReceived(nullptr, 0);
+  return success;
+}
+
+void
+AsyncEnd::tellReceived(const void *message, gsize size)
+{
+  _received(message, size, _receivedData);
+}
+
+void
+AsyncEnd::bytesWritten(GObject *out, GAsyncResult *result, gpointer user_data)
+{
+  GError *error = nullptr;
+  bool success =
+      g_output_stream_write_all_finish(G_OUTPUT_STREAM(out), result, nullptr, &error) != FALSE;
+  static_cast<AsyncEnd *>(user_data)->checkSent(success, error);
 }
 
 namespace
 {
 
-// ---- What all ends share: who waits for what ----
-
-class BaseEnd : public AsyncEnd
+// Filters on streams that others still need do not close them.
+template <typename Filter>
+Object<Filter>
+keepingBaseOpen(Filter *filter)
 {
-protected:
-  void
-  expectSent(Sent sent, void *user_data)
-  {
-    _sent = sent;
-    _sent_data = user_data;
-  }
-
-  void
-  expectReceived(Received received, void *user_data)
-  {
-    _received = received;
-    _received_data = user_data;
-  }
-
-  void
-  tellSent()
-  {
-    _sent(_sent_data);
-  }
-
-  void
-  tellReceived(const void *message, gsize size)
-  {
-    _received(message, size, _received_data);
-  }
-
-private:
-  Sent _sent = nullptr;
-  void *_sent_data = nullptr;
-  Received _received = nullptr;
-  void *_received_data = nullptr;
-};
+  if (G_IS_FILTER_INPUT_STREAM(filter))
+    g_filter_input_stream_set_close_base_stream(reinterpret_cast<GFilterInputStream *>(filter),
+                                                FALSE);
+  else
+    g_filter_output_stream_set_close_base_stream(reinterpret_cast<GFilterOutputStream *>(filter),
+                                                 FALSE);
+  return Object<Filter>(filter);
+}
 
 // ---- Frames ----
 
-class ZelgvcEnd : public BaseEnd
+class ZelgvcFrames : public AsyncEnd
 {
 public:
-  ZelgvcEnd(GInputStream *in, GOutputStream *out)
-      : _in(gvc_bytes_input_stream_new(in)), _out(gvc_bytes_output_stream_new(out))
+  explicit ZelgvcFrames(GIOStream *stream)
+      : AsyncEnd(stream), _frames_in(keepingBaseOpen(gvc_bytes_input_stream_new(_in.get()))),
+        _frames_out(keepingBaseOpen(gvc_bytes_output_stream_new(_out.get())))
   {
-    // What is below belongs to the caller.
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(_in.get()), FALSE);
-    g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(_out.get()), FALSE);
   }
 
+private:
   void
-  send(GBytes *message, Sent sent, void *user_data) override
+  startSending(GBytes *message) override
   {
-    expectSent(sent, user_data);
-    gvc_bytes_output_stream_put_bytes_async(_out.get(), message, G_PRIORITY_DEFAULT, nullptr,
+    gvc_bytes_output_stream_put_bytes_async(_frames_out.get(), message, G_PRIORITY_DEFAULT, nullptr,
                                             written, this);
   }
 
   void
-  receive(Received received, void *user_data) override
+  startReceiving() override
   {
-    expectReceived(received, user_data);
-    gvc_bytes_input_stream_read_bytes_async(_in.get(), G_PRIORITY_DEFAULT, nullptr, arrived, this);
+    gvc_bytes_input_stream_read_bytes_async(_frames_in.get(), G_PRIORITY_DEFAULT, nullptr, arrived,
+                                            this);
   }
 
-private:
   static void
   written(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<ZelgvcEnd *>(user_data);
+    auto *self = static_cast<ZelgvcFrames *>(user_data);
     GError *error = nullptr;
-    must(gvc_bytes_output_stream_put_bytes_finish(self->_out.get(), result, &error), error, "send");
-    self->tellSent();
+    bool success =
+        gvc_bytes_output_stream_put_bytes_finish(self->_frames_out.get(), result, &error) != FALSE;
+    self->checkSent(success, error);
   }
 
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<ZelgvcEnd *>(user_data);
+    auto *self = static_cast<ZelgvcFrames *>(user_data);
     GError *error = nullptr;
-    SharedBytes message(gvc_bytes_input_stream_read_bytes_finish(self->_in.get(), result, &error));
-    must(message != nullptr, error, "receive");
+    SharedBytes message(
+        gvc_bytes_input_stream_read_bytes_finish(self->_frames_in.get(), result, &error));
+    if (!self->checkReceived(message != nullptr, error))
+      return;
     gsize size;
     auto *data = g_bytes_get_data(message.get(), &size);
     self->tellReceived(data, size);
   }
 
-  Object<GvcBytesInputStream> _in;
-  Object<GvcBytesOutputStream> _out;
+  Object<GvcBytesInputStream> _frames_in;
+  Object<GvcBytesOutputStream> _frames_out;
 };
 
-class GioEnd : public BaseEnd
+class GioFrames : public AsyncEnd
 {
 public:
-  GioEnd(GInputStream *in, GOutputStream *out) : _in(share(in)), _out(share(out)) {}
+  using AsyncEnd::AsyncEnd;
 
+private:
   void
-  send(GBytes *message, Sent sent, void *user_data) override
+  startSending(GBytes *message) override
   {
-    expectSent(sent, user_data);
     _sending = message;
     _out_prefix = GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(message)));
     g_output_stream_write_all_async(_out.get(), &_out_prefix, sizeof _out_prefix,
@@ -165,42 +165,28 @@ public:
   }
 
   void
-  receive(Received received, void *user_data) override
+  startReceiving() override
   {
-    expectReceived(received, user_data);
     g_input_stream_read_all_async(_in.get(), &_in_prefix, sizeof _in_prefix, G_PRIORITY_DEFAULT,
                                   nullptr, prefixArrived, this);
   }
 
-private:
   static void
-  prefixWritten(GObject *, GAsyncResult *result, gpointer user_data)
+  prefixWritten(GObject *out, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioEnd *>(user_data);
+    auto *self = static_cast<GioFrames *>(user_data);
     GError *error = nullptr;
-    must(g_output_stream_write_all_finish(self->_out.get(), result, nullptr, &error), error,
+    must(g_output_stream_write_all_finish(G_OUTPUT_STREAM(out), result, nullptr, &error), error,
          "write");
-    gsize size;
-    auto *data = g_bytes_get_data(self->_sending, &size);
-    g_output_stream_write_all_async(self->_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr,
-                                    written, self);
-  }
-
-  static void
-  written(GObject *, GAsyncResult *result, gpointer user_data)
-  {
-    auto *self = static_cast<GioEnd *>(user_data);
-    GError *error = nullptr;
-    must(g_output_stream_write_all_finish(self->_out.get(), result, nullptr, &error), error,
-         "write");
-    self->tellSent();
+    self->AsyncEnd::startSending(self->_sending);
   }
 
   static void
   prefixArrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioEnd *>(user_data);
-    self->finishRead(result, sizeof self->_in_prefix);
+    auto *self = static_cast<GioFrames *>(user_data);
+    if (!self->finishRead(result, sizeof self->_in_prefix))
+      return;
     self->_size = GUINT32_FROM_LE(self->_in_prefix);
     self->_message = g_malloc(self->_size);
     g_input_stream_read_all_async(self->_in.get(), self->_message, self->_size, G_PRIORITY_DEFAULT,
@@ -210,25 +196,24 @@ private:
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioEnd *>(user_data);
-    self->finishRead(result, self->_size);
+    auto *self = static_cast<GioFrames *>(user_data);
+    if (!self->finishRead(result, self->_size))
+      return;
     SharedBytes message(g_bytes_new_take(self->_message, self->_size));
     gsize size;
     auto *data = g_bytes_get_data(message.get(), &size);
     self->tellReceived(data, size);
   }
 
-  void
+  bool
   finishRead(GAsyncResult *result, gsize wanted)
   {
     GError *error = nullptr;
     gsize nread;
-    must(g_input_stream_read_all_finish(_in.get(), result, &nread, &error) && nread == wanted,
-         error, "read");
+    bool success = g_input_stream_read_all_finish(_in.get(), result, &nread, &error) != FALSE;
+    return checkReceived(success && nread == wanted, error);
   }
 
-  Object<GInputStream> _in;
-  Object<GOutputStream> _out;
   GBytes *_sending = nullptr;
   guint32 _out_prefix = 0;
   guint32 _in_prefix = 0;
@@ -238,19 +223,18 @@ private:
 
 // ---- Strings ----
 
-class StringsZelgvcEnd : public BaseEnd
+class ZelgvcStrings : public AsyncEnd
 {
 public:
-  StringsZelgvcEnd(GInputStream *in, GOutputStream *out)
-      : _in(gvc_data_input_stream_new(in)), _out(share(out))
+  explicit ZelgvcStrings(GIOStream *stream)
+      : AsyncEnd(stream), _strings(keepingBaseOpen(gvc_data_input_stream_new(_in.get())))
   {
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(_in.get()), FALSE);
   }
 
+private:
   void
-  send(GBytes *message, Sent sent, void *user_data) override
+  startSending(GBytes *message) override
   {
-    expectSent(sent, user_data);
     gsize size;
     auto *data = g_bytes_get_data(message, &size);
     gvc_output_stream_util_write_all_async(_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr,
@@ -258,304 +242,268 @@ public:
   }
 
   void
-  receive(Received received, void *user_data) override
+  startReceiving() override
   {
-    expectReceived(received, user_data);
-    gvc_data_input_stream_read_string_async(_in.get(), '\n', G_PRIORITY_DEFAULT, nullptr, arrived,
-                                            this);
+    gvc_data_input_stream_read_string_async(_strings.get(), '\n', G_PRIORITY_DEFAULT, nullptr,
+                                            arrived, this);
   }
 
-private:
   static void
   written(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<StringsZelgvcEnd *>(user_data);
+    auto *self = static_cast<ZelgvcStrings *>(user_data);
     GError *error = nullptr;
-    must(gvc_output_stream_util_write_all_finish(self->_out.get(), result, nullptr, &error), error,
-         "write");
-    self->tellSent();
+    bool success =
+        gvc_output_stream_util_write_all_finish(self->_out.get(), result, nullptr, &error) != FALSE;
+    self->checkSent(success, error);
   }
 
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<StringsZelgvcEnd *>(user_data);
+    auto *self = static_cast<ZelgvcStrings *>(user_data);
     GError *error = nullptr;
     gsize length;
     g_autofree gchar *string =
-        gvc_data_input_stream_read_string_finish(self->_in.get(), result, &length, &error);
-    must(string != nullptr, error, "read string");
-    self->tellReceived(string, length);
+        gvc_data_input_stream_read_string_finish(self->_strings.get(), result, &length, &error);
+    if (self->checkReceived(string != nullptr, error))
+      self->tellReceived(string, length);
   }
 
-  Object<GvcDataInputStream> _in;
-  Object<GOutputStream> _out;
+  Object<GvcDataInputStream> _strings;
 };
 
-// The writing half of a string end on GIO alone.
-class StringsWriter : public BaseEnd
+class GDataInputStreamStrings : public AsyncEnd
 {
 public:
-  explicit StringsWriter(GOutputStream *out) : _out(share(out)) {}
-
-  void
-  send(GBytes *message, Sent sent, void *user_data) override
+  explicit GDataInputStreamStrings(GIOStream *stream)
+      : AsyncEnd(stream), _lines(keepingBaseOpen(g_data_input_stream_new(_in.get())))
   {
-    expectSent(sent, user_data);
-    gsize size;
-    auto *data = g_bytes_get_data(message, &size);
-    g_output_stream_write_all_async(_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr, written,
-                                    this);
-  }
-
-private:
-  static void
-  written(GObject *, GAsyncResult *result, gpointer user_data)
-  {
-    auto *self = static_cast<StringsWriter *>(user_data);
-    GError *error = nullptr;
-    must(g_output_stream_write_all_finish(self->_out.get(), result, nullptr, &error), error,
-         "write");
-    self->tellSent();
-  }
-
-  Object<GOutputStream> _out;
-};
-
-class StringsGioEnd : public StringsWriter
-{
-public:
-  StringsGioEnd(GInputStream *in, GOutputStream *out) : StringsWriter(out), _in(share(in)) {}
-
-  void
-  receive(Received received, void *user_data) override
-  {
-    expectReceived(received, user_data);
-    _string = g_byte_array_sized_new(1024);
-    readByte();
   }
 
 private:
   void
-  readByte()
+  startReceiving() override
   {
-    g_input_stream_read_async(_in.get(), &_byte, 1, G_PRIORITY_DEFAULT, nullptr, arrived, this);
+    g_data_input_stream_read_line_async(_lines.get(), G_PRIORITY_DEFAULT, nullptr, arrived, this);
   }
 
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<StringsGioEnd *>(user_data);
-    GError *error = nullptr;
-    must(g_input_stream_read_finish(self->_in.get(), result, &error) == 1, error, "read");
-    g_byte_array_append(self->_string, &self->_byte, 1);
-    if (self->_byte != '\n') {
-      self->readByte();
-      return;
-    }
-    g_autoptr(GByteArray) string = self->_string;
-    self->tellReceived(string->data, string->len);
-  }
-
-  Object<GInputStream> _in;
-  guint8 _byte = 0;
-  GByteArray *_string = nullptr;
-};
-
-class StringsGDataInputStreamEnd : public StringsWriter
-{
-public:
-  StringsGDataInputStreamEnd(GInputStream *in, GOutputStream *out)
-      : StringsWriter(out), _in(g_data_input_stream_new(in))
-  {
-    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(_in.get()), FALSE);
-  }
-
-  void
-  receive(Received received, void *user_data) override
-  {
-    expectReceived(received, user_data);
-    g_data_input_stream_read_line_async(_in.get(), G_PRIORITY_DEFAULT, nullptr, arrived, this);
-  }
-
-private:
-  static void
-  arrived(GObject *, GAsyncResult *result, gpointer user_data)
-  {
-    auto *self = static_cast<StringsGDataInputStreamEnd *>(user_data);
+    auto *self = static_cast<GDataInputStreamStrings *>(user_data);
     GError *error = nullptr;
     gsize length;
     g_autofree char *line =
-        g_data_input_stream_read_line_finish(self->_in.get(), result, &length, &error);
-    must(line != nullptr, error, "read line");
-    // The line has lost its end; a NUL stands in its place.
+        g_data_input_stream_read_line_finish(self->_lines.get(), result, &length, &error);
+    if (!self->checkReceived(line != nullptr, error))
+      return;
+    // The line has lost its end; the NUL there makes room for it.
     line[length] = '\n';
     self->tellReceived(line, length + 1);
   }
 
-  Object<GDataInputStream> _in;
+  Object<GDataInputStream> _lines;
 };
-
-// ---- Driving a pair ----
-
-struct Drive {
-  AsyncEnd &near;
-  AsyncEnd &far;
-  GBytes *message;
-  std::size_t to_send;
-  std::size_t to_receive;
-  bool check_content = false;
-  bool sending = false; // no operation may be left in flight when a run ends
-
-  bool
-  done() const
-  {
-    return to_receive == 0 && !sending;
-  }
-};
-
-void
-checkArrived(const Drive &drive, const void *message, gsize size)
-{
-  gsize wanted_size;
-  auto *wanted = g_bytes_get_data(drive.message, &wanted_size);
-  must(size == wanted_size, nullptr, "a message of another length arrived");
-  if (drive.check_content)
-    must(std::memcmp(message, wanted, size) == 0, nullptr, "a message arrived changed");
-}
-
-void
-sendNext(void *user_data)
-{
-  auto *drive = static_cast<Drive *>(user_data);
-  drive->sending = drive->to_send > 0;
-  if (!drive->sending)
-    return;
-  drive->to_send--;
-  drive->near.send(drive->message, sendNext, drive);
-}
-
-void
-receiveNext(const void *message, gsize size, void *user_data)
-{
-  auto *drive = static_cast<Drive *>(user_data);
-  checkArrived(*drive, message, size);
-  if (--drive->to_receive > 0)
-    drive->far.receive(receiveNext, drive);
-}
-
-void
-iterateUntilDone(const Drive &drive)
-{
-  while (!drive.done())
-    g_main_context_iteration(nullptr, TRUE);
-}
-
-// A round trip ends when its last write has been reported as well as its answer has arrived.
-struct RoundTrip {
-  Drive drive;
-  int pending;
-};
-
-void startRoundTrip(RoundTrip *trip);
-
-void
-finishStep(RoundTrip *trip)
-{
-  if (--trip->pending > 0)
-    return;
-  trip->drive.to_receive--;
-  if (trip->drive.to_receive > 0)
-    startRoundTrip(trip);
-}
-
-void
-stepSent(void *user_data)
-{
-  finishStep(static_cast<RoundTrip *>(user_data));
-}
-
-void
-answerArrived(const void *message, gsize size, void *user_data)
-{
-  auto *trip = static_cast<RoundTrip *>(user_data);
-  checkArrived(trip->drive, message, size);
-  finishStep(trip);
-}
-
-void
-requestArrived(const void *message, gsize size, void *user_data)
-{
-  auto *trip = static_cast<RoundTrip *>(user_data);
-  checkArrived(trip->drive, message, size);
-  trip->drive.far.send(trip->drive.message, stepSent, trip);
-}
-
-void
-startRoundTrip(RoundTrip *trip)
-{
-  trip->pending = 3;
-  trip->drive.far.receive(requestArrived, trip);
-  trip->drive.near.receive(answerArrived, trip);
-  trip->drive.near.send(trip->drive.message, stepSent, trip);
-}
 
 } // namespace
 
 std::unique_ptr<AsyncEnd>
-asyncZelgvc(GInputStream *in, GOutputStream *out)
+framesZelgvc(GIOStream *stream)
 {
-  return std::make_unique<ZelgvcEnd>(in, out);
+  return std::make_unique<ZelgvcFrames>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
-asyncGio(GInputStream *in, GOutputStream *out)
+framesGio(GIOStream *stream)
 {
-  return std::make_unique<GioEnd>(in, out);
+  return std::make_unique<GioFrames>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
-stringsZelgvc(GInputStream *in, GOutputStream *out)
+stringsZelgvc(GIOStream *stream)
 {
-  return std::make_unique<StringsZelgvcEnd>(in, out);
+  return std::make_unique<ZelgvcStrings>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
-stringsGio(GInputStream *in, GOutputStream *out)
+stringsGDataInputStream(GIOStream *stream)
 {
-  return std::make_unique<StringsGioEnd>(in, out);
+  return std::make_unique<GDataInputStreamStrings>(stream);
 }
 
-std::unique_ptr<AsyncEnd>
-stringsGDataInputStream(GInputStream *in, GOutputStream *out)
+// ---- Driving a pair ----
+
+template <typename Condition>
+static void
+iterateUntil(Condition done)
 {
-  return std::make_unique<StringsGDataInputStreamEnd>(in, out);
+  while (!done())
+    g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
+}
+
+AsyncPair::AsyncPair(Streams streams, MakeAsyncEnd make)
+    : _streams(std::move(streams)), _near(make(_streams->near.get())),
+      _far(make(_streams->far.get()))
+{
 }
 
 void
-runAsyncOneWay(AsyncEnd &near, AsyncEnd &far, GBytes *message, std::size_t times)
+AsyncPair::checkArrived(const void *message, gsize size) const
 {
-  Drive drive{near, far, message, times, times};
-  far.receive(receiveNext, &drive);
-  sendNext(&drive);
-  iterateUntilDone(drive);
+  gsize wanted_size;
+  auto *wanted = g_bytes_get_data(_message, &wanted_size);
+  must(size == wanted_size, nullptr, "a message of another length arrived");
+  if (_checkContent)
+    must(std::memcmp(message, wanted, size) == 0, nullptr, "a message arrived changed");
+}
+
+// No operation may be left in flight when a run ends, so the end of a send counts as well.
+void
+AsyncPair::sendNext()
+{
+  _sending = _toSend > 0;
+  if (!_sending)
+    return;
+  _toSend--;
+  _near->send(
+      _message, [](void *self) { static_cast<AsyncPair *>(self)->sendNext(); }, this);
 }
 
 void
-runAsyncRoundTrip(AsyncEnd &near, AsyncEnd &far, GBytes *message, std::size_t times)
+AsyncPair::receiveNext()
 {
-  RoundTrip trip{{near, far, message, 0, times}, 0};
-  startRoundTrip(&trip);
-  iterateUntilDone(trip.drive);
+  auto arrived = [](const void *message, gsize size, void *user_data) {
+    auto *self = static_cast<AsyncPair *>(user_data);
+    self->checkArrived(message, size);
+    if (--self->_toReceive > 0)
+      self->receiveNext();
+  };
+  _far->receive(arrived, this);
 }
 
 void
-checkAsync(AsyncEnd &near, AsyncEnd &far, GBytes *message)
+AsyncPair::oneWay(GBytes *message, std::size_t times)
 {
-  Drive drive{near, far, message, 2, 2, true};
-  far.receive(receiveNext, &drive);
-  sendNext(&drive);
-  iterateUntilDone(drive);
+  _message = message;
+  _toSend = _toReceive = times;
+  receiveNext();
+  sendNext();
+  iterateUntil([this] { return _toReceive == 0 && !_sending; });
+}
+
+void
+AsyncPair::burst(GBytes *message, std::size_t times)
+{
+  _message = message;
+  _toSend = _toReceive = times;
+  sendNext();
+  iterateUntil([this] { return !_sending; });
+  receiveNext();
+  iterateUntil([this] { return _toReceive == 0; });
+}
+
+void
+AsyncPair::check(GBytes *message)
+{
+  _checkContent = true;
+  oneWay(message, 2);
+  roundTrips(message, 2);
+  _checkContent = false;
+}
+
+// ---- Round trips ----
+
+void
+AsyncPair::roundTrips(GBytes *message, std::size_t times)
+{
+  std::size_t unfinished = 1;
+  start(message, times, &unfinished);
+  iterateUntil([&] { return unfinished == 0; });
+}
+
+void
+AsyncPair::start(GBytes *message, std::size_t times, std::size_t *unfinished)
+{
+  _message = message;
+  _toSend = times;
+  _unfinished = unfinished;
+  nextRoundTrip();
+}
+
+// A round trip is done when both sends are reported and the answer has arrived.
+void
+AsyncPair::nextRoundTrip()
+{
+  _steps = 3;
+  armFar();
+  armNear();
+  _near->send(_message, stepDone, this);
+}
+
+void
+AsyncPair::stepDone(void *user_data)
+{
+  auto *self = static_cast<AsyncPair *>(user_data);
+  if (--self->_steps > 0)
+    return;
+  if (--self->_toSend > 0)
+    self->nextRoundTrip();
+  else
+    --*self->_unfinished;
+}
+
+void
+AsyncPair::armNear()
+{
+  if (std::exchange(_nearArmed, true))
+    return;
+  auto answered = [](const void *message, gsize size, void *user_data) {
+    auto *self = static_cast<AsyncPair *>(user_data);
+    self->_nearArmed = false;
+    if (!message)
+      return;
+    self->checkArrived(message, size);
+    if (self->_staysArmed)
+      self->armNear();
+    stepDone(self);
+  };
+  _near->receive(answered, this);
+}
+
+void
+AsyncPair::armFar()
+{
+  if (std::exchange(_farArmed, true))
+    return;
+  auto requested = [](const void *message, gsize size, void *user_data) {
+    auto *self = static_cast<AsyncPair *>(user_data);
+    self->_farArmed = false;
+    if (!message)
+      return;
+    self->checkArrived(message, size);
+    if (self->_staysArmed)
+      self->armFar();
+    self->_far->send(self->_message, stepDone, self);
+  };
+  _far->receive(requested, this);
+}
+
+void
+AsyncPair::arm()
+{
+  _staysArmed = true;
+  armNear();
+  armFar();
+}
+
+void
+AsyncPair::shutDown(const SocketPair &sockets)
+{
+  _near->end();
+  _far->end();
+  // Ends both directions of both ends.
+  g_socket_shutdown(g_socket_connection_get_socket(sockets.near.get()), TRUE, TRUE, nullptr);
 }
 
 } // namespace bench

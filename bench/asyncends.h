@@ -1,16 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Ends of channels as asynchronous message code sees them, and opaque streams: filters that pass
-// everything on and cannot be polled, so that GIO moves each of their asynchronous calls to a
-// worker thread.
+// The two ends of a connection as asynchronous message code sees them.
 #pragma once
 
 #include "links.h"
 
 namespace bench
 {
-
-Object<GInputStream> makeOpaque(GInputStream *base);
-Object<GOutputStream> makeOpaque(GOutputStream *base);
 
 // One operation a direction may be in flight. Callbacks come from the main loop.
 class AsyncEnd
@@ -19,30 +14,96 @@ public:
   using Sent = void (*)(void *user_data);
   using Received = void (*)(const void *message, gsize size, void *user_data);
 
+  explicit AsyncEnd(GIOStream *stream);
   virtual ~AsyncEnd() = default;
-  virtual void send(GBytes *message, Sent sent, void *user_data) = 0;
-  virtual void receive(Received received, void *user_data) = 0;
+
+  void send(GBytes *message, Sent sent, void *user_data);
+  void receive(Received received, void *user_data);
+  // From now on a receive may fail: it is then reported as no message.
+  void end();
+
+protected:
+  // By default the bytes of the message alone, with GIO's write_all_async().
+  virtual void startSending(GBytes *message);
+  virtual void startReceiving() = 0;
+
+  void checkSent(bool success, GError *error);
+  bool checkReceived(bool success, GError *error);
+  void tellReceived(const void *message, gsize size);
+  static void bytesWritten(GObject *out, GAsyncResult *result, gpointer user_data);
+
+  Object<GInputStream> _in;
+  Object<GOutputStream> _out;
+
+private:
+  Sent _sent = nullptr;
+  void *_sentData = nullptr;
+  Received _received = nullptr;
+  void *_receivedData = nullptr;
+  bool _ending = false;
 };
 
-// The library's message streams on any streams.
-std::unique_ptr<AsyncEnd> asyncZelgvc(GInputStream *in, GOutputStream *out);
+using MakeAsyncEnd = std::unique_ptr<AsyncEnd> (*)(GIOStream *stream);
+
+// The library's message streams on any stream.
+std::unique_ptr<AsyncEnd> framesZelgvc(GIOStream *stream);
 // Frames by hand with g_output_stream_write_all_async() and g_input_stream_read_all_async().
-std::unique_ptr<AsyncEnd> asyncGio(GInputStream *in, GOutputStream *out);
+std::unique_ptr<AsyncEnd> framesGio(GIOStream *stream);
+// Strings that end in a line feed; the message is the string.
+std::unique_ptr<AsyncEnd> stringsZelgvc(GIOStream *stream);
+// GDataInputStream reads ahead into a buffer of its own.
+std::unique_ptr<AsyncEnd> stringsGDataInputStream(GIOStream *stream);
 
-// Strings that end in a line feed, the message being the string.
-std::unique_ptr<AsyncEnd> stringsZelgvc(GInputStream *in, GOutputStream *out);
-// By hand, a byte at a time, as anyone must read who leaves what follows in the stream.
-std::unique_ptr<AsyncEnd> stringsGio(GInputStream *in, GOutputStream *out);
-// GDataInputStream, which reads ahead into a buffer of its own.
-std::unique_ptr<AsyncEnd> stringsGDataInputStream(GInputStream *in, GOutputStream *out);
+// Both ends in one thread and one main loop: that of the thread-default main context.
+class AsyncPair
+{
+public:
+  AsyncPair(Streams streams, MakeAsyncEnd make);
 
-// Both ends in one main loop: messages one behind the other, each written once the one before is,
-// ended when all have arrived.
-void runAsyncOneWay(AsyncEnd &near, AsyncEnd &far, GBytes *message, std::size_t times);
-// Both ends in one main loop: the far end sends a message back before the next one is sent.
-void runAsyncRoundTrip(AsyncEnd &near, AsyncEnd &far, GBytes *message, std::size_t times);
+  // Ends the program unless messages arrive as they were sent.
+  void check(GBytes *message);
+  // Writes each message once the one before is written, until all have arrived.
+  void oneWay(GBytes *message, std::size_t times);
+  // Receives only when all messages are written; they must fit into the socket's buffers.
+  void burst(GBytes *message, std::size_t times);
+  // The far end sends a message back before the next one is sent.
+  void roundTrips(GBytes *message, std::size_t times);
 
-// Ends the program unless a message arrives as it was sent.
-void checkAsync(AsyncEnd &near, AsyncEnd &far, GBytes *message);
+  // For many pairs in one main loop: from now on both ends always have a receive in flight.
+  void arm();
+  // Starts round trips, and takes one off `unfinished` when they are done.
+  void start(GBytes *message, std::size_t times, std::size_t *unfinished);
+  // Starts to end the receives of an armed pair; armed() tells when they have ended.
+  void shutDown(const SocketPair &sockets);
+
+  bool
+  armed() const
+  {
+    return _nearArmed || _farArmed;
+  }
+
+private:
+  void armNear();
+  void armFar();
+  void sendNext();
+  void receiveNext();
+  void nextRoundTrip();
+  static void stepDone(void *pair);
+  void checkArrived(const void *message, gsize size) const;
+
+  Streams _streams;
+  std::unique_ptr<AsyncEnd> _near;
+  std::unique_ptr<AsyncEnd> _far;
+  GBytes *_message = nullptr;
+  std::size_t _toSend = 0;
+  std::size_t _toReceive = 0;
+  std::size_t *_unfinished = nullptr;
+  int _steps = 0; // of a round trip that are not done yet
+  bool _sending = false;
+  bool _checkContent = false;
+  bool _staysArmed = false;
+  bool _nearArmed = false;
+  bool _farArmed = false;
+};
 
 } // namespace bench

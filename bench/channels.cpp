@@ -4,8 +4,6 @@
 #include "groups.h"
 #include "links.h"
 
-#include <algorithm>
-
 namespace bench
 {
 
@@ -57,26 +55,29 @@ measureChannels(Report &report)
       "glib-networking's GTlsConnection, one write a message so that it is one record; tls+zlib: "
       "GIO's zlib converters on top, level 1, flushed behind each message. Round trips send the "
       "message back; their rate counts the message once.");
-  std::vector<std::int64_t> sizes = {16, 256, 4096, 65536, 1 << 20, 16 << 20, 64 << 20};
+  std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 65536, 1 << 20, 16 << 20};
   if (report.effort().quick)
-    sizes = {16, 65536, 4 << 20};
+    sizes = {16, 65536};
   auto data = repeated(corpus("source"), static_cast<std::size_t>(sizes.back()));
 
   auto candidates = makeCandidates();
   for (const auto &mode : modes)
     for (auto size : sizes) {
+      Parameters parameters = {{"mode", mode.name}, {"size", size}};
+      if (!report.wants(parameters))
+        continue;
       SharedBytes message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-      auto timings = takeTurns(mode.duel(checkedEntrants(candidates, message.get()), message.get()),
-                               report.effort());
-      auto ratios = ratiosOf(timings, "plain", {"tls"});
-      for (const char *subject : {"encrypted", "both"})
-        for (auto &ratio : ratiosOf(timings, subject, {"tls", "tls+zlib"}))
-          ratios.push_back(ratio);
-      report.add({{{"mode", mode.name}, {"size", size}}, size, timings, ratios, {}});
+      report.race(parameters, size,
+                  mode.duel(checkedEntrants(candidates, message.get()), message.get()),
+                  {{"plain", "tls"},
+                   {"encrypted", "tls"},
+                   {"encrypted", "tls+zlib"},
+                   {"both", "tls"},
+                   {"both", "tls+zlib"}});
     }
 }
 
-// ---- The channel and its slowest stage ----
+// ---- Both stages and their conversions alone ----
 
 namespace
 {
@@ -158,29 +159,6 @@ private:
   }
 };
 
-Contender
-channel(const char *name, Link &link, const std::vector<SharedBytes> &messages)
-{
-  checkLink(link, messages.front().get());
-  return {name, [&](std::size_t times) { runOneWay(link, messages, times); }, messages.size()};
-}
-
-// Each message is sent and then received in the one thread, so that nobody has to be woken. The
-// socket's buffer has room for one.
-Contender
-inTurn(Link &link, const std::vector<SharedBytes> &messages)
-{
-  return {"in turn",
-          [&](std::size_t times) {
-            for (std::size_t i = 0; i < times; i++)
-              for (const auto &message : messages) {
-                link.near->send(message.get());
-                link.far->receive();
-              }
-          },
-          messages.size()};
-}
-
 // The corpus in messages; what is left over at its end is left out.
 std::vector<SharedBytes>
 messagesOf(const Bytes &corpus)
@@ -191,80 +169,44 @@ messagesOf(const Bytes &corpus)
   return messages;
 }
 
-const Timing &
-named(const std::vector<Timing> &timings, const std::string &name)
-{
-  return *std::find_if(timings.begin(), timings.end(),
-                       [&](const Timing &timing) { return timing.name == name; });
-}
-
-// The one of `names` whose median is the longest.
-std::string
-slowest(const std::vector<Timing> &timings, const std::vector<std::string> &names)
-{
-  auto median = [&](const std::string &name) {
-    return spreadOf(named(timings, name).seconds).median;
-  };
-  return *std::max_element(names.begin(), names.end(),
-                           [&](auto &a, auto &b) { return median(a) < median(b); });
-}
-
-// What one end of the channel has to do for a message: its two conversions, one after the other.
+// All of them, one after the other.
 Timing
-sum(const char *name, const Timing &first, const Timing &second)
+sum(const std::string &name, const std::vector<Timing> &parts)
 {
-  Timing both{name, first.seconds};
-  for (std::size_t i = 0; i < both.seconds.size(); i++)
-    both.seconds[i] += second.seconds[i];
-  return both;
+  Timing whole{name, parts.front().seconds};
+  for (std::size_t part = 1; part < parts.size(); part++)
+    for (std::size_t i = 0; i < whole.seconds.size(); i++)
+      whole.seconds[i] += parts[part].seconds[i];
+  return whole;
 }
 
 } // namespace
 
 void
-measureSlowestStage(Report &report)
+measureStages(Report &report)
 {
   report.begin(
-      "stages", "Messages of 64 KiB through both stages, and what each stage alone can do",
-      "both: one way over a Unix socket, the peer in a second thread; compressed, encrypted: "
-      "channels with one stage only, likewise; compress to decompress: that converter by itself, "
-      "in "
-      "one thread, on what the stage gets in the channel. Each end does its two conversions one "
-      "after the other in its thread: \"sender\" and \"receiver\" are those sums. in turn: both, "
-      "with each message sent and then received in one thread; all four: the sum of all "
-      "conversions.");
-  auto link = [](Stages stages) {
-    return linkZelgvc(connectSockets(Transport::unixSocket), stages);
-  };
-  auto plain = link(Stages::none);
-  auto compressed = link(Stages::compression);
-  auto encrypted = link(Stages::encryption);
-  auto both = link(Stages::both);
-
+      "stages", "Messages of 64 KiB through both stages beside their four conversions",
+      "both: each message is sent over a Unix socket and then received in one thread; compress to "
+      "decompress: that converter called directly, on what the stage gets in the channel; "
+      "conversions: the sum of the four.");
+  auto link = linkZelgvc(connectSockets(Transport::unixSocket), Stages::both);
   for (const auto &corpus : corpora()) {
+    Parameters parameters = {{"corpus", corpus.name}};
+    if (!report.wants(parameters))
+      continue;
     auto messages = messagesOf(corpus.bytes);
+    checkLink(*link, messages.front().get());
+    std::vector<GBytes *> unowned;
+    for (const auto &message : messages)
+      unowned.push_back(message.get());
     StagesAlone alone(messages);
-    std::vector<Contender> contenders = {
-        channel("both", *both, messages), channel("compressed", *compressed, messages),
-        channel("encrypted", *encrypted, messages), channel("plain", *plain, messages)};
-    contenders.push_back(inTurn(*both, messages));
-    for (auto &contender : alone.contenders())
-      contenders.push_back(std::move(contender));
-    auto timings = takeTurns(contenders, report.effort().withLongTurns());
-    timings.push_back(sum("sender", named(timings, "compress"), named(timings, "encrypt")));
-    timings.push_back(sum("receiver", named(timings, "decrypt"), named(timings, "decompress")));
-    timings.push_back(sum("all four", named(timings, "sender"), named(timings, "receiver")));
-
-    auto converter = slowest(timings, {"compress", "encrypt", "decrypt", "decompress"});
-    auto channelOfOne = slowest(timings, {"compressed", "encrypted"});
-    auto end = slowest(timings, {"sender", "receiver"});
-    auto ratios = ratiosOf(timings, "both", {converter, channelOfOne, end});
-    ratios.push_back(ratiosOf(timings, "in turn", {"all four"}).front());
-    Parameters parameters = {{"corpus", corpus.name},
-                             {"slowest converter", converter},
-                             {"slower channel", channelOfOne},
-                             {"busier end", end}};
-    report.add({parameters, messageSize, timings, ratios, {}});
+    auto contenders = alone.contenders();
+    contenders.push_back(inOneThread("both", *link, unowned));
+    auto timings = takeTurns(contenders, report.effort());
+    timings.push_back(sum("conversions", {timings.begin(), timings.begin() + 4}));
+    auto ratios = ratiosOf(timings, {{"both", "conversions"}});
+    report.add({parameters, messageSize, std::move(timings), std::move(ratios), {}});
   }
 }
 
@@ -290,6 +232,8 @@ measurePerByte(Report &report)
       {stagesName(Stages::both), linkZelgvc(tcp(), Stages::both)},
       {"gio", linkGio(tcp())}};
   for (auto &[name, link] : links) {
+    if (!report.wants({{"stages", name}}))
+      continue;
     std::vector<Contender> contenders;
     std::deque<std::vector<SharedBytes>> messages;
     for (auto size : sizes) {
@@ -305,7 +249,7 @@ measurePerByte(Report &report)
       report.add({{{"stages", name}, {"size", sizes[i]}},
                   1,
                   {timings[i]},
-                  ratiosOf(timings, timings[i].name, {sizeText(65536)}),
+                  ratiosOf(timings, {{timings[i].name, sizeText(65536)}}),
                   {}});
   }
 }

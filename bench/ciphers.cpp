@@ -138,6 +138,10 @@ decryptBare(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::si
 void
 raceEncryption(Report &report, unsigned bits, std::size_t size)
 {
+  Parameters parameters = {
+      {"direction", "encrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}};
+  if (!report.wants(parameters))
+    return;
   Record record(size);
   auto encryptor = makeEncryptor(bits);
   auto *converter = G_CONVERTER(encryptor.get());
@@ -171,8 +175,7 @@ raceEncryption(Report &report, unsigned bits, std::size_t size)
          "the ciphers differ");
   }
 
-  report.race({{"direction", "encrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
-              static_cast<std::int64_t>(size),
+  report.race(parameters, static_cast<std::int64_t>(size),
               {{"zelgvc", repeat(ours)},
                {"libgcrypt", repeat(bare)},
                {"thin", repeat(thin)},
@@ -182,6 +185,10 @@ raceEncryption(Report &report, unsigned bits, std::size_t size)
 void
 raceDecryption(Report &report, unsigned bits, std::size_t size)
 {
+  Parameters parameters = {
+      {"direction", "decrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}};
+  if (!report.wants(parameters))
+    return;
   Record record(size);
   auto encryptor = makeEncryptor(bits);
   auto decryptor = makeDecryptor(bits);
@@ -222,8 +229,7 @@ raceDecryption(Report &report, unsigned bits, std::size_t size)
 
   // The one record over and over: its first block, which is chained to another one then, comes out
   // wrong, at the same cost.
-  report.race({{"direction", "decrypt"}, {"bits", bits}, {"size", static_cast<std::int64_t>(size)}},
-              static_cast<std::int64_t>(size),
+  report.race(parameters, static_cast<std::int64_t>(size),
               {{"zelgvc", repeat(ours)},
                {"libgcrypt", repeat(bare)},
                {"thin", repeat(thin)},

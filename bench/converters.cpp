@@ -101,10 +101,12 @@ raceConverters(Report &report, const Corpus &corpus, std::size_t blockSize)
 
   auto bytes = static_cast<std::int64_t>(std::min(blockSize, corpus.bytes.size()));
   auto size = static_cast<std::int64_t>(blockSize);
-  report.race({{"direction", "compress"}, {"corpus", corpus.name}, {"size", size}}, bytes,
-              encoders);
-  report.race({{"direction", "decompress"}, {"corpus", corpus.name}, {"size", size}}, bytes,
-              decoders);
+  for (const auto &[direction, contenders] :
+       {std::pair("compress", encoders), {"decompress", decoders}}) {
+    Parameters parameters = {{"direction", direction}, {"corpus", corpus.name}, {"size", size}};
+    if (report.wants(parameters))
+      report.race(parameters, bytes, contenders);
+  }
 }
 
 } // namespace

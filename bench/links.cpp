@@ -39,28 +39,55 @@ connectUnix()
   return {wrapSocket(fds[0]), wrapSocket(fds[1])};
 }
 
-static SocketPair
-connectTcp()
+static void
+setNoDelay(GSocketConnection *connection)
 {
   GError *error = nullptr;
-  Object<GSocketListener> listener(g_socket_listener_new());
+  must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
+                           TRUE, &error),
+       error, "TCP_NODELAY");
+}
+
+// A port carries so many connections: those that are closed keep theirs for a minute.
+struct Listening {
+  Object<GSocketListener> listener;
+  Object<GSocketAddress> address;
+  unsigned left = 4096;
+};
+
+static Listening
+startListening()
+{
+  GError *error = nullptr;
+  Listening made{Object<GSocketListener>(g_socket_listener_new()), nullptr};
   Object<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
   Object<GSocketAddress> wanted(g_inet_socket_address_new(loopback.get(), 0));
   GSocketAddress *address = nullptr;
-  must(g_socket_listener_add_address(listener.get(), wanted.get(), G_SOCKET_TYPE_STREAM,
+  must(g_socket_listener_add_address(made.listener.get(), wanted.get(), G_SOCKET_TYPE_STREAM,
                                      G_SOCKET_PROTOCOL_TCP, nullptr, &address, &error),
        error, "listen");
+  made.address.reset(address);
+  return made;
+}
 
-  Object<GSocketAddress> bound(address);
+static SocketPair
+connectTcp()
+{
+  static Listening listening = startListening();
+  if (listening.left-- == 0)
+    listening = startListening();
+
+  GError *error = nullptr;
   Object<GSocketClient> client(g_socket_client_new());
+  g_socket_client_set_enable_proxy(client.get(), FALSE);
   SocketPair pair;
-  pair.near.reset(
-      g_socket_client_connect(client.get(), G_SOCKET_CONNECTABLE(bound.get()), nullptr, &error));
+  pair.near.reset(g_socket_client_connect(
+      client.get(), G_SOCKET_CONNECTABLE(listening.address.get()), nullptr, &error));
   must(pair.near != nullptr, error, "connect");
-  pair.far.reset(g_socket_listener_accept(listener.get(), nullptr, nullptr, &error));
+  pair.far.reset(g_socket_listener_accept(listening.listener.get(), nullptr, nullptr, &error));
   must(pair.far != nullptr, error, "accept");
-  setNoDelay(pair.near.get(), true);
-  setNoDelay(pair.far.get(), true);
+  setNoDelay(pair.near.get());
+  setNoDelay(pair.far.get());
   return pair;
 }
 
@@ -70,21 +97,14 @@ connectSockets(Transport transport)
   return std::make_shared<SocketPair>(transport == Transport::tcp ? connectTcp() : connectUnix());
 }
 
-void
-setNoDelay(GSocketConnection *connection, bool value)
-{
-  GError *error = nullptr;
-  must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
-                           value, &error),
-       error, "TCP_NODELAY");
-}
-
 // ---- The library's channel ----
 
 const char *
 stagesName(Stages stages)
 {
   switch (stages) {
+  case Stages::bare:
+    return "gio";
   case Stages::none:
     return "plain";
   case Stages::compression:
@@ -97,9 +117,12 @@ stagesName(Stages stages)
   return "";
 }
 
-Object<GvcConnection>
-makeChannel(GSocketConnection *connection, Stages stages)
+static Object<GIOStream>
+makeStream(GSocketConnection *connection, Stages stages)
 {
+  if (stages == Stages::bare)
+    return share(G_IO_STREAM(connection));
+
   static const guint8 key_data[32] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
   Object<GvcConnection> channel(gvc_connection_new(connection));
 
@@ -114,7 +137,14 @@ makeChannel(GSocketConnection *connection, Stages stages)
     Object<GvcCompressor> out(gvc_compressor_new());
     gvc_connection_add_converters(channel.get(), G_CONVERTER(in.get()), G_CONVERTER(out.get()));
   }
-  return channel;
+  return Object<GIOStream>(G_IO_STREAM(channel.release()));
+}
+
+Streams
+streamsOn(const Sockets &sockets, Stages stages)
+{
+  return std::make_shared<StreamPair>(
+      StreamPair{makeStream(sockets->near.get(), stages), makeStream(sockets->far.get(), stages)});
 }
 
 namespace
@@ -123,11 +153,10 @@ namespace
 class ZelgvcEnd : public End
 {
 public:
-  explicit ZelgvcEnd(Object<GvcConnection> channel)
-      : _channel(std::move(channel)),
-        _in(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(_channel.get())))),
-        _out(
-            gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(_channel.get()))))
+  explicit ZelgvcEnd(GIOStream *channel)
+      : _channel(share(channel)),
+        _in(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(channel))),
+        _out(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(channel)))
   {
   }
 
@@ -148,7 +177,7 @@ public:
   }
 
 private:
-  Object<GvcConnection> _channel;
+  Object<GIOStream> _channel;
   Object<GvcBytesInputStream> _in;
   Object<GvcBytesOutputStream> _out;
 };
@@ -205,6 +234,23 @@ protected:
   Object<GIOStream> _stream;
   GInputStream *_in;
   GOutputStream *_out;
+};
+
+class GatheringEnd : public GioEnd
+{
+public:
+  using GioEnd::GioEnd;
+
+  void
+  send(GBytes *message) override
+  {
+    gsize size;
+    auto *data = g_bytes_get_data(message, &size);
+    auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
+    GOutputVector vectors[] = {{&prefix, sizeof prefix}, {data, size}};
+    GError *error = nullptr;
+    must(g_output_stream_writev_all(_out, vectors, 2, nullptr, nullptr, &error), error, "writev");
+  }
 };
 
 // ---- Frames over TLS ----
@@ -278,17 +324,13 @@ acceptAny(GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags, gpointer)
   return TRUE;
 }
 
-struct TlsPair {
-  Object<GIOStream> near;
-  Object<GIOStream> far;
-};
-
-TlsPair
-startTls(const SocketPair &sockets, PeerThread &peer)
+StreamPair
+startTls(const SocketPair &sockets)
 {
+  PeerThread peer;
   GError *error = nullptr;
   Object<GTlsCertificate> certificate(makeCertificate());
-  TlsPair pair;
+  StreamPair pair;
   pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets.near.get()), nullptr, &error));
   must(pair.near != nullptr, error, "TLS (is glib-networking installed?)");
   pair.far.reset(
@@ -314,13 +356,12 @@ startTls(const SocketPair &sockets, PeerThread &peer)
 
 template <typename Kind>
 std::unique_ptr<Link>
-linkOverTls(const Sockets &sockets)
+linkOver(const Sockets &sockets, const StreamPair &streams)
 {
   auto link = std::make_unique<Link>();
   link->sockets = sockets;
-  auto pair = startTls(*sockets, link->peer);
-  link->near = std::make_unique<Kind>(pair.near.get());
-  link->far = std::make_unique<Kind>(pair.far.get());
+  link->near = std::make_unique<Kind>(streams.near.get());
+  link->far = std::make_unique<Kind>(streams.far.get());
   return link;
 }
 
@@ -335,33 +376,31 @@ tlsDescription()
 std::unique_ptr<Link>
 linkZelgvc(const Sockets &sockets, Stages stages)
 {
-  auto link = std::make_unique<Link>();
-  link->sockets = sockets;
-  link->near = std::make_unique<ZelgvcEnd>(makeChannel(sockets->near.get(), stages));
-  link->far = std::make_unique<ZelgvcEnd>(makeChannel(sockets->far.get(), stages));
-  return link;
+  return linkOver<ZelgvcEnd>(sockets, *streamsOn(sockets, stages));
 }
 
 std::unique_ptr<Link>
 linkGio(const Sockets &sockets)
 {
-  auto link = std::make_unique<Link>();
-  link->sockets = sockets;
-  link->near = std::make_unique<GioEnd>(G_IO_STREAM(sockets->near.get()));
-  link->far = std::make_unique<GioEnd>(G_IO_STREAM(sockets->far.get()));
-  return link;
+  return linkOver<GioEnd>(sockets, *streamsOn(sockets, Stages::bare));
+}
+
+std::unique_ptr<Link>
+linkGathering(const Sockets &sockets)
+{
+  return linkOver<GatheringEnd>(sockets, *streamsOn(sockets, Stages::bare));
 }
 
 std::unique_ptr<Link>
 linkTls(const Sockets &sockets)
 {
-  return linkOverTls<TlsEnd>(sockets);
+  return linkOver<TlsEnd>(sockets, startTls(*sockets));
 }
 
 std::unique_ptr<Link>
 linkTlsZlib(const Sockets &sockets)
 {
-  return linkOverTls<TlsZlibEnd>(sockets);
+  return linkOver<TlsZlibEnd>(sockets, startTls(*sockets));
 }
 
 // ---- The second thread ----
@@ -470,17 +509,16 @@ makeDuel(const std::vector<Entrant> &entrants, std::size_t operations, Near near
 
 } // namespace
 
-Duel
-duelInOneThread(const std::vector<Entrant> &entrants, GBytes *message)
+Contender
+inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &messages)
 {
-  constexpr std::size_t batch = 16;
-  auto near = [=, size = g_bytes_get_size(message)](Link &link) {
-    for (std::size_t i = 0; i < batch; i++) {
+  auto pass = [&link, messages] {
+    for (auto *message : messages) {
       link.near->send(message);
-      receiveOne(*link.far, size);
+      receiveOne(*link.far, g_bytes_get_size(message));
     }
   };
-  return makeDuel(entrants, batch, near, [](Link &) {});
+  return {name, repeat(pass), messages.size()};
 }
 
 Duel

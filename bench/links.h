@@ -32,15 +32,20 @@ using Sockets = std::shared_ptr<SocketPair>;
 // Over TCP both ends have TCP_NODELAY set, as GLib itself does since 2.80.
 Sockets connectSockets(Transport transport);
 
-void setNoDelay(GSocketConnection *connection, bool value);
-
-// What stands between the messages and the socket.
-enum class Stages { none, compression, encryption, both };
+// What is between the messages and the socket; `bare` is no channel at all.
+enum class Stages { bare, none, compression, encryption, both };
 
 const char *stagesName(Stages stages);
 
-// The library's channel over a socket; both ends of a pair have the same key.
-Object<GvcConnection> makeChannel(GSocketConnection *connection, Stages stages);
+struct StreamPair {
+  Object<GIOStream> near;
+  Object<GIOStream> far;
+};
+
+using Streams = std::shared_ptr<StreamPair>;
+
+// A channel at each end, with the same key, or the sockets themselves.
+Streams streamsOn(const Sockets &sockets, Stages stages);
 
 // One end of a pair. Both ends may be used from different threads.
 class End
@@ -83,6 +88,8 @@ struct Link {
 std::unique_ptr<Link> linkZelgvc(const Sockets &sockets, Stages stages);
 // Frames by hand: a write for the length and one for the message, a read for each.
 std::unique_ptr<Link> linkGio(const Sockets &sockets);
+// The same with one gathering write for both.
+std::unique_ptr<Link> linkGathering(const Sockets &sockets);
 // Frames over TLS, in the way that suits TLS: one write a message, so that it is one TLS record.
 std::unique_ptr<Link> linkTls(const Sockets &sockets);
 // The same with GIO's zlib converters on top, at their fastest level, flushed behind each message
@@ -92,15 +99,17 @@ std::unique_ptr<Link> linkTlsZlib(const Sockets &sockets);
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();
 
-// Three ways to move messages, by links that take turns; all of them use the peer thread of the
-// first.
+// Sends each message and then receives it, in this thread; it must fit into the socket's buffers.
+// The link and the messages must outlive the contender.
+Contender inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &messages);
+
+// Two ways to move messages in two threads, by links that take turns; all of them use the peer
+// thread of the first.
 struct Entrant {
   std::string name;
   Link *link;
 };
 
-// Each message is sent and received by the one thread; it must fit into the socket's buffers.
-Duel duelInOneThread(const std::vector<Entrant> &entrants, GBytes *message);
 // The second thread receives, and answers the last of a batch of messages.
 Duel duelOneWay(const std::vector<Entrant> &entrants, GBytes *message);
 // The second thread sends back what it receives.

@@ -26,6 +26,11 @@ named(const char *name, Contender contender)
 void
 raceEncoders(Report &report, const Corpus &corpus, std::size_t blockSize)
 {
+  Parameters parameters = {{"direction", "encode"},
+                           {"corpus", corpus.name},
+                           {"size", static_cast<std::int64_t>(blockSize)}};
+  if (!report.wants(parameters))
+    return;
   Bytes scratch(roomFor(corpus.bytes.size() + blockSize));
   auto timings = takeTurns({encoding(bareCodec, corpus.bytes, blockSize, scratch),
                             encoding(lzoCodec, corpus.bytes, blockSize, scratch),
@@ -35,19 +40,20 @@ raceEncoders(Report &report, const Corpus &corpus, std::size_t blockSize)
   for (const auto *codec : {&bareCodec, &lzoCodec, &lz4Codec})
     sizes.push_back({std::string(codec->name) + " size %",
                      exactly(percent(encodeAll(*codec, corpus.bytes, blockSize), corpus))});
-  auto ratios = ratiosOf(timings, "codec", {"lzo", "lz4"});
-  auto size = static_cast<std::int64_t>(blockSize);
-  report.add({{{"direction", "encode"}, {"corpus", corpus.name}, {"size", size}},
-              size,
-              std::move(timings),
-              std::move(ratios),
-              std::move(sizes)});
+  auto ratios = ratiosOf(timings, {{"codec", "lzo"}, {"codec", "lz4"}});
+  report.add({parameters, static_cast<std::int64_t>(blockSize), std::move(timings),
+              std::move(ratios), std::move(sizes)});
 }
 
 // Our decoder and liblzo2's on what each of the two encoders wrote.
 void
 raceDecoders(Report &report, const Corpus &corpus, std::size_t blockSize)
 {
+  Parameters parameters = {{"direction", "decode"},
+                           {"corpus", corpus.name},
+                           {"size", static_cast<std::int64_t>(blockSize)}};
+  if (!report.wants(parameters))
+    return;
   Bytes scratch(roomFor(corpus.bytes.size() + blockSize));
   auto byUs = encodeAll(bareCodec, corpus.bytes, blockSize);
   auto byLzo = encodeAll(lzoCodec, corpus.bytes, blockSize);
@@ -65,11 +71,10 @@ raceDecoders(Report &report, const Corpus &corpus, std::size_t blockSize)
                             on("codec on lzo's", bareCodec, byLzo),
                             on("lzo on lzo's", lzoCodec, byLzo), on("lz4", lz4Codec, byLz4)},
                            report.effort());
-  auto ratios = ratiosOf(timings, "codec", {"lzo", "lz4"});
-  ratios.push_back(ratiosOf(timings, "codec on lzo's", {"lzo on lzo's"}).front());
-  auto size = static_cast<std::int64_t>(blockSize);
-  report.add({{{"direction", "decode"}, {"corpus", corpus.name}, {"size", size}},
-              size,
+  auto ratios =
+      ratiosOf(timings, {{"codec", "lzo"}, {"codec", "lz4"}, {"codec on lzo's", "lzo on lzo's"}});
+  report.add({parameters,
+              static_cast<std::int64_t>(blockSize),
               std::move(timings),
               std::move(ratios),
               {}});

@@ -28,16 +28,17 @@ constexpr Entry groups[] = {
     {"blocking", bench::measureBlocking},
     {"async", bench::measureAsync},
     {"strings", bench::measureStrings},
-    {"nodelay", bench::measureNoDelay},
+    {"channels", bench::measureChannels},
+    {"stages", bench::measureStages},
+    {"crowd", bench::measureCrowd},
+    {"memory", bench::measureMemory},
+    {"calls", bench::measureCalls},
+    {"instructions", bench::measureInstructions},
+    {"builds", bench::measureBuilds},
+    {"perbyte", bench::measurePerByte},
     {"ciphers", bench::measureCiphers},
     {"converters", bench::measureConverters},
     {"codec", bench::measureCodec},
-    {"channels", bench::measureChannels},
-    {"stages", bench::measureSlowestStage},
-    {"perbyte", bench::measurePerByte},
-    {"scale", bench::measureScale},
-    {"memory", bench::measureMemory},
-    {"instructions", bench::measureInstructions},
 };
 
 struct Settings {
@@ -45,6 +46,8 @@ struct Settings {
   gboolean list = FALSE;
   gint rounds = 0;
   gchar *json = nullptr;
+  gchar *other = nullptr;
+  gchar **only = nullptr;
   gchar **names = nullptr;
 };
 
@@ -124,6 +127,11 @@ parse(int *argc, char ***argv, Settings *settings)
       {"rounds", 'r', 0, G_OPTION_ARG_INT, &settings->rounds, "Rounds of each comparison", "N"},
       {"json", 'j', 0, G_OPTION_ARG_FILENAME, &settings->json, "Write the results to FILE too",
        "FILE"},
+      {"only", 'o', 0, G_OPTION_ARG_STRING_ARRAY, &settings->only,
+       "Measure only rows with this parameter, tcp or \"64 B\" say; all of them if repeated",
+       "VALUE"},
+      {"other", 0, 0, G_OPTION_ARG_STRING, &settings->other,
+       "Another build of the library, for the group builds", "NAME=FOLDER"},
       {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_STRING_ARRAY, &settings->names, "", "[GROUP...]"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
   g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
@@ -153,8 +161,8 @@ worker(int argc, char **argv)
   std::string name = argc > 0 ? argv[0] : "";
   if (name == "memory")
     return bench::memoryWorker(argc - 1, argv + 1);
-  if (name == "instructions")
-    return bench::instructionsWorker(argc - 1, argv + 1);
+  if (name == "work")
+    return bench::workWorker(argc - 1, argv + 1);
   return 2;
 }
 
@@ -170,6 +178,21 @@ effortOf(const Settings &settings)
   if (settings.rounds > 0)
     effort.rounds = static_cast<unsigned>(settings.rounds);
   return effort;
+}
+
+bench::Selection
+selectionOf(const Settings &settings)
+{
+  bench::Selection selection;
+  for (char **value = settings.only; value && *value; value++)
+    selection.only.push_back(*value);
+  std::string other = settings.other ? settings.other : "";
+  auto equals = other.find('=');
+  if (equals != std::string::npos) {
+    selection.otherName = other.substr(0, equals);
+    selection.other = other.substr(equals + 1);
+  }
+  return selection;
 }
 
 } // namespace
@@ -194,7 +217,7 @@ main(int argc, char **argv)
 
   auto load = loadAverage();
   auto before = g_get_monotonic_time();
-  bench::Report report(effortOf(settings));
+  bench::Report report(effortOf(settings), selectionOf(settings));
   for (const auto &group : groups)
     if (!settings.names || g_strv_contains(settings.names, group.name))
       group.measure(report);

@@ -182,13 +182,13 @@ json(const Group &group)
 std::string
 json(const Goal &goal)
 {
-  const char *reached = !goal.worst ? "null" : goal.reached() ? "true" : "false";
   return "\n    {\"text\": " + quoted(goal.text) + ", \"sense\": \"" +
          (goal.atLeast ? "at least" : "at most") + "\", \"limit\": " + number(goal.limit) +
+         ", \"stretch\": " + (goal.stretch ? number(*goal.stretch) : "null") +
          ", \"unit\": " + quoted(goal.unit) +
          ",\n     \"worst\": " + (goal.worst ? number(*goal.worst) : "null") +
          ", \"middle\": " + (goal.worst ? number(goal.middle) : "null") +
-         ", \"where\": " + quoted(goal.where) + ", \"reached\": " + reached + "}";
+         ", \"where\": " + quoted(goal.where) + ", \"verdict\": " + quoted(goal.verdict()) + "}";
 }
 
 } // namespace
@@ -210,8 +210,7 @@ exactly(double value)
 }
 
 std::vector<Ratio>
-ratiosOf(const std::vector<Timing> &timings, const std::string &subject,
-         const std::vector<std::string> &yardsticks)
+ratiosOf(const std::vector<Timing> &timings, const std::vector<Comparison> &comparisons)
 {
   auto named = [&](const std::string &name) -> const Timing & {
     for (const auto &timing : timings)
@@ -220,7 +219,7 @@ ratiosOf(const std::vector<Timing> &timings, const std::string &subject,
     g_error("no contender is named %s", name.c_str());
   };
   std::vector<Ratio> ratios;
-  for (const auto &yardstick : yardsticks)
+  for (const auto &[subject, yardstick] : comparisons)
     ratios.push_back({subject, yardstick, timesFaster(named(subject), named(yardstick))});
   return ratios;
 }
@@ -282,9 +281,15 @@ Row::label() const
 }
 
 bool
-Goal::reached() const
+Goal::reaches(double value) const
 {
-  return worst && (atLeast ? *worst >= limit : *worst <= limit);
+  return worst && (atLeast ? *worst >= value : *worst <= value);
+}
+
+const char *
+Goal::verdict() const
+{
+  return stretch && reaches(*stretch) ? "stretch" : reaches(limit) ? "reached" : "MISSED";
 }
 
 // ---- Report ----
@@ -304,26 +309,40 @@ Report::add(Row row)
   _groups.back().rows.push_back(std::move(row));
 }
 
-void
-Report::addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings)
+bool
+Report::wants(const Parameters &parameters) const
 {
-  std::vector<std::string> others;
-  for (std::size_t i = 1; i < timings.size(); i++)
-    others.push_back(timings[i].name);
-  auto ratios = ratiosOf(timings, timings[0].name, others);
+  auto has = [&](const std::string &wanted) {
+    return std::any_of(parameters.begin(), parameters.end(), [&](const auto &parameter) {
+      return parameterText(parameter.first, parameter.second) == wanted;
+    });
+  };
+  return std::all_of(_selection.only.begin(), _selection.only.end(), has);
+}
+
+void
+Report::addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings,
+                std::vector<Comparison> comparisons)
+{
+  if (comparisons.empty())
+    for (std::size_t i = 1; i < timings.size(); i++)
+      comparisons.emplace_back(timings[0].name, timings[i].name);
+  auto ratios = ratiosOf(timings, comparisons);
   add({std::move(parameters), bytes, std::move(timings), std::move(ratios), {}});
 }
 
 void
-Report::race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders)
+Report::race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders,
+             const std::vector<Comparison> &comparisons)
 {
-  addRace(std::move(parameters), bytes, takeTurns(contenders, _effort));
+  addRace(std::move(parameters), bytes, takeTurns(contenders, _effort), comparisons);
 }
 
 void
-Report::race(Parameters parameters, std::int64_t bytes, const Duel &duel)
+Report::race(Parameters parameters, std::int64_t bytes, const Duel &duel,
+             const std::vector<Comparison> &comparisons)
 {
-  addRace(std::move(parameters), bytes, takeTurns(duel, _effort));
+  addRace(std::move(parameters), bytes, takeTurns(duel, _effort), comparisons);
 }
 
 const Group *
@@ -343,10 +362,12 @@ Report::printGoals(const std::vector<Goal> &goals) const
   for (const auto &goal : goals) {
     if (!goal.worst)
       continue;
-    std::printf("%-8s %s: %s %g%s; worst %.3g%s (%s), middle %.3g%s\n",
-                goal.reached() ? "reached" : "MISSED", goal.text.c_str(),
-                goal.atLeast ? "at least" : "at most", goal.limit, goal.unit.c_str(), *goal.worst,
-                goal.unit.c_str(), goal.where.c_str(), goal.middle, goal.unit.c_str());
+    std::printf("%-8s %s: %s %g%s", goal.verdict(), goal.text.c_str(),
+                goal.atLeast ? "at least" : "at most", goal.limit, goal.unit.c_str());
+    if (goal.stretch)
+      std::printf(" (stretch %g%s)", *goal.stretch, goal.unit.c_str());
+    std::printf("; worst %.3g%s (%s), middle %.3g%s\n", *goal.worst, goal.unit.c_str(),
+                goal.where.c_str(), goal.middle, goal.unit.c_str());
   }
 }
 

@@ -62,14 +62,36 @@ struct Goal {
   std::optional<double> worst; // none where it was not measured
   double middle = 0;
   std::string where; // the worst row
+  std::optional<double> stretch = {};
 
-  bool reached() const;
+  bool reaches(double value) const;
+  // "MISSED", "reached" or, beyond the stretch goal, "stretch".
+  const char *verdict() const;
 };
+
+// What is to be measured.
+struct Selection {
+  std::vector<std::string> only; // rows that have all of these among their parameters
+  std::string other;             // the folder of another build of the library
+  std::string otherName;
+};
+
+// The subject and the yardstick of a ratio, by name.
+using Comparison = std::pair<std::string, std::string>;
 
 class Report
 {
 public:
-  explicit Report(const Effort &effort) : _effort(effort) {}
+  Report(const Effort &effort, Selection selection)
+      : _effort(effort), _selection(std::move(selection))
+  {
+  }
+
+  const Selection &
+  selection() const
+  {
+    return _selection;
+  }
 
   const Effort &
   effort() const
@@ -81,9 +103,14 @@ public:
   void add(Row row);
   const Group *group(const std::string &name) const;
 
-  // Measures, compares the first contender with all others, and adds the row.
-  void race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders);
-  void race(Parameters parameters, std::int64_t bytes, const Duel &duel);
+  // FALSE for a row that was not asked for.
+  bool wants(const Parameters &parameters) const;
+
+  // Measures, compares, the first contender with all others if nothing is said, and adds the row.
+  void race(Parameters parameters, std::int64_t bytes, const std::vector<Contender> &contenders,
+            const std::vector<Comparison> &comparisons = {});
+  void race(Parameters parameters, std::int64_t bytes, const Duel &duel,
+            const std::vector<Comparison> &comparisons = {});
 
   void printGoals(const std::vector<Goal> &goals) const;
   // FALSE where the file cannot be written.
@@ -91,18 +118,19 @@ public:
                  const std::vector<Goal> &goals) const;
 
 private:
-  void addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings);
+  void addRace(Parameters parameters, std::int64_t bytes, std::vector<Timing> timings,
+               std::vector<Comparison> comparisons);
 
   Effort _effort;
+  Selection _selection;
   std::deque<Group> _groups;
 };
 
 // A figure that was taken once.
 Spread exactly(double value);
 
-// Each of `subject` against each of `yardsticks`, by name.
-std::vector<Ratio> ratiosOf(const std::vector<Timing> &timings, const std::string &subject,
-                            const std::vector<std::string> &yardsticks);
+std::vector<Ratio> ratiosOf(const std::vector<Timing> &timings,
+                            const std::vector<Comparison> &comparisons);
 
 // "64 KiB" and the like; what is no whole multiple stays in bytes.
 std::string sizeText(std::int64_t bytes);
