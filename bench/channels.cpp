@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "codecs.h"
 #include "corpora.h"
 #include "groups.h"
 #include "links.h"
+
+#include <cstring>
+#include <span>
 
 namespace bench
 {
@@ -82,102 +84,87 @@ measureChannels(Report &report)
 namespace
 {
 
-constexpr std::size_t messageSize = 64 << 10;
+constexpr std::size_t largest = 64 << 10;
 
-std::size_t
-convert(GConverter *converter, const Bytes &in, std::size_t in_size, Bytes &out)
+// What both stages do with a message, without a channel.
+class Conversions
 {
-  gsize nread;
-  gsize written;
-  GError *error = nullptr;
-  auto result = g_converter_convert(converter, in.data(), in_size, out.data(), out.size(),
-                                    G_CONVERTER_NO_FLAGS, &nread, &written, &error);
-  must(result == G_CONVERTER_CONVERTED, error, "convert");
-  return written;
-}
-
-// Each converter by itself, on the messages of a corpus and on what becomes of them.
-struct StagesAlone {
-  explicit StagesAlone(const std::vector<SharedBytes> &messages) : scratch(2 * messageSize)
+public:
+  Conversions()
   {
     SharedBytes key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
-    compressor.reset(gvc_compressor_new());
-    decompressor.reset(gvc_decompressor_new());
-    encryptor.reset(gvc_encryptor_new(key.get()));
-    decryptor.reset(gvc_decryptor_new(key.get()));
-    startCipher();
-
-    for (const auto &message : messages) {
-      gsize size;
-      auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(message.get(), &size));
-      plain.emplace_back(data, data + size);
-      packed.push_back(converted(compressor.get(), plain.back()));
-      sealed.push_back(converted(encryptor.get(), packed.back()));
-    }
+    _converters[0].reset(G_CONVERTER(gvc_compressor_new()));
+    _converters[1].reset(G_CONVERTER(gvc_encryptor_new(key.get())));
+    _converters[2].reset(G_CONVERTER(gvc_decryptor_new(key.get())));
+    _converters[3].reset(G_CONVERTER(gvc_decompressor_new()));
+    // The record of the initial IV.
+    convert(2, _buffers[1], convert(1, _buffers[0], 1));
   }
 
-  std::vector<Contender>
-  contenders()
+  void
+  run(GBytes *message)
   {
-    auto stage = [this](const char *name, gpointer converter, const std::vector<Bytes> &inputs) {
-      auto pass = [this, converter, &inputs] {
-        for (const auto &in : inputs)
-          convert(G_CONVERTER(converter), in, in.size(), scratch);
-      };
-      return Contender{name, repeat(pass), inputs.size()};
-    };
-    return {stage("compress", compressor.get(), plain), stage("encrypt", encryptor.get(), packed),
-            stage("decrypt", decryptor.get(), sealed),
-            stage("decompress", decompressor.get(), packed)};
+    gsize size;
+    auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(message, &size));
+    auto left = convert(0, {data, size}, size);
+    for (std::size_t i = 1; i < std::size(_converters); i++)
+      left = convert(i, _buffers[i - 1], left);
+    must(left == size, nullptr, "the conversions made a message of another length");
   }
 
-  Bytes scratch;
-  std::vector<Bytes> plain;
-  std::vector<Bytes> packed;
-  std::vector<Bytes> sealed;
-  Object<GvcCompressor> compressor;
-  Object<GvcDecompressor> decompressor;
-  Object<GvcEncryptor> encryptor;
-  Object<GvcDecryptor> decryptor;
+  // Ends the program unless the message comes out as it was.
+  void
+  check(GBytes *message)
+  {
+    run(message);
+    must(std::memcmp(_buffers[3].data(), g_bytes_get_data(message, nullptr),
+                     g_bytes_get_size(message)) == 0,
+         nullptr, "the conversions changed a message");
+  }
 
 private:
-  Bytes
-  converted(gpointer converter, const Bytes &in)
+  // Returns how much of its buffer the converter filled.
+  std::size_t
+  convert(std::size_t i, std::span<const std::uint8_t> in, std::size_t size)
   {
-    auto size = convert(G_CONVERTER(converter), in, in.size(), scratch);
-    return Bytes(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(size));
+    gsize nread;
+    gsize written;
+    GError *error = nullptr;
+    auto result =
+        g_converter_convert(_converters[i].get(), in.data(), size, _buffers[i].data(),
+                            _buffers[i].size(), G_CONVERTER_NO_FLAGS, &nread, &written, &error);
+    must(result == G_CONVERTER_CONVERTED, error, "convert");
+    return written;
   }
 
-  // Takes the record of the initial IV across.
-  void
-  startCipher()
-  {
-    Bytes nothing(1);
-    auto size = convert(G_CONVERTER(encryptor.get()), nothing, 1, scratch);
-    Bytes iv(scratch.begin(), scratch.begin() + static_cast<std::ptrdiff_t>(size));
-    convert(G_CONVERTER(decryptor.get()), iv, size, scratch);
-  }
+  Object<GConverter> _converters[4];
+  Bytes _buffers[4] = {Bytes(2 * largest), Bytes(2 * largest), Bytes(2 * largest),
+                       Bytes(2 * largest)};
 };
 
-// The corpus in messages; what is left over at its end is left out.
+// The corpus in messages, but not more than are soon sent; the rest at its end is left out.
 std::vector<SharedBytes>
-messagesOf(const Bytes &corpus)
+messagesOf(const Bytes &corpus, std::size_t size)
 {
   std::vector<SharedBytes> messages;
-  for (std::size_t at = 0; at + messageSize <= corpus.size(); at += messageSize)
-    messages.emplace_back(g_bytes_new_static(corpus.data() + at, messageSize));
+  for (std::size_t at = 0; at + size <= corpus.size() && messages.size() < 64; at += size)
+    messages.emplace_back(g_bytes_new_static(corpus.data() + at, size));
   return messages;
 }
 
-// All of them, one after the other.
-Timing
-sum(const std::string &name, const std::vector<Timing> &parts)
+void
+raceStages(Report &report, const Parameters &parameters, Link &link,
+           const std::vector<SharedBytes> &messages)
 {
-  Timing whole{name, parts.front().seconds};
-  for (std::size_t part = 1; part < parts.size(); part++)
-    for (std::size_t i = 0; i < whole.seconds.size(); i++)
-      whole.seconds[i] += parts[part].seconds[i];
-  return whole;
+  std::vector<GBytes *> unowned;
+  for (const auto &message : messages)
+    unowned.push_back(message.get());
+  Conversions conversions;
+  conversions.check(unowned.front());
+  checkLink(link, unowned.front());
+  auto convert = [&, next = cycle(unowned)]() mutable { conversions.run(next()); };
+  report.race(parameters, static_cast<std::int64_t>(g_bytes_get_size(unowned.front())),
+              {inOneThread("both", link, unowned), {"conversions", repeat(convert)}});
 }
 
 } // namespace
@@ -186,28 +173,17 @@ void
 measureStages(Report &report)
 {
   report.begin(
-      "stages", "Messages of 64 KiB through both stages beside their four conversions",
-      "both: each message is sent over a Unix socket and then received in one thread; compress to "
-      "decompress: that converter called directly, on what the stage gets in the channel; "
-      "conversions: the sum of the four.");
+      "stages", "Messages through both stages beside their four conversions",
+      "both: each message is sent over a Unix socket and then received in one thread; "
+      "conversions: it is compressed, encrypted, decrypted and decompressed by direct calls. The "
+      "length of the frame, which the stages convert as well, shows in small messages.");
   auto link = linkZelgvc(connectSockets(Transport::unixSocket), Stages::both);
-  for (const auto &corpus : corpora()) {
-    Parameters parameters = {{"corpus", corpus.name}};
-    if (!report.wants(parameters))
-      continue;
-    auto messages = messagesOf(corpus.bytes);
-    checkLink(*link, messages.front().get());
-    std::vector<GBytes *> unowned;
-    for (const auto &message : messages)
-      unowned.push_back(message.get());
-    StagesAlone alone(messages);
-    auto contenders = alone.contenders();
-    contenders.push_back(inOneThread("both", *link, unowned));
-    auto timings = takeTurns(contenders, report.effort());
-    timings.push_back(sum("conversions", {timings.begin(), timings.begin() + 4}));
-    auto ratios = ratiosOf(timings, {{"both", "conversions"}});
-    report.add({parameters, messageSize, std::move(timings), std::move(ratios), {}});
-  }
+  for (std::size_t size : {std::size_t{64}, std::size_t{1024}, largest})
+    for (const auto &corpus : corpora()) {
+      Parameters parameters = {{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}};
+      if (report.wants(parameters) && (size == largest || corpus.name == "source"))
+        raceStages(report, parameters, *link, messagesOf(corpus.bytes, size));
+    }
 }
 
 // ---- Cost per byte ----

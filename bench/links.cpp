@@ -512,13 +512,12 @@ makeDuel(const std::vector<Entrant> &entrants, std::size_t operations, Near near
 Contender
 inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &messages)
 {
-  auto pass = [&link, messages] {
-    for (auto *message : messages) {
-      link.near->send(message);
-      receiveOne(*link.far, g_bytes_get_size(message));
-    }
+  auto move = [&link, next = cycle(messages)]() mutable {
+    auto *message = next();
+    link.near->send(message);
+    receiveOne(*link.far, g_bytes_get_size(message));
   };
-  return {name, repeat(pass), messages.size()};
+  return {name, repeat(move)};
 }
 
 Duel

@@ -99,8 +99,15 @@ std::unique_ptr<Link> linkTlsZlib(const Sockets &sockets);
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();
 
-// Sends each message and then receives it, in this thread; it must fit into the socket's buffers.
-// The link and the messages must outlive the contender.
+// The messages one after the other, for ever.
+inline auto
+cycle(std::vector<GBytes *> messages)
+{
+  return [messages, at = std::size_t{0}]() mutable { return messages[at++ % messages.size()]; };
+}
+
+// Sends a message and then receives it, in this thread, one of the messages after the other. They
+// must fit into the socket's buffers. The link and the messages must outlive the contender.
 Contender inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &messages);
 
 // Two ways to move messages in two threads, by links that take turns; all of them use the peer

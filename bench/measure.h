@@ -39,7 +39,7 @@ template <typename Once>
 std::function<void(std::size_t)>
 repeat(Once once)
 {
-  return [once](std::size_t times) {
+  return [once](std::size_t times) mutable {
     for (std::size_t i = 0; i < times; i++)
       once();
   };
