@@ -104,10 +104,8 @@ raceBlockingStrings(Report &report, Transport transport, Stages stages, const St
   if (!report.wants(parameters))
     return;
   auto *in = g_io_stream_get_input_stream(streams->far.get());
-  Object<GvcDataInputStream> strings(gvc_data_input_stream_new(in));
-  Object<GDataInputStream> lines(g_data_input_stream_new(in));
-  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(strings.get()), FALSE);
-  g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(lines.get()), FALSE);
+  auto strings = keepingBaseOpen(gvc_data_input_stream_new(in));
+  auto lines = keepingBaseOpen(g_data_input_stream_new(in));
 
   auto message = makeString(size);
   auto write = [&, out = g_io_stream_get_output_stream(streams->near.get())] {

@@ -81,20 +81,6 @@ AsyncEnd::bytesWritten(GObject *out, GAsyncResult *result, gpointer user_data)
 namespace
 {
 
-// Filters on streams that others still need do not close them.
-template <typename Filter>
-Object<Filter>
-keepingBaseOpen(Filter *filter)
-{
-  if (G_IS_FILTER_INPUT_STREAM(filter))
-    g_filter_input_stream_set_close_base_stream(reinterpret_cast<GFilterInputStream *>(filter),
-                                                FALSE);
-  else
-    g_filter_output_stream_set_close_base_stream(reinterpret_cast<GFilterOutputStream *>(filter),
-                                                 FALSE);
-  return Object<Filter>(filter);
-}
-
 // ---- Frames ----
 
 class ZelgvcFrames : public AsyncEnd

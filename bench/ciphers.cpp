@@ -54,19 +54,6 @@ struct Record {
   Bytes out;
 };
 
-std::size_t
-convert(GConverter *converter, const guint8 *in, std::size_t in_size, guint8 *out,
-        std::size_t out_size)
-{
-  gsize nread;
-  gsize written;
-  GError *error = nullptr;
-  auto result = g_converter_convert(converter, in, in_size, out, out_size, G_CONVERTER_NO_FLAGS,
-                                    &nread, &written, &error);
-  must(result == G_CONVERTER_CONVERTED, error, "convert");
-  return written;
-}
-
 Gcrypt
 openGcrypt(unsigned bits)
 {

@@ -16,19 +16,6 @@ namespace bench
 namespace
 {
 
-std::size_t
-convert(GConverter *converter, const std::uint8_t *in, std::size_t size, std::uint8_t *out,
-        std::size_t room)
-{
-  gsize nread;
-  gsize written;
-  GError *error = nullptr;
-  auto result = g_converter_convert(converter, in, size, out, room, G_CONVERTER_NO_FLAGS, &nread,
-                                    &written, &error);
-  must(result == G_CONVERTER_CONVERTED && nread == size, error, "convert");
-  return written;
-}
-
 // The library's converters as a codec. They hold no state, so one of each does.
 GConverter *
 compressor()
