@@ -36,7 +36,7 @@ secondsText(double seconds)
 std::string
 spreadText(const Spread &spread)
 {
-  int digits = spread.median < 10 ? 2 : spread.median < 1000 ? 1 : 0;
+  int digits = spread.median < 0.1 ? 4 : spread.median < 10 ? 2 : spread.median < 1000 ? 1 : 0;
   return format("%.*f (%.*f..%.*f)", digits, spread.median, digits, spread.low, digits,
                 spread.high);
 }

@@ -36,7 +36,7 @@ def rate_text(rate):
 
 
 def ratio_text(spread):
-    digits = 2 if spread["median"] < 10 else 0
+    digits = 4 if spread["median"] < 0.1 else 2 if spread["median"] < 10 else 0
     return f"{spread['median']:.{digits}f} ({spread['low']:.{digits}f}–{spread['high']:.{digits}f})"
 
 
