@@ -36,6 +36,8 @@ secondsText(double seconds)
 std::string
 spreadText(const Spread &spread)
 {
+  if (spread.low == spread.high)
+    return format("%.4g", spread.median);
   int digits = spread.median < 0.1 ? 4 : spread.median < 10 ? 2 : spread.median < 1000 ? 1 : 0;
   return format("%.*f (%.*f..%.*f)", digits, spread.median, digits, spread.low, digits,
                 spread.high);

@@ -148,6 +148,8 @@ class Page:
     def __init__(self, docs):
         self.docs = docs
         docs.mkdir(parents=True, exist_ok=True)
+        for old in docs.glob("performance-*.svg"):
+            old.unlink()
         self.parts = []
 
     def add(self, *parts):
