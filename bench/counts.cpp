@@ -24,13 +24,7 @@ Contender
 blockingFrames(GBytes *message, std::unique_ptr<Link> made)
 {
   std::shared_ptr<Link> link = std::move(made);
-  auto burst = [=] {
-    for (std::size_t i = 0; i < frames; i++)
-      link->near->send(message);
-    for (std::size_t i = 0; i < frames; i++)
-      link->far->receive();
-  };
-  return {"", repeat(burst), frames};
+  return {"", repeat([=] { runBurst(*link, message, frames); }), frames};
 }
 
 Sockets

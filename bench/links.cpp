@@ -520,6 +520,23 @@ inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &me
   return {name, repeat(move)};
 }
 
+void
+runBurst(Link &link, GBytes *message, std::size_t times)
+{
+  for (std::size_t i = 0; i < times; i++)
+    link.near->send(message);
+  for (std::size_t i = 0; i < times; i++)
+    receiveOne(*link.far, g_bytes_get_size(message));
+}
+
+Duel
+duelBurst(const std::vector<Entrant> &entrants, GBytes *message)
+{
+  constexpr std::size_t batch = 16;
+  auto near = [=](Link &link) { runBurst(link, message, batch); };
+  return makeDuel(entrants, batch, near, [](Link &) {});
+}
+
 Duel
 duelOneWay(const std::vector<Entrant> &entrants, GBytes *message)
 {

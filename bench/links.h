@@ -117,6 +117,11 @@ struct Entrant {
   Link *link;
 };
 
+// Sends so many messages and then receives them, in this thread.
+void runBurst(Link &link, GBytes *message, std::size_t times);
+
+// The same as a duel: nobody waits and nobody has to be woken.
+Duel duelBurst(const std::vector<Entrant> &entrants, GBytes *message);
 // The second thread receives, and answers the last of a batch of messages.
 Duel duelOneWay(const std::vector<Entrant> &entrants, GBytes *message);
 // The second thread sends back what it receives.
