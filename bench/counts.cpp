@@ -246,8 +246,10 @@ void
 measureBuilds(Report &report)
 {
   const auto &[only, other, name] = report.selection();
-  if (other.empty())
+  if (other.empty()) {
+    std::printf("\n== builds: skipped, there is no other build\n");
     return;
+  }
   report.begin("builds", "This build of the library beside another",
                "Messages of 64 bytes as in the counts of system calls. The two builds take turns, "
                "each time in a fresh process.");
