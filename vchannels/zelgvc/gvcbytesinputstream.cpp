@@ -2,9 +2,10 @@
 #include "gvcbytesinputstream.h"
 #include "gvcchecks.h"
 #include "gvcerror.h"
-#include "gvcpollable.h"
-#include "gvcreadall.h"
 #include "gvcwire.h"
+
+#include "engine/gvcpollable.h"
+#include "engine/gvcreader.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -30,26 +31,6 @@
 G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILTER_INPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
-
-namespace
-{
-struct AsyncRead {
-  gvc::Transfer step;
-  gint32 bytes_size;   // as it stands on the wire: the prefix is read into here
-  gsize bytes_to_read; // by the current step
-  void *buffer;        // the payload's, until the result owns it
-};
-} // namespace
-
-static void
-free_async_data(gpointer user_data)
-{
-  auto *data = static_cast<AsyncRead *>(user_data);
-
-  data->step.clear();
-  g_free(data->buffer);
-  g_slice_free(AsyncRead, data);
-}
 
 static void
 set_no_memory(GError **error)
@@ -103,6 +84,69 @@ check_format(const gchar *format, const char *function)
   g_return_if_fail_warning(nullptr, function, "g_variant_type_is_definite(type)");
   return nullptr;
 }
+
+namespace
+{
+
+// The prefix is read at the priority of the caller, the payload at the default priority.
+class FrameRead final : public gvc::Reader
+{
+public:
+  // As a GBytes if `type` is NULL, else as a variant.
+  void
+  begin(const GVariantType *type, int io_priority)
+  {
+    type_ = type ? g_variant_type_copy(type) : nullptr;
+    expect(&prefix_, sizeof prefix_);
+    if (gvc::check_input_stream(g_task_get_source_object(task_)))
+      start(io_priority);
+  }
+  ~FrameRead()
+  {
+    g_free(payload_);
+    g_clear_pointer(&type_, g_variant_type_free);
+  }
+
+private:
+  Next
+  part_done() override
+  {
+    if (received() < (in_payload_ ? size_ : sizeof prefix_))
+      return fail(g_error_new_literal(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected"));
+    if (in_payload_)
+      return Next::done;
+
+    payload_ = allocate_payload(&prefix_, &size_, &error_);
+    if (error_)
+      return Next::done;
+    in_payload_ = TRUE;
+    expect(payload_, size_);
+    return next_part();
+  }
+  void
+  deliver() override
+  {
+    if (error_) {
+      g_task_return_error(task_, g_steal_pointer(&error_));
+      return;
+    }
+    g_autoptr(GBytes) bytes = g_bytes_new_take(g_steal_pointer(&payload_), size_);
+    if (type_)
+      g_task_return_pointer(task_, g_variant_new_from_bytes(type_, bytes, FALSE),
+                            reinterpret_cast<GDestroyNotify>(g_variant_unref));
+    else
+      g_task_return_pointer(task_, g_steal_pointer(&bytes),
+                            reinterpret_cast<GDestroyNotify>(g_bytes_unref));
+  }
+
+  guint32 prefix_ = 0; // as it stands on the wire
+  gsize size_ = 0;
+  void *payload_ = nullptr; // until the result owns it
+  GVariantType *type_ = nullptr;
+  gboolean in_payload_ = FALSE;
+};
+
+} // namespace
 
 // The payload of a frame that broke off: what never arrived must not hand out what the allocator
 // left there. It is not written to either, since a peer can announce 2 GiB and send nothing.
@@ -242,52 +286,6 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
   return bytes ? g_variant_new_from_bytes(type, bytes, FALSE) : nullptr;
 }
 
-// Returns the error of a step that did not bring what it was to.
-static gboolean
-check_step(GTask *task, AsyncRead *data)
-{
-  if (data->step.error)
-    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
-  else if (data->step.moved != data->bytes_to_read)
-    g_task_return_new_error(task, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-  else
-    return !g_task_return_error_if_cancelled(task);
-  return FALSE;
-}
-
-static void
-payload_done(GTask *chain)
-{
-  g_autoptr(GTask) task = chain;
-  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-
-  if (!check_step(task, data))
-    return;
-  auto *bytes = g_bytes_new_take(g_steal_pointer(&data->buffer), data->bytes_to_read);
-  g_task_return_pointer(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
-}
-
-static void
-prefix_done(GTask *chain)
-{
-  g_autoptr(GTask) task = chain;
-  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-  GError *error = nullptr;
-
-  if (!check_step(task, data))
-    return;
-  data->buffer = allocate_payload(&data->bytes_size, &data->bytes_to_read, &error);
-  if (error) {
-    g_task_return_error(task, error);
-    return;
-  }
-
-  // The task's own priority was never set: the payload is read at the default priority, whatever
-  // the prefix had.
-  chain = static_cast<GTask *>(g_steal_pointer(&task));
-  gvc::read_all(chain, data->buffer, data->bytes_to_read, g_task_get_priority(chain), payload_done);
-}
-
 /**
  * gvc_bytes_input_stream_read_bytes_async:
  * @stream: a #GvcBytesInputStream
@@ -307,13 +305,10 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
                                         GCancellable *cancellable, GAsyncReadyCallback callback,
                                         gpointer user_data)
 {
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  auto *data = g_slice_new0(AsyncRead);
-  data->bytes_to_read = sizeof data->bytes_size;
-  g_task_set_task_data(task, data, free_async_data);
-
-  if (gvc::check_input_stream(stream))
-    gvc::read_all(task, &data->bytes_size, data->bytes_to_read, io_priority, prefix_done);
+  gvc::Operation::create<FrameRead>(
+      stream, cancellable, callback, user_data,
+      reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_bytes_async))
+      ->begin(nullptr, io_priority);
 }
 
 /**
@@ -342,30 +337,6 @@ gvc_bytes_input_stream_read_bytes_finish(GvcBytesInputStream *stream, GAsyncResu
   return static_cast<GBytes *>(g_task_propagate_pointer(reinterpret_cast<GTask *>(result), error));
 }
 
-static void
-read_variant_size_callback(GObject *source, GAsyncResult *result, gpointer user_data)
-{
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  GError *error = nullptr;
-
-  g_autoptr(GBytes) bytes = gvc_bytes_input_stream_read_bytes_finish(
-      reinterpret_cast<GvcBytesInputStream *>(source), result, &error);
-  if (!bytes) {
-    g_task_return_error(task, error);
-    return;
-  }
-
-  auto *type = check_format(static_cast<const gchar *>(g_task_get_task_data(task)),
-                            "gvc_bytes_input_stream_read_variant_async");
-  if (!type) {
-    g_task_return_new_error(task, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT,
-                            "Invalid variant type string");
-    return;
-  }
-  g_task_return_pointer(task, g_variant_new_from_bytes(type, bytes, FALSE),
-                        reinterpret_cast<GDestroyNotify>(g_variant_unref));
-}
-
 /**
  * gvc_bytes_input_stream_read_variant_async:
  * @stream: a #GvcBytesInputStream
@@ -386,11 +357,17 @@ gvc_bytes_input_stream_read_variant_async(GvcBytesInputStream *stream, const gch
                                           int io_priority, GCancellable *cancellable,
                                           GAsyncReadyCallback callback, gpointer user_data)
 {
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  g_task_set_task_data(task, g_strdup(format), g_free);
+  auto tag = reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_variant_async);
 
-  gvc_bytes_input_stream_read_bytes_async(stream, io_priority, cancellable,
-                                          read_variant_size_callback, task);
+  // Before anything is read, so that a wrong format costs no message.
+  auto *type = check_format(format, __func__);
+  if (!type) {
+    g_task_report_new_error(stream, callback, user_data, tag, G_IO_ERROR,
+                            G_IO_ERROR_INVALID_ARGUMENT, "Invalid variant type string");
+    return;
+  }
+  gvc::Operation::create<FrameRead>(stream, cancellable, callback, user_data, tag)
+      ->begin(type, io_priority);
 }
 
 /**

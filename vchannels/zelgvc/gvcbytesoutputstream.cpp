@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesoutputstream.h"
 #include "gvcchecks.h"
-#include "gvcpollable.h"
 #include "gvcwire.h"
-#include "gvcwriteall.h"
+
+#include "engine/gvcpollable.h"
+#include "engine/gvcwriter.h"
 
 /**
  * GvcBytesOutputStream:
@@ -23,20 +24,68 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FI
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_OUTPUT_STREAM,
                                               gvc::init_pollable_filter_output))
 
-namespace
-{
-struct AsyncWrite {
-  gvc::Transfer step;
-  GBytes *bytes;
-  gint32 bytes_size; // as it stands on the wire: the prefix is written from here
-};
-} // namespace
-
-static gint32
+static guint32
 wire_size(GBytes *bytes)
 {
-  return static_cast<gint32>(GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(bytes))));
+  return GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(bytes)));
 }
+
+namespace
+{
+
+class FrameWrite final : public gvc::Writer
+{
+public:
+  // The prefix goes out at `io_priority`, the payload at the default priority: in one call if both
+  // are the same.
+  void
+  begin(GBytes *bytes, int io_priority)
+  {
+    payload_ = g_bytes_ref(bytes);
+    prefix_ = wire_size(bytes);
+    offer(&prefix_, sizeof prefix_);
+    if (io_priority == G_PRIORITY_DEFAULT)
+      offer_payload();
+    if (gvc::check_output_stream(g_task_get_source_object(task_)))
+      start(io_priority);
+  }
+  ~FrameWrite()
+  {
+    g_bytes_unref(payload_);
+  }
+
+private:
+  void
+  offer_payload()
+  {
+    gsize size;
+    auto *data = g_bytes_get_data(payload_, &size);
+    offer(data, size);
+    payload_offered_ = TRUE;
+  }
+  Next
+  all_accepted() override
+  {
+    if (payload_offered_)
+      return drain();
+    offer_payload();
+    return next_part();
+  }
+  void
+  deliver() override
+  {
+    if (error_)
+      g_task_return_error(task_, g_steal_pointer(&error_));
+    else
+      g_task_return_boolean(task_, TRUE);
+  }
+
+  GBytes *payload_ = nullptr;
+  guint32 prefix_ = 0; // as it stands on the wire
+  gboolean payload_offered_ = FALSE;
+};
+
+} // namespace
 
 // Whether a blocking write does no more than to write to the base stream. Then a frame can go there
 // directly, which saves a layer of calls for each of its parts.
@@ -47,24 +96,21 @@ passes_on(GOutputStream *stream)
          static_cast<GOutputStreamClass *>(gvc_bytes_output_stream_parent_class)->write_fn;
 }
 
+// Two writes, or one that keeps the two apart where the stream gathers.
 static gboolean
 write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError **error)
 {
-  gint32 prefix = wire_size(bytes);
+  guint32 prefix = wire_size(bytes);
   gsize size;
   auto *payload = g_bytes_get_data(bytes, &size);
+
+  if (size > 0 && gvc::gathers(out)) {
+    GOutputVector vectors[] = {{&prefix, sizeof prefix}, {payload, size}};
+    return g_output_stream_writev_all(out, vectors, G_N_ELEMENTS(vectors), nullptr, cancellable,
+                                      error);
+  }
   return g_output_stream_write_all(out, &prefix, sizeof prefix, nullptr, cancellable, error) &&
          g_output_stream_write_all(out, payload, size, nullptr, cancellable, error);
-}
-
-static void
-free_async_data(gpointer user_data)
-{
-  auto *data = static_cast<AsyncWrite *>(user_data);
-
-  data->step.clear();
-  g_bytes_unref(data->bytes);
-  g_slice_free(AsyncWrite, data);
 }
 
 static void
@@ -154,25 +200,6 @@ gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *vari
   return gvc_bytes_output_stream_put_bytes(stream, bytes, cancellable, error);
 }
 
-static void
-prefix_done(GTask *task)
-{
-  auto *data = static_cast<AsyncWrite *>(g_task_get_task_data(task));
-
-  if (!data->step.error)
-    g_cancellable_set_error_if_cancelled(g_task_get_cancellable(task), &data->step.error);
-  if (data->step.error) {
-    gvc::Transfer::return_outcome(task);
-    return;
-  }
-
-  // The task's own priority was never set: the payload goes out at the default priority, whatever
-  // the prefix had.
-  data->step.eager = FALSE;
-  gvc::write_all(task, g_bytes_get_data(data->bytes, nullptr), g_bytes_get_size(data->bytes),
-                 g_task_get_priority(task), gvc::Transfer::return_outcome);
-}
-
 /**
  * gvc_bytes_output_stream_put_bytes_async:
  * @stream: a #GvcBytesOutputStream
@@ -193,18 +220,10 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  auto *data = g_slice_new0(AsyncWrite);
-  data->bytes = g_bytes_ref(bytes);
-  data->bytes_size = wire_size(bytes);
-  g_task_set_task_data(task, data, free_async_data);
-
-  // Where nothing can come between the length and the message, neither a cancellation nor sources
-  // of a priority between the two, the message does not wait for the main loop.
-  data->step.eager =
-      !cancellable && io_priority == g_task_get_priority(task) && g_bytes_get_size(bytes) > 0;
-  if (gvc::check_output_stream(stream))
-    gvc::write_all(task, &data->bytes_size, sizeof data->bytes_size, io_priority, prefix_done);
+  gvc::Operation::create<FrameWrite>(
+      stream, cancellable, callback, user_data,
+      reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_bytes_async))
+      ->begin(bytes, io_priority);
 }
 
 /**
@@ -229,20 +248,6 @@ gvc_bytes_output_stream_put_bytes_finish(GvcBytesOutputStream *stream, GAsyncRes
   return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
 }
 
-static void
-write_variant_callback(GObject *source, GAsyncResult *result, gpointer user_data)
-{
-  g_autoptr(GTask) task = static_cast<GTask *>(user_data);
-  GError *error = nullptr;
-
-  gboolean res = gvc_bytes_output_stream_put_bytes_finish(
-      reinterpret_cast<GvcBytesOutputStream *>(source), result, &error);
-  if (error)
-    g_task_return_error(task, error);
-  else
-    g_task_return_boolean(task, res);
-}
-
 /**
  * gvc_bytes_output_stream_put_variant_async:
  * @stream: a #GvcBytesOutputStream
@@ -263,12 +268,12 @@ gvc_bytes_output_stream_put_variant_async(GvcBytesOutputStream *stream, GVariant
                                           int io_priority, GCancellable *cancellable,
                                           GAsyncReadyCallback callback, gpointer user_data)
 {
-  auto *bytes = g_variant_get_data_as_bytes(variant);
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  g_task_set_task_data(task, bytes, reinterpret_cast<GDestroyNotify>(g_bytes_unref));
+  g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(variant);
 
-  gvc_bytes_output_stream_put_bytes_async(stream, bytes, io_priority, cancellable,
-                                          write_variant_callback, task);
+  gvc::Operation::create<FrameWrite>(
+      stream, cancellable, callback, user_data,
+      reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_variant_async))
+      ->begin(bytes, io_priority);
 }
 
 /**

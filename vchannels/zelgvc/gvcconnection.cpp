@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcconnection.h"
 #include "gvcchecks.h"
-#include "gvcinputstage.h"
-#include "gvcoutputstage.h"
+
+#include "engine/gvcinputstage.h"
+#include "engine/gvcoutputstage.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdatainputstream.h"
 #include "gvcchecks.h"
-#include "gvcpollable.h"
-#include "gvcreadall.h"
+
+#include "engine/gvcpollable.h"
+#include "engine/gvcreader.h"
 
 /**
  * GvcDataInputStream:
@@ -22,37 +23,146 @@ G_DEFINE_TYPE_WITH_CODE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
 
-static constexpr gsize initial_buffer_length = 1024;
-
 namespace
 {
-struct AsyncRead {
-  gvc::Transfer step;
-  gchar string_end;
-  gchar *buffer; // until the result owns it
-  gsize buffer_length;
-  gsize read; // bytes received, terminator included once it is there
+
+// A string as it arrives, in a buffer that doubles when it is full.
+class PartialString
+{
+public:
+  explicit PartialString(gchar string_end = 0)
+      : end_(string_end), buffer_(static_cast<gchar *>(g_malloc(initial_length)))
+  {
+  }
+  PartialString(const PartialString &) = delete;
+  ~PartialString()
+  {
+    g_free(buffer_);
+  }
+
+  void
+  set_end(gchar string_end)
+  {
+    end_ = string_end;
+  }
+  gsize
+  size() const
+  {
+    return used_;
+  }
+  gchar *
+  tail() const
+  {
+    return buffer_ + used_;
+  }
+  gsize
+  room() const
+  {
+    return length_ - used_;
+  }
+  // How many bytes to read next, when `ahead` bytes at the tail are known to come.
+  gsize
+  wanted(gssize ahead) const
+  {
+    if (ahead <= 0)
+      return 1;
+    auto *end = static_cast<gchar *>(memchr(tail(), end_, static_cast<gsize>(ahead)));
+    return static_cast<gsize>(end ? end - tail() + 1 : ahead);
+  }
+  // Takes over `count` bytes at the tail. TRUE when the last one is the terminator.
+  gboolean
+  add(gsize count)
+  {
+    used_ += count;
+    if (count > 0 && buffer_[used_ - 1] == end_)
+      return TRUE;
+    if (used_ == length_) {
+      length_ *= 2;
+      buffer_ = static_cast<gchar *>(g_realloc(buffer_, length_));
+    }
+    return FALSE;
+  }
+  gchar *
+  steal()
+  {
+    return static_cast<gchar *>(g_steal_pointer(&buffer_));
+  }
+
+private:
+  static constexpr gsize initial_length = 1024;
+
+  gchar end_;
+  gchar *buffer_;
+  gsize length_ = initial_length;
+  gsize used_ = 0;
 };
+
+// Reads what it can see to belong to the string, and single bytes from a stream that cannot be
+// looked into: nothing behind the terminator is consumed.
+class StringRead final : public gvc::Reader
+{
+public:
+  void
+  begin(gchar string_end, int io_priority)
+  {
+    string_.set_end(string_end);
+    expect(string_.tail(), 1);
+    if (gvc::check_input_stream(g_task_get_source_object(task_)))
+      start(io_priority);
+  }
+  gsize
+  length() const
+  {
+    return string_.size();
+  }
+
+private:
+  Next
+  attempt() override
+  {
+    if (g_cancellable_set_error_if_cancelled(cancellable(), &error_))
+      return Next::done;
+    gssize ahead = gvc::look_ahead(target_, string_.tail(), string_.room(), &error_);
+    if (ahead < 0)
+      return blocked_or_failed();
+    budget_ = ahead > 0 ? attempts_ahead : attempts_bytewise;
+    expect(string_.tail(), string_.wanted(ahead));
+    return Reader::attempt();
+  }
+  // The first read has the priority of the caller, the others the default priority.
+  Next
+  part_done() override
+  {
+    if (received() > 0 && string_.add(received()))
+      return Next::done;
+    auto next = next_part();
+    // The end of the stream does not end the string.
+    return received() > 0 ? next : Next::turn;
+  }
+  void
+  deliver() override
+  {
+    if (error_)
+      g_task_return_error(task_, g_steal_pointer(&error_));
+    else
+      g_task_return_pointer(task_, string_.steal(), g_free);
+  }
+
+  static constexpr int attempts_ahead = 4;
+  static constexpr int attempts_bytewise = 256;
+
+  PartialString string_;
+};
+
 } // namespace
 
-static void
-free_async_data(gpointer user_data)
+// Whether a blocking read does no more than to read from the base stream, so that looking into the
+// base stream tells what comes.
+static gboolean
+passes_on(GInputStream *stream)
 {
-  auto *data = static_cast<AsyncRead *>(user_data);
-
-  data->step.clear();
-  g_free(data->buffer);
-  g_slice_free(AsyncRead, data);
-}
-
-// Doubles a buffer that is full.
-static gchar *
-grow_if_full(gchar *buffer, gsize *buffer_length, gsize used)
-{
-  if (used < *buffer_length)
-    return buffer;
-  *buffer_length *= 2;
-  return static_cast<gchar *>(g_realloc(buffer, *buffer_length));
+  return G_INPUT_STREAM_GET_CLASS(stream)->read_fn ==
+         static_cast<GInputStreamClass *>(gvc_data_input_stream_parent_class)->read_fn;
 }
 
 static void
@@ -108,51 +218,27 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
   GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
 
   auto *in = reinterpret_cast<GInputStream *>(stream);
-  gsize buffer_length = initial_buffer_length;
-  g_autofree gchar *buffer = static_cast<gchar *>(g_malloc(buffer_length));
-  gsize count = 0;
+  auto *base = passes_on(in) ? stream->parent.base_stream : in;
+  PartialString string(string_end);
 
   for (;;) {
-    gssize nread = g_input_stream_read(in, buffer + count, 1, cancellable, error);
+    GError *failure = nullptr;
+    gssize ahead = gvc::look_ahead(base, string.tail(), string.room(), &failure);
+    if (failure && !g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
+      g_propagate_error(error, failure);
+      return nullptr;
+    }
+    g_clear_error(&failure);
+    gssize nread = g_input_stream_read(in, string.tail(), string.wanted(ahead), cancellable, error);
     if (nread < 0)
       return nullptr;
-    if (nread == 0)
-      continue;
-    count++;
-    if (buffer[count - 1] == string_end)
+    if (string.add(static_cast<gsize>(nread)))
       break;
-    buffer = grow_if_full(buffer, &buffer_length, count);
   }
 
   if (length)
-    *length = count;
-  return static_cast<gchar *>(g_steal_pointer(&buffer));
-}
-
-static void
-byte_done(GTask *chain)
-{
-  g_autoptr(GTask) task = chain;
-  auto *data = static_cast<AsyncRead *>(g_task_get_task_data(task));
-
-  if (data->step.error) {
-    g_task_return_error(task, static_cast<GError *>(g_steal_pointer(&data->step.error)));
-    return;
-  }
-
-  if (data->step.moved > 0) {
-    data->read++;
-    if (data->buffer[data->read - 1] == data->string_end) {
-      g_task_return_pointer(task, g_steal_pointer(&data->buffer), g_free);
-      return;
-    }
-    data->buffer = grow_if_full(data->buffer, &data->buffer_length, data->read);
-  }
-
-  // One byte in each turn of the main loop.
-  chain = static_cast<GTask *>(g_steal_pointer(&task));
-  data->step.in_loop = FALSE;
-  gvc::read_all(chain, data->buffer + data->read, 1, g_task_get_priority(chain), byte_done);
+    *length = string.size();
+  return string.steal();
 }
 
 /**
@@ -174,14 +260,10 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  auto *data = g_slice_new0(AsyncRead);
-  data->string_end = string_end;
-  data->buffer = static_cast<gchar *>(g_malloc(initial_buffer_length));
-  data->buffer_length = initial_buffer_length;
-  g_task_set_task_data(task, data, free_async_data);
-
-  gvc::read_all(task, data->buffer, 1, io_priority, byte_done);
+  gvc::Operation::create<StringRead>(
+      stream, cancellable, callback, user_data,
+      reinterpret_cast<gpointer>(gvc_data_input_stream_read_string_async))
+      ->begin(string_end, io_priority);
 }
 
 /**
@@ -205,9 +287,9 @@ gvc_data_input_stream_read_string_finish(GvcDataInputStream *stream, GAsyncResul
   GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
   GVC_CHECK_VAL(g_task_is_valid(result, stream), nullptr);
 
-  auto *task = reinterpret_cast<GTask *>(result);
-  auto *string = static_cast<gchar *>(g_task_propagate_pointer(task, error));
+  auto *string =
+      static_cast<gchar *>(g_task_propagate_pointer(reinterpret_cast<GTask *>(result), error));
   if (string && length)
-    *length = static_cast<AsyncRead *>(g_task_get_task_data(task))->read;
+    *length = gvc::Operation::of<StringRead>(result)->length();
   return string;
 }

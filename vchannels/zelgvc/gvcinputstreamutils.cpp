@@ -1,9 +1,41 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcinputstreamutils.h"
 #include "gvcchecks.h"
-#include "gvcreadall.h"
+#include "engine/gvcreader.h"
 
 // The mirror image of gvcoutputstreamutils.cpp.
+
+namespace
+{
+
+class ReadAll final : public gvc::Reader
+{
+public:
+  void
+  begin(void *buffer, gsize count, int io_priority)
+  {
+    g_task_set_priority(task_, io_priority);
+    expect(buffer, count);
+    start(io_priority);
+  }
+
+private:
+  Next
+  part_done() override
+  {
+    return Next::done;
+  }
+  void
+  deliver() override
+  {
+    if (error_)
+      g_task_return_error(task_, g_steal_pointer(&error_));
+    else
+      g_task_return_boolean(task_, TRUE);
+  }
+};
+
+} // namespace
 
 /**
  * gvc_input_stream_util_read_all_async: (skip)
@@ -30,11 +62,9 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
   GVC_CHECK(G_IS_INPUT_STREAM(stream));
   GVC_CHECK(buffer != NULL || count == 0);
 
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  gvc::Transfer::attach_new(task);
-  g_task_set_priority(task, io_priority);
-
-  gvc::read_all(task, buffer, count, io_priority, gvc::Transfer::return_outcome);
+  gvc::Operation::create<ReadAll>(stream, cancellable, callback, user_data,
+                                  reinterpret_cast<gpointer>(gvc_input_stream_util_read_all_async))
+      ->begin(buffer, count, io_priority);
 }
 
 /**
@@ -59,8 +89,7 @@ gvc_input_stream_util_read_all_finish(GInputStream *stream, GAsyncResult *result
   GVC_CHECK_VAL(G_IS_INPUT_STREAM(stream), FALSE);
   GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
 
-  auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_read)
-    *bytes_read = gvc::Transfer::of(task)->moved;
-  return g_task_propagate_boolean(task, error);
+    *bytes_read = gvc::Operation::of<ReadAll>(result)->received();
+  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
 }

@@ -1,9 +1,36 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcoutputstreamutils.h"
 #include "gvcchecks.h"
-#include "gvcwriteall.h"
+#include "engine/gvcwriter.h"
 
 // The mirror image of gvcinputstreamutils.cpp.
+
+namespace
+{
+
+class WriteAll final : public gvc::Writer
+{
+public:
+  void
+  begin(const void *buffer, gsize count, int io_priority)
+  {
+    g_task_set_priority(task_, io_priority);
+    offer(buffer, count);
+    start(io_priority);
+  }
+
+private:
+  void
+  deliver() override
+  {
+    if (error_)
+      g_task_return_error(task_, g_steal_pointer(&error_));
+    else
+      g_task_return_boolean(task_, TRUE);
+  }
+};
+
+} // namespace
 
 /**
  * gvc_output_stream_util_write_all_async: (skip)
@@ -33,11 +60,10 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
   GVC_CHECK(G_IS_OUTPUT_STREAM(stream));
   GVC_CHECK(buffer != NULL || count == 0);
 
-  auto *task = g_task_new(stream, cancellable, callback, user_data);
-  gvc::Transfer::attach_new(task);
-  g_task_set_priority(task, io_priority);
-
-  gvc::write_all(task, buffer, count, io_priority, gvc::Transfer::return_outcome);
+  gvc::Operation::create<WriteAll>(
+      stream, cancellable, callback, user_data,
+      reinterpret_cast<gpointer>(gvc_output_stream_util_write_all_async))
+      ->begin(buffer, count, io_priority);
 }
 
 /**
@@ -60,8 +86,7 @@ gvc_output_stream_util_write_all_finish(GOutputStream *stream, GAsyncResult *res
   GVC_CHECK_VAL(G_IS_OUTPUT_STREAM(stream), FALSE);
   GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
 
-  auto *task = reinterpret_cast<GTask *>(result);
   if (bytes_written)
-    *bytes_written = gvc::Transfer::of(task)->moved;
-  return g_task_propagate_boolean(task, error);
+    *bytes_written = gvc::Operation::of<WriteAll>(result)->accepted();
+  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
 }

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// The engine: one object for each asynchronous operation on a stream.
+//
+//   start() --> run() --> attempt()      moves what can be moved without blocking, and says what
+//   next:
+//                ^           |
+//                |           +-- again   another attempt, up to a budget, then as `turn`
+//                |           +-- turn    resume in the next turn of the main loop
+//                +-- wait <--+-- ready   resume when the stream at the bottom is ready
+//                            +-- gio     resume when GIO's own asynchronous call has ended
+//                            +-- done    finish(): release the streams, give the task its result
+//
+// The operation is the data of its task and owns one reference to it from start() to finish(), so
+// both live until the result is delivered. The first attempts run within start(). What is done
+// there waits for a turn as well: the streams stay busy until the callback, which runs in the main
+// loop.
+//
+// Reader and Writer (gvcreader.h, gvcwriter.h) move bytes; the message streams derive from them
+// what a message is. Streams that cannot be polled are left to GIO's asynchronous functions.
+#pragma once
+
+#include <gio/gio.h>
+
+#include <new>
+
+namespace gvc
+{
+
+class Operation
+{
+public:
+  // Makes a task whose data is a new operation. The operation drops the task in finish().
+  template <class Op>
+  static Op *
+  create(gpointer source, GCancellable *cancellable, GAsyncReadyCallback callback,
+         gpointer user_data, gpointer tag)
+  {
+    auto *op = new (g_slice_alloc0(sizeof(Op))) Op();
+    op->task_ = g_task_new(source, cancellable, callback, user_data);
+    g_task_set_source_tag(op->task_, tag);
+    g_task_set_task_data(op->task_, op, [](gpointer data) {
+      static_cast<Op *>(data)->~Op();
+      g_slice_free1(sizeof(Op), data);
+    });
+    return op;
+  }
+  template <class Op>
+  static Op *
+  of(GAsyncResult *result)
+  {
+    return static_cast<Op *>(g_task_get_task_data(reinterpret_cast<GTask *>(result)));
+  }
+
+protected:
+  enum class Next { again, turn, ready, gio, done };
+
+  Operation() = default;
+  ~Operation();
+
+  void start(int io_priority);
+  GCancellable *cancellable() const;
+  // Goes on with another part, at the default priority: at once, unless something may come between
+  // the two, a source of another priority or a cancellation after the call that starts both.
+  Next next_part();
+  // Ends the operation.
+  Next fail(GError *error);
+
+  virtual Next attempt() = 0;
+  virtual GSource *ready_source() = 0; // for `ready`
+  // For `gio`: GIO's asynchronous functions take gio_callback(), which asks what came of it.
+  static void gio_callback(GObject *source, GAsyncResult *result, gpointer self);
+  virtual Next ended(GAsyncResult *result) = 0;
+  virtual void release() = 0; // gives the streams back
+  virtual void deliver() = 0; // gives the task its result: error_, or what the operation was for
+
+  GTask *task_ = nullptr;
+  GError *error_ = nullptr;
+  int priority_ = G_PRIORITY_DEFAULT;
+  int budget_ = 4; // attempts in one dispatch
+
+private:
+  void run(Next next);
+  void wait(Next what);
+  void attach(GSource *source, GSourceFunc callback);
+  gboolean resume(Next what);
+  void finish();
+  static gboolean turn_callback(gpointer self);
+  static gboolean ready_callback(GObject *, gpointer self);
+
+  Next dispatched_ = Next::done; // what the source that is running now has waited for
+  gboolean keep_source_ = FALSE; // the operation waits for the same again
+  gboolean starting_ = FALSE;
+  gboolean changing_part_ = FALSE; // next_part() has yet to change the priority
+  gboolean ended_ = FALSE;         // nothing is left but finish()
+};
+
+} // namespace gvc

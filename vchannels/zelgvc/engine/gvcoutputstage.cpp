@@ -1,0 +1,502 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "gvcoutputstage.h"
+#include "gvcbuffer.h"
+#include "gvcpollable.h"
+
+using gvc::Buffer;
+
+namespace
+{
+
+struct GvcOutputStage {
+  GConverterOutputStream parent;
+  GConverter *converter; // that of the parent
+  GConverterIface *iface;
+  Buffer unconverted;  // what the converter wants more input for
+  Buffer converted;    // what the base stream has not taken yet
+  gsize first_part;    // of `converted`: what the first of two vectors has become
+  Buffer retried;      // accepted by a write that failed: not accepted twice if it is tried again
+  GError *deferred;    // met after the bytes of a write had been accepted; for the next operation
+  gboolean finished;   // the converter has said so; nothing more is accepted
+  gboolean over_stage; // the base stream is a stage
+  gboolean gathered;   // by the base stream
+};
+
+struct GvcOutputStageClass {
+  GConverterOutputStreamClass parent_class;
+};
+
+} // namespace
+
+static GType gvc_output_stage_get_type();
+static void gvc_output_stage_pollable_init(GPollableOutputStreamInterface *iface);
+
+G_DEFINE_TYPE_WITH_CODE(GvcOutputStage, gvc_output_stage, G_TYPE_CONVERTER_OUTPUT_STREAM,
+                        G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_OUTPUT_STREAM,
+                                              gvc_output_stage_pollable_init))
+
+static GOutputStream *
+base_stream(GvcOutputStage *self)
+{
+  return self->parent.parent_instance.base_stream;
+}
+
+// The most of a write that is converted at once. It bounds the memory of both peers, who hold a
+// whole block or record at a time, and how long one step of a main loop takes.
+static constexpr gsize most_at_once = 1024 * 1024;
+
+// How much room `size` bytes of input most likely need: enough for each of the library's own
+// converters, and for others a first offer, with what is needed to end a flush in one call (zlib
+// begins it anew when it runs out of room).
+static gsize
+likely_room(gsize size)
+{
+  constexpr gsize least = 4096;
+  return MAX(size + size / 10 + 64, least);
+}
+
+// One call of the converter on `in`, repeated with more room for as long as it asks for that.
+static GConverterResult
+convert_once(GvcOutputStage *self, const guint8 *in, gsize size, GConverterFlags flags,
+             gsize *consumed, GError **error)
+{
+  gsize room = likely_room(size);
+
+  for (;;) {
+    GError *failure = nullptr;
+    gsize produced = 0;
+    *consumed = 0;
+    self->converted.reserve(room);
+    auto result =
+        self->iface->convert(self->converter, in, size, self->converted.tail(),
+                             self->converted.tail_room(), flags, consumed, &produced, &failure);
+    if (result != G_CONVERTER_ERROR) {
+      self->converted.produced(produced);
+      self->finished |= result == G_CONVERTER_FINISHED;
+      return result;
+    }
+    if (!g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_NO_SPACE)) {
+      g_propagate_error(error, failure);
+      return result;
+    }
+    g_clear_error(&failure);
+    room = self->converted.tail_room() * 2;
+  }
+}
+
+// Converts `in` as far as it goes. An error counts only where nothing could be converted before it:
+// otherwise it comes again with the next call.
+static gboolean
+convert_all(GvcOutputStage *self, const guint8 *in, gsize size, gsize *used, GError **error)
+{
+  *used = 0;
+  while (*used < size && !self->finished) {
+    GError *failure = nullptr;
+    gsize consumed;
+    if (convert_once(self, in + *used, size - *used, G_CONVERTER_NO_FLAGS, &consumed, &failure) ==
+        G_CONVERTER_ERROR) {
+      if (*used == 0) {
+        g_propagate_error(error, failure);
+        return FALSE;
+      }
+      g_error_free(failure);
+      break;
+    }
+    *used += consumed;
+  }
+  return TRUE;
+}
+
+// Takes over up to `size` bytes of the caller's: converts them, or keeps them for a converter that
+// needs more at once. Returns how many were taken, or -1 with an error and none taken.
+static gssize
+accept(GvcOutputStage *self, const guint8 *in, gsize size, GError **error)
+{
+  gboolean buffered = self->unconverted.size() > 0;
+  GError *failure = nullptr;
+  gsize used;
+
+  if (buffered)
+    self->unconverted.append(in, size);
+  gboolean done = buffered ? convert_all(self, self->unconverted.data(), self->unconverted.size(),
+                                         &used, &failure)
+                           : convert_all(self, in, size, &used, &failure);
+  if (done) {
+    if (!buffered)
+      return static_cast<gssize>(used);
+    self->unconverted.consume(used);
+    return static_cast<gssize>(size);
+  }
+
+  if (g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT)) {
+    g_error_free(failure);
+    if (!buffered)
+      self->unconverted.append(in, size);
+    return static_cast<gssize>(size);
+  }
+  if (buffered)
+    self->unconverted.truncate(size);
+  g_propagate_error(error, failure);
+  return -1;
+}
+
+// What becomes of a write after the end of the converted stream, as with GIO's own class.
+static gssize
+write_after_end(GError **error)
+{
+  if (glib_check_version(2, 83, 1))
+    return 0;
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
+                      "The converted stream has ended");
+  return -1;
+}
+
+// What `converted` holds, in the parts that the base stream is to see.
+static gsize
+parts(GvcOutputStage *self, GOutputVector vectors[2])
+{
+  auto *data = self->converted.data();
+  gsize size = self->converted.size(), first = self->first_part;
+
+  if (first == 0 || first >= size) {
+    vectors[0] = {data, size};
+    return size > 0 ? 1 : 0;
+  }
+  vectors[0] = {data, first};
+  vectors[1] = {data + first, size - first};
+  return self->gathered ? 2 : 1;
+}
+
+// What becomes of a write that a stage has accepted and not sent.
+enum class Held {
+  retried, // the write fails, and its bytes are not accepted twice when they are offered again
+  kept,    // the write succeeds, and the next operation sends them
+};
+
+static gssize write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors,
+                            gboolean blocking, Held held, GCancellable *cancellable,
+                            GError **error);
+
+// One write to the base stream, with the checks for a closed stream and for an operation in
+// progress that GIO's blocking functions make. Returns FALSE with an error, or with none if the
+// stream gave none.
+static gboolean
+write_parts(GvcOutputStage *self, GOutputVector *vectors, gsize n_vectors, gboolean blocking,
+            GCancellable *cancellable, gsize *written, GError **error)
+{
+  auto *base = base_stream(self);
+  gssize result;
+
+  if (blocking && !self->over_stage && n_vectors > 1)
+    return g_output_stream_writev(base, vectors, n_vectors, written, cancellable, error);
+  if (blocking && !self->over_stage) {
+    result = g_output_stream_write(base, vectors->buffer, vectors->size, cancellable, error);
+  } else {
+    if (!g_output_stream_set_pending(base, error))
+      return FALSE;
+    result =
+        self->over_stage
+            ? write_vectors(reinterpret_cast<GvcOutputStage *>(base), vectors, n_vectors, blocking,
+                            blocking ? Held::retried : Held::kept, cancellable, error)
+            : gvc::write_nonblocking(base, vectors, n_vectors, nullptr, error);
+    g_output_stream_clear_pending(base);
+  }
+  *written = static_cast<gsize>(MAX(result, 0));
+  return result >= 0;
+}
+
+// Hands converted bytes to the base stream until there are none.
+static gboolean
+push(GvcOutputStage *self, gboolean blocking, GCancellable *cancellable, GError **error)
+{
+  GOutputVector vectors[2];
+
+  if (self->deferred) {
+    g_propagate_error(error, g_steal_pointer(&self->deferred));
+    return FALSE;
+  }
+  while (gsize n_vectors = parts(self, vectors)) {
+    GError *failure = nullptr;
+    gsize written = 0;
+    if (!write_parts(self, vectors, n_vectors, blocking, cancellable, &written, &failure)) {
+      g_propagate_error(error, gvc::or_unknown(failure));
+      return FALSE;
+    }
+    self->converted.consume(written);
+    self->first_part -= MIN(written, self->first_part);
+    if (written > 0)
+      continue;
+    // As GIO's own class, but without blocking the main loop gets its turn.
+    g_log("GLib-GIO", G_LOG_LEVEL_WARNING, "Write returned zero without error");
+    if (!blocking) {
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
+      return FALSE;
+    }
+  }
+  return TRUE;
+}
+
+// Accepts the first vector, up to the most that is converted at once, and the second one if there
+// was room for all of the first. Returns how many bytes were taken, or -1 with an error and none.
+// An error of the second vector is for the next operation.
+static gssize
+accept_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors, GError **error,
+               GError **next_error)
+{
+  auto accept_one = [self](const GOutputVector &vector, GError **failure) {
+    return accept(self, static_cast<const guint8 *>(vector.buffer), MIN(vector.size, most_at_once),
+                  failure);
+  };
+  gssize first = accept_one(vectors[0], error);
+  if (n_vectors < 2 || first != static_cast<gssize>(vectors[0].size) || self->finished)
+    return first;
+
+  self->first_part = self->converted.size();
+  gssize second = accept_one(vectors[1], next_error);
+  return first + MAX(second, 0);
+}
+
+// Whether the vectors begin with what a failed write has left with the stage.
+static gboolean
+is_retry(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors)
+{
+  auto *expected = self->retried.data();
+  gsize left = self->retried.size();
+
+  for (gsize i = 0; i < n_vectors && left > 0; i++) {
+    gsize part = MIN(left, vectors[i].size);
+    if (std::memcmp(expected, vectors[i].buffer, part) != 0)
+      return FALSE;
+    expected += part;
+    left -= part;
+  }
+  return left == 0;
+}
+
+static void
+remember_retry(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors, gsize count)
+{
+  for (gsize i = 0; i < n_vectors && count > 0; i++) {
+    gsize part = MIN(count, vectors[i].size);
+    self->retried.append(vectors[i].buffer, part);
+    count -= part;
+  }
+}
+
+static gboolean
+send(GvcOutputStage *self, gboolean blocking, Held held, GCancellable *cancellable, GError **error)
+{
+  return push(self, blocking, cancellable, error) &&
+         (blocking || held == Held::kept || gvc::drain_stages(base_stream(self), error));
+}
+
+// Nothing is accepted before the last write has left, so a slow peer cannot make a stage grow.
+static gssize
+write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors,
+              gboolean blocking, Held held, GCancellable *cancellable, GError **error)
+{
+  if (!send(self, blocking, held, cancellable, error))
+    return -1;
+  if (self->retried.size() > 0) {
+    auto accepted = static_cast<gssize>(self->retried.size());
+    gboolean again = is_retry(self, vectors, n_vectors);
+    self->retried.release();
+    if (again)
+      return accepted;
+  }
+  if (self->finished)
+    return write_after_end(error);
+
+  GError *failure = nullptr;
+  gssize taken = accept_vectors(self, vectors, n_vectors, error, &self->deferred);
+  if (taken < 0)
+    return -1;
+  // The second vector waits for the next operation to fail.
+  auto *next_error = g_steal_pointer(&self->deferred);
+  gboolean sent = send(self, blocking, held, cancellable, &failure);
+  self->deferred = next_error;
+  if (sent)
+    return taken;
+  gboolean would_block = g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK);
+  // What failed first is told first; the other failure comes again.
+  if (!would_block && self->deferred) {
+    g_error_free(failure);
+    failure = g_steal_pointer(&self->deferred);
+  }
+  if (held == Held::retried) {
+    remember_retry(self, vectors, n_vectors, static_cast<gsize>(taken));
+    g_propagate_error(error, failure);
+    return -1;
+  }
+  if (!would_block)
+    self->deferred = g_steal_pointer(&failure);
+  g_clear_error(&failure);
+  return taken;
+}
+
+static gssize
+gvc_output_stage_write(GOutputStream *stream, const void *buffer, gsize count,
+                       GCancellable *cancellable, GError **error)
+{
+  GOutputVector vector = {buffer, count};
+  return write_vectors(reinterpret_cast<GvcOutputStage *>(stream), &vector, 1, TRUE, Held::retried,
+                       cancellable, error);
+}
+
+static gboolean
+gvc_output_stage_writev(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
+                        gsize *bytes_written, GCancellable *cancellable, GError **error)
+{
+  gssize written = write_vectors(reinterpret_cast<GvcOutputStage *>(stream), vectors, n_vectors,
+                                 TRUE, Held::retried, cancellable, error);
+  *bytes_written = static_cast<gsize>(MAX(written, 0));
+  return written >= 0;
+}
+
+static gboolean
+gvc_output_stage_flush(GOutputStream *stream, GCancellable *cancellable, GError **error)
+{
+  auto *self = reinterpret_cast<GvcOutputStage *>(stream);
+  gboolean closing = g_output_stream_is_closing(stream);
+  auto flags = closing ? G_CONVERTER_INPUT_AT_END : G_CONVERTER_FLUSH;
+  auto result = G_CONVERTER_CONVERTED;
+
+  if (!push(self, TRUE, cancellable, error))
+    return FALSE;
+  while (result != G_CONVERTER_FLUSHED && !self->finished) {
+    gsize consumed;
+    result = convert_once(self, self->unconverted.data(), self->unconverted.size(), flags,
+                          &consumed, error);
+    if (result == G_CONVERTER_ERROR)
+      return FALSE;
+    self->unconverted.consume(consumed);
+  }
+  if (!push(self, TRUE, cancellable, error))
+    return FALSE;
+
+  // Closing goes on to the base stream by itself.
+  return closing || g_output_stream_flush(base_stream(self), cancellable, error);
+}
+
+static void
+gvc_output_stage_constructed(GObject *object)
+{
+  auto *self = reinterpret_cast<GvcOutputStage *>(object);
+
+  G_OBJECT_CLASS(gvc_output_stage_parent_class)->constructed(object);
+  self->converter = g_converter_output_stream_get_converter(&self->parent);
+  self->iface = G_CONVERTER_GET_IFACE(self->converter);
+  self->over_stage = gvc::stage_base(base_stream(self)) != nullptr;
+  self->gathered = gvc::gathers(base_stream(self));
+}
+
+static void
+gvc_output_stage_finalize(GObject *object)
+{
+  auto *self = reinterpret_cast<GvcOutputStage *>(object);
+
+  self->unconverted.release();
+  self->converted.release();
+  self->retried.release();
+  g_clear_error(&self->deferred);
+
+  G_OBJECT_CLASS(gvc_output_stage_parent_class)->finalize(object);
+}
+
+static void
+gvc_output_stage_class_init(GvcOutputStageClass *klass)
+{
+  G_OBJECT_CLASS(klass)->constructed = gvc_output_stage_constructed;
+  G_OBJECT_CLASS(klass)->finalize = gvc_output_stage_finalize;
+  G_OUTPUT_STREAM_CLASS(klass)->write_fn = gvc_output_stage_write;
+  G_OUTPUT_STREAM_CLASS(klass)->writev_fn = gvc_output_stage_writev;
+  G_OUTPUT_STREAM_CLASS(klass)->flush = gvc_output_stage_flush;
+}
+
+static void
+gvc_output_stage_init(GvcOutputStage *)
+{
+}
+
+// As with the filters of gvcpollable.h, GIO's asynchronous writes end when the bytes have left.
+static gssize
+write_nonblocking(GPollableOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
+                  GError **error)
+{
+  auto *stage = reinterpret_cast<GOutputStream *>(stream);
+  return gvc::write_to_stage(stage, vectors, n_vectors, g_output_stream_has_pending(stage), error);
+}
+
+static gssize
+gvc_output_stage_write_nonblocking(GPollableOutputStream *stream, const void *buffer, gsize count,
+                                   GError **error)
+{
+  GOutputVector vector = {buffer, count};
+  return write_nonblocking(stream, &vector, 1, error);
+}
+
+static GPollableReturn
+gvc_output_stage_writev_nonblocking(GPollableOutputStream *stream, const GOutputVector *vectors,
+                                    gsize n_vectors, gsize *bytes_written, GError **error)
+{
+  GError *failure = nullptr;
+  gssize written = write_nonblocking(stream, vectors, n_vectors, &failure);
+
+  *bytes_written = static_cast<gsize>(MAX(written, 0));
+  if (written >= 0)
+    return G_POLLABLE_RETURN_OK;
+  if (g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
+    g_error_free(failure);
+    return G_POLLABLE_RETURN_WOULD_BLOCK;
+  }
+  g_propagate_error(error, failure);
+  return G_POLLABLE_RETURN_FAILED;
+}
+
+static void
+gvc_output_stage_pollable_init(GPollableOutputStreamInterface *iface)
+{
+  gvc::init_pollable_filter_output(iface);
+  iface->write_nonblocking = gvc_output_stage_write_nonblocking;
+  iface->writev_nonblocking = gvc_output_stage_writev_nonblocking;
+}
+
+GOutputStream *
+gvc::output_stage_new(GOutputStream *base_stream, GConverter *converter)
+{
+  // As GIO's constructor says it.
+  if (!G_IS_OUTPUT_STREAM(base_stream)) {
+    g_return_if_fail_warning("GLib-GIO", "g_converter_output_stream_new",
+                             "G_IS_OUTPUT_STREAM (base_stream)");
+    return nullptr;
+  }
+
+  return static_cast<GOutputStream *>(g_object_new(gvc_output_stage_get_type(), "base-stream",
+                                                   base_stream, "converter", converter, nullptr));
+}
+
+GOutputStream *
+gvc::stage_base(GOutputStream *stream)
+{
+  return G_TYPE_CHECK_INSTANCE_TYPE(stream, gvc_output_stage_get_type())
+             ? base_stream(reinterpret_cast<GvcOutputStage *>(stream))
+             : nullptr;
+}
+
+gboolean
+gvc::drain_stages(GOutputStream *stream, GError **error)
+{
+  // From the caller down, since what one stage passes on lands in the next.
+  for (; auto *below = stage_base(stream); stream = below)
+    if (!push(reinterpret_cast<GvcOutputStage *>(stream), FALSE, nullptr, error))
+      return FALSE;
+  return TRUE;
+}
+
+gssize
+gvc::write_to_stage(GOutputStream *stage, const GOutputVector *vectors, gsize n_vectors,
+                    gboolean until_sent, GError **error)
+{
+  return write_vectors(reinterpret_cast<GvcOutputStage *>(stage), vectors, n_vectors, FALSE,
+                       until_sent ? Held::retried : Held::kept, nullptr, error);
+}
