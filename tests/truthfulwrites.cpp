@@ -358,6 +358,9 @@ test_nothing_taken_by_one_nonblocking_write(gconstpointer stages)
     Error error;
     g_pollable_output_stream_write_nonblocking(chain.pollable(), "abc", 3, nullptr, &error);
   }
+  // Closing the stage waits for the base stream.
+  chain.script->from_call.reset();
+  chain.script->on_call = nullptr;
   allow_warnings(log);
 }
 
