@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcoperation.h"
+#include "gvcsocketwait.h"
 
 using gvc::Operation;
 
@@ -84,10 +85,30 @@ Operation::wait(Next what)
     keep_source_ = TRUE;
     g_object_unref(task_);
   } else if (what == Next::ready) {
-    attach(ready_source(), G_SOURCE_FUNC(ready_callback));
+    wait_ready();
   } else {
     attach(g_idle_source_new(), turn_callback);
   }
+}
+
+// The socket, or a source of GLib's, takes over the reference to the task.
+void
+Operation::wait_ready()
+{
+  auto *stream = bottom();
+
+  if (!wait_for_socket(stream, ready_condition_, g_task_get_context(task_), priority_,
+                       cancellable(), {socket_ready, this}))
+    attach(ready_source(stream), G_SOURCE_FUNC(ready_callback));
+}
+
+void
+Operation::socket_ready(gpointer user_data)
+{
+  auto *self = static_cast<Operation *>(user_data);
+
+  self->starting_ = FALSE;
+  self->run(Next::again);
 }
 
 // The source takes over the reference to the task, so that a main context that goes away takes the

@@ -66,7 +66,10 @@ protected:
   Next fail(GError *error);
 
   virtual Next attempt() = 0;
-  virtual GSource *ready_source() = 0; // for `ready`
+  // For `ready`: the stream at the bottom, and what it has to become.
+  virtual gpointer bottom() = 0;
+  virtual GSource *ready_source(gpointer bottom) = 0;
+  GIOCondition ready_condition_ = G_IO_IN;
   // For `gio`: GIO's asynchronous functions take gio_callback(), which asks what came of it.
   static void gio_callback(GObject *source, GAsyncResult *result, gpointer self);
   virtual Next ended(GAsyncResult *result) = 0;
@@ -81,11 +84,13 @@ protected:
 private:
   void run(Next next);
   void wait(Next what);
+  void wait_ready();
   void attach(GSource *source, GSourceFunc callback);
   gboolean resume(Next what);
   void finish();
   static gboolean turn_callback(gpointer self);
   static gboolean ready_callback(GObject *, gpointer self);
+  static void socket_ready(gpointer self);
 
   Next dispatched_ = Next::done; // what the source that is running now has waited for
   gboolean keep_source_ = FALSE; // the operation waits for the same again

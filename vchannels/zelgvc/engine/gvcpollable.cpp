@@ -272,24 +272,23 @@ gvc::or_unknown(GError *error)
 
 // ---- Sockets ----
 
+static G_DEFINE_QUARK(gvc-socket, socket);
+
 // The streams of GSocketConnection have no public type, but a property for their socket.
 GSocket *
 gvc::plain_socket(gpointer stream)
 {
-  auto *type = G_OBJECT_TYPE_NAME(stream);
+  auto *object = static_cast<GObject *>(stream);
+  auto *type = G_OBJECT_TYPE_NAME(object);
   if (strcmp(type, "GSocketInputStream") != 0 && strcmp(type, "GSocketOutputStream") != 0)
     return nullptr;
 
-  static GQuark quark;
-  if (quark == 0)
-    quark = g_quark_from_static_string("gvc-socket");
-  auto *known = static_cast<GSocket *>(g_object_get_qdata(static_cast<GObject *>(stream), quark));
+  auto *known = static_cast<GSocket *>(g_object_get_qdata(object, socket_quark()));
   if (known)
     return known;
-
   g_autoptr(GSocket) socket = nullptr;
-  g_object_get(stream, "socket", &socket, nullptr);
+  g_object_get(object, "socket", &socket, nullptr);
   // The stream keeps its socket for life.
-  g_object_set_qdata(static_cast<GObject *>(stream), quark, socket);
+  g_object_set_qdata(object, socket_quark(), socket);
   return socket;
 }

@@ -82,13 +82,19 @@ Reader::blocked_or_failed()
   return stages_hold_input(target_) ? Next::turn : Next::ready;
 }
 
-GSource *
-Reader::ready_source()
+gpointer
+Reader::bottom()
 {
   auto *bottom = target_;
   while (auto *below = stage_base(bottom))
     bottom = below;
-  return g_pollable_input_stream_create_source(reinterpret_cast<GPollableInputStream *>(bottom),
+  return bottom;
+}
+
+GSource *
+Reader::ready_source(gpointer bottom)
+{
+  return g_pollable_input_stream_create_source(static_cast<GPollableInputStream *>(bottom),
                                                cancellable());
 }
 

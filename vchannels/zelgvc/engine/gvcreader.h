@@ -28,7 +28,8 @@ protected:
 
   Next attempt() override;
   Next blocked_or_failed(); // what error_ says of an attempt
-  GSource *ready_source() override;
+  gpointer bottom() override;
+  GSource *ready_source(gpointer bottom) override;
   Next ended(GAsyncResult *result) override;
   void release() override;
 

@@ -28,6 +28,7 @@ Writer::start(int io_priority)
   stream_ = target_ = static_cast<GOutputStream *>(g_task_get_source_object(task_));
   while (auto *below = forwards_to(target_))
     target_ = below;
+  ready_condition_ = G_IO_OUT;
   polls_ = can_poll(target_) && can_poll(stream_);
   gathers_ = gathers(target_);
   if (polls_ && n_vectors_ > 0)
@@ -131,13 +132,19 @@ Writer::drain()
   return Next::ready;
 }
 
-GSource *
-Writer::ready_source()
+gpointer
+Writer::bottom()
 {
   auto *bottom = target_;
   while (auto *below = stage_base(bottom))
     bottom = below;
-  return g_pollable_output_stream_create_source(reinterpret_cast<GPollableOutputStream *>(bottom),
+  return bottom;
+}
+
+GSource *
+Writer::ready_source(gpointer bottom)
+{
+  return g_pollable_output_stream_create_source(static_cast<GPollableOutputStream *>(bottom),
                                                 cancellable());
 }
 

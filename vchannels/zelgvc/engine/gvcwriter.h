@@ -26,7 +26,8 @@ protected:
   Next drain();
 
   Next attempt() override;
-  GSource *ready_source() override;
+  gpointer bottom() override;
+  GSource *ready_source(gpointer bottom) override;
   Next ended(GAsyncResult *result) override;
   void release() override;
 
