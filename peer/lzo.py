@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """LZO1X streams and the chunk layout."""
 
+import contextlib
 import io
 import struct
 
@@ -22,10 +23,8 @@ class Stream:
         self.out.append((value - 1) % 255 + 1)
 
     def literals(self, run):
-        """Literals behind a match or at the beginning."""
+        """Literals behind a match, of which there may be none, or at the beginning."""
         count = len(run)
-        if not count:
-            return
         if self.started and count < 4:
             self.out[-2] |= count  # both kinds of match have S in the last byte but one
         elif not self.started and count <= 238 and count != 0x55 - 17:
@@ -56,9 +55,6 @@ class Stream:
             self.out += struct.pack("<H", (rest & 0x3FFF) << 2)
         self.state = 0
 
-    def finish(self):
-        return bytes(self.out + END)
-
 
 def encode(data):
     """One stream that decodes to data, which is not empty."""
@@ -68,15 +64,17 @@ def encode(data):
         earlier = seen.get(word, -49152)
         seen[word] = at
         if at - earlier > 49151:
-            at += 1
+            at += 1 + (at - start) // 32  # data that does not compress is passed ever faster
             continue
+        while end < len(data) and data[end : end + 999] == data[end - at + earlier : end - at + earlier + 999]:
+            end += 999
         while end < len(data) and data[end] == data[end - at + earlier]:
             end += 1
         stream.literals(data[start:at])
         stream.match(end - at, at - earlier)
         start = at = end
     stream.literals(data[start:])
-    return stream.finish()
+    return bytes(stream.out + END)
 
 
 def decode(data, room):
@@ -133,9 +131,8 @@ def decode(data, room):
 
 def write_chunks(data, number):
     """The payload in the chunk layout; data has at least number bytes."""
-    size = len(data) // number
-    parts = [data[size * i : size * (i + 1)] for i in range(number - 1)] + [data[size * (number - 1) :]]
-    chunks = [encode(part) for part in parts]
+    cuts = [len(data) // number * i for i in range(number)] + [len(data)]
+    chunks = [encode(data[start:end]) for start, end in zip(cuts, cuts[1:])]
     sizes = b"".join(struct.pack("<I", len(chunk)) for chunk in chunks[:-1])
     return bytes([0x55, number, number ^ 0x55]) + struct.pack("<I", len(data)) + sizes + b"".join(chunks)
 
@@ -150,25 +147,29 @@ def chunks(payload):
     return number if first + 3 <= end <= len(payload) and payload[end - 3 : end] == END else 0
 
 
-def read(payload, room):
-    """What the payload of a block decodes to; room is what the block announces."""
-    number = chunks(payload)
-    if number < 2:
-        try:
-            plain = decode(payload, room)
-        except Broken:
-            if not number:
-                raise
-        else:
-            if not number or len(plain) == room:
-                return plain
+def _join(payload, number, room):
     total, *sizes = struct.unpack_from(f"<{number}I", payload, 3)
-    if total > room:
-        raise Broken("Failed to decode LZO")
     out, at = b"", 7 + 4 * (number - 1)
     for i in range(number):
         last = i == number - 1
-        size = len(payload) - at if last else sizes[i]
-        out += decode(payload[at : at + size], total - len(out) if last else total // number)
-        at += size
+        end = len(payload) if last else at + sizes[i]
+        share = total - len(out) if last else total // number
+        part = decode(payload[at:end], share)
+        if total > room or end > len(payload) or len(part) != share:
+            raise Broken("Failed to decode LZO")
+        out += part
+        at = end
     return out
+
+
+def read(payload, room):
+    """What the payload of a block decodes to; room is what the block announces."""
+    number = chunks(payload)
+    if number != 1:
+        return _join(payload, number, room) if number else decode(payload, room)
+    plain = None
+    with contextlib.suppress(Broken):
+        plain = decode(payload, room)
+        if len(plain) != room:
+            plain = _join(payload, 1, room)
+    return _join(payload, 1, room) if plain is None else plain

@@ -19,16 +19,19 @@ class Units:
     """Collects what arrives until a unit is complete, and what a careful writer would not have sent."""
 
     def __init__(self):
-        self.buffer, self.notes = bytearray(), []
+        self.buffer, self.notes, self.borders, self.taken = bytearray(), [], [], 0
 
-    def feed(self, data):
-        self.buffer += data
-        while not self.missing():
-            yield from self.unit()
+    def feed(self, pieces):
+        for piece in pieces:
+            self.buffer += piece
+            while not self.missing():
+                self.borders.append(self.taken)
+                yield from self.unit()
 
     def take(self, count):
         piece = bytes(self.buffer[:count])
         del self.buffer[:count]
+        self.taken += count
         return piece
 
     def number(self, form):
@@ -38,10 +41,10 @@ class Units:
 class Frames(Units):
     def missing(self):
         """The error of a reader that meets the end of the stream here; none if a unit is complete."""
-        if len(self.buffer) >= 4 and self.number("<i") < 0:
+        size = self.number("<i") if len(self.buffer) >= 4 else 0
+        if size < 0:
             raise Broken("Invalid frame length")
-        whole = len(self.buffer) >= 4 and len(self.buffer) - 4 >= self.number("<i")
-        return "" if whole else "Disconnected"
+        return "" if len(self.buffer) >= 4 + size else "Disconnected"
 
     def unit(self):
         yield self.take(struct.unpack("<i", self.take(4))[0])
@@ -125,6 +128,8 @@ class Decompressor(Units):
     def unit(self):
         packed, size = struct.unpack("<II", self.take(8))
         payload = self.take(packed)
+        if size > max(255 * packed, 1 << 20):
+            raise Broken("Failed to decode LZO")
         out = lzo.read(payload, size) if payload else b""
         if len(out) != size:
             self.notes.append(f"a block of {len(out)} bytes that announces {size}")
@@ -158,16 +163,11 @@ class Reader:
     def __init__(self, stages):
         self.layers = [Decryptor(key) if key else Decompressor() for key in reversed(stages)] + [Frames()]
 
-    def feed(self, data, layer=0):
-        if layer == len(self.layers):
-            yield data
-            return
-        for piece in self.layers[layer].feed(data):
-            yield from self.feed(piece, layer + 1)
-
-    def missing(self):
-        """The error of a reader that meets the end of the stream here."""
-        return self.layers[0].missing()
+    def feed(self, data):
+        pieces = [data]
+        for layer in self.layers:
+            pieces = layer.feed(pieces)
+        return pieces
 
 
 def connect(address, patience):
@@ -185,10 +185,9 @@ class Channel:
 
     def __init__(self, sock, stages):
         self.sock, self.writer, self.reader = sock, Writer(stages), Reader(stages)
+        if sock.family != socket.AF_UNIX:
+            sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.heard = iter(())
-
-    def send(self, message):
-        self.sock.sendall(self.writer.put(message))
 
     def receive(self):
         """The next message; None at the end of the stream."""
