@@ -163,12 +163,21 @@ def cases_of(case):
         yield "written-by-the-peer", lambda: check_written(case, by_peer, messages)
 
 
+def unused_channels():
+    """What a channel sends that carries no message, once it closes."""
+    for stages, size in (("", 0), ("c", 8), ("e", 24), ("ce", 48), ("ee", 64)):
+        stages = ["encrypt" if stage == "e" else "compress" for stage in stages]
+        case = {"stages": stages, "key": make.KEY.hex(), "key-length": 256}
+        equal(len(library_writes(case, [])), size)
+
+
 def up_to_date():
     subprocess.run([sys.executable, ROOT / "vectors/make.py", "--check"], check=True)
 
 
 def main():
     cases = [("/vectors/are-what-the-script-makes", up_to_date)]
+    cases += [("/vectors/unused-channels", unused_channels)]
     for case in json.loads((ROOT / "vectors/vectors.json").read_text()):
         cases += [(f"/vectors/{case['name']}/{what}", check) for what, check in cases_of(case)]
     sys.exit(tap.run(iter(cases)))
