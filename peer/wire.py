@@ -85,7 +85,7 @@ class Decryptor(Units):
         if len(self.buffer) < 8:
             return "Partial header"
         size = self.number("<Q")
-        if size % 16 or size >= 1 << 31:
+        if size % 16 or size >= 1 << 31 and len(self.buffer) >= 1 << 20:
             raise Broken("Not multiple of AES block" if size % 16 else "Decryption failed")
         if len(self.buffer) >= 8 + (size or 16):
             return ""

@@ -8,6 +8,7 @@ Usage: vectors.py SOURCE_ROOT
 
 import json
 import pathlib
+import random
 import socket
 import struct
 import subprocess
@@ -156,11 +157,34 @@ def cases_of(case):
     blocking = case.get("blocking", case)
     yield "blocking", lambda: check_read(library_reads(case, data, blocking=True), blocking)
     yield "peer", lambda: check_peer(case, data)
+    yield "damaged", lambda: damaged(case)
     if case["orderly"]:
         messages = peer_reads(case, data)[0]
         by_peer = b"".join(map(wire.Writer(keys(case)).put, messages))
         yield "written", lambda: check_written(case, library_writes(case, messages), messages)
         yield "written-by-the-peer", lambda: check_written(case, by_peer, messages)
+
+
+def damage(data, chance):
+    data = bytearray(data)
+    for _ in range(chance.choice((1, 1, 2, 3))):
+        at, size = chance.randrange(len(data) + 1), chance.randrange(1, 4)
+        kept = chance.choice((0, size, size))
+        data[at : at + kept] = chance.randbytes(chance.choice((0, size, size)))
+    return bytes(data)
+
+
+def damaged(case):
+    """The library and the peer make the same of a stream in which some bytes are others."""
+    chance = random.Random(case["name"])
+    for _ in range(40):
+        data = damage(bytes.fromhex(case["wire"]), chance)
+        heard, why, reader = peer_reads(case, data)
+        frames = reader.layers[-1]
+        if len(frames.buffer) >= 4 and frames.number("<i") > 1 << 20:
+            continue  # the library would take memory for all of it
+        messages, error = library_reads(case, data)
+        equal((messages, error.message, data.hex()), (heard, why, data.hex()))
 
 
 def unused_channels():
