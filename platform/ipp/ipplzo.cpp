@@ -201,7 +201,9 @@ decodePayload(lzo1x::Input payload, lzo1x::Output room)
   if (plain.status == lzo1x::Status::ok && plain.size == room.size())
     return plain;
   const lzo1x::Result chunk = decodeChunks(payload, room);
-  return chunk.status == lzo1x::Status::ok ? chunk : lzo1x::decode(payload, room);
+  // The chunk has written over what the stream gave.
+  const bool again = chunk.status != lzo1x::Status::ok && plain.status == lzo1x::Status::ok;
+  return again ? lzo1x::decode(payload, room) : chunk;
 }
 
 IppStatus
