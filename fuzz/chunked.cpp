@@ -85,10 +85,13 @@ expected(View payload, std::size_t room)
   const auto chunks = like_chunks ? chunks_of(payload) : std::nullopt;
   if (!chunks)
     return decode_plainly(payload, room);
+  // A plain stream can look like a single chunk.
+  const auto plain = payload[1] == 1 ? decode_plainly(payload, room) : std::nullopt;
+  if (plain && plain->size() == room)
+    return plain;
   const auto total = number(payload, 3);
   const auto decoded = total <= room ? decode_chunks(*chunks, total) : std::nullopt;
-  // A plain stream can look like a single chunk.
-  return !decoded && payload[1] == 1 ? decode_plainly(payload, room) : decoded;
+  return decoded ? decoded : plain;
 }
 
 Bytes

@@ -158,6 +158,12 @@ put_chunked(const Corpus &corpus)
   // Two chunks of "a" and "bc".
   corpus.put("raw", {0, 0, 1}, {0x55, 2,   0x57, 3, 0, 0,    0,   5,   0,    0, 0,
                                 0x12, 'a', 0x11, 0, 0, 0x13, 'b', 'c', 0x11, 0, 0});
+  // A plain stream of 68 bytes, and a single chunk of as many.
+  Bytes both{0x55, 1, 0x54, 68, 0, 0, 0, 17 + 57};
+  for (std::uint8_t byte = 'A'; byte < 'A' + 57; byte++)
+    both.push_back(byte);
+  both.insert(both.end(), {40, 13, 0, 33, 0x11, 0, 0});
+  corpus.put("both-ways", {0, 68}, both);
 }
 
 void

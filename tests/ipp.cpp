@@ -1654,6 +1654,27 @@ testStreamsLikeChunksAreReadAsOneStream()
   assertBroken(concat(concat({0x55}, plain), fromHex("110000")), 68);
 }
 
+// A plain stream that starts like a single chunk, and is one of the same size too: nothing tells
+// where a single chunk ends, so what decodes to just the room is the plain stream.
+static void
+testStreamsWinOverASingleChunk()
+{
+  Bytes plain = fromHex("0154440000004a4142434445464748494a4b4c4d4e4f505152535455565758595a5b5c5d5e"
+                        "5f606162636465666768696a6b6c6d6e6f70717273747576777879280d0021");
+  const Bytes stream = lzoEncode(plain);
+  assertEqual(stream, concat(concat({0x55}, plain), fromHex("110000")));
+  const Bytes chunk = lzoDecode(Bytes(stream.begin() + 7, stream.end()), 68);
+  g_assert_cmpuint(chunk.size(), ==, 68);
+  g_assert_true(chunk != plain);
+  assertEqual(decode(stream, 68), plain);
+  assertEqual(decode(stream, 69), chunk);
+  assertBroken(stream, 67);
+
+  // A chunk that does not decode is a plain stream in a larger room too.
+  store32(&plain, 2, 69);
+  assertEqual(decode(concat(concat({0x55}, plain), fromHex("110000")), 69), plain);
+}
+
 static void
 testDecoderRefusesBadArguments()
 {
@@ -1746,6 +1767,7 @@ addDecoderTests()
   g_test_add_func("/chunks/damaged-layouts-are-broken", testTruncatedAndProlongedChunksAreBroken);
   g_test_add_func("/chunks/corrupted-data-stays-inside", testCorruptedChunkDataStaysInsideItsRoom);
   g_test_add_func("/chunks/streams-that-look-like-chunks", testStreamsLikeChunksAreReadAsOneStream);
+  g_test_add_func("/chunks/streams-win-over-a-single-chunk", testStreamsWinOverASingleChunk);
 }
 
 int

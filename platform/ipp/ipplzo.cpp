@@ -188,6 +188,24 @@ decodeChunks(lzo1x::Input payload, lzo1x::Output out)
   return {lzo1x::Status::ok, total};
 }
 
+// Nothing says where a single chunk ends, so a plain stream that starts like one is recognised too.
+// The payload is that stream if it gives what the room was made for, and else a chunk if it can be.
+static lzo1x::Result
+decodePayload(lzo1x::Input payload, lzo1x::Output room)
+{
+  if (!isChunked(payload))
+    return lzo1x::decode(payload, room);
+  if (payload[1] > 1)
+    return decodeChunks(payload, room);
+  const lzo1x::Result plain = lzo1x::decode(payload, room);
+  if (plain.status == lzo1x::Status::ok && plain.size == room.size())
+    return plain;
+  const lzo1x::Result chunk = decodeChunks(payload, room);
+  // The chunk has written over what the stream gave.
+  const bool again = chunk.status != lzo1x::Status::ok && plain.status == lzo1x::Status::ok;
+  return again ? lzo1x::decode(payload, room) : chunk;
+}
+
 IppStatus
 ippsDecodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen)
 {
@@ -199,14 +217,7 @@ ippsDecodeLZO_8u(const Ipp8u *pSrc, Ipp32u srcLen, Ipp8u *pDst, Ipp32u *pDstLen)
   }
   if (pSrc == nullptr || (pDst == nullptr && *pDstLen != 0))
     return ippStsNullPtrErr;
-  const lzo1x::Input payload(pSrc, srcLen);
-  const lzo1x::Output room(pDst, *pDstLen);
-  const bool chunked = isChunked(payload);
-  lzo1x::Result result = chunked ? decodeChunks(payload, room) : lzo1x::decode(payload, room);
-  // A single chunk has no size to be known by: a plain stream that starts like it has its end
-  // marker in the right place too. What does not decode as a chunk is such a stream.
-  if (chunked && payload[1] == 1 && result.status != lzo1x::Status::ok)
-    result = lzo1x::decode(payload, room);
+  const lzo1x::Result result = decodePayload({pSrc, srcLen}, {pDst, *pDstLen});
   ipp::wipeStackBelow(); // as in ippsEncodeLZO_8u()
   // Output beyond the room is a broken stream too: the room is what the sender announced, so a
   // caller that answered with a larger one would never come to an end.
