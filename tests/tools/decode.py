@@ -249,6 +249,30 @@ def lengths_that_cannot_be_are_reported():
         assert damage(found)[0]["found"] == f"{sizes[0]} and {sizes[1]}"
 
 
+def listened(stream, *options):
+    """What the reader of the library makes of it."""
+    listen = Process("listen", "127.0.0.1:0", "--json", *options)
+    host, port = listen.address().rsplit(":", 1)
+    with socket.create_connection((host, int(port))) as peer:
+        peer.sendall(b"".join(stream))
+        peer.shutdown(socket.SHUT_WR)
+        while peer.recv(65536):
+            pass
+    listen.wait(0, 1, 4, 5)
+    return [json.loads(line) for line in listen.output.splitlines()]
+
+
+@case
+def nothing_reaches_a_terminal_through_json():
+    evil = "\x1b[2J\x7f\u009b\u009d\u202e\U000e0001\u00fc"
+    found = decode(pieces([evil.encode()]))
+    assert found[0]["text"] == evil
+    line = run("decode", "stream", "--json").output.decode()
+    assert all(c.isprintable() for c in line[:-1]) and "\u00fc" in line, line
+    listen = listened(pieces([evil.encode()]))
+    assert listen[0]["text"] == evil
+
+
 @case
 def a_long_stream_takes_little_memory():
     header = struct.pack("<i", 2**31 - 1)
