@@ -274,6 +274,15 @@ def nothing_reaches_a_terminal_through_json():
 
 
 @case
+def listen_names_a_negative_length_as_it_is():
+    listen = Process("listen", "127.0.0.1:0")
+    with socket.create_connection(("127.0.0.1", int(listen.address().rsplit(":", 1)[1]))) as peer:
+        peer.sendall(b"\xff\xff\xff\xff")
+        listen.wait(5)
+    assert "a message of -1 bytes is announced" in listen.errors, listen.errors
+
+
+@case
 def a_long_stream_takes_little_memory():
     header = struct.pack("<i", 2**31 - 1)
     decode_ = Process("decode", stdin=subprocess.PIPE)
