@@ -35,7 +35,8 @@ _zelgvc() {
     serve) options="$stages --timeout" ;;
     ping) options="$stages --count --interval --size --json --timeout" ;;
     perf) options="$stages --sizes --direction --seconds --data --json --timeout" ;;
-    decode) options="$stages --encrypted --hex --text --variant --limit --json" ;;
+    decode) options="$stages --encrypted --strings --hex --text --variant --limit --strict \
+      --json" ;;
     *) return ;;
   esac
 
