@@ -355,6 +355,8 @@ def what_the_reader_takes_is_taken():
         ("nothing of what is announced", [block(b"", 5), *blocks([b"\x02\0\0\0hi"])]),
         ("a payload for nothing", [block(b"\x11\0\0", 0), *blocks([b"\x02\0\0\0hi"])]),
         ("much is announced", [block(literals(b"\x02\0\0\0hi"), 2**20)]),
+        ("more than it could hold is announced",
+         [block(literals(struct.pack("<i", 16000) + b"z" * 16000), 2**22)]),
         ("1.14 times the size", [*blocks([frame[:4]]), block(tail, len(large))]),
     ):
         found = decode(stream, "--compress", "--limit", "0")
