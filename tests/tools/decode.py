@@ -300,6 +300,11 @@ def a_unit_over_several_units_names_the_first():
         assert [f["inside"] for f in frames] == [name] * 3
         (cut,) = damage(decode(stream[:-4], *stages, codes=(1,)))
         assert (cut["layer"], cut["offset"], cut["inside-index"]) == ("frame", 9, start + 1)
+    whole = b"".join(records(cuts))
+    for size in (7, 39, 41, 100):
+        stream = blocks([whole[i : i + size] for i in range(0, len(whole), size)])
+        units = of(decode(stream, "--encrypt", "key", "--compress"), "record")
+        assert [u["inside-index"] for u in units] == [u["offset"] // size for u in units]
 
 
 @case
