@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+#include "capture.h"
 #include "command.h"
-#include "interrupt.h"
 #include "layers.h"
 #include "messages.h"
 #include "output.h"
@@ -19,8 +19,9 @@ namespace
 struct Options {
   Stages stages;
   gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
-  OptionText variant, strings;
+  OptionText variant, strings, from;
   int limit = 256;
+  int stream = -1;
 
   bool
   shows_variants() const
@@ -354,35 +355,18 @@ Stack::~Stack()
     g_object_unref(converter);
 }
 
-// Waits for input where there is none yet; a signal ends that.
-static void
-wait_for_input(int fd)
-{
-  GPollFD fds[2] = {{fd, G_IO_IN, 0}, {-1, 0, 0}};
-  if (!g_cancellable_make_pollfd(interrupt_soon(), &fds[1]))
-    return;
-  g_poll(fds, 2, -1);
-  g_cancellable_release_fd(interrupt_soon());
-  if (interrupted())
-    throw Failure{Exit::interrupted, ""};
-}
-
 // A file has no pieces: where one read ends and the next begins says nothing.
 static void
 feed(int fd, const std::string &shown, Layer &bottom)
 {
   std::vector<char> buffer(64 * 1024);
   bottom.aligned = false;
-  for (;;) {
-    wait_for_input(fd);
-    auto got = read(fd, buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got < 0)
-      fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
-    if (got == 0)
-      return;
-    bottom.push(buffer.data(), static_cast<gsize>(got), 0);
+  bool first = true;
+  while (auto got = read_input(fd, shown, buffer.data(), buffer.size())) {
+    if (first && is_capture(buffer.data(), got))
+      fail(Exit::usage, "a capture of packets is read from a file, not from a pipe");
+    first = false;
+    bottom.push(buffer.data(), got, 0);
   }
 }
 
@@ -395,6 +379,8 @@ check(const Options &options)
     fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
   if (options.encrypted && options.strings)
     fail(Exit::usage, "--encrypted shows no strings: what lies under an unknown key is not seen");
+  if (options.from && !g_str_equal(options.from, "client") && !g_str_equal(options.from, "server"))
+    fail(Exit::usage, "--from is client or server");
   if (options.limit < 0)
     fail(Exit::usage, "--limit is not negative");
   if (options.variant)
@@ -411,10 +397,18 @@ decode(const Options &options, const std::string *path)
 
   Printer printer(options);
   Stack stack(options, printer);
-  feed(fd, shown, stack.bottom());
+  bool whole = true;
+  CaptureChoice choice{options.stream, options.from.value ? options.from.value : ""};
+  if (is_capture(fd))
+    whole = read_capture(fd, shown, choice, stack.bottom());
+  else if (choice.made())
+    fail(Exit::usage, "--stream and --from are for captures of packets, and %s is none",
+         shown.c_str());
+  else
+    feed(fd, shown, stack.bottom());
   stack.bottom().end();
   printer.summary();
-  return printer.damages + printer.notes == 0 ? Exit::ok : Exit::partly;
+  return whole && printer.damages + printer.notes == 0 ? Exit::ok : Exit::partly;
 }
 
 Exit
@@ -435,6 +429,10 @@ run_decode(const Command &command, int argc, char **argv)
        "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
       {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
        "Note also what a careful writer would not have sent", nullptr},
+      {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
+       "Of a pcap or pcapng file, take the TCP stream with this number", "N"},
+      {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
+       "Of a pcap or pcapng file, take what the client or the server has sent", "SIDE"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

@@ -137,6 +137,18 @@ Layer::gap()
 }
 
 void
+Layer::missing(guint64 count)
+{
+  auto place = here();
+  place.offset += unread.size();
+  reporter.damage(place, bytes_text(count), "none of them in the capture");
+  if (!lost)
+    lose_track();
+  data.clear();
+  start += count;
+}
+
+void
 Layer::end()
 {
   if (!lost && in_the_making())

@@ -60,8 +60,9 @@ public:
 
   // Takes the content of unit number `piece` of the layer below.
   void push(const char *bytes, gsize size, guint64 piece);
-  // Bytes are missing here.
+  // Bytes are missing here: how many is not known, or `count`.
   void gap();
+  void missing(guint64 count);
   void end();
 
 protected:

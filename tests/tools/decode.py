@@ -9,6 +9,7 @@ import os
 import pathlib
 import random
 import resource
+import shutil
 import signal
 import socket
 import struct
@@ -541,6 +542,151 @@ def units_of_many_pieces_and_pieces_of_many_units_take_linear_time():
     pathlib.Path("stream").write_bytes(b"".join(stream))
     with open("/dev/null", "wb") as nowhere:
         Process("decode", "stream", "--compress", "--compress", stdout=nowhere).wait(1)
+
+
+CLIENT, SERVER = ("10.0.0.1", 40000), ("10.0.0.2", 5000)
+FIN, SYN, ACK = 1, 2, 16
+
+
+def packet(source, target, seq, flags, payload=b"", kept=None):
+    """Ethernet, IPv4 and TCP, without checksums; `kept` bytes of the payload are in the capture."""
+    tcp = struct.pack(">HHIIBBHHH", source[1], target[1], seq % 2**32, 0, 5 << 4, flags, 1000, 0, 0)
+    ip = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 40 + len(payload), 0, 0, 64, 6, 0,
+                     socket.inet_aton(source[0]), socket.inet_aton(target[0]))
+    whole = bytes(12) + b"\x08\0" + ip + tcp + payload
+    return whole[: len(whole) - len(payload) + kept] if kept is not None else whole, len(whole)
+
+
+def pcap(packets):
+    head = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1)
+    return head + b"".join(
+        struct.pack("<IIII", i, 0, len(data), size) + data for i, (data, size) in enumerate(packets)
+    )
+
+
+def pcapng(packets):
+    def part(kind, body):
+        body += bytes(-len(body) % 4)
+        size = struct.pack(">I", len(body) + 12)
+        return struct.pack(">I", kind) + size + body + size
+
+    stream = part(0x0A0D0D0A, struct.pack(">IHHq", 0x1A2B3C4D, 1, 0, -1))
+    stream += part(1, struct.pack(">HHI", 1, 0, 65535))
+    for data, size in packets:
+        stream += part(6, struct.pack(">IIIII", 0, 0, 0, len(data), size) + data)
+    return stream
+
+
+def conversation(pieces_, client=CLIENT, server=SERVER, isn=2**32 - 20, answer=b""):
+    """A packet for each piece that the client sends; its sequence numbers overflow soon."""
+    packets = [packet(client, server, isn, SYN), packet(server, client, 70, SYN | ACK)]
+    at = isn + 1
+    for piece in pieces_:
+        packets.append(packet(client, server, at, ACK, piece))
+        at += len(piece)
+    if answer:
+        packets.append(packet(server, client, 71, ACK, answer))
+    # The end counts as a byte, and is none.
+    return packets + [packet(client, server, at, FIN | ACK), packet(client, server, at + 1, ACK)]
+
+
+def decode_capture(packets, *options, codes=(0,), write=pcap):
+    if not shutil.which("tshark"):
+        raise Skip("no tshark here")
+    pathlib.Path("capture").write_bytes(write(packets))
+    process = run("decode", "capture", "--json", *options, codes=codes)
+    return items(process), process
+
+
+@case
+def captures_are_read():
+    pathlib.Path("key").write_bytes(KEY)
+    for stages, write in ((STAGES["plain"], pcap), (STAGES["compress-encrypt-256"], pcapng)):
+        stream = build(stages)
+        packets = conversation(stream, answer=b"".join(build(stages, [b"yes"])))
+        found, process = decode_capture(packets, *stages, write=write)
+        assert len(of(found, "frame")) == len(MESSAGES) and not damage(found)
+        assert "from the client 10.0.0.1:40000 to the server 10.0.0.2:5000" in process.errors
+        assert found == decode(stream, *stages)
+        (frame,) = of(decode_capture(packets, *stages, "--from", "server")[0], "frame")
+        assert frame["text"] == "yes"
+    run("decode", "capture", "--from", "nobody", codes=(2,)).complained("--from is client or server")
+
+
+@case
+def captured_segments_are_put_in_order():
+    generator = random.Random(5)
+    data = b"".join(pieces([bytes([65 + i]) * i for i in range(1, 40)]))
+    for _ in range(2):
+        cuts = sorted(generator.sample(range(len(data)), 30))
+        parts = [data[a:b] for a, b in zip([0] + cuts, cuts + [len(data)])]
+        syn, *packets = conversation(parts)
+        # Segments come again, also cut differently, and in any order.
+        for _ in range(20):
+            a = generator.randrange(len(data))
+            b = generator.randrange(a, len(data)) + 1
+            packets.append(packet(CLIENT, SERVER, 2**32 - 19 + a, ACK, data[a:b]))
+        generator.shuffle(packets)
+        found, _ = decode_capture([syn] + packets)
+        assert found == decode([data])
+
+
+@case
+def what_a_capture_lacks_is_damage_and_the_rest_is_found():
+    pathlib.Path("key").write_bytes(KEY)
+    stages = ["--compress", "--encrypt", "key"]
+    messages = [b"one", b"two", b"three", b"four"]
+    stream = build(stages, messages)
+    whole = conversation(stream)
+    # Of "two" the message is not there.
+    found, _ = decode_capture(whole[:6] + whole[7:], *stages, codes=(1,))
+    lack = damage(found)[0]
+    assert lack["offset"] == sum(map(len, stream[:4])) and lack["layer"] == "record"
+    assert (lack["expected"], lack["found"]) == (
+        f"{len(stream[4])} bytes", "none of them in the capture")
+    texts = [f["text"] for f in of(found, "frame")]
+    assert texts == ["one", "four"], texts
+    # A stream without its beginning, and one whose last packet is cut.
+    found, _ = decode_capture(conversation(build([], messages))[3:])
+    assert [f["text"] for f in of(found, "frame")] == ["two", "three", "four"]
+    cut = packet(CLIENT, SERVER, 2**32 - 19, ACK, b"\x05\0\0\0hello", kept=6)
+    found, _ = decode_capture([*whole[:2], cut], codes=(1,))
+    assert damage(found)[0]["expected"] == "3 bytes" and damage(found)[0]["offset"] == 6
+    assert [item["skipped"] for item in found if "skipped" in item] == [3]
+
+
+@case
+def one_of_several_streams_is_chosen():
+    other = ("10.0.0.3", 7)
+    packets = conversation(pieces([b"first"])) + conversation(pieces([b"second"]), other, isn=9)
+    _, process = decode_capture(packets, codes=(2,))
+    process.complained("holds 2 TCP streams, choose one with --stream: 0: 10.0.0.1:40000 to "
+                       "10.0.0.2:5000, 9 and 0 bytes; 1: 10.0.0.3:7 to ")
+    for number, text in (("0", "first"), ("1", "second")):
+        found, _ = decode_capture(packets, "--stream", number)
+        assert [f["text"] for f in found] == [text]
+    decode_capture(packets, "--stream", "2", codes=(2,))[1].complained("no bytes of TCP stream 2")
+    decode_capture([], codes=(2,))[1].complained("holds no bytes of a TCP stream")
+    run("decode", "--stream", "0", data=b"x", codes=(2,)).complained("and standard input is none")
+
+
+@case
+def a_capture_that_cannot_be_read_is_named():
+    packets = conversation(pieces([b"hello"]))
+    pathlib.Path("capture").write_bytes(pcap(packets))
+    assert '"hello"' in run("decode", data=pcap(packets)).output.decode()
+    reader, writer = os.pipe()
+    os.write(writer, pcap(packets))
+    os.close(writer)
+    Process("decode", stdin=reader).wait(2).complained("from a file, not from a pipe")
+    os.close(reader)
+    found, process = decode_capture(packets, codes=(1,), write=lambda all_: pcap(all_ * 2)[:-3])
+    process.complained("tshark cannot read all of capture: ")
+    assert [f["text"] for f in of(found, "frame")] == ["hello"]
+    environment = dict(os.environ, PATH="/nonexistent")
+    missing = subprocess.run([os.environ["ZELGVC"], "decode", "capture"], env=environment,
+                             capture_output=True, text=True)
+    assert missing.returncode == 6 and "takes tshark to read: install it" in missing.stderr
 
 
 @case
