@@ -629,6 +629,11 @@ def captured_segments_are_put_in_order():
         generator.shuffle(packets)
         found, _ = decode_capture([syn] + packets)
         assert found == decode([data])
+    # The longer one of two that wait is taken.
+    first, *parts = (packet(CLIENT, SERVER, 10 + at, ACK, data[at:end])
+                     for at, end in ((0, 9), (9, 12), (9, len(data)), (9, 11)))
+    found, _ = decode_capture([packet(CLIENT, SERVER, 9, SYN), *parts, first])
+    assert found == decode([data])
 
 
 @case
@@ -649,6 +654,8 @@ def what_a_capture_lacks_is_damage_and_the_rest_is_found():
     # A stream without its beginning, and one whose last packet is cut.
     found, _ = decode_capture(conversation(build([], messages))[3:])
     assert [f["text"] for f in of(found, "frame")] == ["two", "three", "four"]
+    found, process = decode_capture(conversation(build([], messages))[1:])
+    assert "from the client 10.0.0.1:40000" in process.errors and len(found) == 4
     cut = packet(CLIENT, SERVER, 2**32 - 19, ACK, b"\x05\0\0\0hello", kept=6)
     found, _ = decode_capture([*whole[:2], cut], codes=(1,))
     assert damage(found)[0]["expected"] == "3 bytes" and damage(found)[0]["offset"] == 6
