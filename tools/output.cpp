@@ -67,8 +67,8 @@ JsonLine::add(const char *name, bool value)
   return *this;
 }
 
-// Bytes beyond ASCII stand in strings only, and json-glib leaves them as they are. Those that could
-// control a terminal are escaped.
+// json-glib leaves U+001F and everything beyond ASCII as it is. On one line these characters stand in
+// strings only. Those that could control a terminal are escaped.
 static std::string
 escaped(const char *json)
 {
@@ -77,7 +77,7 @@ escaped(const char *json)
     const char *next = g_utf8_next_char(at);
     auto c = g_utf8_get_char(at);
     char escape[16] = "";
-    if ((c < 0x80 && c != 0x7f) || g_unichar_isprint(c))
+    if (g_unichar_isprint(c))
       text.append(at, next);
     else if (c < 0x10000)
       g_snprintf(escape, sizeof escape, "\\u%04x", c);

@@ -396,7 +396,7 @@ def a_stream_without_its_beginning_says_so():
 
 @case
 def nothing_reaches_a_terminal_through_json():
-    evil = "\x1b[2J\x7f\u009b\u009d\u202e\U000e0001\u00fc"
+    evil = "".join(map(chr, range(1, 32))) + "\x1b[2J\x7f\u009b\u009d\u202e\U000e0001\u00fc"
     found = decode(pieces([evil.encode()]))
     assert found[0]["text"] == evil
     line = run("decode", "stream", "--json").output.decode()
