@@ -4,9 +4,8 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <sys/mman.h>
 
 static constexpr gsize aes_block = 16;
 static constexpr gsize record_header = 8;
@@ -337,18 +336,22 @@ BlockLayer::take()
 
 namespace
 {
-// Memory for what a block announces. It is not touched before it is used: the header can lie.
+// Memory for what a block announces. It is mapped, so that no page is touched before it is used:
+// the header can lie.
 class Room
 {
 public:
-  explicit Room(guint32 size) : size(std::max<gsize>(size, 1)), bytes(std::malloc(this->size))
+  explicit Room(guint32 announced)
+      : size(std::max<gsize>(announced, 1)),
+        bytes(mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))
   {
-    if (!bytes)
-      fail(Exit::local, "not enough memory for a block that announces %u bytes", size);
+    if (bytes == MAP_FAILED)
+      fail(Exit::local, "not enough memory for a block that announces %u bytes", announced);
   }
   ~Room()
   {
-    std::free(bytes);
+    munmap(bytes, size);
   }
   Room(const Room &) = delete;
 
@@ -361,7 +364,7 @@ public:
   const gsize size;
 
 private:
-  void *bytes;
+  void *const bytes;
 };
 } // namespace
 

@@ -67,8 +67,8 @@ JsonLine::add(const char *name, bool value)
   return *this;
 }
 
-// json-glib leaves U+001F and everything beyond ASCII as it is. On one line these characters stand in
-// strings only. Those that could control a terminal are escaped.
+// json-glib leaves U+001F and everything beyond ASCII as it is. On one line these characters stand
+// in strings only. Those that could control a terminal are escaped.
 static std::string
 escaped(const char *json)
 {
