@@ -22,12 +22,6 @@ struct Options {
   OptionText variant, strings, from;
   int limit = 256;
   int stream = -1;
-
-  bool
-  shows_variants() const
-  {
-    return variant.value != nullptr;
-  }
 };
 
 class Printer : public Reporter
@@ -50,6 +44,7 @@ public:
 private:
   void begin(JsonLine &json, const Place &place);
   void begin(JsonLine &json, const Unit &unit);
+  template <typename Add> void print(const Unit &unit, const std::string &text, Add add);
   void line(const Unit &unit, const std::string &rest);
   void line(const Place &place, const std::string &text);
   std::string origin(const Place &place) const;
@@ -102,44 +97,50 @@ Printer::line(const Unit &unit, const std::string &rest)
            origin(unit) + ", " + std::to_string(unit.size) + " bytes, " + rest);
 }
 
+// A unit as text or as an object, to which `add` adds what the text tells.
+template <typename Add>
+void
+Printer::print(const Unit &unit, const std::string &text, Add add)
+{
+  if (!options.json)
+    return line(unit, text);
+  JsonLine json;
+  begin(json, unit);
+  add(json);
+  json.print();
+}
+
 void
 Printer::iv_record(const Unit &unit, const guint8 *iv)
 {
-  if (!options.json)
-    return line(unit, "IV " + hex_text(iv, 16));
-  JsonLine json;
-  begin(json, unit);
-  json.add("iv", hex_text(iv, 16)).print();
+  auto hex = hex_text(iv, 16);
+  print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
 }
 
 void
 Printer::record(const Unit &unit, gint64 content)
 {
-  if (!options.json)
-    return line(unit, content < 0 ? "encrypted with a key that is not given"
-                                  : "holds " + std::to_string(content) + " bytes");
-  JsonLine json;
-  begin(json, unit);
-  if (content >= 0)
-    json.add("content-size", content);
-  json.print();
+  print(unit,
+        content < 0 ? "encrypted with a key that is not given"
+                    : "holds " + std::to_string(content) + " bytes",
+        [&](JsonLine &json) {
+          if (content >= 0)
+            json.add("content-size", content);
+        });
 }
 
 void
 Printer::block(const Unit &unit, guint64 content, guint chunks)
 {
-  if (!options.json) {
-    auto layout = chunks == 0 ? ", plain" : ", in chunks: " + std::to_string(chunks);
-    return line(unit, "holds " + std::to_string(content) + " bytes" + (strict ? layout : ""));
-  }
-  JsonLine json;
-  begin(json, unit);
-  json.add("content-size", content);
-  if (strict)
-    json.add("layout", chunks == 0 ? "plain" : "chunked");
-  if (chunks > 0)
-    json.add("chunks", chunks);
-  json.print();
+  auto layout = chunks == 0 ? ", plain" : ", in chunks: " + std::to_string(chunks);
+  print(unit, "holds " + std::to_string(content) + " bytes" + (strict ? layout : ""),
+        [&](JsonLine &json) {
+          json.add("content-size", content);
+          if (strict)
+            json.add("layout", chunks == 0 ? "plain" : "chunked");
+          if (chunks > 0)
+            json.add("chunks", chunks);
+        });
 }
 
 std::string
@@ -175,7 +176,7 @@ ensure_memory(gsize shown)
 bool
 Printer::as_variant(guint64 length, const std::string &shown, std::string *text)
 {
-  if (!options.shows_variants())
+  if (!options.variant)
     return false;
   ensure_memory(shown.size());
   if (length <= variant_limit &&
@@ -193,7 +194,7 @@ Printer::contents(guint64 length, const std::string &shown)
     return text;
   auto part = cut(shown);
   auto hex = hex_text(part.data(), part.size());
-  if (options.shows_variants())
+  if (options.variant)
     return std::string("no value of type ") + options.variant.value + ": " + hex;
   bool as_text = options.text || (!options.hex && is_text(part));
   text = as_text ? "\"" + printable(part) + "\"" : hex;
@@ -210,10 +211,10 @@ Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
   }
   auto part = cut(shown);
   ensure_memory(part.size());
-  if (options.shows_variants())
+  if (options.variant)
     json.add("expected", std::string("a value of type ") + options.variant.value);
   bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
-  if (!options.shows_variants() && !options.hex && (options.text || valid))
+  if (!options.variant && !options.hex && (options.text || valid))
     json.add("text", part);
   else
     json.add("hex", hex_text(part.data(), part.size()));
@@ -225,9 +226,8 @@ void
 Printer::message(const Unit &unit, guint64 length, const std::string &shown)
 {
   if (!options.json)
-    return line(unit,
-                "message of " + std::to_string(length) + " bytes" +
-                    (length > 0 || options.shows_variants() ? ": " + contents(length, shown) : ""));
+    return line(unit, "message of " + std::to_string(length) + " bytes" +
+                          (length > 0 || options.variant ? ": " + contents(length, shown) : ""));
   JsonLine json;
   begin(json, unit);
   json.add("length", length);
@@ -338,9 +338,9 @@ Stack::Stack(const Options &options, Printer &printer) : printer(printer)
     else
       add("block", std::make_unique<BlockLayer>(printer, converter));
   }
-  auto keep = options.limit == 0         ? G_MAXSIZE
-              : options.shows_variants() ? variant_limit
-                                         : static_cast<gsize>(options.limit);
+  auto keep = options.limit == 0 ? G_MAXSIZE
+              : options.variant  ? variant_limit
+                                 : static_cast<gsize>(options.limit);
   if (auto *strings = options.strings.value) {
     auto format = MessageFormat::choose(false, false, nullptr, strings);
     add("string", std::make_unique<StringLayer>(printer, keep, format.terminator));
@@ -373,7 +373,7 @@ feed(int fd, const std::string &shown, Layer &bottom)
 static void
 check(const Options &options)
 {
-  if (options.hex + options.text + options.shows_variants() > 1)
+  if (options.hex + options.text + (options.variant.value != nullptr) > 1)
     fail(Exit::usage, "--hex, --text and --variant exclude each other");
   if (options.encrypted && !options.stages.list.empty())
     fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
