@@ -18,10 +18,11 @@ _zelgvc() {
     --key-length) mapfile -t COMPREPLY < <(compgen -W "128 256" -- "$current"); return ;;
     --direction | -d)
       mapfile -t COMPREPLY < <(compgen -W "send receive both" -- "$current"); return ;;
+    --from) mapfile -t COMPREPLY < <(compgen -W "client server" -- "$current"); return ;;
     --data) mapfile -t COMPREPLY < <(compgen -W "text random zero" -- "$current"); return ;;
     --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current"); return ;;
     --variant | --strings | --limit | --timeout | --count | -c | --interval | -i | --size | \
-      --sizes | -s | --seconds | -t) return ;;
+      --sizes | -s | --seconds | -t | --stream) return ;;
   esac
 
   local stages="--compress --encrypt --key-length"
@@ -35,7 +36,8 @@ _zelgvc() {
     serve) options="$stages --timeout" ;;
     ping) options="$stages --count --interval --size --json --timeout" ;;
     perf) options="$stages --sizes --direction --seconds --data --json --timeout" ;;
-    decode) options="$stages --encrypted --hex --text --variant --limit --json" ;;
+    decode) options="$stages --encrypted --strings --hex --text --variant --limit --strict \
+      --stream --from --json" ;;
     *) return ;;
   esac
 

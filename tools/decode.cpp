@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
+#include "capture.h"
 #include "command.h"
-#include "interrupt.h"
 #include "layers.h"
 #include "messages.h"
 #include "output.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <unistd.h>
 #include <vector>
 
@@ -19,35 +18,37 @@ namespace
 {
 struct Options {
   Stages stages;
-  gboolean json = FALSE, hex = FALSE, text = FALSE;
-  gboolean encrypted = FALSE;
-  OptionText variant;
+  gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
+  OptionText variant, strings, from;
   int limit = 256;
+  int stream = -1;
 };
 
 class Printer : public Reporter
 {
 public:
-  explicit Printer(const Options &options) : options(options) {}
+  explicit Printer(const Options &options) : Reporter(options.strict), options(options) {}
 
-  void iv_record(const Unit &unit, guint64 piece, const guint8 *iv) override;
-  void record(const Unit &unit, guint64 piece, gint64 content) override;
-  void block(const Unit &unit, guint64 piece, guint64 content) override;
-  void frame(const Unit &unit, guint64 piece, guint64 length, const std::string &shown) override;
-  void damage(const char *layer, guint64 offset, guint64 piece, const std::string &expected,
-              const std::string &found) override;
-  void skipped(const char *layer, guint64 offset, guint64 size) override;
+  void iv_record(const Unit &unit, const guint8 *iv) override;
+  void record(const Unit &unit, gint64 content) override;
+  void block(const Unit &unit, guint64 content, guint chunks) override;
+  void message(const Unit &unit, guint64 length, const std::string &shown) override;
+  void damage(const Place &place, const std::string &expected, const std::string &found) override;
+  void skipped(const Place &place, guint64 size) override;
+  void note(const Place &place, const std::string &text) override;
   void summary();
 
-  // The layers by name, the lowest first.
-  std::vector<std::string> names;
-  guint64 damages = 0;
+  std::vector<const char *> names; // of the layers, the lowest first
+  guint64 damages = 0, notes = 0;
 
 private:
-  gsize depth(const char *layer) const;
-  void begin(JsonLine &json, const Unit &unit, guint64 piece);
-  void line(const Unit &unit, guint64 piece, const std::string &rest);
-  std::string origin(const char *layer, guint64 piece) const;
+  void begin(JsonLine &json, const Place &place);
+  void begin(JsonLine &json, const Unit &unit);
+  template <typename Add> void print(const Unit &unit, const std::string &text, Add add);
+  void line(const Unit &unit, const std::string &rest);
+  void line(const Place &place, const std::string &text);
+  std::string origin(const Place &place) const;
+  bool as_variant(guint64 length, const std::string &shown, std::string *text);
   std::string contents(guint64 length, const std::string &shown);
   void add_contents(JsonLine &json, guint64 length, const std::string &shown);
   std::string cut(const std::string &shown) const;
@@ -57,73 +58,89 @@ private:
 };
 } // namespace
 
-gsize
-Printer::depth(const char *layer) const
-{
-  // Where a layer stands twice, the indentation of the lower one does for both.
-  auto at = std::find(names.begin(), names.end(), layer);
-  return static_cast<gsize>(at - names.begin());
-}
-
 std::string
-Printer::origin(const char *layer, guint64 piece) const
+Printer::origin(const Place &place) const
 {
-  auto at = depth(layer);
-  return at == 0 ? "" : " (" + names[at - 1] + " " + std::to_string(piece) + ")";
+  if (place.depth == 0)
+    return "";
+  return std::string(" (") + names[place.depth - 1] + " " + std::to_string(place.piece) + ")";
 }
 
 void
-Printer::begin(JsonLine &json, const Unit &unit, guint64 piece)
+Printer::begin(JsonLine &json, const Place &place)
 {
-  json.add("layer", unit.layer).add("index", unit.index).add("offset", unit.offset);
-  json.add("size", unit.size);
-  if (depth(unit.layer) > 0)
-    json.add("inside", names[depth(unit.layer) - 1]).add("inside-index", piece);
+  json.add("layer", place.layer).add("depth", guint64{place.depth}).add("offset", place.offset);
+  if (place.depth > 0)
+    json.add("inside", names[place.depth - 1]).add("inside-index", place.piece);
 }
 
 void
-Printer::line(const Unit &unit, guint64 piece, const std::string &rest)
+Printer::begin(JsonLine &json, const Unit &unit)
+{
+  begin(json, static_cast<const Place &>(unit));
+  json.add("index", unit.index).add("size", unit.size);
+}
+
+void
+Printer::line(const Place &place, const std::string &text)
+{
+  output(std::string(2 * place.depth, ' ') + text + "\n");
+}
+
+void
+Printer::line(const Unit &unit, const std::string &rest)
 {
   counts.resize(names.size());
-  counts[depth(unit.layer)]++;
-  std::string indent(2 * depth(unit.layer), ' ');
-  output(indent + unit.layer + " " + std::to_string(unit.index) + ": offset " +
-         std::to_string(unit.offset) + origin(unit.layer, piece) + ", " +
-         std::to_string(unit.size) + " bytes, " + rest + "\n");
+  counts[unit.depth]++;
+  line(static_cast<const Place &>(unit),
+       unit.layer + (" " + std::to_string(unit.index)) + ": offset " + std::to_string(unit.offset) +
+           origin(unit) + ", " + std::to_string(unit.size) + " bytes, " + rest);
 }
 
+// A unit as text or as an object, to which `add` adds what the text tells.
+template <typename Add>
 void
-Printer::iv_record(const Unit &unit, guint64 piece, const guint8 *iv)
+Printer::print(const Unit &unit, const std::string &text, Add add)
 {
   if (!options.json)
-    return line(unit, piece, "IV " + hex_text(iv, 16));
+    return line(unit, text);
   JsonLine json;
-  begin(json, unit, piece);
-  json.add("iv", hex_text(iv, 16)).print();
-}
-
-void
-Printer::record(const Unit &unit, guint64 piece, gint64 content)
-{
-  if (!options.json)
-    return line(unit, piece,
-                content < 0 ? "encrypted with a key that is not given"
-                            : "holds " + std::to_string(content) + " bytes");
-  JsonLine json;
-  begin(json, unit, piece);
-  if (content >= 0)
-    json.add("content-size", content);
+  begin(json, unit);
+  add(json);
   json.print();
 }
 
 void
-Printer::block(const Unit &unit, guint64 piece, guint64 content)
+Printer::iv_record(const Unit &unit, const guint8 *iv)
 {
-  if (!options.json)
-    return line(unit, piece, "holds " + std::to_string(content) + " bytes");
-  JsonLine json;
-  begin(json, unit, piece);
-  json.add("content-size", content).print();
+  auto hex = hex_text(iv, 16);
+  print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
+}
+
+void
+Printer::record(const Unit &unit, gint64 content)
+{
+  print(unit,
+        content < 0 ? "encrypted with a key that is not given"
+                    : "holds " + std::to_string(content) + " bytes",
+        [&](JsonLine &json) {
+          if (content >= 0)
+            json.add("content-size", content);
+        });
+}
+
+void
+Printer::block(const Unit &unit, guint64 content, guint chunks)
+{
+  auto layout = chunks == 0 ? ", plain" : ", in chunks: " + std::to_string(chunks);
+  print(unit, "holds " + std::to_string(content) + " bytes" + (strict ? layout : ""),
+        [&](JsonLine &json) {
+          json.add("content-size", content);
+          if (strict)
+            json.add("layout", chunks == 0 ? "plain" : "chunked");
+          if (chunks > 0)
+            json.add("chunks", chunks);
+        });
 }
 
 std::string
@@ -144,21 +161,43 @@ is_text(const std::string &bytes)
   return valid > 0 && bytes.size() - valid < 4 && printable(bytes.data(), valid).size() == valid;
 }
 
+// GLib ends the program where it finds no memory; C++ throws, and the program can say so.
+static void
+ensure_memory(gsize shown)
+{
+  static constexpr gsize always_there = 1024 * 1024, copies = 32;
+  if (shown <= always_there)
+    return;
+  g_autofree void *probe = g_try_malloc(copies * shown);
+  if (!probe)
+    throw std::bad_alloc();
+}
+
+bool
+Printer::as_variant(guint64 length, const std::string &shown, std::string *text)
+{
+  if (!options.variant)
+    return false;
+  ensure_memory(shown.size());
+  if (length <= variant_limit &&
+      variant_text(options.variant.value, shown.data(), shown.size(), text))
+    return true;
+  damages++;
+  return false;
+}
+
 std::string
 Printer::contents(guint64 length, const std::string &shown)
 {
   std::string text;
-  if (options.variant) {
-    if (length <= variant_limit &&
-        variant_text(options.variant.value, shown.data(), shown.size(), &text))
-      return text;
-    damages++;
-    return std::string("no value of type ") + options.variant.value + ": " +
-           hex_text(cut(shown).data(), cut(shown).size());
-  }
+  if (as_variant(length, shown, &text))
+    return text;
   auto part = cut(shown);
+  auto hex = hex_text(part.data(), part.size());
+  if (options.variant)
+    return std::string("no value of type ") + options.variant.value + ": " + hex;
   bool as_text = options.text || (!options.hex && is_text(part));
-  text = as_text ? "\"" + printable(part) + "\"" : hex_text(part.data(), part.size());
+  text = as_text ? "\"" + printable(part) + "\"" : hex;
   return part.size() < length ? text + "..." : text;
 }
 
@@ -166,16 +205,14 @@ void
 Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
 {
   std::string text;
-  auto part = cut(shown);
-  if (options.variant && length <= variant_limit &&
-      variant_text(options.variant.value, shown.data(), shown.size(), &text)) {
+  if (as_variant(length, shown, &text)) {
     json.add("variant", text);
     return;
   }
-  if (options.variant) {
-    damages++;
+  auto part = cut(shown);
+  ensure_memory(part.size());
+  if (options.variant)
     json.add("expected", std::string("a value of type ") + options.variant.value);
-  }
   bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
   if (!options.variant && !options.hex && (options.text || valid))
     json.add("text", part);
@@ -186,47 +223,54 @@ Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
 }
 
 void
-Printer::frame(const Unit &unit, guint64 piece, guint64 length, const std::string &shown)
+Printer::message(const Unit &unit, guint64 length, const std::string &shown)
 {
   if (!options.json)
-    return line(unit, piece,
-                "message of " + std::to_string(length) + " bytes" +
-                    (length > 0 || options.variant ? ": " + contents(length, shown) : ""));
+    return line(unit, "message of " + std::to_string(length) + " bytes" +
+                          (length > 0 || options.variant ? ": " + contents(length, shown) : ""));
   JsonLine json;
-  begin(json, unit, piece);
+  begin(json, unit);
   json.add("length", length);
   add_contents(json, length, shown);
   json.print();
 }
 
 void
-Printer::damage(const char *layer, guint64 offset, guint64 piece, const std::string &expected,
-                const std::string &found)
+Printer::damage(const Place &place, const std::string &expected, const std::string &found)
 {
   damages++;
-  if (options.json) {
-    JsonLine json;
-    json.add("layer", layer).add("damage", true).add("offset", offset);
-    if (depth(layer) > 0)
-      json.add("inside", names[depth(layer) - 1]).add("inside-index", piece);
-    json.add("expected", expected).add("found", found).print();
-    return;
-  }
-  output(std::string(2 * depth(layer), ' ') + "DAMAGE at offset " + std::to_string(offset) +
-         " of the " + layer + "s" + origin(layer, piece) + ": expected " + expected + ", found " +
-         found + "\n");
+  if (!options.json)
+    return line(place, "DAMAGE at offset " + std::to_string(place.offset) + " of the " +
+                           place.layer + "s" + origin(place) + ": expected " + expected +
+                           ", found " + found);
+  JsonLine json;
+  begin(json, place);
+  json.add("damage", true).add("expected", expected).add("found", found).print();
 }
 
 void
-Printer::skipped(const char *layer, guint64 offset, guint64 size)
+Printer::skipped(const Place &place, guint64 size)
 {
-  if (options.json) {
-    JsonLine json;
-    json.add("layer", layer).add("skipped", size).add("offset", offset).print();
+  if (!options.json)
+    return line(place, "skipped " + std::to_string(size) + " bytes at offset " +
+                           std::to_string(place.offset) + " of the " + place.layer + "s");
+  JsonLine json;
+  json.add("layer", place.layer).add("depth", guint64{place.depth});
+  json.add("offset", place.offset).add("skipped", size).print();
+}
+
+void
+Printer::note(const Place &place, const std::string &text)
+{
+  if (!strict)
     return;
-  }
-  output(std::string(2 * depth(layer), ' ') + "skipped " + std::to_string(size) +
-         " bytes at offset " + std::to_string(offset) + " of the " + layer + "s\n");
+  notes++;
+  if (!options.json)
+    return line(place, "NOTE at offset " + std::to_string(place.offset) + " of the " + place.layer +
+                           "s" + origin(place) + ": " + text);
+  JsonLine json;
+  begin(json, place);
+  json.add("note", text).print();
 }
 
 void
@@ -238,6 +282,8 @@ Printer::summary()
   std::string text;
   for (gsize i = 0; i < names.size(); i++)
     text += std::to_string(counts[i]) + " " + names[i] + (counts[i] == 1 ? "" : "s") + ", ";
+  if (notes > 0)
+    text += std::to_string(notes) + (notes == 1 ? " note, " : " notes, ");
   output(text + (damages == 0 ? "no damage" : std::to_string(damages) + " damaged") + "\n");
 }
 
@@ -258,29 +304,29 @@ public:
   }
 
 private:
-  void add(std::unique_ptr<Layer> layer, const char *name, Printer &printer);
+  void add(const char *name, std::unique_ptr<Layer> layer);
 
+  Printer &printer;
   std::vector<std::unique_ptr<Layer>> layers;
   std::vector<GConverter *> converters;
 };
 } // namespace
 
 void
-Stack::add(std::unique_ptr<Layer> layer, const char *name, Printer &printer)
+Stack::add(const char *name, std::unique_ptr<Layer> layer)
 {
-  if (layers.empty())
-    layer->bottom = true;
-  else
+  layer->depth = layers.size();
+  if (!layers.empty())
     layers.back()->upper = layer.get();
   layers.push_back(std::move(layer));
   printer.names.push_back(name);
 }
 
-// What was done last to what was sent is undone first.
-Stack::Stack(const Options &options, Printer &printer)
+// The stage that is last on the way out is the first one on the way in.
+Stack::Stack(const Options &options, Printer &printer) : printer(printer)
 {
   if (options.encrypted) {
-    add(std::make_unique<RecordLayer>(printer, nullptr), "record", printer);
+    add("record", std::make_unique<RecordLayer>(printer, nullptr));
     return;
   }
   auto &stages = options.stages.list;
@@ -288,13 +334,19 @@ Stack::Stack(const Options &options, Printer &printer)
     auto *converter = new_decoder(*stage, options.stages.key_length);
     converters.push_back(converter);
     if (stage->kind == Stage::encrypt)
-      add(std::make_unique<RecordLayer>(printer, converter), "record", printer);
+      add("record", std::make_unique<RecordLayer>(printer, converter));
     else
-      add(std::make_unique<BlockLayer>(printer, converter), "block", printer);
+      add("block", std::make_unique<BlockLayer>(printer, converter));
   }
-  auto keep = options.variant ? variant_limit : static_cast<gsize>(options.limit);
-  add(std::make_unique<FrameLayer>(printer, options.limit == 0 ? G_MAXSIZE : keep), "frame",
-      printer);
+  auto keep = options.limit == 0 ? G_MAXSIZE
+              : options.variant  ? variant_limit
+                                 : static_cast<gsize>(options.limit);
+  if (auto *strings = options.strings.value) {
+    auto format = MessageFormat::choose(false, false, nullptr, strings);
+    add("string", std::make_unique<StringLayer>(printer, keep, format.terminator));
+  } else {
+    add("frame", std::make_unique<FrameLayer>(printer, keep));
+  }
 }
 
 Stack::~Stack()
@@ -303,34 +355,60 @@ Stack::~Stack()
     g_object_unref(converter);
 }
 
-// Waits for input where there is none yet; a signal ends that.
-static void
-wait_for_input(int fd)
-{
-  GPollFD fds[2] = {{fd, G_IO_IN, 0}, {-1, 0, 0}};
-  if (!g_cancellable_make_pollfd(interrupt_soon(), &fds[1]))
-    return;
-  g_poll(fds, 2, -1);
-  g_cancellable_release_fd(interrupt_soon());
-  if (interrupted())
-    throw Failure{Exit::interrupted, ""};
-}
-
+// A file has no pieces: where one read ends and the next begins says nothing.
 static void
 feed(int fd, const std::string &shown, Layer &bottom)
 {
   std::vector<char> buffer(64 * 1024);
-  for (;;) {
-    wait_for_input(fd);
-    auto got = read(fd, buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got < 0)
-      fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
-    if (got == 0)
-      return;
-    bottom.push(buffer.data(), static_cast<gsize>(got), 0);
+  bottom.aligned = false;
+  bool first = true;
+  while (auto got = read_input(fd, shown, buffer.data(), buffer.size())) {
+    if (first && is_capture(buffer.data(), got))
+      fail(Exit::usage, "a capture of packets is read from a file, not from a pipe");
+    first = false;
+    bottom.push(buffer.data(), got, 0);
   }
+}
+
+static void
+check(const Options &options)
+{
+  if (options.hex + options.text + (options.variant.value != nullptr) > 1)
+    fail(Exit::usage, "--hex, --text and --variant exclude each other");
+  if (options.encrypted && !options.stages.list.empty())
+    fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
+  if (options.encrypted && options.strings)
+    fail(Exit::usage, "--encrypted shows no strings: what lies under an unknown key is not seen");
+  if (options.from && !g_str_equal(options.from, "client") && !g_str_equal(options.from, "server"))
+    fail(Exit::usage, "--from is client or server");
+  if (options.limit < 0)
+    fail(Exit::usage, "--limit is not negative");
+  if (options.variant)
+    check_variant_type(options.variant.value);
+}
+
+static Exit
+decode(const Options &options, const std::string *path)
+{
+  auto shown = path ? printable(*path) : "standard input";
+  int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
+  if (fd < 0)
+    fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
+
+  Printer printer(options);
+  Stack stack(options, printer);
+  bool whole = true;
+  CaptureChoice choice{options.stream, options.from.value ? options.from.value : ""};
+  if (is_capture(fd))
+    whole = read_capture(fd, shown, choice, stack.bottom());
+  else if (choice.made())
+    fail(Exit::usage, "--stream and --from are for captures of packets, and %s is none",
+         shown.c_str());
+  else
+    feed(fd, shown, stack.bottom());
+  stack.bottom().end();
+  printer.summary();
+  return whole && printer.damages + printer.notes == 0 ? Exit::ok : Exit::partly;
 }
 
 Exit
@@ -340,6 +418,8 @@ run_decode(const Command &command, int argc, char **argv)
   const GOptionEntry entries[] = {
       {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
        "The stream is encrypted and the key is not known: show the records", nullptr},
+      {"strings", 0, 0, G_OPTION_ARG_STRING, &options.strings.value,
+       "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
        nullptr},
       {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
@@ -347,6 +427,12 @@ run_decode(const Command &command, int argc, char **argv)
        "Show messages as GVariants of this type", "TYPE"},
       {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
        "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
+      {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
+       "Note also what a careful writer would not have sent", nullptr},
+      {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
+       "Of a pcap or pcapng file, take the TCP stream with this number", "N"},
+      {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
+       "Of a pcap or pcapng file, take what the client or the server has sent", "SIDE"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
@@ -354,25 +440,11 @@ run_decode(const Command &command, int argc, char **argv)
   line.add(entries);
   line.add(&options.stages);
   auto arguments = line.parse(argc, argv, 0, 1);
-  if (options.hex + options.text + (options.variant.value != nullptr) > 1)
-    fail(Exit::usage, "--hex, --text and --variant exclude each other");
-  if (options.encrypted && !options.stages.list.empty())
-    fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
-  if (options.limit < 0)
-    fail(Exit::usage, "--limit is not negative");
-  if (options.variant)
-    check_variant_type(options.variant.value);
-
+  check(options);
   bool standard_input = arguments.empty() || arguments[0] == "-";
-  auto shown = standard_input ? "standard input" : printable(arguments[0]);
-  int fd = standard_input ? STDIN_FILENO : open(arguments[0].c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
-
-  Printer printer(options);
-  Stack stack(options, printer);
-  feed(fd, shown, stack.bottom());
-  stack.bottom().end();
-  printer.summary();
-  return printer.damages == 0 ? Exit::ok : Exit::partly;
+  try {
+    return decode(options, standard_input ? nullptr : &arguments[0]);
+  } catch (const std::bad_alloc &) {
+    fail(Exit::local, "not enough memory");
+  }
 }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "layers.h"
+#include "errors.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
+#include <sys/mman.h>
 
 static constexpr gsize aes_block = 16;
 static constexpr gsize record_header = 8;
@@ -32,46 +35,61 @@ bytes_text(guint64 count)
   return std::to_string(count) + (count == 1 ? " byte" : " bytes");
 }
 
+// Whether the piece is one unit after the other, or a header that is sent by itself.
+bool
+Layer::looks_like_start(const char *bytes, gsize size) const
+{
+  for (gsize at = 0; at < size;) {
+    auto unit = unit_size(bytes + at, size - at);
+    if (unit == 0)
+      return false;
+    if (unit > size - at)
+      return size == header_piece;
+    at += unit;
+  }
+  return true;
+}
+
 void
 Layer::push(const char *bytes, gsize size, guint64 piece)
 {
-  if (lost && !bottom && looks_like_start(bytes, size)) {
+  if (size == 0)
+    return;
+  if (lost && aligned && looks_like_start(bytes, size)) {
     lost = false;
-    if (offset() > lost_at)
-      reporter.skipped(name, lost_at, offset() - lost_at);
+    if (start > lost_at)
+      reporter.skipped({name, depth, lost_at, 0}, start - lost_at);
   }
   if (lost) {
     start += size;
     return;
   }
+
+  // Bytes that continue nothing are used where they are: a unit can be large.
+  bool in_data = !data.empty();
+  if (!in_data)
+    origins.clear();
   if (origins.empty() || origins.back().piece != piece)
     origins.push_back({start + data.size(), piece});
-  data.append(bytes, size);
+  if (in_data)
+    data.append(bytes, size);
+  unread = in_data ? std::string_view(data) : std::string_view(bytes, size);
   while (!lost && take()) {
   }
-
-  // What has been taken goes in one go, and so do the pieces that it came from.
-  data.erase(0, taken);
-  start += taken;
-  taken = 0;
-  while (origins.size() > 1 && origins[1].offset <= start)
-    origins.pop_front();
+  if (in_data)
+    data.erase(0, data.size() - unread.size());
+  else
+    data.assign(unread);
+  unread = data;
 }
 
 void
 Layer::consume(gsize size)
 {
-  taken += size;
-}
-
-guint64
-Layer::piece_at(guint64 offset) const
-{
-  guint64 piece = 0;
-  for (auto &origin : origins)
-    if (origin.offset <= offset)
-      piece = origin.piece;
-  return piece;
+  unread.remove_prefix(size);
+  start += size;
+  while (origins.size() > 1 && origins[1].offset <= start)
+    origins.pop_front();
 }
 
 void
@@ -89,19 +107,18 @@ Layer::pass_on_gap()
 }
 
 void
-Layer::damaged(guint64 at, const std::string &expected, const std::string &found)
+Layer::damaged(const std::string &expected, const std::string &found)
 {
-  reporter.damage(name, at, piece_at(at), expected, found);
+  reporter.damage(here(), expected, found);
 }
 
 void
 Layer::lose_track()
 {
   lost = true;
-  lost_at = offset();
-  start += data.size();
-  taken = 0;
-  data.clear();
+  lost_at = start;
+  start += unread.size();
+  unread = {};
   origins.clear();
   forget();
   pass_on_gap();
@@ -115,6 +132,19 @@ Layer::gap()
   if (in_the_making())
     report_cut();
   lose_track();
+  data.clear();
+}
+
+void
+Layer::missing(guint64 count)
+{
+  auto place = here();
+  place.offset += unread.size();
+  reporter.damage(place, bytes_text(count), "none of them in the capture");
+  if (!lost)
+    lose_track();
+  data.clear();
+  start += count;
 }
 
 void
@@ -122,41 +152,42 @@ Layer::end()
 {
   if (!lost && in_the_making())
     report_cut();
-  if (lost && offset() > lost_at)
-    reporter.skipped(name, lost_at, offset() - lost_at);
+  if (lost && start > lost_at)
+    reporter.skipped({name, depth, lost_at, 0}, start - lost_at);
   if (upper)
     upper->end();
 }
 
-bool
-RecordLayer::looks_like_start(const char *bytes, gsize size) const
+guint64
+RecordLayer::unit_size(const char *bytes, gsize size) const
 {
   if (size < record_header)
-    return false;
+    return 0;
   auto length = load_u64(bytes);
-  return length == 0 ? size == iv_record
-                     : length % aes_block == 0 && length == size - record_header;
+  if (length == 0)
+    return iv_record;
+  return length % aes_block == 0 && length <= G_MAXINT32 ? record_header + length : 0;
 }
 
 void
 RecordLayer::report_cut()
 {
   auto present = buffer();
-  if (present.size() < record_header) {
-    damaged(offset(), "a record header of 8 bytes", bytes_text(present.size()));
-    return;
-  }
-  auto length = load_u64(present.data());
-  damaged(offset(),
-          length == 0 ? "an IV record of 24 bytes"
-                      : "a record of " + bytes_text(record_header + length),
-          bytes_text(present.size()));
+  auto size = unit_size(present.data(), present.size());
+  if (size == 0)
+    damaged("a record header of 8 bytes", bytes_text(present.size()));
+  else
+    damaged(
+        (size == iv_record && load_u64(present.data()) == 0 ? "an IV record of " : "a record of ") +
+            bytes_text(size),
+        bytes_text(present.size()));
 }
 
-// The way to set the chain is the stream's own.
+// An IV record is the only way to set the chain of a decryptor.
 void
 RecordLayer::set_iv(const char *iv)
 {
+  chained = true;
   if (!decryptor)
     return;
   char record[iv_record] = {};
@@ -173,86 +204,112 @@ RecordLayer::take()
   auto present = buffer();
   if (present.size() < record_header)
     return false;
-
   auto length = load_u64(present.data());
-  if (length % aes_block != 0 || length > G_MAXINT32) {
-    damaged(offset(), "a record length that is a multiple of 16 and below 2 GiB",
-            std::to_string(length));
+  auto size = unit_size(present.data(), present.size());
+  if (size == 0) {
+    damaged("a record length that is a multiple of 16 and below 2 GiB", std::to_string(length));
     lose_track();
     return false;
   }
-  if (present.size() < (length == 0 ? iv_record : record_header + length))
+  if (present.size() < size)
     return false;
-
-  if (length > 0) {
-    take_record(length);
-  } else {
-    auto *iv = present.data() + record_header;
-    reporter.iv_record({name, index, offset(), iv_record}, piece_at(offset()),
-                       reinterpret_cast<const guint8 *>(iv));
-    set_iv(iv);
-    consume(iv_record);
-  }
+  if (length == 0)
+    take_iv();
+  else
+    take_record(size);
+  consume(size);
   index++;
   return true;
 }
 
 void
-RecordLayer::take_record(guint64 length)
+RecordLayer::take_iv()
 {
-  auto present = buffer().substr(0, record_header + length);
-  Unit unit{name, index, offset(), present.size()};
-  if (!decryptor) {
-    reporter.record(unit, piece_at(unit.offset), -1);
-    consume(present.size());
-    return;
-  }
-
-  std::string plain(length, 0);
-  gsize consumed, produced = 0;
-  auto result = g_converter_convert(decryptor, present.data(), present.size(), plain.data(), length,
-                                    G_CONVERTER_NO_FLAGS, &consumed, &produced, nullptr);
-  auto padding = length - produced;
-  if (result == G_CONVERTER_CONVERTED && padding >= 1 && padding <= aes_block) {
-    reporter.record(unit, piece_at(unit.offset), static_cast<gint64>(produced));
-    pass_on(plain.data(), produced);
-  } else {
-    damaged(unit.offset, "1 to 16 bytes of padding at the end of a record",
-            (result == G_CONVERTER_CONVERTED ? std::to_string(padding)
-                                             : std::string("more than the record holds")) +
-                " (is it another key or key length?)");
-    // The chain goes on with what was sent, whatever became of it here.
-    set_iv(present.data() + present.size() - aes_block);
-    pass_on_gap();
-  }
-  consume(present.size());
+  auto iv = buffer().substr(record_header, aes_block);
+  auto unit = unit_here(iv_record);
+  reporter.iv_record(unit, reinterpret_cast<const guint8 *>(iv.data()));
+  if (reporter.strict && !ivs.insert(std::string(iv)).second)
+    reporter.note(unit, "an initialisation vector that came before");
+  set_iv(iv.data());
 }
 
-bool
-BlockLayer::looks_like_start(const char *bytes, gsize size) const
+void
+RecordLayer::take_record(gsize size)
 {
-  return size >= block_header && load_u32(bytes) + guint64{block_header} == size;
+  auto present = buffer().substr(0, size);
+  auto unit = unit_here(size);
+  bool known = chained;
+  if (!known)
+    damaged("an IV record, or the record before", "no IV record before");
+  if (!decryptor)
+    reporter.record(unit, -1);
+  else if (known)
+    decrypt(unit, present);
+  else
+    pass_on_gap();
+  // The chain goes on with what was sent, whatever became of it here.
+  if (!known || !decryptor)
+    set_iv(present.data() + size - aes_block);
+}
+
+void
+RecordLayer::decrypt(const Unit &unit, std::string_view present)
+{
+  std::string plain(present.size() - record_header, 0);
+  gsize consumed, content = 0;
+  auto result =
+      g_converter_convert(decryptor, present.data(), present.size(), plain.data(), plain.size(),
+                          G_CONVERTER_NO_FLAGS, &consumed, &content, nullptr);
+  if (result == G_CONVERTER_CONVERTED) {
+    reporter.record(unit, static_cast<gint64>(content));
+    note_padding(unit, plain, content);
+    pass_on(plain.data(), content);
+    return;
+  }
+  damaged("a record with no more padding than it has bytes",
+          "more (is it another key or key length?)");
+  set_iv(present.data() + present.size() - aes_block);
+  pass_on_gap();
+}
+
+void
+RecordLayer::note_padding(const Unit &unit, const std::string &plain, gsize content)
+{
+  auto padding = plain.size() - content;
+  auto value = static_cast<char>(padding);
+  if (padding < 1 || padding > aes_block)
+    reporter.note(unit, "padding of " + bytes_text(padding) + ", not 1 to 16");
+  else if (plain.find_first_not_of(value, content) != std::string::npos)
+    reporter.note(unit, "padding that is not " + bytes_text(padding) + " of the value " +
+                            std::to_string(padding));
+  if (content == 0)
+    reporter.note(unit, "a record that holds nothing");
+}
+
+// No LZO1X stream, chunked or not, is longer than the first bound. The second one is the room that
+// a reader of the library has offered when it gives up.
+bool
+plausible_block(guint32 payload, guint32 content)
+{
+  guint64 most = std::max<guint64>(guint64{payload} * 255, 1024 * 1024);
+  return payload <= content + guint64{content / 4} + 1024 && content <= std::bit_ceil(most);
+}
+
+guint64
+BlockLayer::unit_size(const char *bytes, gsize size) const
+{
+  if (size < block_header || !plausible_block(load_u32(bytes), load_u32(bytes + 4)))
+    return 0;
+  return block_header + guint64{load_u32(bytes)};
 }
 
 void
 BlockLayer::report_cut()
 {
   auto present = buffer();
-  if (present.size() < block_header)
-    damaged(offset(), "a block header of 8 bytes", bytes_text(present.size()));
-  else
-    damaged(offset(), "a block of " + bytes_text(load_u32(present.data()) + guint64{block_header}),
-            bytes_text(present.size()));
-}
-
-// No encoder makes more of its input than this, and a byte of a payload stands for 255 bytes at
-// most.
-static bool
-plausible(guint64 src_size, guint64 dest_size)
-{
-  if (src_size == 0 || dest_size == 0)
-    return src_size == 0 && dest_size == 0;
-  return src_size <= dest_size + dest_size / 8 + 1024 && dest_size <= src_size * 255;
+  auto size = unit_size(present.data(), present.size());
+  damaged(size == 0 ? "a block header of 8 bytes" : "a block of " + bytes_text(size),
+          bytes_text(present.size()));
 }
 
 bool
@@ -261,105 +318,241 @@ BlockLayer::take()
   auto present = buffer();
   if (present.size() < block_header)
     return false;
-  auto src_size = load_u32(present.data());
-  auto dest_size = load_u32(present.data() + 4);
-  if (!plausible(src_size, dest_size)) {
-    damaged(offset(), "the sizes of a block and of what it holds",
-            std::to_string(src_size) + " and " + std::to_string(dest_size));
+  auto announced = load_u32(present.data() + 4);
+  auto size = unit_size(present.data(), present.size());
+  if (size == 0) {
+    damaged("the sizes of a block and of what it holds",
+            std::to_string(load_u32(present.data())) + " and " + std::to_string(announced));
     lose_track();
     return false;
   }
-  if (present.size() < block_header + guint64{src_size})
+  if (present.size() < size)
     return false;
-  take_block(src_size, dest_size);
+  take_block(size, announced);
+  consume(size);
   index++;
   return true;
 }
 
-void
-BlockLayer::take_block(guint32 src_size, guint32 dest_size)
+namespace
 {
-  auto present = buffer().substr(0, block_header + gsize{src_size});
-  Unit unit{name, index, offset(), present.size()};
-  std::string plain(gsize{dest_size} + 1, 0);
-  gsize consumed, produced = 0;
-  auto result =
-      g_converter_convert(decompressor, present.data(), present.size(), plain.data(), plain.size(),
-                          G_CONVERTER_NO_FLAGS, &consumed, &produced, nullptr);
-  if (result == G_CONVERTER_CONVERTED && produced == dest_size) {
-    reporter.block(unit, piece_at(unit.offset), produced);
-    pass_on(plain.data(), produced);
-  } else {
-    damaged(unit.offset, "an LZO1X stream that gives " + bytes_text(dest_size),
-            result == G_CONVERTER_CONVERTED ? bytes_text(produced) : "a broken one");
-    pass_on_gap();
+// Memory for what a block announces. It is mapped, so that no page is touched before it is used:
+// the header can lie.
+class Room
+{
+public:
+  explicit Room(guint32 announced)
+      : size(std::max<gsize>(announced, 1)),
+        bytes(mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))
+  {
+    if (bytes == MAP_FAILED)
+      fail(Exit::local, "not enough memory for a block that announces %u bytes", announced);
   }
-  consume(present.size());
+  ~Room()
+  {
+    munmap(bytes, size);
+  }
+  Room(const Room &) = delete;
+
+  char *
+  data()
+  {
+    return static_cast<char *>(bytes);
+  }
+
+  const gsize size;
+
+private:
+  void *const bytes;
+};
+} // namespace
+
+bool
+BlockLayer::decode(std::string_view block, char *room, gsize size, gsize *produced)
+{
+  gsize consumed;
+  return g_converter_convert(decompressor, block.data(), block.size(), room, size,
+                             G_CONVERTER_NO_FLAGS, &consumed, produced,
+                             nullptr) == G_CONVERTER_CONVERTED;
 }
 
-// The prefix of a frame is a write of its own, and so a piece of its own.
-bool
-FrameLayer::looks_like_start(const char *bytes, gsize size) const
+void
+BlockLayer::take_block(gsize size, guint32 announced)
 {
-  if (size < frame_header)
-    return false;
-  auto announced = load_u32(bytes);
-  return announced <= G_MAXINT32 && (size == frame_header || size == frame_header + announced);
+  auto block = buffer().substr(0, size);
+  auto unit = unit_here(size);
+  Room room(announced);
+  gsize content;
+  if (!decode(block, room.data(), room.size, &content)) {
+    damaged("an LZO1X stream that gives at most " + bytes_text(announced), "a broken one");
+    pass_on_gap();
+    return;
+  }
+  auto chunks = reporter.strict ? chunks_read(block, announced, {room.data(), content}) : 0;
+  reporter.block(unit, content, chunks);
+  note_oddities(unit, block.substr(block_header), announced, content, chunks);
+  pass_on(room.data(), content);
+}
+
+// How many chunks a payload has if it begins like the chunk layout, 0 otherwise.
+static guint
+chunks_announced(std::string_view payload)
+{
+  auto byte = [&](gsize at) { return static_cast<guint8>(payload[at]); };
+  bool chunked = payload.size() >= 3 && byte(0) == 0x55 && byte(1) >= 1 && byte(1) <= 32 &&
+                 byte(2) == (byte(1) ^ 0x55);
+  return chunked ? byte(1) : 0;
+}
+
+// How many chunks the library has read, 0 for a plain stream. A plain stream that begins with 0x55
+// opens with 68 literals. The same run in its long form, 0 and 50, does not begin like chunks. So
+// the payload was read as plain if that form gives the same content.
+guint
+BlockLayer::chunks_read(std::string_view block, guint32 announced, std::string_view content)
+{
+  auto chunks = chunks_announced(block.substr(block_header));
+  if (chunks == 0)
+    return 0;
+  std::string plain(block.substr(0, block_header));
+  auto size = GUINT32_TO_LE(static_cast<guint32>(block.size() - block_header + 1));
+  std::memcpy(plain.data(), &size, sizeof size);
+  plain += {0, 68 - 18};
+  plain += block.substr(block_header + 1);
+  Room room(announced);
+  gsize produced;
+  bool same = decode(plain, room.data(), room.size, &produced) &&
+              content == std::string_view(room.data(), produced);
+  return same ? 0 : chunks;
+}
+
+void
+BlockLayer::note_oddities(const Unit &unit, std::string_view payload, guint32 announced,
+                          gsize content, guint chunks)
+{
+  if (content != announced)
+    reporter.note(unit, "announces " + bytes_text(announced) + " and holds " + bytes_text(content));
+  if (content == 0 && !payload.empty())
+    reporter.note(unit, "a payload that holds nothing");
+  if (chunks == 1)
+    reporter.note(unit, "a single chunk, which another reader can take for a plain stream");
+  if (chunks == 0 && chunks_announced(payload) > 0)
+    reporter.note(unit, "a plain stream that another reader can take for chunks");
+  if (after_empty)
+    reporter.note(unit, "a block after an empty one, which ends a stream");
+  after_empty = payload.empty();
+}
+
+void
+MessageLayer::forget()
+{
+  begun = false;
+  shown.clear();
+}
+
+void
+MessageLayer::begin()
+{
+  begun = true;
+  first = here();
+  arrived = 0;
+}
+
+void
+MessageLayer::take_part(gsize size)
+{
+  shown.append(buffer().substr(0, std::min(size, keep - shown.size())));
+  arrived += size;
+  consume(size);
+}
+
+void
+MessageLayer::finish(guint64 size)
+{
+  reporter.message({first, index, size}, arrived, shown);
+  index++;
+  forget();
+}
+
+FrameLayer::FrameLayer(Reporter &reporter, gsize keep) : MessageLayer("frame", reporter, keep)
+{
+  header_piece = frame_header;
+}
+
+guint64
+FrameLayer::unit_size(const char *bytes, gsize size) const
+{
+  if (size < frame_header || load_u32(bytes) > G_MAXINT32)
+    return 0;
+  return frame_header + guint64{load_u32(bytes)};
 }
 
 void
 FrameLayer::report_cut()
 {
-  if (in_payload)
-    damaged(begun, "a message of " + bytes_text(length), bytes_text(arrived));
+  if (begun)
+    reporter.damage(first, "a message of " + bytes_text(length), bytes_text(arrived));
   else
-    damaged(offset(), "the 4 bytes of a message's length", bytes_text(buffer().size()));
+    damaged("the 4 bytes of a message's length", bytes_text(buffer().size()));
 }
 
-void
-FrameLayer::forget()
+bool
+FrameLayer::take_prefix()
 {
-  in_payload = false;
-  shown.clear();
+  auto present = buffer();
+  if (present.size() < frame_header)
+    return false;
+  length = load_u32(present.data());
+  if (unit_size(present.data(), present.size()) == 0) {
+    damaged("a message length that is not negative", std::to_string(static_cast<gint32>(length)));
+    lose_track();
+    return false;
+  }
+  begin();
+  consume(frame_header);
+  return true;
 }
 
 bool
 FrameLayer::take()
 {
-  auto present = buffer();
-  if (in_payload) {
-    auto part = std::min<gsize>(present.size(), length - arrived);
-    shown.append(present.substr(0, std::min(part, keep - std::min(keep, shown.size()))));
-    arrived += static_cast<guint32>(part);
-    consume(part);
-    if (arrived < length)
-      return false;
-    finish();
-    return true;
-  }
-
-  if (present.size() < frame_header)
+  if (!begun)
+    return take_prefix();
+  take_part(std::min<gsize>(buffer().size(), length - arrived));
+  if (arrived < length)
     return false;
-  auto announced = load_u32(present.data());
-  if (announced > G_MAXINT32) {
-    damaged(offset(), "a message length that is not negative",
-            std::to_string(static_cast<gint32>(announced)));
-    lose_track();
-    return false;
-  }
-  begun = offset();
-  length = announced;
-  arrived = 0;
-  in_payload = true;
-  consume(frame_header);
+  auto place = first;
+  finish(frame_header + guint64{length});
+  if (length == 0)
+    reporter.note(place, "an empty message, which blocking readers take for the end");
   return true;
 }
 
-void
-FrameLayer::finish()
+guint64
+StringLayer::unit_size(const char *bytes, gsize size) const
 {
-  reporter.frame({name, index, begun, frame_header + guint64{length}}, piece_at(begun), length,
-                 shown);
-  index++;
-  forget();
+  auto at = std::string_view(bytes, size).find(terminator);
+  return at == std::string_view::npos ? 0 : at + 1;
+}
+
+void
+StringLayer::report_cut()
+{
+  reporter.damage(first, "a string with its terminator", bytes_text(arrived) + " without it");
+}
+
+bool
+StringLayer::take()
+{
+  if (buffer().empty())
+    return false;
+  if (!begun)
+    begin();
+  auto size = unit_size(buffer().data(), buffer().size());
+  take_part(size == 0 ? buffer().size() : size - 1);
+  if (size == 0)
+    return false;
+  consume(1);
+  finish(arrived + 1);
+  return true;
 }

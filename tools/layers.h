@@ -1,38 +1,52 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The layers of a byte stream: records of the encryption, blocks of the compression, and frames.
-// Each is fed with bytes, reports the units that it finds, and feeds what they hold to the layer
-// above. Where a unit is damaged it goes on behind it; where the damage hides where the next one
-// starts, it waits for a piece from the layer below that looks like the start of one.
+// The layers of a byte stream: records of the encryption, blocks of the compression, and messages.
+// Each layer is fed with bytes, reports the units that it finds, and feeds their content to the
+// layer above. Behind a damaged unit it goes on with the next one. If the damage hides the start of
+// the next one, it waits for a piece of the layer below that looks like a start.
 #pragma once
 
 #include <gio/gio.h>
 
 #include <deque>
+#include <set>
 #include <string>
 
-struct Unit {
+struct Place {
   const char *layer;
-  guint64 index;
+  gsize depth;    // how many layers lie below
   guint64 offset; // in the stream of this layer
-  guint64 size;   // with its header
+  guint64 piece;  // the unit of the layer below that holds the byte at `offset`
 };
 
-// What the layers tell.
+struct Unit : Place {
+  guint64 index;
+  guint64 size; // with its header
+};
+
 class Reporter
 {
 public:
+  explicit Reporter(bool strict) : strict(strict) {}
   virtual ~Reporter() = default;
-  virtual void iv_record(const Unit &unit, guint64 piece, const guint8 *iv) = 0;
-  // `content` is what the record holds, or -1 where that is not known without the key.
-  virtual void record(const Unit &unit, guint64 piece, gint64 content) = 0;
-  virtual void block(const Unit &unit, guint64 piece, guint64 content) = 0;
-  // `shown` holds as much of the message as was to be kept.
-  virtual void frame(const Unit &unit, guint64 piece, guint64 length, const std::string &shown) = 0;
-  // Damage at an offset of the stream of a layer; `piece` as above.
-  virtual void damage(const char *layer, guint64 offset, guint64 piece, const std::string &expected,
+
+  const bool strict; // notes are wanted, and the layout of payloads
+
+  virtual void iv_record(const Unit &unit, const guint8 *iv) = 0;
+  // `content` is the size of the plain text, or -1 if the key is not known.
+  virtual void record(const Unit &unit, gint64 content) = 0;
+  // `chunks` is 0 for a payload that is one plain stream.
+  virtual void block(const Unit &unit, guint64 content, guint chunks) = 0;
+  // `shown` is the part of the message that was to be kept.
+  virtual void message(const Unit &unit, guint64 length, const std::string &shown) = 0;
+  virtual void damage(const Place &place, const std::string &expected,
                       const std::string &found) = 0;
-  virtual void skipped(const char *layer, guint64 offset, guint64 size) = 0;
+  virtual void skipped(const Place &place, guint64 size) = 0;
+  // The unit can be read, but a careful writer would not have sent it.
+  virtual void note(const Place &place, const std::string &text) = 0;
 };
+
+// Whether the library reads a block with these sizes in its header.
+bool plausible_block(guint32 payload, guint32 content);
 
 class Layer
 {
@@ -41,24 +55,28 @@ public:
   virtual ~Layer() = default;
 
   Layer *upper = nullptr;
-  bool bottom = false;
+  gsize depth = 0;
+  bool aligned = true; // the start of a piece can be the start of a unit
 
-  // The content of unit number `piece` of the layer below.
+  // Takes the content of unit number `piece` of the layer below.
   void push(const char *bytes, gsize size, guint64 piece);
-  // Bytes are missing here.
+  // Bytes are missing here: how many is not known, or `count`.
   void gap();
+  void missing(guint64 count);
   void end();
 
 protected:
-  // Takes what it can from the front of the buffer; false where it needs more, or is lost.
+  // Takes a unit, or a part of one, from the front of the buffer; false if it needs more, or is
+  // lost.
   virtual bool take() = 0;
-  virtual bool looks_like_start(const char *bytes, gsize size) const = 0;
-  // What is in the making, and how much of it is there: reported where it will never be complete.
+  // The size of the unit that starts here as its header says, 0 if this cannot be a unit.
+  virtual guint64 unit_size(const char *bytes, gsize size) const = 0;
+  // Reports the unit that will never be complete.
   virtual void report_cut() = 0;
   virtual bool
   in_the_making() const
   {
-    return !buffer().empty();
+    return !unread.empty();
   }
   virtual void
   forget()
@@ -68,40 +86,46 @@ protected:
   std::string_view
   buffer() const
   {
-    return std::string_view(data).substr(taken);
+    return unread;
   }
-  guint64
-  offset() const
+  Place
+  here() const
   {
-    return start + taken;
+    return {name, depth, start, origins.empty() ? 0 : origins.front().piece};
+  }
+  Unit
+  unit_here(guint64 size) const
+  {
+    return {here(), index, size};
   }
   void consume(gsize size);
-  guint64 piece_at(guint64 offset) const;
   void pass_on(const char *bytes, gsize size);
   void pass_on_gap();
-  void damaged(guint64 at, const std::string &expected, const std::string &found);
-  // There is no telling where the next unit starts.
+  void damaged(const std::string &expected, const std::string &found);
+  // It is not known where the next unit starts.
   void lose_track();
 
   const char *const name;
   Reporter &reporter;
   guint64 index = 0;
+  gsize header_piece = 0; // a header of this size can be a piece of its own
 
 private:
-  void give_up(gsize size);
+  bool looks_like_start(const char *bytes, gsize size) const;
+  void keep_unread(bool in_data);
 
   struct Origin {
     guint64 offset, piece;
   };
-  std::string data;
-  gsize taken = 0;
-  guint64 start = 0; // the offset of data[0]
-  std::deque<Origin> origins;
+  std::string data;           // the bytes of a unit that is not complete
+  std::string_view unread;    // in `data`, or in the bytes that have just come
+  guint64 start = 0;          // the offset of unread[0]
+  std::deque<Origin> origins; // the pieces that `unread` came from
   bool lost = false;
   guint64 lost_at = 0;
 };
 
-// With no decryptor it only finds the records.
+// Without a decryptor it only finds the records.
 class RecordLayer : public Layer
 {
 public:
@@ -112,14 +136,24 @@ public:
 
 protected:
   bool take() override;
-  bool looks_like_start(const char *bytes, gsize size) const override;
+  guint64 unit_size(const char *bytes, gsize size) const override;
   void report_cut() override;
+  void
+  forget() override
+  {
+    chained = false;
+  }
 
 private:
-  void take_record(guint64 length);
+  void take_iv();
+  void take_record(gsize size);
+  void decrypt(const Unit &unit, std::string_view present);
+  void note_padding(const Unit &unit, const std::string &plain, gsize content);
   void set_iv(const char *iv);
 
   GConverter *decryptor;
+  bool chained = false; // the cipher text before the next record is known
+  std::set<std::string> ivs;
 };
 
 class BlockLayer : public Layer
@@ -132,39 +166,80 @@ public:
 
 protected:
   bool take() override;
-  bool looks_like_start(const char *bytes, gsize size) const override;
+  guint64 unit_size(const char *bytes, gsize size) const override;
   void report_cut() override;
+  void
+  forget() override
+  {
+    after_empty = false;
+  }
 
 private:
-  void take_block(guint32 src_size, guint32 dest_size);
+  void take_block(gsize size, guint32 announced);
+  bool decode(std::string_view block, char *room, gsize size, gsize *produced);
+  guint chunks_read(std::string_view block, guint32 announced, std::string_view content);
+  void note_oddities(const Unit &unit, std::string_view payload, guint32 announced, gsize content,
+                     guint chunks);
 
   GConverter *decompressor;
+  bool after_empty = false;
 };
 
-// Messages may be longer than memory; `keep` bytes of each are kept to be shown.
-class FrameLayer : public Layer
+// Messages can be longer than memory; `keep` bytes of each are kept to be shown.
+class MessageLayer : public Layer
 {
 public:
-  FrameLayer(Reporter &reporter, gsize keep) : Layer("frame", reporter), keep(keep) {}
+  MessageLayer(const char *name, Reporter &reporter, gsize keep) : Layer(name, reporter), keep(keep)
+  {
+  }
 
 protected:
-  bool take() override;
-  bool looks_like_start(const char *bytes, gsize size) const override;
-  void report_cut() override;
   bool
   in_the_making() const override
   {
-    return in_payload || !buffer().empty();
+    return begun || Layer::in_the_making();
   }
   void forget() override;
-
-private:
-  void finish();
+  void begin();
+  void take_part(gsize size);
+  void finish(guint64 size);
 
   gsize keep;
-  bool in_payload = false;
-  guint64 begun = 0; // the offset of the present frame
-  guint32 length = 0;
-  guint32 arrived = 0;
+  bool begun = false;
+  Place first{}; // where the present message starts
+  guint64 arrived = 0;
   std::string shown;
+};
+
+class FrameLayer : public MessageLayer
+{
+public:
+  FrameLayer(Reporter &reporter, gsize keep);
+
+protected:
+  bool take() override;
+  guint64 unit_size(const char *bytes, gsize size) const override;
+  void report_cut() override;
+
+private:
+  bool take_prefix();
+
+  guint32 length = 0;
+};
+
+class StringLayer : public MessageLayer
+{
+public:
+  StringLayer(Reporter &reporter, gsize keep, char terminator)
+      : MessageLayer("string", reporter, keep), terminator(terminator)
+  {
+  }
+
+protected:
+  bool take() override;
+  guint64 unit_size(const char *bytes, gsize size) const override;
+  void report_cut() override;
+
+private:
+  char terminator;
 };

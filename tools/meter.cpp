@@ -51,8 +51,8 @@ follow(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
       size--;
       if (self->prefix == 4 && self->length > self->limit) {
         g_set_error(error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
-                    "a message of %u bytes is announced where at most %u are expected",
-                    self->length, self->limit);
+                    "a message of %d bytes is announced where at most %u are expected",
+                    static_cast<gint32>(self->length), self->limit);
         return false;
       }
       if (self->prefix == 4)

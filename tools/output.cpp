@@ -67,13 +67,35 @@ JsonLine::add(const char *name, bool value)
   return *this;
 }
 
+// json-glib leaves U+001F and everything beyond ASCII as it is. On one line these characters stand
+// in strings only. Those that could control a terminal are escaped.
+static std::string
+escaped(const char *json)
+{
+  std::string text;
+  for (auto *at = json; *at;) {
+    const char *next = g_utf8_next_char(at);
+    auto c = g_utf8_get_char(at);
+    char escape[16] = "";
+    if (g_unichar_isprint(c))
+      text.append(at, next);
+    else if (c < 0x10000)
+      g_snprintf(escape, sizeof escape, "\\u%04x", c);
+    else
+      g_snprintf(escape, sizeof escape, "\\u%04x\\u%04x", 0xd7c0 + (c >> 10), 0xdc00 + (c & 0x3ff));
+    text += escape;
+    at = next;
+  }
+  return text;
+}
+
 std::string
 JsonLine::text()
 {
   json_builder_end_object(builder);
   g_autoptr(JsonNode) root = json_builder_get_root(builder);
   g_autofree char *text = json_to_string(root, FALSE);
-  return std::string(text) + "\n";
+  return escaped(text) + "\n";
 }
 
 std::string

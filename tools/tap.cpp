@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tap.h"
+#include "layers.h"
 
 #include <cstring>
 
@@ -68,10 +69,9 @@ is_plausible(const ToolTap &self, const void *header)
     bool first = self.state->in == 0;
     return length <= most && length % 16 == 0 && (!first || length == 0);
   }
-  auto payload = load_le(bytes, 4);
-  auto content = load_le(bytes + 4, 4);
-  return payload <= most && content <= most && content <= payload * 255 &&
-         payload <= with_overhead(content);
+  auto payload = static_cast<guint32>(load_le(bytes, 4));
+  auto content = static_cast<guint32>(load_le(bytes + 4, 4));
+  return payload <= most && content <= most && plausible_block(payload, content);
 }
 
 static GConverterResult
