@@ -151,7 +151,9 @@ gvc_bytes_output_stream_new(GOutputStream *base_stream)
  * @error: return location for a #GError
  *
  * Writes @bytes as one frame; blocks until the base stream has taken it. Errors are those of the
- * base stream, unchanged; after one, part of the frame may have been written.
+ * base stream, unchanged. After one, a part of the frame may have been written, and the rest of it
+ * may wait in the stages of a channel: the next write, a flush or closing the stream sends that
+ * first.
  *
  * Returns: %TRUE when the whole frame was written
  *

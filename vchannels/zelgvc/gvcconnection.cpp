@@ -23,7 +23,8 @@ enum {
  * the streams fetched afterwards with g_io_stream_get_input_stream() and
  * g_io_stream_get_output_stream() pass through them.
  *
- * Closing the channel closes its input stream and then its output stream. With
+ * Closing the channel closes its input stream and then its output stream. While a message is in
+ * flight on one of them, that fails with %G_IO_ERROR_PENDING, and the message goes on. With
  * g_io_stream_close_async() this happens within the call, on the calling thread. Closing an output
  * stream that has stages, also by dropping the last reference to it or to a message stream over it,
  * sends what a cancelled write has left there and the end of each stage, and waits for a peer that
