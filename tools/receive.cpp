@@ -6,6 +6,7 @@
 #include "progress.h"
 #include "transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -58,10 +59,10 @@ public:
   const int dir;
   const std::string path;
   int fd;
+  enum { unfinished, stored, discarded } state = unfinished;
 
 private:
   guint64 unsynced = 0;
-  bool settled = false;
 };
 } // namespace
 
@@ -96,7 +97,7 @@ Part::Part(int dir, const std::string &name) : dir(dir), path(part_name(name))
 
 Part::~Part()
 {
-  if (!settled && size() == 0)
+  if (state == unfinished && size() == 0)
     unlinkat(dir, path.c_str(), 0);
   close(fd);
 }
@@ -154,7 +155,7 @@ void
 Part::discard()
 {
   unlinkat(dir, path.c_str(), 0);
-  settled = true;
+  state = discarded;
 }
 
 void
@@ -176,7 +177,7 @@ Part::commit(const Announced &file, bool force)
   }
   if (!renamed)
     fail_part(*this, ("give the name " + printable(file.name) + " to").c_str());
-  settled = true;
+  state = stored;
   fsync(dir);
 }
 
@@ -188,9 +189,8 @@ read_announcement(const Control &control)
   file.size = control.number("size");
   // The bits that make a program run as its owner are not for a peer to set.
   file.mode = static_cast<mode_t>(control.number("mode", 0600) & 0777);
-  auto mtime = control.integer("mtime");
-  auto seconds = mtime / 1000000000 - (mtime % 1000000000 < 0);
-  file.mtime = {seconds, mtime - seconds * 1000000000};
+  auto nanoseconds = std::min<guint64>(control.number("mtime-nsec"), 999999999);
+  file.mtime = {control.integer("mtime"), static_cast<long>(nanoseconds)};
   return file;
 }
 
@@ -283,7 +283,9 @@ static void
 say_what_is_kept(const Part &part, const Announced &file)
 {
   auto kept = part.size();
-  if (kept > 0)
+  if (part.state == Part::stored)
+    inform("%s is stored, and the sender may not know", printable(file.name).c_str());
+  else if (part.state == Part::unfinished && kept > 0)
     inform("%s of %s of %s are kept in %s; --resume goes on there", human_size(kept).c_str(),
            human_size(file.size).c_str(), printable(file.name).c_str(),
            printable(part.path).c_str());
@@ -321,13 +323,14 @@ receive_file(Channel &channel, const Announced &file, const Options &options, bo
     check_free(options, file.name);
     Part part(options.dir, file.name);
     answered = true;
+    Transferred result;
     try {
-      report(receive_into(channel, part, file, options, resume), "received", options.json);
+      result = receive_into(channel, part, file, options, resume);
     } catch (...) {
       say_what_is_kept(part, file);
       throw;
     }
-    return Exit::ok;
+    return report(result, "received", options.json);
   } catch (const Refusal &refusal) {
     complain("%s %s: %s", answered ? "did not get" : "refused", printable(file.name).c_str(),
              refusal.why.c_str());

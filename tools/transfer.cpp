@@ -67,12 +67,18 @@ print_report(const Transferred &file, const char *verb, bool json)
               from.c_str(), sha256.c_str());
 }
 
-void
+Exit
 report(const Transferred &file, const char *verb, bool json)
 {
   try {
     print_report(file, verb, json);
   } catch (const OutputClosed &) {
-    // That nobody reads on is no reason to leave files behind.
+    // Nobody wants to know.
+  } catch (const Failure &failure) {
+    if (failure.code != Exit::local)
+      throw;
+    complain("%s %s, but %s", verb, file.name.c_str(), failure.message.c_str());
+    return failure.code;
   }
+  return Exit::ok;
 }
