@@ -96,7 +96,7 @@ channel_new(GSocketConnection *socket, const Stages *stages, guint timeout)
   Channel *channel = g_new0(Channel, 1);
   GIOStream *io;
 
-  /* A peer that keeps silent, or does not take what it is sent, is given up on. */
+  /* A blocking call gives up on a peer that keeps silent, or does not take what it is sent. */
   g_socket_set_timeout(g_socket_connection_get_socket(socket), timeout);
   channel->connection = gvc_connection_new(socket);
   add_stages(channel->connection, stages);
@@ -118,9 +118,14 @@ channel_close(Channel *channel, GError **error)
   return g_io_stream_close(socket, NULL, closed ? error : NULL) && closed;
 }
 
+/* The socket goes first. Streams that are dropped while a peer does not read would wait until it
+ * has taken the rest of a write that was cancelled. */
 void
 channel_free(Channel *channel)
 {
+  GSocketConnection *socket = gvc_connection_get_connection(channel->connection);
+
+  g_socket_close(g_socket_connection_get_socket(socket), NULL);
   g_object_unref(channel->strings_in);
   g_object_unref(channel->frames_in);
   g_object_unref(channel->frames_out);

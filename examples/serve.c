@@ -37,16 +37,37 @@ struct Session {
   guint64 size;
   GOutputStream *file;
   GCancellable *cancellable;
-  guint watchdog;
+  guint watchdog; /* cancels the operation that is under way */
 };
 
 static void read_request(Session *session);
+
+static gboolean
+on_watchdog(gpointer data)
+{
+  Session *session = data;
+
+  session->watchdog = 0;
+  g_cancellable_cancel(session->cancellable);
+  return G_SOURCE_REMOVE;
+}
+
+/* What cancels the next operation when its time is over. A timeout of the socket would start anew
+ * with each byte, and a string never ends at the end of the stream. */
+static GCancellable *
+limited(Session *session)
+{
+  g_clear_handle_id(&session->watchdog, g_source_remove);
+  session->watchdog = g_timeout_add_seconds((guint)session->server->timeout, on_watchdog, session);
+  return session->cancellable;
+}
 
 static void
 session_free(Session *session)
 {
   Server *server = session->server;
 
+  g_clear_handle_id(&session->watchdog, g_source_remove);
   g_clear_object(&session->file);
   g_object_unref(session->cancellable);
   channel_free(session->channel);
@@ -63,23 +84,35 @@ session_free(Session *session)
 static void
 session_fail(Session *session, const char *doing, const GError *error)
 {
-  g_printerr("%s: %s: %s\n", session->peer, doing, error->message);
+  gboolean late = g_cancellable_is_cancelled(session->cancellable);
+
+  g_printerr("%s: %s: %s\n", session->peer, doing, late ? "it took too long" : error->message);
   session->server->failed = TRUE;
-  channel_close(session->channel, NULL);
   session_free(session);
 }
 
 static void
-session_end(Session *session)
+on_closed(GObject *object, GAsyncResult *result, gpointer data)
 {
+  Session *session = data;
   g_autoptr(GError) error = NULL;
 
-  if (!channel_close(session->channel, &error)) {
+  if (!g_output_stream_close_finish(G_OUTPUT_STREAM(object), result, &error)) {
     session_fail(session, "closing", error);
     return;
   }
   g_print("%s: done\n", session->peer);
   session_free(session);
+}
+
+/* The end of the stages is sent as a message is: the caller may not read it. */
+static void
+session_end(Session *session)
+{
+  GIOStream *io = G_IO_STREAM(session->channel->connection);
+
+  g_output_stream_close_async(g_io_stream_get_output_stream(io), G_PRIORITY_DEFAULT,
+                              limited(session), on_closed, session);
 }
 
 static void
@@ -97,7 +130,7 @@ put_variant(Session *session, GVariant *variant, GAsyncReadyCallback callback)
   g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
 
   gvc_bytes_output_stream_put_variant_async(session->channel->frames_out, sunk, G_PRIORITY_DEFAULT,
-                                            NULL, callback, session);
+                                            limited(session), callback, session);
 }
 
 static gboolean
@@ -160,14 +193,14 @@ on_bytes(GObject *object, GAsyncResult *result, gpointer data)
     return;
   session->remaining--;
   gvc_bytes_output_stream_put_bytes_async(session->channel->frames_out, bytes, G_PRIORITY_DEFAULT,
-                                          NULL, on_bytes_answered, session);
+                                          limited(session), on_bytes_answered, session);
 }
 
 static void
 read_bytes(Session *session)
 {
-  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT, NULL,
-                                          on_bytes, session);
+  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
+                                          limited(session), on_bytes, session);
 }
 
 /* Variants. */
@@ -201,7 +234,8 @@ static void
 read_variant(Session *session)
 {
   gvc_bytes_input_stream_read_variant_async(session->channel->frames_in, VARIANT_FORMAT,
-                                            G_PRIORITY_DEFAULT, NULL, on_variant, session);
+                                            G_PRIORITY_DEFAULT, limited(session), on_variant,
+                                            session);
 }
 
 /* Strings. */
@@ -226,7 +260,6 @@ on_string(GObject *object, GAsyncResult *result, gpointer data)
   g_autoptr(GError) error = NULL;
   gsize length;
 
-  g_clear_handle_id(&session->watchdog, g_source_remove);
   session->string = gvc_data_input_stream_read_string_finish(session->channel->strings_in, result,
                                                              &length, &error);
   if (session->string == NULL) {
@@ -238,29 +271,15 @@ on_string(GObject *object, GAsyncResult *result, gpointer data)
     session->string[i] = g_ascii_toupper(session->string[i]);
   session->remaining--;
   gvc_output_stream_util_write_all_async(G_OUTPUT_STREAM(session->channel->frames_out),
-                                         session->string, length, G_PRIORITY_DEFAULT, NULL,
-                                         on_string_answered, session);
+                                         session->string, length, G_PRIORITY_DEFAULT,
+                                         limited(session), on_string_answered, session);
 }
 
-static gboolean
-on_watchdog(gpointer data)
-{
-  Session *session = data;
-
-  session->watchdog = 0;
-  g_cancellable_cancel(session->cancellable);
-  return G_SOURCE_REMOVE;
-}
-
-/* The end of the stream does not end the reading of a string: without a way to cancel it, it would
- * look for its terminator for ever. */
 static void
 read_string(Session *session)
 {
-  session->watchdog = g_timeout_add_seconds((guint)session->server->timeout, on_watchdog, session);
   gvc_data_input_stream_read_string_async(session->channel->strings_in, STRING_END,
-                                          G_PRIORITY_DEFAULT, session->cancellable, on_string,
-                                          session);
+                                          G_PRIORITY_DEFAULT, limited(session), on_string, session);
 }
 
 /* Files. */
@@ -302,6 +321,7 @@ on_received_answered(GObject *object, GAsyncResult *result, gpointer data)
 
   if (!put_variant_finish(session, result))
     return;
+  g_clear_handle_id(&session->watchdog, g_source_remove);
   task = g_task_new(NULL, NULL, on_checksum, session);
   g_task_set_task_data(task, g_strdup(session->path), g_free);
   g_task_run_in_thread(task, compute_checksum);
@@ -356,8 +376,8 @@ read_file(Session *session)
   if (session->remaining == 0)
     finish_file(session);
   else
-    gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT, NULL,
-                                            on_file_bytes, session);
+    gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
+                                            limited(session), on_file_bytes, session);
 }
 
 /* The name comes from the caller and must not lead out of the directory, nor over an old file. */
@@ -450,7 +470,8 @@ static void
 read_request(Session *session)
 {
   gvc_bytes_input_stream_read_variant_async(session->channel->frames_in, REQUEST_FORMAT,
-                                            G_PRIORITY_DEFAULT, NULL, on_request, session);
+                                            G_PRIORITY_DEFAULT, limited(session), on_request,
+                                            session);
 }
 
 /* The server. */
@@ -462,7 +483,7 @@ on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source,
   Session *session = g_new0(Session, 1);
 
   session->server = server;
-  session->channel = channel_new(socket, &server->stages, (guint)server->timeout);
+  session->channel = channel_new(socket, &server->stages, 0);
   session->peer =
       gvc_io_stream_get_remote_address_string(G_IO_STREAM(session->channel->connection));
   session->cancellable = g_cancellable_new();

@@ -195,7 +195,8 @@ def program_builds_against_the_installation():
         # The staged tree stands where the prefix will be, so that is where the package must point.
         text = package.read_text()
         prefix = re.search(r"^prefix=(.*)$", text, re.MULTILINE)[1]
-        package.write_text(text.replace(f"prefix={prefix}", f"prefix={scratch}{prefix}", 1))
+        staged = re.sub(r"([^\w./-])", r"\\\1", scratch)  # it may have blanks
+        package.write_text(text.replace(f"prefix={prefix}", f"prefix={staged}{prefix}", 1))
         flags = toolchain.package_flags("zelgvc", "--cflags", "--libs", path=package.parent)
         assert str(SOURCE) not in " ".join(flags), flags
         source = pathlib.Path(scratch, "host.c")

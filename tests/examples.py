@@ -8,8 +8,10 @@ import functools
 import os
 import pathlib
 import re
+import select
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -179,6 +181,33 @@ def survives_a_negative_length():
         assert status == 1 and "Invalid frame length" in complaints, (status, complaints)
 
 
+def block(data):
+    """A compressed block of a single run of literals."""
+    zeros, rest = divmod(len(data) - 19, 255)
+    payload = bytes(zeros + 1) + bytes([rest + 1]) + data + b"\x11\0\0"
+    return struct.pack("<II", len(payload), len(data)) + payload
+
+
+def frame(data):
+    return len(data).to_bytes(4, "little") + data
+
+
+def a_caller_that_stops_reading_holds_up_nobody():
+    """It asks for more than the sockets between the two hold."""
+    with Pair("--compress", "--timeout", "4", callers=0) as pair:
+        caller = socket.create_connection(("127.0.0.1", pair.port))
+        request = b"bytes\0\0\0" + (1000).to_bytes(8, "little") + b"\0" + b"\x06"
+        caller.sendall(block(frame(request)))
+        message = memoryview(block(frame(os.urandom(100_000))) * 300)
+        caller.setblocking(False)
+        while select.select([], [caller], [], 1)[1]:
+            message = message[caller.send(message):]
+        while not re.search("answering: ", pathlib.Path(pair.log.name).read_text()):
+            status, _, complaints = pair.call("--compress", "--messages", "50", "--timeout", "3")
+            assert status == 0, complaints
+        caller.close()
+
+
 def calling_nobody_fails():
     with socket.create_server(("127.0.0.1", 0)) as server:
         port = server.getsockname()[1]
@@ -242,6 +271,8 @@ sys.exit(tap.run([
     ("/examples/reports-a-caller-that-goes-away", reports_a_caller_that_goes_away),
     ("/examples/gives-up-on-an-unfinished-string", gives_up_on_an_unfinished_string),
     ("/examples/survives-a-negative-length", survives_a_negative_length),
+    ("/examples/a-caller-that-stops-reading-holds-up-nobody",
+     a_caller_that_stops_reading_holds_up_nobody),
     ("/examples/calling-nobody-fails", calling_nobody_fails),
     ("/examples/stops-when-told", stops_when_told),
 ]))

@@ -133,9 +133,10 @@ is_gone(const GError *error)
 
 Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
     : connection(connection), staged(!stages.list.empty()), channel(gvc_connection_new(connection)),
-      timeout(timeout), peer_name(name_of_peer(connection))
+      timeout(timeout), deadline(socket()), peer_name(name_of_peer(connection))
 {
   g_socket_set_timeout(socket(), hello_timeout());
+  deadline.set(hello_timeout());
   add_stages(channel, stages, &counts);
   counts.set_limit(hello_limit);
   auto *io = G_IO_STREAM(channel);
@@ -173,10 +174,13 @@ Channel::fail_read(GError *error)
 {
   [[maybe_unused]] g_autoptr(GError) owned = error;
   auto *peer = peer_name.c_str();
+  bool late = deadline.passed();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
-  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+  if (late && greeted)
+    fail(Exit::peer, "%s took too long to send a message", peer);
+  if (late || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
     if (greeted)
       fail(Exit::peer, "%s has sent nothing for %u seconds", peer, timeout);
     fail(Exit::protocol,
@@ -248,8 +252,13 @@ Channel::get(guint32 limit)
   GError *error = nullptr;
   auto before = meter_total(meter);
 
+  // The hello has its time from the beginning of the channel on.
+  if (greeted && timeout > 0)
+    deadline.set(timeout + limit / (32 * 1024));
   meter_set_limit(meter, limit);
   Bytes bytes(gvc_bytes_input_stream_read_bytes(in, interrupt_soon(), &error));
+  if (greeted)
+    deadline.set(0);
   auto arrived = meter_total(meter) - before;
   if (bytes && meter_at_boundary(meter))
     return bytes;
@@ -257,6 +266,8 @@ Channel::get(guint32 limit)
     fail_read(error);
 
   g_clear_error(&error);
+  if (deadline.passed())
+    fail_end();
   if (meter_at_end(meter) && arrived > 0 && !meter_at_boundary(meter))
     fail(greeted ? Exit::peer : Exit::protocol, "%s went away in the middle of a message",
          peer_name.c_str());
@@ -344,6 +355,7 @@ Channel::check_hello(Bytes bytes, std::string *service)
          peer_name.c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
+  deadline.set(0);
   counts.set_limit(message_limit);
   g_socket_set_timeout(socket(), timeout);
 

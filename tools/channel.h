@@ -3,6 +3,7 @@
 // that they mean the same. What goes wrong is thrown as a Failure that names the cause.
 #pragma once
 
+#include "deadline.h"
 #include "errors.h"
 #include "meter.h"
 #include "stages.h"
@@ -57,8 +58,8 @@ private:
 class Channel
 {
 public:
-  // Takes over the reference to the connection. A peer that keeps silent for `timeout` seconds is
-  // given up (0: never).
+  // Takes over the reference to the connection. A peer that keeps silent for `timeout` seconds, or
+  // whose message is not complete by then and a second for each 32 KiB, is given up (0: never).
   Channel(GSocketConnection *connection, const Stages &stages, guint timeout);
   ~Channel();
   Channel(const Channel &) = delete;
@@ -73,9 +74,9 @@ public:
   void put(Control control);
 
   // The next message, NULL at the end of the channel, empty for an empty message.
-  Bytes get(guint32 limit = G_MAXINT32);
+  Bytes get(guint32 limit);
   // The next message, which has to be there.
-  Bytes need(guint32 limit = G_MAXINT32);
+  Bytes need(guint32 limit);
   Control need_control();
   // The same, or nothing at the end of the channel.
   std::optional<Control> get_control();
@@ -119,6 +120,7 @@ private:
   GvcBytesInputStream *in;
   GvcBytesOutputStream *out;
   guint timeout;
+  Deadline deadline;
   guint64 sent = 0;
   bool greeted = false;
   std::string peer_name;

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "command.h"
+#include "interrupt.h"
+#include "output.h"
 
 CommandLine::CommandLine(const Command &command)
     : name(command.name), usage("zelgvc " + name + " [OPTION...] " + command.arguments),
@@ -40,7 +42,7 @@ static void
 print_help(GOptionContext *context)
 {
   g_autofree char *help = g_option_context_get_help(context, FALSE, nullptr);
-  g_print("%s", help);
+  output(help);
 }
 
 std::vector<std::string>
@@ -56,6 +58,8 @@ CommandLine::parse(int argc, char **argv, gsize least, gsize most)
 
   g_autoptr(GError) error = nullptr;
   if (!g_option_context_parse(context, &argc, &argv, &error)) {
+    if (interrupted())
+      throw Failure{Exit::interrupted, "interrupted"};
     if (error->domain == G_FILE_ERROR)
       fail(Exit::local, "%s", error->message);
     fail(Exit::usage, "%s; see zelgvc %s --help", error->message, name.c_str());

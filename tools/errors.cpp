@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "errors.h"
+#include "output.h"
 #include "progress.h"
 
 #include <cstdarg>
-#include <cstdio>
+#include <unistd.h>
 
 static std::string
 format_message(const char *format, va_list args)
@@ -26,7 +27,7 @@ static void
 print_line(const std::string &line)
 {
   progress_clear();
-  std::fputs((line + "\n").c_str(), stderr);
+  write_all(STDERR_FILENO, line + "\n");
 }
 
 void

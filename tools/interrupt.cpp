@@ -10,13 +10,17 @@ static GCancellable *soon;
 static GCancellable *now;
 static std::atomic<int> first_signal;
 
+// A shell starts a background job with a SIGINT that is ignored, so that it stays so.
 static sigset_t
 waited_for()
 {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
+  for (int signal : {SIGINT, SIGTERM}) {
+    struct sigaction action;
+    if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+      sigaddset(&signals, signal);
+  }
   return signals;
 }
 
@@ -43,8 +47,9 @@ wait_for_signals()
 void
 interrupt_start()
 {
-  // A peer or a reader of our output that has gone is an error of the write, and no signal.
+  // A reader that has gone and a file that may not grow are errors of the write, and no signals.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 
   auto signals = waited_for();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -70,6 +75,17 @@ GCancellable *
 interrupt_now()
 {
   return now;
+}
+
+bool
+wait_for(int fd, short events, GCancellable *until, int milliseconds)
+{
+  GPollFD fds[2] = {{fd, static_cast<gushort>(events), 0}, {}};
+  bool cancellable = g_cancellable_make_pollfd(until, &fds[1]);
+  g_poll(fds, cancellable ? 2 : 1, milliseconds);
+  if (cancellable)
+    g_cancellable_release_fd(until);
+  return !g_cancellable_is_cancelled(until);
 }
 
 bool

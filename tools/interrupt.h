@@ -18,6 +18,10 @@ GCancellable *interrupt_soon();
 // writing a message that the peer otherwise could not make sense of.
 GCancellable *interrupt_now();
 
+// Waits until the descriptor can be read (POLLIN) or written (POLLOUT), or until the time is over.
+// False where `until` was cancelled. A descriptor below 0 is never ready.
+bool wait_for(int fd, short events, GCancellable *until, int milliseconds = -1);
+
 // Whether the first signal has come.
 bool interrupted();
 

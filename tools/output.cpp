@@ -1,26 +1,42 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "output.h"
 #include "errors.h"
+#include "interrupt.h"
 #include "progress.h"
 
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdarg>
+#include <poll.h>
 #include <unistd.h>
+
+// A piece of PIPE_BUF or less does not block once poll() says that there is room.
+int
+write_all(int fd, const std::string &text)
+{
+  for (gsize done = 0; done < text.size();) {
+    if (!wait_for(fd, POLLOUT, interrupt_now()))
+      return ECANCELED;
+    auto written = write(fd, text.data() + done, std::min<gsize>(text.size() - done, PIPE_BUF));
+    if (written < 0 && errno != EINTR && errno != EAGAIN)
+      return errno;
+    done += written > 0 ? static_cast<gsize>(written) : 0;
+  }
+  return 0;
+}
 
 void
 output(const std::string &text)
 {
   progress_clear();
-  for (gsize done = 0; done < text.size();) {
-    auto written = write(STDOUT_FILENO, text.data() + done, text.size() - done);
-    if (written > 0)
-      done += static_cast<gsize>(written);
-    else if (written < 0 && errno == EPIPE)
-      throw OutputClosed();
-    else if (written < 0 && errno != EINTR)
-      fail(Exit::local, "cannot write to standard output: %s", g_strerror(errno));
-  }
+  auto code = write_all(STDOUT_FILENO, text);
+  if (code == EPIPE)
+    throw OutputClosed();
+  if (code == ECANCELED)
+    throw Failure{Exit::interrupted, "interrupted"};
+  if (code != 0)
+    fail(Exit::local, "cannot write to standard output: %s", g_strerror(code));
 }
 
 void

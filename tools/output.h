@@ -10,6 +10,10 @@
 struct OutputClosed {
 };
 
+// Writes all of it, or returns the error number: ECANCELED where the user does not wait for a
+// reader that is stuck.
+int write_all(int fd, const std::string &text);
+
 void output(const std::string &text);
 void output_line(const char *format, ...) G_GNUC_PRINTF(1, 2);
 

@@ -88,14 +88,7 @@ print_summary(const Options &options, const Stages &stages, Channel &channel,
 static bool
 pause_for(double seconds)
 {
-  if (interrupted())
-    return false;
-  GPollFD fd;
-  if (seconds <= 0 || !g_cancellable_make_pollfd(interrupt_soon(), &fd))
-    return true;
-  g_poll(&fd, 1, static_cast<gint>(seconds * 1000));
-  g_cancellable_release_fd(interrupt_soon());
-  return !interrupted();
+  return wait_for(-1, 0, interrupt_soon(), static_cast<int>(seconds * 1000));
 }
 
 static std::vector<double>

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "address.h"
 #include "command.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 #include "progress.h"
 #include "transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -58,10 +60,10 @@ public:
   const int dir;
   const std::string path;
   int fd;
+  enum { unfinished, stored, discarded } state = unfinished;
 
 private:
   guint64 unsynced = 0;
-  bool settled = false;
 };
 } // namespace
 
@@ -96,7 +98,7 @@ Part::Part(int dir, const std::string &name) : dir(dir), path(part_name(name))
 
 Part::~Part()
 {
-  if (!settled && size() == 0)
+  if (state == unfinished && size() == 0)
     unlinkat(dir, path.c_str(), 0);
   close(fd);
 }
@@ -117,7 +119,7 @@ fail_part(const Part &part, const char *what)
 void
 Part::truncate(guint64 size)
 {
-  if (ftruncate(fd, static_cast<off_t>(size)) != 0)
+  if (retry([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0)
     fail_part(*this, "resize");
 }
 
@@ -137,14 +139,15 @@ Part::write(const void *bytes, gsize size, guint64 offset)
     return;
   }
   for (gsize done = 0; done < size;) {
-    auto written = pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done));
-    if (written < 0 && errno != EINTR)
+    auto written = retry(
+        [&] { return pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done)); });
+    if (written < 0)
       fail_part(*this, "write");
-    done += written > 0 ? static_cast<gsize>(written) : 0;
+    done += static_cast<gsize>(written);
   }
   unsynced += size;
   if (unsynced >= sync_interval) {
-    if (fdatasync(fd) != 0)
+    if (retry([&] { return fdatasync(fd); }) != 0)
       fail_part(*this, "write");
     unsynced = 0;
   }
@@ -154,29 +157,18 @@ void
 Part::discard()
 {
   unlinkat(dir, path.c_str(), 0);
-  settled = true;
+  state = discarded;
 }
 
 void
 Part::commit(const Announced &file, bool force)
 {
   const timespec times[2] = {{0, UTIME_OMIT}, file.mtime};
-  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || fsync(fd) != 0)
+  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || retry([&] { return fsync(fd); }))
     fail_part(*this, "finish");
-
-  auto *name = file.name.c_str();
-  bool renamed;
-  if (force) {
-    renamed = renameat(dir, path.c_str(), dir, name) == 0;
-  } else {
-    renamed = renameat2(dir, path.c_str(), dir, name, RENAME_NOREPLACE) == 0;
-    // Not every file system knows the flag. A second name is never given to what exists, either.
-    if (!renamed && errno == EINVAL)
-      renamed = linkat(dir, path.c_str(), dir, name, 0) == 0 && unlinkat(dir, path.c_str(), 0) == 0;
-  }
-  if (!renamed)
+  if (!give_name(dir, fd, path.c_str(), file.name.c_str(), force))
     fail_part(*this, ("give the name " + printable(file.name) + " to").c_str());
-  settled = true;
+  state = stored;
   fsync(dir);
 }
 
@@ -188,9 +180,8 @@ read_announcement(const Control &control)
   file.size = control.number("size");
   // The bits that make a program run as its owner are not for a peer to set.
   file.mode = static_cast<mode_t>(control.number("mode", 0600) & 0777);
-  auto mtime = control.integer("mtime");
-  auto seconds = mtime / 1000000000 - (mtime % 1000000000 < 0);
-  file.mtime = {seconds, mtime - seconds * 1000000000};
+  auto nanoseconds = std::min<guint64>(control.number("mtime-nsec"), 999999999);
+  file.mtime = {control.integer("mtime"), static_cast<long>(nanoseconds)};
   return file;
 }
 
@@ -283,7 +274,9 @@ static void
 say_what_is_kept(const Part &part, const Announced &file)
 {
   auto kept = part.size();
-  if (kept > 0)
+  if (part.state == Part::stored)
+    inform("%s is stored, and the sender may not know", printable(file.name).c_str());
+  else if (part.state == Part::unfinished && kept > 0)
     inform("%s of %s of %s are kept in %s; --resume goes on there", human_size(kept).c_str(),
            human_size(file.size).c_str(), printable(file.name).c_str(),
            printable(part.path).c_str());
@@ -321,13 +314,14 @@ receive_file(Channel &channel, const Announced &file, const Options &options, bo
     check_free(options, file.name);
     Part part(options.dir, file.name);
     answered = true;
+    Transferred result;
     try {
-      report(receive_into(channel, part, file, options, resume), "received", options.json);
+      result = receive_into(channel, part, file, options, resume);
     } catch (...) {
       say_what_is_kept(part, file);
       throw;
     }
-    return Exit::ok;
+    return report(result, "received", options.json);
   } catch (const Refusal &refusal) {
     complain("%s %s: %s", answered ? "did not get" : "refused", printable(file.name).c_str(),
              refusal.why.c_str());

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "address.h"
 #include "command.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 #include "progress.h"
@@ -53,18 +54,22 @@ open_file(File &file, const std::string &path)
     throw FileFailure{Exit::local, file.path + " is a directory; only files are sent"};
   if (!S_ISREG(file.status.st_mode))
     throw FileFailure{Exit::local, file.path + " is no regular file"};
+  // Files of /proc, say, have no size and yet contents.
+  char byte;
+  if (file.size() == 0 && pread(file.fd, &byte, 1, 0) == 1)
+    throw FileFailure{Exit::local, file.path + " does not tell its size"};
 }
 
 static Control
 announcement(const File &file, const std::string &path)
 {
   g_autofree char *name = g_path_get_basename(path.c_str());
-  auto mtime =
-      file.status.st_mtim.tv_sec * G_GINT64_CONSTANT(1000000000) + file.status.st_mtim.tv_nsec;
+  auto &mtime = file.status.st_mtim;
   Control control;
   control.set_bytes("name", name).set("size", file.size());
   control.set("mode", guint64{file.status.st_mode & 07777u});
-  control.set("mtime", g_variant_new_int64(mtime));
+  control.set("mtime", g_variant_new_int64(mtime.tv_sec));
+  control.set("mtime-nsec", static_cast<guint64>(mtime.tv_nsec));
   return control;
 }
 
@@ -107,11 +112,7 @@ static gsize
 read_chunk(const File &file, char *buffer, guint64 offset)
 {
   auto wanted = std::min<guint64>(chunk_size, file.size() - offset);
-  ssize_t got;
-  do
-    got = pread(file.fd, buffer, wanted, static_cast<off_t>(offset));
-  while (got < 0 && errno == EINTR);
-
+  auto got = retry([&] { return pread(file.fd, buffer, wanted, static_cast<off_t>(offset)); });
   if (got < 0)
     throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
   if (got == 0)
@@ -206,8 +207,7 @@ send_file(Channel &channel, const std::string &path, bool json)
   File file;
   try {
     open_file(file, path);
-    report(transfer(channel, file, path), "sent", json);
-    return Exit::ok;
+    return report(transfer(channel, file, path), "sent", json);
   } catch (const FileFailure &failure) {
     complain("%s", failure.message.c_str());
     return failure.code;

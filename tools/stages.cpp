@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "stages.h"
 #include "errors.h"
+#include "interrupt.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 static constexpr gsize key_size = 32;
@@ -15,13 +17,18 @@ read_key(const char *path, GError **error)
 {
   guint8 key[key_size + 1];
   gsize size = 0;
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   ssize_t got = fd < 0 ? -1 : 1;
 
   while (got > 0 && size < sizeof key) {
+    // Nobody may ever write to a pipe.
+    if (!wait_for(fd, POLLIN, interrupt_soon()))
+      break;
     got = read(fd, key + size, sizeof key - size);
     if (got > 0)
       size += static_cast<gsize>(got);
+    else if (got < 0 && (errno == EINTR || errno == EAGAIN))
+      got = 1;
   }
   int code = errno;
   if (fd >= 0)

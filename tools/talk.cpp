@@ -3,43 +3,42 @@
 #include "channel.h"
 #include "interrupt.h"
 
-#include <gio/gunixinputstream.h>
-#include <gio/gunixoutputstream.h>
+#include <glib-unix.h>
 
+#include <cerrno>
+#include <condition_variable>
 #include <csignal>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <sys/prctl.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 // The lines of standard input, read one ahead, so that they outlast a peer.
 struct Talk::Input {
-  GDataInputStream *stream;
+  char chunk[64 * 1024];
+  gsize taken = 0, filled = 0; // bytes of the chunk
+  std::string part;            // of a line whose end has not come yet
   std::string line;
   guint64 number = 0;
+  const gsize limit;
   bool has_line = false;
+  bool too_long = false; // so is the line, of which only the beginning is there
+  bool skipping = false; // the rest of such a line
   bool reading = false;
   bool at_end = false;
   bool used = false; // at least one line was there
   bool terminal = isatty(STDIN_FILENO);
   std::string failure;
-  Session *session = nullptr; // which is told about a new line
+  Session *session = nullptr; // which is told about new input
 
-  Input()
-  {
-    g_autoptr(GInputStream) base = g_unix_input_stream_new(STDIN_FILENO, FALSE);
-    stream = g_data_input_stream_new(base);
-    g_buffered_input_stream_set_buffer_size(G_BUFFERED_INPUT_STREAM(stream), 64 * 1024);
-  }
-
-  void
-  next()
-  {
-    if (reading || has_line || at_end)
-      return;
-    reading = true;
-    g_data_input_stream_read_line_async(stream, G_PRIORITY_DEFAULT, interrupt_soon(), line_read,
-                                        this);
-  }
-
-  static void line_read(GObject *, GAsyncResult *result, gpointer data);
+  explicit Input(gsize limit) : limit(limit) {}
+  void next();
+  void take_line();
+  void finish_line();
+  static gboolean readable(int fd, GIOCondition condition, gpointer data);
 };
 
 struct Talk::Session {
@@ -52,8 +51,9 @@ struct Talk::Session {
   GvcBytesInputStream *frames_in;
   GvcBytesOutputStream *frames_out;
   GvcDataInputStream *strings_in;
-  GOutputStream *standard_output;
   GCancellable *cancellable; // of all that only reads
+  GCancellable *leaving;     // of what is sent
+  gulong follows_interrupt;  // by which an interrupt reaches the latter
   std::string peer;
 
   int pending = 0; // operations that will still call back
@@ -63,7 +63,7 @@ struct Talk::Session {
   bool peer_has_ended = false; // no more messages will come
   guint64 strings_taken = 0;   // bytes of complete strings
   std::string outgoing;        // the message or line that is on its way
-  std::string printing;
+  pid_t command = 0;           // that --exec runs
   Failure failure = {Exit::ok, ""};
   Exit worst = Exit::ok;
   bool output_closed = false;
@@ -96,27 +96,75 @@ struct Talk::Session {
   static void end_sent(GObject *source, GAsyncResult *result, gpointer data);
 };
 
+// Makes the next line available if it is there, and starts to read otherwise.
 void
-Talk::Input::line_read(GObject *, GAsyncResult *result, gpointer data)
+Talk::Input::next()
+{
+  if (!has_line)
+    take_line();
+  if (reading || has_line || at_end)
+    return;
+  reading = true;
+  auto conditions = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
+  g_unix_fd_add(STDIN_FILENO, conditions, readable, this);
+}
+
+void
+Talk::Input::take_line()
+{
+  while (taken < filled && !has_line) {
+    auto *from = chunk + taken;
+    auto *end = static_cast<char *>(std::memchr(from, '\n', filled - taken));
+    auto size = end ? static_cast<gsize>(end - from) : filled - taken;
+    taken += size + (end != nullptr);
+    if (skipping) {
+      skipping = !end;
+      continue;
+    }
+    part.append(from, size);
+    too_long = part.size() > limit;
+    skipping = too_long && !end;
+    if (end || too_long)
+      finish_line();
+  }
+}
+
+void
+Talk::Input::finish_line()
+{
+  line.swap(part);
+  part.clear();
+  number++;
+  has_line = used = true;
+}
+
+gboolean
+Talk::Input::readable(int fd, GIOCondition, gpointer data)
 {
   auto *self = static_cast<Input *>(data);
-  g_autoptr(GError) error = nullptr;
-  gsize length = 0;
+  auto got = read(fd, self->chunk, sizeof self->chunk);
+  if (got < 0 && (errno == EINTR || errno == EAGAIN))
+    return G_SOURCE_CONTINUE;
 
   self->reading = false;
-  g_autofree char *text =
-      g_data_input_stream_read_line_finish(self->stream, result, &length, &error);
-  if (text) {
-    self->line.assign(text, length);
-    self->number++;
-    self->has_line = self->used = true;
-  } else {
+  self->taken = 0;
+  self->filled = got > 0 ? static_cast<gsize>(got) : 0;
+  if (got < 0)
+    self->failure = g_strerror(errno);
+  if (got <= 0) {
     self->at_end = true;
-    if (error && !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-      self->failure = error->message;
+    if (!self->part.empty())
+      self->finish_line();
   }
   if (self->session)
     self->session->input_changed();
+  return G_SOURCE_REMOVE;
+}
+
+static void
+cancel_too(GCancellable *, gpointer other)
+{
+  g_cancellable_cancel(static_cast<GCancellable *>(other));
 }
 
 Talk::Session::Session(const TalkOptions &options, Input &input, GSocketConnection *connection)
@@ -135,8 +183,10 @@ Talk::Session::Session(const TalkOptions &options, Input &input, GSocketConnecti
   frames_in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
   frames_out = gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io));
   strings_in = gvc_data_input_stream_new(G_INPUT_STREAM(meter));
-  standard_output = g_unix_output_stream_new(STDOUT_FILENO, FALSE);
   cancellable = g_cancellable_new();
+  leaving = g_cancellable_new();
+  follows_interrupt =
+      g_cancellable_connect(interrupt_now(), G_CALLBACK(cancel_too), leaving, nullptr);
   input.session = this;
 }
 
@@ -144,8 +194,9 @@ Talk::Session::~Session()
 {
   input.session = nullptr;
   g_io_stream_close(G_IO_STREAM(socket_connection), nullptr, nullptr);
+  g_cancellable_disconnect(interrupt_now(), follows_interrupt);
+  g_object_unref(leaving);
   g_object_unref(cancellable);
-  g_object_unref(standard_output);
   g_object_unref(strings_in);
   g_object_unref(frames_out);
   g_object_unref(frames_in);
@@ -254,23 +305,66 @@ Talk::Session::received(const std::string &message)
     print(message);
 }
 
+// A thread waits for the reader of standard output. Whether a write would block cannot be known
+// before, and neither the peer nor standard input shall wait for it. GLib's own threads would not
+// do: work waits for ever where the system refuses another one.
+class Printer
+{
+public:
+  Printer()
+  {
+    std::thread(&Printer::work, this).detach();
+  }
+
+  // The line is the data of the task.
+  void
+  print(GTask *line)
+  {
+    std::lock_guard lock(mutex);
+    task = line;
+    wanted.notify_one();
+  }
+
+private:
+  void
+  work()
+  {
+    for (std::unique_lock lock(mutex);; lock.lock()) {
+      wanted.wait(lock, [this] { return task != nullptr; });
+      g_autoptr(GTask) line = std::exchange(task, nullptr);
+      lock.unlock();
+      auto code = write_all(STDOUT_FILENO, *static_cast<std::string *>(g_task_get_task_data(line)));
+      if (code == 0)
+        g_task_return_boolean(line, TRUE);
+      else
+        g_task_return_new_error(line, G_IO_ERROR, g_io_error_from_errno(code), "%s",
+                                g_strerror(code));
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable wanted;
+  GTask *task = nullptr;
+};
+
 void
 Talk::Session::print(const std::string &message)
 {
   std::string why;
+  auto line = std::make_unique<std::string>();
   bool understood;
 
   if (options.json) {
     JsonLine json;
     json.add("size", static_cast<guint64>(message.size()));
     understood = options.format.add_to(json, message, &why);
-    printing = json.text();
+    *line = json.text();
   } else {
-    understood = options.format.write_line(message, &printing, &why);
+    understood = options.format.write_line(message, line.get(), &why);
     // A peer does not get to control the terminal.
     if (isatty(STDOUT_FILENO))
-      printing = printable(printing);
-    printing += '\n';
+      *line = printable(*line);
+    *line += '\n';
   }
   if (!understood) {
     mishap(peer + " sent what is no message here: " + why);
@@ -278,18 +372,21 @@ Talk::Session::print(const std::string &message)
     return;
   }
   pending++;
-  g_output_stream_write_all_async(standard_output, printing.data(), printing.size(),
-                                  G_PRIORITY_DEFAULT, interrupt_now(), printed, this);
+  auto *task = g_task_new(nullptr, interrupt_now(), printed, this);
+  g_task_set_task_data(task, line.release(),
+                       [](gpointer text) { delete static_cast<std::string *>(text); });
+  static auto *printer = new Printer;
+  printer->print(task);
 }
 
 void
-Talk::Session::printed(GObject *source, GAsyncResult *result, gpointer data)
+Talk::Session::printed(GObject *, GAsyncResult *result, gpointer data)
 {
   auto *self = static_cast<Session *>(data);
   g_autoptr(GError) error = nullptr;
 
   self->pending--;
-  if (g_output_stream_write_all_finish(G_OUTPUT_STREAM(source), result, nullptr, &error)) {
+  if (g_task_propagate_boolean(G_TASK(result), &error)) {
     if (!self->done)
       self->read_next();
   } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE)) {
@@ -299,12 +396,17 @@ Talk::Session::printed(GObject *source, GAsyncResult *result, gpointer data)
   }
 }
 
+// The command gets signals as any program does. It and its children are a process group, which ends
+// with this program.
 static void
-unblock_signals(gpointer)
+prepare_command(gpointer)
 {
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_UNBLOCK, &all, nullptr);
+  std::signal(SIGXFSZ, SIG_DFL);
+  setpgid(0, 0);
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
 
 // The command reads the line that would be printed, and what it writes is taken like a line of
@@ -323,13 +425,15 @@ Talk::Session::execute(const std::string &message)
   g_autoptr(GError) error = nullptr;
   g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
       G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-  g_subprocess_launcher_set_child_setup(launcher, unblock_signals, nullptr, nullptr);
+  g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
   g_autoptr(GSubprocess) process =
       g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
   if (!process) {
     end_with(Exit::local, std::string("cannot run the command: ") + error->message);
     return;
   }
+  auto *identifier = g_subprocess_get_identifier(process);
+  command = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
   g_autoptr(GBytes) bytes = g_bytes_new(line.data(), line.size());
   pending++;
   g_subprocess_communicate_async(process, bytes, cancellable, executed, this);
@@ -347,6 +451,8 @@ Talk::Session::executed(GObject *source, GAsyncResult *result, gpointer data)
   // A command that does not read what it is given is no failure.
   bool finished = g_subprocess_communicate_finish(process, result, &output, nullptr, &error) ||
                   g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE);
+  if (!finished && self->command > 0)
+    kill(-self->command, SIGTERM);
   if (self->done)
     return;
   if (!finished) {
@@ -378,14 +484,14 @@ void
 Talk::Session::send_line()
 {
   std::string message, why;
-  bool good = options.format.read_line(input.line, &message, &why);
+  bool good = !input.too_long && options.format.read_line(input.line, &message, &why);
+  if (input.too_long)
+    why = "it has more than " + std::to_string(input.limit) + " bytes";
   input.has_line = false;
-  if (good) {
+  if (good)
     send(message);
-    return;
-  }
-  mishap("line " + std::to_string(input.number) + " is not sent: " + why);
-  input.next();
+  else
+    mishap("line " + std::to_string(input.number) + " is not sent: " + why);
 }
 
 void
@@ -402,11 +508,11 @@ Talk::Session::send(const std::string &message)
     outgoing += options.format.terminator;
     auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel));
     gvc_output_stream_util_write_all_async(out, outgoing.data(), outgoing.size(),
-                                           G_PRIORITY_DEFAULT, interrupt_now(), string_sent, this);
+                                           G_PRIORITY_DEFAULT, leaving, string_sent, this);
     return;
   }
   g_autoptr(GBytes) bytes = g_bytes_new_static(outgoing.data(), outgoing.size());
-  gvc_bytes_output_stream_put_bytes_async(frames_out, bytes, G_PRIORITY_DEFAULT, interrupt_now(),
+  gvc_bytes_output_stream_put_bytes_async(frames_out, bytes, G_PRIORITY_DEFAULT, leaving,
                                           frame_sent, this);
 }
 
@@ -450,26 +556,38 @@ Talk::Session::sent(GError *owned)
     input_changed();
 }
 
-// Half of the channel is closed, and the peer learns that no more messages will come.
+static void
+close_stream(GTask *task)
+{
+  GError *error = nullptr;
+  auto *stream = G_OUTPUT_STREAM(g_task_get_source_object(task));
+  if (g_output_stream_close(stream, g_task_get_cancellable(task), &error))
+    g_task_return_boolean(task, TRUE);
+  else
+    g_task_return_error(task, error);
+  g_object_unref(task);
+}
+
+// Half of the channel is closed, and the peer learns that no more messages will come. What the
+// stages send then is written in a thread, as GIO would do it.
 void
 Talk::Session::send_end()
 {
   closing = true;
   pending++;
-  g_output_stream_close_async(g_io_stream_get_output_stream(G_IO_STREAM(channel)),
-                              G_PRIORITY_DEFAULT, interrupt_now(), end_sent, this);
+  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel));
+  std::thread(close_stream, g_task_new(out, leaving, end_sent, this)).detach();
 }
 
 void
-Talk::Session::end_sent(GObject *source, GAsyncResult *result, gpointer data)
+Talk::Session::end_sent(GObject *, GAsyncResult *result, gpointer data)
 {
   auto *self = static_cast<Session *>(data);
   g_autoptr(GError) error = nullptr;
 
   self->pending--;
   auto *socket = g_socket_connection_get_socket(self->socket_connection);
-  bool closed = g_output_stream_close_finish(G_OUTPUT_STREAM(source), result, &error);
-  if (closed)
+  if (g_task_propagate_boolean(G_TASK(result), &error))
     g_socket_shutdown(socket, FALSE, TRUE, nullptr);
   else if (!self->peer_has_ended && !interrupted())
     self->end_with(Exit::peer, self->peer + " went away: " + error->message);
@@ -489,12 +607,14 @@ Talk::Session::input_changed()
 {
   if (done || sending || closing)
     return check_done();
-  if (!options.exec && input.has_line)
+  while (!options.exec && !done && !sending) {
+    input.next();
+    if (!input.has_line)
+      break;
     send_line();
+  }
   if (done || sending)
     return;
-  if (!options.exec)
-    input.next();
 
   // A terminal is at its end with the peer, and so is every input where the next peer waits.
   // Without a single line to send there is no end to tell the peer of, and only connect does.
@@ -513,6 +633,13 @@ on_interrupt(GCancellable *, gpointer data)
   return G_SOURCE_REMOVE;
 }
 
+static gboolean
+on_grace(gpointer cancellable)
+{
+  g_cancellable_cancel(static_cast<GCancellable *>(cancellable));
+  return G_SOURCE_REMOVE;
+}
+
 void
 Talk::Session::run()
 {
@@ -525,17 +652,22 @@ Talk::Session::run()
   while (!done)
     g_main_context_iteration(nullptr, TRUE);
 
-  // Nothing of this session may call back after it. A message on its way is finished.
+  // Nothing of this session may call back after it. What is on its way has two seconds to leave,
+  // and none where the channel has failed.
   g_cancellable_cancel(cancellable);
+  g_autoptr(GSource) grace = g_timeout_source_new(failure.code == Exit::ok ? 2000 : 0);
+  g_source_set_callback(grace, on_grace, leaving, nullptr);
+  g_source_attach(grace, nullptr);
   while (pending > 0)
     g_main_context_iteration(nullptr, TRUE);
+  g_source_destroy(grace);
   g_source_destroy(source);
 }
 
-// A read of standard input may be under way when the program ends, so what it reads into stays.
+// The source of standard input outlasts a session.
 Talk::Talk(const TalkOptions &options) : options(options)
 {
-  static auto *standard_input = new Input;
+  static auto *standard_input = new Input(options.line_limit());
   input = standard_input;
 }
 
@@ -573,6 +705,14 @@ TalkOptions::add_to(CommandLine &line)
   };
   line.add(entries);
   line.add(&stages);
+}
+
+// Digits and the text of a variant take more than what they stand for.
+gsize
+TalkOptions::line_limit() const
+{
+  bool written_out = format.kind == MessageFormat::hex || format.kind == MessageFormat::variant;
+  return written_out ? gsize{8} * limit : limit;
 }
 
 void

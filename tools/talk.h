@@ -20,6 +20,9 @@ struct TalkOptions {
   void add_to(CommandLine &line);
   void check();
 
+  // The bytes that a line of standard input may have.
+  gsize line_limit() const;
+
 private:
   gboolean frames = FALSE, hex = FALSE;
   OptionText variant, strings;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "transfer.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 
@@ -26,9 +27,7 @@ hash_beginning(int fd, guint64 size, Sha256 &sha, Channel &channel)
 
   for (guint64 done = 0; done < size;) {
     auto wanted = std::min<guint64>(buffer.size(), size - done);
-    auto got = pread(fd, buffer.data(), wanted, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR)
-      continue;
+    auto got = retry([&] { return pread(fd, buffer.data(), wanted, static_cast<off_t>(done)); });
     if (got <= 0)
       return false;
     if (interrupted())
@@ -67,12 +66,18 @@ print_report(const Transferred &file, const char *verb, bool json)
               from.c_str(), sha256.c_str());
 }
 
-void
+Exit
 report(const Transferred &file, const char *verb, bool json)
 {
   try {
     print_report(file, verb, json);
   } catch (const OutputClosed &) {
-    // That nobody reads on is no reason to leave files behind.
+    // Nobody wants to know.
+  } catch (const Failure &failure) {
+    if (failure.code != Exit::local)
+      throw;
+    complain("%s %s, but %s", verb, file.name.c_str(), failure.message.c_str());
+    return failure.code;
   }
+  return Exit::ok;
 }

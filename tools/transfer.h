@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The protocol of send and receive. All messages but the data are dictionaries.
 //
-// After the hello the sender announces each file with "name", "size", "mode" and "mtime". The
+// After the hello the sender announces each file with "name", "size", "mode", and the seconds and
+// nanoseconds of its modification, "mtime" and "mtime-nsec". The
 // receiver answers "refused", and the sender goes on with the next file; or it answers "have", the
 // number of bytes it has of an earlier attempt, with their "sha256". The sender answers with the
 // "offset" that it starts at. The data follows in messages of up to chunk_size bytes; an empty
@@ -36,5 +37,6 @@ struct Transferred {
   std::string sha256;
 };
 
-// One line on standard output about a file that has arrived.
-void report(const Transferred &file, const char *verb, bool json);
+// One line on standard output about a file that has arrived. A line that cannot be written is no
+// reason to leave other files behind: that is said on standard error, and Exit::local returned.
+Exit report(const Transferred &file, const char *verb, bool json);

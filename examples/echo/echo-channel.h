@@ -45,6 +45,14 @@ echo_writer_new(GvcConnection *channel)
   return gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel)));
 }
 
+/* Closes the socket. Closing the channel would also send what its stages still hold, and wait for a
+ * peer that does not read. */
+static inline void
+echo_channel_close(GvcConnection *channel)
+{
+  g_io_stream_close(G_IO_STREAM(gvc_connection_get_connection(channel)), NULL, NULL);
+}
+
 /* The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
  * that it could not get another block. */
 static inline gboolean

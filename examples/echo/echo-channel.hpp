@@ -87,9 +87,12 @@ public:
     reader_.reset(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(io)));
     writer_.reset(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io)));
   }
+  // Closes the socket. Closing the channel would also send what its stages still hold, and wait for
+  // a peer that does not read.
   ~Channel()
   {
-    g_io_stream_close(G_IO_STREAM(connection_.get()), nullptr, nullptr);
+    auto *socket = gvc_connection_get_connection(connection_.get());
+    g_io_stream_close(G_IO_STREAM(socket), nullptr, nullptr);
   }
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;

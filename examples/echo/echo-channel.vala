@@ -27,11 +27,11 @@ class EchoChannel {
 
   public void close () {
     try {
-      // The channel closes its streams and leaves the socket to the socket connection.
-      connection.close ();
+      // Closing the channel would also send what its stages still hold, and wait for a peer that
+      // does not read.
       connection.get_connection ().close ();
     } catch (Error error) {
-      // The peer may have gone first.
+      // The socket has gone all the same.
     }
   }
 }

@@ -136,7 +136,6 @@ main(int argc, char **argv)
   client.writer = echo_writer_new(channel);
   make_messages(&client);
   (async ? run_async : run_blocking)(&client);
-  g_io_stream_close(G_IO_STREAM(channel), NULL, NULL);
 
   if (client.error) {
     g_printerr("echo-client: %s\n", client.error->message);
@@ -144,6 +143,7 @@ main(int argc, char **argv)
     peer = gvc_io_stream_get_remote_address_string(G_IO_STREAM(channel));
     g_print("%u messages echoed by %s\n", client.next, peer);
   }
+  echo_channel_close(channel);
   for (guint i = 0; i < N_MESSAGES; i++)
     g_bytes_unref(client.messages[i]);
   g_object_unref(client.reader);

@@ -19,7 +19,7 @@ serve(GSocketConnection *socket)
   }
   if (!echo_is_end(error))
     g_printerr("echo-server: %s\n", error->message);
-  g_io_stream_close(G_IO_STREAM(channel), NULL, NULL);
+  echo_channel_close(channel);
 }
 
 typedef struct {
@@ -33,7 +33,7 @@ session_end(Session *session, const GError *error)
 {
   if (!echo_is_end(error))
     g_printerr("echo-server: %s\n", error->message);
-  g_io_stream_close(G_IO_STREAM(session->channel), NULL, NULL);
+  echo_channel_close(session->channel);
   g_object_unref(session->reader);
   g_object_unref(session->writer);
   g_object_unref(session->channel);

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """keygen, listen and connect, each as a real process against another."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -11,6 +12,7 @@ import socket
 import stat
 import struct
 import subprocess
+import termios
 
 from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
 
@@ -177,6 +179,47 @@ def json_objects():
     ], found
 
 
+@case
+def json_holds_nothing_that_controls_a_terminal():
+    text = "\x1b[2J\x7f\x9b2J\x9d0;title\x07\u202e\u2066\U000e0001 \u00e9\U0001f600"
+    for end, options, name in (("", [], "text"), ("\0", ["--variant", "s"], "variant")):
+        listen = Process("listen", "unix:socket", "--json", *options)
+        line = (text + end).encode().hex() + "\n"
+        run("connect", listen.address(), "--hex", data=line.encode())
+        shown = listen.wait().output.decode().removesuffix("\n")
+        assert shown.isprintable() and "\u00e9\U0001f600" in shown, shown.encode()
+        assert name == "variant" or json.loads(shown)[name] == text
+
+
+def gone(pid):
+    """Whether a process has ended, as far as a process that is not its parent can tell."""
+    try:
+        return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0] == "Z"
+    except FileNotFoundError:
+        return True
+
+
+@case
+def an_interrupt_ends_the_command_and_its_children():
+    command = "sleep 1000 & echo $$ $! > pids; wait"
+    for number, code in ((signal.SIGTERM, 143), (signal.SIGKILL, -9)):
+        listen = Process("listen", "unix:socket", "--exec", command)
+        peer = call(listen)
+        peer.sendall(b"\x01\0\0\0a")
+        listen.until(lambda: os.path.exists("pids") and os.path.getsize("pids"), "command")
+        shell, child = pathlib.Path("pids").read_text().split()
+        listen.kill(number)
+        listen.wait(code)
+        listen.until(lambda: gone(shell), "end of the command")
+        if number == signal.SIGTERM:
+            listen.until(lambda: gone(child), "end of its child")
+        else:
+            # Nobody is left to tell the child of a command that a signal has ended.
+            os.kill(int(child), signal.SIGKILL)
+        os.unlink("pids")
+        pathlib.Path("socket").unlink(missing_ok=True)
+
+
 @each(*PAIRS)
 def exec_answers_each_message(kind, stages):
     key()
@@ -245,18 +288,88 @@ def a_full_disk_under_standard_output_is_named():
         run("connect", listen.address(), data=b"x\n", codes=(0, 4))
         listen.wait(6).complained("cannot write to standard output: ")
         assert "No space left" in listen.errors
-        help_ = Process("--help", stdout=full)
-        help_.wait(6).complained("No space left")
+        for help_ in (["--help"], ["--version"], ["ping", "--help"]):
+            Process(*help_, stdout=full).wait(6).complained("No space left")
+
+
+def call(listen):
+    """A peer of our own."""
+    listen.address()
+    peer = socket.socket(socket.AF_UNIX)
+    peer.connect("socket")
+    return peer
 
 
 def cut_off(data, *options):
     listen = Process("listen", "unix:socket", *options)
-    listen.address()
-    peer = socket.socket(socket.AF_UNIX)
-    peer.connect("socket")
+    peer = call(listen)
     peer.sendall(data)
     peer.close()
     return listen
+
+
+def stuck(*options, **more):
+    """Listens, and is in the middle of a message that its peer does not take. Only the peer that is
+    returned is left to end that."""
+    pathlib.Path("long").write_bytes(b"x" * 5000000)
+    with open("long", "rb") as file:
+        listen = Process("listen", "unix:socket", *options, stdin=file, **more)
+    peer = call(listen)
+    assert peer.recv(4) == struct.pack("<i", 5000000)
+    return listen, peer
+
+
+LIE = struct.pack("<i", -1)  # announces a message that is too long
+
+
+@case
+def a_peer_that_breaks_the_protocol_is_not_waited_for():
+    listen, peer = stuck()
+    peer.sendall(LIE)
+    listen.wait(5).complained("cannot be understood")
+
+
+@case
+def a_peer_that_breaks_the_protocol_does_not_keep_others_waiting():
+    listen, peer = stuck("--keep")
+    peer.sendall(LIE)
+    listen.until(lambda: listen.complaints, "complaint")
+    run("connect", listen.address(), data=b"next\n")
+    listen.until(lambda: listen.output == b"next\n", "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
+def a_reader_that_has_gone_does_not_wait_for_the_peer():
+    reader, writer = os.pipe()
+    listen, peer = stuck(stdout=writer)
+    os.close(writer)
+    os.close(reader)
+    peer.sendall(b"\x01\0\0\0a")
+    listen.wait(0)
+    assert not listen.complaints
+
+
+@case
+def a_stuck_reader_does_not_stop_what_is_sent():
+    reader, writer = os.pipe()
+    listen = Process("listen", "unix:socket", stdin=subprocess.PIPE, stdout=writer)
+    os.close(writer)
+    peer = call(listen)
+    peer.sendall(struct.pack("<i", 1000000) + b"y" * 1000000)
+    listen.until(lambda: fionread(reader) > 0, "beginning of the message")
+    listen.popen.stdin.write(b"the other direction\n")
+    listen.popen.stdin.close()
+    listen.until(lambda: fionread(peer) == 4 + 19, "the other direction")
+    peer.shutdown(socket.SHUT_WR)
+    with open(reader, "rb") as file:
+        assert file.read() == b"y" * 1000000 + b"\n"
+    listen.wait(0)
+
+
+def fionread(fd):
+    return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, bytes(4)))[0]
 
 
 @case
@@ -345,6 +458,59 @@ def an_interrupt_ends_both_sides_cleanly():
     listen.popen.stdin.close()
     listen.wait()
     assert listen.output == b"complete\n"
+
+
+@case
+def an_interrupt_that_is_ignored_from_the_start_stays_so():
+    listen = Process(
+        "listen", "unix:socket", before=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
+    )
+    listen.address()
+    listen.kill(signal.SIGINT)
+    run("connect", "unix:socket", data=b"still here\n")
+    assert listen.wait().output == b"still here\n"
+
+
+@case
+def an_interrupt_ends_the_wait_for_a_key():
+    os.mkfifo("pipe")
+    connect = Process("connect", "unix:none", "--encrypt", "pipe")
+    connect.until(lambda: sleeping(connect), "wait")
+    connect.kill(signal.SIGINT)
+    connect.wait(130).complained("interrupted")
+    # A pipe holds a key as a file does.
+    writer = subprocess.Popen(["sh", "-c", "printf %032d 0 > pipe"])
+    run("connect", "unix:none", "--encrypt", "pipe", codes=(3,)).complained("cannot connect")
+    writer.wait()
+
+
+def sleeping(process):
+    """Whether the program waits, all its threads."""
+    tasks = pathlib.Path(f"/proc/{process.popen.pid}/task").glob("*/stat")
+    states = [task.read_text().rpartition(")")[2].split()[0] for task in tasks]
+    return len(states) > 1 and set(states) == {"S"}
+
+
+@case
+def a_line_over_the_limit_is_not_sent_and_takes_no_memory():
+    listen = Process("listen", "unix:socket")
+    lines = b"x" * 1000 + b"\n" + b"y" * 30000000 + b"\nz\n" + b"y" * 1001
+    connect = run("connect", listen.address(), "--limit", "1000", data=lines, codes=(1,))
+    connect.complained("line 4 is not sent: it has more than 1000 bytes", lines=2)
+    connect.used_at_most(32 * 1024)
+    assert listen.wait().output == b"x" * 1000 + b"\nz\n"
+    # Digits stand for less than they are.
+    listen = Process("listen", "unix:socket", "--hex")
+    run("connect", listen.address(), "--hex", "--limit", "1000", data=b"7a" * 1000 + b"\n")
+    assert listen.wait().output == b"7a" * 1000 + b"\n"
+    with open("/dev/zero", "rb") as zero:
+        listen = Process("listen", "unix:socket")
+        connect = Process("connect", listen.address(), "--limit", "1000000", stdin=zero)
+    connect.until(lambda: connect.complaints, "complaint")
+    connect.look_at_memory()
+    connect.kill(signal.SIGINT)
+    connect.wait(130)
+    connect.used_at_most(32 * 1024)
 
 
 @case

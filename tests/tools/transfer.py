@@ -2,11 +2,13 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """send and receive, each as a real process against the other."""
 
+import fcntl
 import hashlib
 import json
 import os
 import pathlib
 import random
+import resource
 import shutil
 import signal
 import socket
@@ -15,7 +17,9 @@ import struct
 import subprocess
 import time
 
-from support import PAIRS, SANITIZED, STAGES, Process, Skip, case, each, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, STAGES, Peer, Process, Skip, case, each, frame, key, listening_address, main, run,
+)
 
 MEMORY = 64 * 1024  # KiB
 
@@ -108,60 +112,6 @@ def odd_names():
         assert b"\x1b" not in process.output and b"new\\x0aline" in process.output
 
 
-def frame(data):
-    return struct.pack("<i", len(data)) + data
-
-
-class Peer:
-    """A sender written by hand, for what the real one would never send. Its messages are built by
-    the dictionaries' own serialised form: padded, with offsets at the end."""
-
-    def __init__(self, address):
-        path = address.removeprefix("unix:")
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.connect(path)
-        self.socket.sendall(frame(self.hello(b"files")))
-        self.receive()
-
-    @staticmethod
-    def entry(name, kind, data):
-        """{sv}: the name, the value aligned to 8, the offset of the end of the name."""
-        name = name + b"\0"
-        variant = data + b"\0" + kind
-        body = name + bytes(-len(name) % 8) + variant
-        return body + struct.pack("<H" if len(body) > 254 else "<B", len(name))
-
-    @classmethod
-    def dictionary(cls, **values):
-        body, ends = b"", []
-        for name, value in values.items():
-            if isinstance(value, bytes):
-                item = cls.entry(name.encode(), b"ay", value)
-            else:
-                item = cls.entry(name.encode(), b"t", struct.pack("<Q", value))
-            body += bytes(-len(body) % 8) + item
-            ends.append(len(body))
-        wide = len(body) + len(ends) > 255
-        return body + b"".join(struct.pack("<H" if wide else "<B", end) for end in ends)
-
-    @classmethod
-    def hello(cls, service, version=1):
-        # (susa{sv}): magic, version, service, an empty dictionary aligned to 8.
-        magic = b"zelgvc\0"
-        head = magic + bytes(-len(magic) % 4) + struct.pack("<I", version) + service + b"\0"
-        body = head + bytes(-len(head) % 8)
-        return body + bytes([len(head), len(magic)])
-
-    def send(self, **values):
-        self.socket.sendall(frame(self.dictionary(**values)))
-
-    def receive(self):
-        prefix = self.socket.recv(4, socket.MSG_WAITALL)
-        if len(prefix) < 4:
-            return None
-        return self.socket.recv(struct.unpack("<i", prefix)[0], socket.MSG_WAITALL)
-
-
 @case
 def names_that_would_leave_the_directory_are_refused():
     receive = receiver()
@@ -186,6 +136,124 @@ def names_that_would_leave_the_directory_are_refused():
 
 
 @case
+def any_date_is_kept():
+    # 2300 and 1906, as far as the file system knows them.
+    for number, seconds in enumerate((10413792000, -2000000000)):
+        pathlib.Path(f"file{number}").write_text("x")
+        os.utime(f"file{number}", ns=(0, seconds * 10**9 + 987654321))
+        if os.stat(f"file{number}").st_mtime_ns != seconds * 10**9 + 987654321:
+            raise Skip("no such dates here")
+    receive = receiver()
+    run("send", receive.address(), "file0", "file1")
+    receive.wait()
+    for number in range(2):
+        here, there = os.stat(f"file{number}"), os.stat(f"in/file{number}")
+        assert here.st_mtime_ns == there.st_mtime_ns, there
+
+
+@case
+def a_date_that_cannot_be_is_no_reason_to_fail():
+    receive = receiver()
+    peer = Peer(receive.address())
+    for number, nanoseconds in enumerate((10**9, 0x3FFFFFFF, 2**64 - 1)):
+        for seconds in (-(2**63), 2**63 - 1):
+            values = {"mtime": seconds, "mtime-nsec": nanoseconds}
+            peer.send(name=b"file%d%d" % (number, seconds > 0), size=0, mode=0o600, **values)
+            assert b"have" in peer.receive()
+            peer.send(offset=0)
+            peer.send(sha256=hashlib.sha256().digest())
+            assert b"stored" in peer.receive()
+    peer.send(end=1)
+    peer.receive()
+    receive.wait()
+
+
+@case
+def a_file_that_does_not_tell_its_size_is_refused():
+    pathlib.Path("next").write_text("x")
+    receive = receiver()
+    send = run("send", receive.address(), "/proc/cpuinfo", "next", codes=(6,))
+    send.complained("/proc/cpuinfo does not tell its size")
+    receive.wait()
+    assert os.listdir("in") == ["next"]
+
+
+@case
+def a_report_that_cannot_be_written_keeps_no_file_back():
+    for name in ("a", "b"):
+        pathlib.Path(name).write_text(name)
+    with open("/dev/full", "wb") as full:
+        receive = receiver("unix", stdout=full)
+        send = Process("send", receive.address(), "a", "b", stdout=full).wait(6)
+        receive.wait(6)
+    assert sorted(os.listdir("in")) == ["a", "b"]
+    for process, verb in ((send, "sent"), (receive, "received")):
+        process.complained(f"{verb} b, but cannot write to standard output: No space left", lines=2)
+        assert "kept" not in process.errors
+
+
+@case
+def a_limit_on_the_size_of_files_is_told_to_both_sides():
+    pathlib.Path("small").write_text("x")
+    pathlib.Path("big").write_bytes(content(300000))
+    limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100000, 100000))
+    receive = receiver("unix", "--keep", before=limit)
+    send = run("send", receive.address(), "big", codes=(1,))
+    send.complained("gave up on big: cannot write .big.zelgvc-part: File too large")
+    run("send", receive.address(), "small")
+    receive.kill(signal.SIGINT)
+    receive.wait(0).complained("File too large")
+    assert sorted(os.listdir("in")) == [".big.zelgvc-part", "small"]
+
+
+def drip(peer, data, seconds=0.2):
+    """Sends a byte at a time until the other side has had enough. Whether it had."""
+    for byte in data:
+        try:
+            peer.sendall(bytes([byte]))
+        except OSError:
+            return True
+        time.sleep(seconds)
+    return False
+
+
+@case
+def a_peer_that_drips_is_given_up():
+    receive = receiver("unix", "--timeout", "1", "--keep")
+    receive.address()
+    with socket.socket(socket.AF_UNIX) as peer:
+        peer.connect("socket")
+        assert drip(peer, frame(Peer.hello(b"files")))
+    receive.until(lambda: receive.complaints, "complaint")
+    receive.complained("has not said hello within 1 seconds")
+    peer = Peer("socket")
+    announcement = frame(Peer.dictionary(name=b"n" * 100, size=1, mode=0o600))
+    assert drip(peer.socket, announcement)
+    receive.until(lambda: len(receive.complaints) > 1, "complaint")
+    receive.complained("took too long to send a message", lines=2)
+    # The next one is served.
+    pathlib.Path("file").write_text("x")
+    run("send", "unix:socket", "file")
+    receive.kill(signal.SIGINT)
+    receive.wait(0)
+
+
+@case
+def a_stuck_reader_of_reports_does_not_keep_an_interrupt_waiting():
+    reader, writer = os.pipe()
+    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+    os.write(writer, bytes(4096))
+    pathlib.Path("file").write_text("x")
+    receive = receiver("unix", "--keep", stdout=writer)
+    run("send", receive.address(), "file", codes=(0, 4))
+    receive.until(lambda: os.path.exists("in/file"), "file")
+    receive.kill(signal.SIGINT)
+    receive.wait(0)
+    os.close(reader)
+    os.close(writer)
+
+
+@case
 def a_wrong_checksum_leaves_nothing():
     receive = receiver()
     peer = Peer(receive.address())
@@ -197,6 +265,7 @@ def a_wrong_checksum_leaves_nothing():
     assert b"failed" in peer.receive()
     peer.socket.close()
     receive.wait(5).complained("the checksum of what arrived is not the sender's")
+    assert "kept" not in receive.errors
     assert os.listdir("in") == []
 
 

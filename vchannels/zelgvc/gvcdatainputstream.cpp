@@ -14,9 +14,9 @@
  * the end of the stream the readers go on asking for more, so give them a #GCancellable. There is
  * no limit to the length of a string.
  *
- * Nothing behind the terminator is consumed. The readers look ahead into the socket, into the stages
- * of a channel or into a #GBufferedInputStream, and take exactly what belongs to the string. Any
- * other base stream is read one byte at a time.
+ * Nothing behind the terminator is consumed. The readers look ahead into the socket, into the
+ * stages of a channel or into a #GBufferedInputStream, and take exactly what belongs to the string.
+ * Any other base stream is read one byte at a time.
  *
  * One string at a time may be in progress on a stream. Closing the stream closes its base stream.
  *

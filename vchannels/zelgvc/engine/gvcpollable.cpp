@@ -272,7 +272,7 @@ gvc::or_unknown(GError *error)
 
 // ---- Sockets ----
 
-static G_DEFINE_QUARK(gvc-socket, socket);
+static G_DEFINE_QUARK(gvc - socket, socket);
 
 // The streams of GSocketConnection have no public type, but a property for their socket.
 GSocket *

@@ -10,7 +10,8 @@
 // - Events name their place by a number, never by a pointer: epoll may report a place that is gone.
 // - A place that fires while nothing waits in it is taken out of the set until the next wait, so a
 //   peer that sends to a channel that nobody reads wakes nobody twice.
-// - Everything is protected by one lock, which is not held while a waiter or GLib's cancellables run.
+// - Everything is protected by one lock, which is not held while a waiter or GLib's cancellables
+// run.
 // - A closed descriptor leaves an epoll set silently. A sweep over the places that wait, twice a
 //   second, finds closed sockets. A set in which nothing has waited between two sweeps is given up.
 // - The epoll instances of a process are none of its child's: after a fork a set makes its own.
@@ -57,9 +58,9 @@ struct Set {
   GHashTable *places; // by number
   GQueue fired;       // places whose waiters are to be called
   guint waiting;
-  gboolean used;      // since the last sweep
-  gint64 sweep_at;    // in the time of sources
-  guint generation;   // of the process that made the epoll instances
+  gboolean used;    // since the last sweep
+  gint64 sweep_at;  // in the time of sources
+  guint generation; // of the process that made the epoll instances
   gboolean abandoned;
 };
 
@@ -113,7 +114,7 @@ stream_is_gone(gpointer data, GObject *)
   place_unref(place);
 }
 
-static G_DEFINE_QUARK(gvc-socket-wait, place);
+static G_DEFINE_QUARK(gvc - socket - wait, place);
 
 // NULL if the stream is none of a socket's.
 static Place *
@@ -390,7 +391,8 @@ child_after_fork()
 static Set *
 set_of(GMainContext *context, int priority)
 {
-  static GSourceFuncs funcs = {set_prepare, set_check, set_dispatch, set_finalize, nullptr, nullptr};
+  static GSourceFuncs funcs = {set_prepare,  set_check, set_dispatch,
+                               set_finalize, nullptr,   nullptr};
 
   if (!sets) {
     sets = g_hash_table_new(set_hash, set_equal);

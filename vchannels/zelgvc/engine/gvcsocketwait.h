@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Waiting for sockets in epoll sets, so that a turn of the main loop costs no more with thousands of
-// channels that wait than with one.
+// Waiting for sockets in epoll sets, so that a turn of the main loop costs no more with thousands
+// of channels that wait than with one.
 #pragma once
 
 #include <gio/gio.h>
@@ -15,8 +15,8 @@ struct SocketWaiter {
 };
 
 // Waits until the socket of `stream` is ready or closed, or `cancellable` is cancelled. A read or
-// write without blocking must have found it not ready before, and the waiter must keep a reference to
-// the context. Returns FALSE if a source of GLib's has to wait instead: the stream is none of a
+// write without blocking must have found it not ready before, and the waiter must keep a reference
+// to the context. Returns FALSE if a source of GLib's has to wait instead: the stream is none of a
 // socket's, the socket has a timeout, or the system has no epoll or no descriptor for it.
 gboolean wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *context,
                          int priority, GCancellable *cancellable, const SocketWaiter &waiter);
