@@ -391,6 +391,81 @@ test_timers_tick_during_a_flood(int stages)
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
+/* ---- Converters that are odd ---- */
+
+// What one read without blocking gets from `wire`, which comes in so many pieces and an error,
+// through a stage, as from GIO's converter stream.
+std::string
+read_at_once(const std::string &wire, guint pieces, const std::function<Ref<GConverter>()> &make)
+{
+  const auto read = [](GInputStream *in) {
+    std::string text(64, '\0');
+    Error error;
+    const gssize count = g_pollable_input_stream_read_nonblocking(
+        G_POLLABLE_INPUT_STREAM(in), text.data(), text.size(), nullptr, &error);
+    error.assert_none();
+    return text.substr(0, static_cast<gsize>(count));
+  };
+  const auto script = [&wire, pieces] {
+    auto one = new_script(wire);
+    one->max_per_call = (wire.size() + pieces - 1) / pieces;
+    one->from_call = {pieces + 1, Step::fail()};
+    return one;
+  };
+  const auto base = new_scripted_input(script(), StreamKind::pollable);
+  const auto gio = own(g_converter_input_stream_new(base.get(), make().get()));
+  const auto channel = own(
+      gvc_connection_new(new_connection_over(new_scripted_input(script(), StreamKind::pollable),
+                                             new_scripted_output(new_script()))
+                             .get()));
+  gvc_connection_add_converters(channel.get(), make().get(),
+                                new_map_converter([](guint8 byte) { return byte; }).get());
+  auto text = read(g_io_stream_get_input_stream(G_IO_STREAM(channel.get())));
+  assert_bytes(text, read(gio.get()));
+  return text;
+}
+
+// All input is taken in one call, and what became of it comes from the next.
+void
+test_output_that_a_converter_keeps()
+{
+  const auto keeper = [] {
+    return new_converter([kept = std::make_shared<std::string>()](
+                             std::string_view in, char *out, gsize, GConverterFlags, gsize *read,
+                             gsize *written, GError **error) {
+      if (in.empty() && kept->empty())
+        return conversion_error(G_IO_ERROR_PARTIAL_INPUT, "More, please", error);
+      *written = kept->copy(out, kept->size());
+      *read = in.size();
+      *kept = in;
+      return G_CONVERTER_CONVERTED;
+    });
+  };
+  assert_text(read_at_once("message", 1, keeper), "message");
+}
+
+// Counts of a call that failed mean nothing.
+template <GIOErrorEnum code>
+void
+test_counts_of_a_failed_call()
+{
+  const auto failing_once = [] {
+    return new_converter([calls = std::make_shared<int>()](
+                             std::string_view in, char *out, gsize, GConverterFlags, gsize *read,
+                             gsize *written, GError **error) {
+      *read = 1;
+      *written = 2;
+      if (code == G_IO_ERROR_PARTIAL_INPUT ? in.size() < 7 : (*calls)++ == 0)
+        return conversion_error(code, "Not yet", error);
+      *written = in.copy(out, in.size());
+      *read = in.size();
+      return G_CONVERTER_CONVERTED;
+    });
+  };
+  assert_text(read_at_once("message", code == G_IO_ERROR_PARTIAL_INPUT ? 2 : 1, failing_once),
+              "message");
+}
+
 /* ---- Sources that stay ---- */
 
 struct SourceRemove {
@@ -677,6 +752,11 @@ main(int argc, char **argv)
   add("flood-leaves-the-main-loop-its-turns", test_flood_leaves_the_main_loop_its_turns, 1);
   add("flood-is-cancelled-while-blocking", test_flood_is_cancelled_while_blocking, 1);
   add("timers-tick-during-a-flood", test_timers_tick_during_a_flood, 1);
+  g_test_add_func("/engine/output-that-a-converter-keeps", test_output_that_a_converter_keeps);
+  g_test_add_func("/engine/counts-of-a-failed-call/no-space",
+                  test_counts_of_a_failed_call<G_IO_ERROR_NO_SPACE>);
+  g_test_add_func("/engine/counts-of-a-failed-call/partial-input",
+                  test_counts_of_a_failed_call<G_IO_ERROR_PARTIAL_INPUT>);
   add("source-sees-all-messages/channel/made-before",
       test_source_sees_all_messages<false, Made::before>);
   add("source-sees-all-messages/channel/made-after",

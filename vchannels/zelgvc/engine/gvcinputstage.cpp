@@ -97,12 +97,15 @@ convert(GvcInputStage *self, void *to, gsize room, gsize *produced, GError **err
   *produced = 0;
   auto result = self->iface->convert(self->converter, self->raw.data(), self->raw.size(), to, room,
                                      flags, &consumed, produced, error);
-  if (result != G_CONVERTER_ERROR) {
-    self->unit = MAX(consumed, self->last_unit);
-    self->last_unit = consumed;
-    self->raw.consume(consumed);
-    self->finished = result == G_CONVERTER_FINISHED;
+  if (result == G_CONVERTER_ERROR) {
+    // A converter may have set its counts before it failed.
+    *produced = 0;
+    return result;
   }
+  self->unit = MAX(consumed, self->last_unit);
+  self->last_unit = consumed;
+  self->raw.consume(consumed);
+  self->finished = result == G_CONVERTER_FINISHED;
   return result;
 }
 
@@ -144,8 +147,9 @@ read_converted(GvcInputStage *self, void *to, gsize room, gboolean blocking,
       g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
       return -1;
     }
-    if ((self->raw.size() == 0 || self->starved) && !self->at_end &&
-        !fill(self, blocking, cancellable, error))
+    // A converter that has just taken all input and produced nothing may keep output of its own.
+    gboolean needs_input = self->starved || (units == 0 && self->raw.size() == 0);
+    if (needs_input && !self->at_end && !fill(self, blocking, cancellable, error))
       return -1;
 
     GError *failure = nullptr;
