@@ -414,10 +414,10 @@ read_at_once(const std::string &wire, guint pieces, const std::function<Ref<GCon
   };
   const auto base = new_scripted_input(script(), StreamKind::pollable);
   const auto gio = own(g_converter_input_stream_new(base.get(), make().get()));
-  const auto channel = own(
-      gvc_connection_new(new_connection_over(new_scripted_input(script(), StreamKind::pollable),
-                                             new_scripted_output(new_script()))
-                             .get()));
+  const auto channel =
+      own(gvc_connection_new(new_connection_over(new_scripted_input(script(), StreamKind::pollable),
+                                                 new_scripted_output(new_script()))
+                                 .get()));
   gvc_connection_add_converters(channel.get(), make().get(),
                                 new_map_converter([](guint8 byte) { return byte; }).get());
   auto text = read(g_io_stream_get_input_stream(G_IO_STREAM(channel.get())));
@@ -450,9 +450,9 @@ void
 test_counts_of_a_failed_call()
 {
   const auto failing_once = [] {
-    return new_converter([calls = std::make_shared<int>()](
-                             std::string_view in, char *out, gsize, GConverterFlags, gsize *read,
-                             gsize *written, GError **error) {
+    return new_converter([calls = std::make_shared<int>()](std::string_view in, char *out, gsize,
+                                                           GConverterFlags, gsize *read,
+                                                           gsize *written, GError **error) {
       *read = 1;
       *written = 2;
       if (code == G_IO_ERROR_PARTIAL_INPUT ? in.size() < 7 : (*calls)++ == 0)
