@@ -461,6 +461,27 @@ test_turns_of_a_pollable_stream()
   g_assert_cmpint(turns, <=, most_turns);
 }
 
+// A derived class may read from anywhere: what lies in the base stream says nothing then.
+void
+test_derived_class_with_reads_of_its_own(const Case &one)
+{
+  for (const auto kind : all_stream_kinds) {
+    // GIO's own asynchronous reads of such a stream pass its blocking ones by.
+    if (kind == StreamKind::sync_only && one.way == Way::async && one.base == Base::socket)
+      continue;
+    Line line(one.base);
+    line.send("base\nnext");
+    if (one.base == Base::buffered)
+      g_buffered_input_stream_fill(G_BUFFERED_INPUT_STREAM(line.in.get()), -1, nullptr, nullptr);
+    const auto derived = new_scripted_filter_input(GVC_TYPE_DATA_INPUT_STREAM, line.in.get(),
+                                                   new_script("derived\nstring\n"), kind);
+    line.strings = own(GVC_DATA_INPUT_STREAM(g_object_ref(derived.get())));
+    assert_string(line, one.way, '\n', "derived\n");
+    assert_string(line, one.way, '\n', "string\n");
+    line.assert_next("base\nnext");
+  }
+}
+
 /* ---- */
 
 template <typename Argument>
@@ -510,6 +531,12 @@ main(int argc, char **argv)
   add_for_bases("frames-between-strings", test_frames_between_strings);
   add_for_bases("peer-that-has-closed", test_peer_that_has_closed);
   add_for_bases("timeout", test_timeout, Base::one_stage); // a second each
+  for (const auto base : {Base::socket, Base::buffered})
+    for (const auto way : {Way::blocking, Way::async})
+      add(std::string("derived-class-with-reads-of-its-own/") +
+              (base == Base::socket ? "socket" : "buffered") +
+              (way == Way::async ? "/async" : "/blocking"),
+          test_derived_class_with_reads_of_its_own, Case{base, way});
   const std::pair<const char *, BaseTest> waiting[] = {
       {"silent-peer", test_silent_peer},
       {"terminator-comes-later", test_terminator_comes_later},

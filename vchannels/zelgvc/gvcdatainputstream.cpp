@@ -26,6 +26,18 @@ G_DEFINE_TYPE_WITH_CODE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
 
+// What a read of `stream` takes its bytes from, so that looking into it tells what comes: the base
+// stream, unless a derived class reads in its own way.
+static GInputStream *
+read_from(GInputStream *stream)
+{
+  auto *own = G_INPUT_STREAM_GET_CLASS(stream);
+  auto *parent = static_cast<GInputStreamClass *>(gvc_data_input_stream_parent_class);
+  return own->read_fn == parent->read_fn && own->read_async == parent->read_async
+             ? reinterpret_cast<GFilterInputStream *>(stream)->base_stream
+             : stream;
+}
+
 namespace
 {
 
@@ -125,7 +137,8 @@ private:
   {
     if (g_cancellable_set_error_if_cancelled(cancellable(), &error_))
       return Next::done;
-    gssize ahead = gvc::look_ahead(target_, string_.tail(), string_.room(), &error_);
+    gssize ahead = gvc::look_ahead(polls_ ? target_ : read_from(stream_), string_.tail(),
+                                   string_.room(), &error_);
     if (ahead < 0)
       return blocked_or_failed();
     budget_ = ahead > 0 ? attempts_ahead : attempts_bytewise;
@@ -158,15 +171,6 @@ private:
 };
 
 } // namespace
-
-// Whether a blocking read does no more than to read from the base stream, so that looking into the
-// base stream tells what comes.
-static gboolean
-passes_on(GInputStream *stream)
-{
-  return G_INPUT_STREAM_GET_CLASS(stream)->read_fn ==
-         static_cast<GInputStreamClass *>(gvc_data_input_stream_parent_class)->read_fn;
-}
 
 static void
 gvc_data_input_stream_class_init(GvcDataInputStreamClass *)
@@ -221,7 +225,7 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
   GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
 
   auto *in = reinterpret_cast<GInputStream *>(stream);
-  auto *base = passes_on(in) ? stream->parent.base_stream : in;
+  auto *base = read_from(in);
   PartialString string(string_end);
 
   for (;;) {
