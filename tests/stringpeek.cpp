@@ -475,6 +475,8 @@ test_derived_class_with_reads_of_its_own(const Case &one)
       g_buffered_input_stream_fill(G_BUFFERED_INPUT_STREAM(line.in.get()), -1, nullptr, nullptr);
     const auto derived = new_scripted_filter_input(GVC_TYPE_DATA_INPUT_STREAM, line.in.get(),
                                                    new_script("derived\nstring\n"), kind);
+    // Its end would close the base stream.
+    const auto kept = std::move(line.strings);
     line.strings = own(GVC_DATA_INPUT_STREAM(g_object_ref(derived.get())));
     assert_string(line, one.way, '\n', "derived\n");
     assert_string(line, one.way, '\n', "string\n");
