@@ -309,6 +309,29 @@ test_base_takes_nothing(gconstpointer stages)
   allow_warnings(log);
 }
 
+// GIO counts none of a failed write, so it may be tried again in pieces of any size.
+template <bool library>
+void
+test_retried_in_pieces(gconstpointer stages)
+{
+  const int count = GPOINTER_TO_INT(stages);
+  const std::string data = pattern(12);
+  for (gsize piece = 1; piece <= data.size(); piece++) {
+    Stages chain(library, count, StreamKind::sync_only);
+    chain.script->steps = {Step::fail(G_IO_ERROR_TIMED_OUT)};
+    Error error;
+    const gssize first =
+        g_output_stream_write(chain.out.get(), data.data(), data.size(), nullptr, &error);
+    gsize sent = first < 0 ? 0 : static_cast<gsize>(first);
+    for (; sent < data.size(); sent += piece)
+      g_assert_true(g_output_stream_write_all(chain.out.get(), data.data() + sent,
+                                              std::min(piece, data.size() - sent), nullptr, nullptr,
+                                              nullptr));
+    flush_with_retries(chain.out.get());
+    assert_bytes(flipped(chain.script->written(), count), data);
+  }
+}
+
 // Counts the calls of the base stream in one turn of the main loop, or in one call from outside.
 struct CallsInATurn {
   static constexpr guint most = 100;
@@ -566,6 +589,9 @@ main(int argc, char **argv)
                        GINT_TO_POINTER(1), test_retried_writes<false, false>);
   g_test_add_data_func("/truthful-writes/retried-write-sends-each-byte-once/cancelled/gio",
                        GINT_TO_POINTER(1), test_retried_writes<false, true>);
+  add_for_stages("retried-in-pieces", test_retried_in_pieces<true>);
+  g_test_add_data_func("/truthful-writes/retried-in-pieces/gio", GINT_TO_POINTER(1),
+                       test_retried_in_pieces<false>);
   g_test_add_func("/truthful-writes/after-the-converter-has-finished",
                   test_after_the_converter_has_finished);
   g_test_add_data_func("/truthful-writes/kept-input-is-not-copied-each-time/stage",

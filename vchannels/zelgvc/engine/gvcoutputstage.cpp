@@ -256,9 +256,10 @@ accept_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vecto
   return first + MAX(second, 0);
 }
 
-// Whether the vectors begin with what a failed write has left with the stage.
-static gboolean
-is_retry(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors)
+// How many bytes at the start of the vectors a failed write has left with the stage: a write may be
+// tried again in smaller pieces.
+static gsize
+count_retried(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors)
 {
   auto *expected = self->retried.data();
   gsize left = self->retried.size();
@@ -266,11 +267,11 @@ is_retry(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors)
   for (gsize i = 0; i < n_vectors && left > 0; i++) {
     gsize part = MIN(left, vectors[i].size);
     if (std::memcmp(expected, vectors[i].buffer, part) != 0)
-      return FALSE;
+      return 0;
     expected += part;
     left -= part;
   }
-  return left == 0;
+  return self->retried.size() - left;
 }
 
 static void
@@ -298,11 +299,12 @@ write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
   if (!send(self, blocking, held, cancellable, error))
     return -1;
   if (self->retried.size() > 0) {
-    auto accepted = static_cast<gssize>(self->retried.size());
-    gboolean again = is_retry(self, vectors, n_vectors);
-    self->retried.release();
-    if (again)
-      return accepted;
+    gsize again = count_retried(self, vectors, n_vectors);
+    self->retried.consume(again);
+    if (again == 0 || self->retried.size() == 0)
+      self->retried.release();
+    if (again > 0)
+      return static_cast<gssize>(again);
   }
   if (self->finished)
     return write_after_end(error);
