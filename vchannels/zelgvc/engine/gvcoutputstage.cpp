@@ -257,8 +257,8 @@ accept_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vecto
 }
 
 // How many bytes at the start of the vectors a failed write has left with the stage: a write may be
-// tried again in smaller pieces.
-static gsize
+// tried again in smaller pieces. -1 if they are other bytes.
+static gssize
 count_retried(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors)
 {
   auto *expected = self->retried.data();
@@ -266,12 +266,12 @@ count_retried(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
 
   for (gsize i = 0; i < n_vectors && left > 0; i++) {
     gsize part = MIN(left, vectors[i].size);
-    if (std::memcmp(expected, vectors[i].buffer, part) != 0)
-      return 0;
+    if (part > 0 && std::memcmp(expected, vectors[i].buffer, part) != 0)
+      return -1;
     expected += part;
     left -= part;
   }
-  return self->retried.size() - left;
+  return static_cast<gssize>(self->retried.size() - left);
 }
 
 static void
@@ -299,12 +299,12 @@ write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
   if (!send(self, blocking, held, cancellable, error))
     return -1;
   if (self->retried.size() > 0) {
-    gsize again = count_retried(self, vectors, n_vectors);
-    self->retried.consume(again);
-    if (again == 0 || self->retried.size() == 0)
+    gssize again = count_retried(self, vectors, n_vectors);
+    self->retried.consume(static_cast<gsize>(MAX(again, 0)));
+    if (again < 0 || self->retried.size() == 0)
       self->retried.release();
-    if (again > 0)
-      return static_cast<gssize>(again);
+    if (again >= 0)
+      return again;
   }
   if (self->finished)
     return write_after_end(error);
