@@ -53,8 +53,7 @@ struct Set {
   GSource source;
   GMainContext *context;
   int priority;
-  int epoll[2]; // -1 until they are needed
-  gpointer tag[2];
+  GPollFD epoll[2]; // fd -1 until they are needed
   GHashTable *places; // by number
   GQueue fired;       // places whose waiters are to be called
   guint waiting;
@@ -86,7 +85,7 @@ leave_epoll(Place *place)
 {
   if (place->fires && place->set->generation == generation &&
       g_socket_get_fd(place->socket) == place->fd)
-    epoll_ctl(place->set->epoll[place->direction], EPOLL_CTL_DEL, place->fd, nullptr);
+    epoll_ctl(place->set->epoll[place->direction].fd, EPOLL_CTL_DEL, place->fd, nullptr);
   place->fires = FALSE;
 }
 
@@ -147,14 +146,15 @@ enter_epoll(Place *place)
   event.events = (place->direction == 0 ? EPOLLIN | EPOLLRDHUP : EPOLLOUT) | EPOLLET;
   event.data.u64 = place->number;
 
-  int &epoll = set->epoll[place->direction];
-  if (epoll < 0) {
-    epoll = epoll_create1(EPOLL_CLOEXEC);
-    if (epoll < 0)
+  auto *epoll = &set->epoll[place->direction];
+  if (epoll->fd < 0) {
+    *epoll = {epoll_create1(EPOLL_CLOEXEC), G_IO_IN, 0};
+    if (epoll->fd < 0)
       return FALSE;
-    set->tag[place->direction] = g_source_add_unix_fd(&set->source, epoll, G_IO_IN);
+    // GLib would call a source with g_source_add_unix_fd() ready whatever its check says.
+    g_source_add_poll(&set->source, epoll);
   }
-  place->fires = epoll_ctl(epoll, EPOLL_CTL_ADD, place->fd, &event) == 0;
+  place->fires = epoll_ctl(epoll->fd, EPOLL_CTL_ADD, place->fd, &event) == 0;
   return place->fires;
 }
 
@@ -195,13 +195,12 @@ cancelled(GCancellable *, gpointer data)
 
 // ---- Sets ----
 
-// Takes the events of an epoll instance. The edges of places in which nothing waits are dropped,
-// and so are those of places that are gone.
-static void
-collect(Set *set, guint direction)
+// Returns FALSE if there are no more events to take.
+static gboolean
+collect_some(Set *set, guint direction)
 {
   epoll_event events[most_events];
-  int count = epoll_wait(set->epoll[direction], events, most_events, 0);
+  int count = epoll_wait(set->epoll[direction].fd, events, most_events, 0);
 
   for (int i = 0; i < count; i++) {
     auto *place = static_cast<Place *>(g_hash_table_lookup(set->places, &events[i].data.u64));
@@ -212,6 +211,16 @@ collect(Set *set, guint direction)
     else
       leave_epoll(place);
   }
+  return count == most_events;
+}
+
+// Takes events of an epoll instance. The edges of places in which nothing waits are dropped, and so
+// are those of places that are gone. They must not hide what follows.
+static void
+collect(Set *set, guint direction)
+{
+  while (collect_some(set, direction) && g_queue_is_empty(&set->fired))
+    ;
 }
 
 // In the child after a fork the epoll instances are those of the parent, and stay its own.
@@ -219,11 +228,11 @@ static void
 renew_after_fork(Set *set)
 {
   for (guint direction = 0; direction < 2; direction++) {
-    if (set->epoll[direction] < 0)
+    if (set->epoll[direction].fd < 0)
       continue;
-    g_source_remove_unix_fd(&set->source, set->tag[direction]);
-    close(set->epoll[direction]);
-    set->epoll[direction] = -1;
+    g_source_remove_poll(&set->source, &set->epoll[direction]);
+    close(set->epoll[direction].fd);
+    set->epoll[direction] = {-1, 0, 0};
   }
   set->generation = generation;
 
@@ -301,7 +310,7 @@ set_check(GSource *source)
 
   g_mutex_lock(&lock);
   for (guint direction = 0; direction < 2; direction++)
-    if (set->epoll[direction] >= 0 && g_source_query_unix_fd(source, set->tag[direction]))
+    if (set->epoll[direction].fd >= 0 && set->epoll[direction].revents)
       collect(set, direction);
   gboolean ready = !g_queue_is_empty(&set->fired);
   g_mutex_unlock(&lock);
@@ -349,9 +358,9 @@ set_finalize(GSource *source)
   abandon(set);
   g_mutex_unlock(&lock);
   g_hash_table_unref(set->places);
-  for (int epoll : set->epoll)
-    if (epoll >= 0)
-      close(epoll);
+  for (auto &epoll : set->epoll)
+    if (epoll.fd >= 0)
+      close(epoll.fd);
 }
 
 static guint
@@ -412,7 +421,7 @@ set_of(GMainContext *context, int priority)
   set = reinterpret_cast<Set *>(source);
   set->context = context;
   set->priority = priority;
-  set->epoll[0] = set->epoll[1] = -1;
+  set->epoll[0].fd = set->epoll[1].fd = -1;
   set->places = g_hash_table_new(g_int64_hash, g_int64_equal);
   g_queue_init(&set->fired);
   set->generation = generation;
