@@ -193,6 +193,12 @@ cancelled(GCancellable *, gpointer data)
   g_mutex_unlock(&lock);
 }
 
+static void
+handler_is_gone(gpointer place, GClosure *)
+{
+  place_unref(static_cast<Place *>(place));
+}
+
 // ---- Sets ----
 
 // Returns FALSE if there are no more events to take.
@@ -329,7 +335,7 @@ call_next(Set *set)
   set->waiting--;
   g_mutex_unlock(&lock);
   if (cancellable)
-    g_cancellable_disconnect(cancellable, handler);
+    g_signal_handler_disconnect(cancellable, handler);
   g_clear_object(&cancellable);
   waiter.ready(waiter.data);
   g_mutex_lock(&lock);
@@ -461,6 +467,20 @@ wait_in_set(Place *place, GMainContext *context, int priority, const gvc::Socket
   return TRUE;
 }
 
+// g_cancellable_disconnect() would wait for the host's handlers, which may wait for the operation.
+// The handler keeps the place instead. A cancellation that it misses shows when the wait begins.
+static void
+watch(Place *place, GCancellable *cancellable)
+{
+  if (!cancellable)
+    return;
+  g_atomic_ref_count_inc(&place->references);
+  place->cancelled_handler =
+      g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(cancelled), place,
+                            handler_is_gone, static_cast<GConnectFlags>(0));
+  place->cancellable = static_cast<GCancellable *>(g_object_ref(cancellable));
+}
+
 gboolean
 gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *context, int priority,
                      GCancellable *cancellable, const SocketWaiter &waiter)
@@ -469,18 +489,13 @@ gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *cont
   if (!place || g_socket_get_timeout(place->socket) > 0 || g_socket_is_closed(place->socket))
     return FALSE;
 
-  gulong handler = 0;
-  if (cancellable) {
-    handler = g_cancellable_connect(cancellable, G_CALLBACK(cancelled), place, nullptr);
-    place->cancelled_handler = handler;
-    place->cancellable = static_cast<GCancellable *>(g_object_ref(cancellable));
-  }
+  watch(place, cancellable);
   g_mutex_lock(&lock);
   gboolean waits =
       wait_in_set(place, context ? context : g_main_context_default(), priority, waiter);
   g_mutex_unlock(&lock);
   if (!waits && cancellable) {
-    g_cancellable_disconnect(cancellable, handler);
+    g_signal_handler_disconnect(cancellable, place->cancelled_handler);
     g_clear_object(&place->cancellable);
   }
   return waits;
