@@ -467,6 +467,16 @@ wait_in_set(Place *place, GMainContext *context, int priority, const gvc::Socket
   return TRUE;
 }
 
+// Channels with stages may share a socket connection, and each of them waits for itself.
+static gboolean
+is_taken(Place *place)
+{
+  g_mutex_lock(&lock);
+  gboolean taken = place->waits;
+  g_mutex_unlock(&lock);
+  return taken;
+}
+
 // g_cancellable_disconnect() would wait for the host's handlers, which may wait for the operation.
 // The handler keeps the place instead. A cancellation that it misses shows when the wait begins.
 static void
@@ -486,7 +496,8 @@ gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *cont
                      GCancellable *cancellable, const SocketWaiter &waiter)
 {
   auto *place = place_of(stream, condition == G_IO_IN ? 0 : 1);
-  if (!place || g_socket_get_timeout(place->socket) > 0 || g_socket_is_closed(place->socket))
+  if (!place || is_taken(place) || g_socket_get_timeout(place->socket) > 0 ||
+      g_socket_is_closed(place->socket))
     return FALSE;
 
   watch(place, cancellable);
