@@ -53,7 +53,7 @@ struct Set {
   GSource source;
   GMainContext *context;
   int priority;
-  GPollFD epoll[2]; // fd -1 until they are needed
+  GPollFD epoll[2];   // fd -1 until they are needed
   GHashTable *places; // by number
   GQueue fired;       // places whose waiters are to be called
   guint waiting;
@@ -486,8 +486,8 @@ watch(Place *place, GCancellable *cancellable)
     return;
   g_atomic_ref_count_inc(&place->references);
   place->cancelled_handler =
-      g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(cancelled), place,
-                            handler_is_gone, static_cast<GConnectFlags>(0));
+      g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(cancelled), place, handler_is_gone,
+                            static_cast<GConnectFlags>(0));
   place->cancellable = static_cast<GCancellable *>(g_object_ref(cancellable));
 }
 

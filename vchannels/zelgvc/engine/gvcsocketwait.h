@@ -15,8 +15,8 @@ struct SocketWaiter {
 };
 
 // Waits until the socket of `stream` is ready or closed, or `cancellable` is cancelled. A read or
-// write without blocking must have found it not ready before, and the waiter must keep a reference to
-// the context. Returns FALSE if a source of GLib's has to wait instead: the stream is none of a
+// write without blocking must have found it not ready before, and the waiter must keep a reference
+// to the context. Returns FALSE if a source of GLib's has to wait instead: the stream is none of a
 // socket's, something waits for it already, the socket has a timeout, or the system has no epoll or
 // no descriptor for it.
 gboolean wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *context,
