@@ -101,8 +101,8 @@ struct SlowPeer {
   SlowPeer(Family family, int stages) : peer(family)
   {
     auto *socket = g_socket_connection_get_socket(peer.connection());
-    // A TCP receiver with a window below the packet size of the loopback device waits for timers.
-    const int send = 4096, receive = family == Family::unix_domain ? 4096 : 128 * 1024;
+    // TCP with a window or with less to send than a packet of the loopback device waits for timers.
+    const int send = family == Family::unix_domain ? 4096 : 64 * 1024, receive = 2 * send;
     g_assert_true(g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, send, nullptr));
     g_assert_no_errno(setsockopt(peer.fd(), SOL_SOCKET, SO_RCVBUF, &receive, sizeof receive));
     channel = own(gvc_connection_new(peer.connection()));
