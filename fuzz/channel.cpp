@@ -2,6 +2,7 @@
 // Any bytes sent in any pieces to a channel with up to two stages, as they are or as what a peer
 // who knows the keys has put through its own stages, and read as messages, blocking and
 // asynchronously. Both readers come to the same messages and the same end, as far as they promise.
+// A source that stays attached delivers each byte that a blocking reader gets.
 #include "support.h"
 
 #include <zelgvc/zelgvc.h>
@@ -64,6 +65,11 @@ public:
   stream() const
   {
     return stream_.get();
+  }
+  GInputStream *
+  in() const
+  {
+    return g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()));
   }
   // Sends up to `size` bytes of `wire`, the end of the channel behind them.
   void
@@ -169,6 +175,99 @@ check_same(const Outcome &async, const Outcome &blocking)
     FUZZ_CHECK(g_error_matches(blocking.error.get(), async.error->domain, async.error->code));
 }
 
+// ---- Bytes without messages
+
+struct Stream {
+  Bytes bytes;
+  ErrorRef error; // none at the end
+};
+
+bool
+take(Stream *stream, View piece, gssize count, GError *error)
+{
+  FUZZ_CHECK((count < 0) == !!error);
+  stream->error.reset(error);
+  if (count > 0)
+    stream->bytes.insert(stream->bytes.end(), piece.begin(), piece.begin() + count);
+  return count > 0;
+}
+
+Stream
+read_stream_blocking(const Plan &plan, std::size_t piece_size)
+{
+  Channel channel(plan);
+  View wire = plan.wire;
+  channel.feed(&wire, wire.size());
+  Stream stream;
+  Bytes piece(piece_size);
+  gssize count;
+  GError *error;
+  do {
+    error = nullptr;
+    count = g_input_stream_read(channel.in(), piece.data(), piece.size(), nullptr, &error);
+  } while (take(&stream, piece, count, error));
+  return stream;
+}
+
+struct Watch {
+  GInputStream *in;
+  Bytes piece;
+  Stream stream;
+  unsigned in_vain = 0;
+  bool ended = false;
+};
+
+gboolean
+readable(GObject *, gpointer data)
+{
+  auto *watch = static_cast<Watch *>(data);
+  GError *error = nullptr;
+  auto count = g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(watch->in),
+                                                        watch->piece.data(), watch->piece.size(),
+                                                        nullptr, &error);
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
+    g_error_free(error);
+    watch->in_vain++;
+    return G_SOURCE_CONTINUE;
+  }
+  watch->ended = !take(&watch->stream, watch->piece, count, error);
+  return watch->ended ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
+
+// One source for all of the stream. What it wakes up for in vain is a piece that has come without
+// the rest of its unit, or units that hold nothing.
+Stream
+read_stream_watched(const Plan &plan, std::size_t piece_size)
+{
+  Channel channel(plan);
+  auto script = plan.pieces;
+  View wire = plan.wire;
+  Watch watch{channel.in(), Bytes(piece_size), {}, 0, false};
+  g_autoptr(GSource) source =
+      g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(channel.in()), nullptr);
+  g_source_set_callback(source, G_SOURCE_FUNC(readable), &watch, nullptr);
+  g_source_attach(source, nullptr);
+  std::size_t pieces = 1;
+  do {
+    const auto decision = script.byte();
+    channel.feed(&wire, decision == 0 ? wire.size() : decision);
+    run_ready();
+    pieces++;
+  } while (!wire.empty() && !watch.ended);
+  FUZZ_CHECK(watch.ended);
+  FUZZ_CHECK(watch.in_vain <= 4 * pieces + plan.wire.size());
+  return std::move(watch.stream);
+}
+
+void
+check_same(const Stream &watched, const Stream &blocking)
+{
+  FUZZ_CHECK(equal(watched.bytes, blocking.bytes));
+  FUZZ_CHECK(!watched.error == !blocking.error);
+  FUZZ_CHECK(!watched.error ||
+             g_error_matches(blocking.error.get(), watched.error->domain, watched.error->code));
+}
+
 } // namespace
 
 // The script: the stages, how many of them the peer has put the bytes through, and pieces.
@@ -192,5 +291,8 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   FUZZ_CHECK(async.size() == blocking.size());
   for (std::size_t i = 0; i < async.size(); i++)
     check_same(async[i], blocking[i]);
+
+  const std::size_t piece_size = 1 + (decision >> 3) * 5U;
+  check_same(read_stream_watched(plan, piece_size), read_stream_blocking(plan, piece_size));
   return 0;
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Messages of any sizes in both directions between two channels with any stages, up to four of
 // them, blocking and asynchronously, with key changes and resets in between and with pieces of any
-// size between the stages. What comes out is what went in, and then the end.
+// size between the stages. What comes out is what went in, and then the end. A part of the messages
+// is written by GIO's own asynchronous calls.
 #include "support.h"
 
 #include <zelgvc/zelgvc.h>
@@ -101,15 +102,59 @@ as_variant(GBytes *bytes)
 }
 
 struct Form {
-  bool variant, write_blocking, read_blocking;
+  bool variant, write_blocking, read_blocking, gio;
 };
 
+// A frame as vectors for GIO's writes, which read them until they have ended.
+class Frame
+{
+public:
+  explicit Frame(View message)
+      : prefix_(GUINT32_TO_LE(static_cast<std::uint32_t>(message.size()))),
+        vectors_{{&prefix_, sizeof prefix_}, {message.data(), message.size()}},
+        all_(sizeof prefix_ + message.size())
+  {
+  }
+  Frame(const Frame &) = delete;
+  Frame &operator=(const Frame &) = delete;
+
+  // To the message stream or to the channel's own; in one gathering call, or in two after each
+  // other.
+  void
+  write_async(GOutputStream *stream, Waiter *waiter)
+  {
+    g_output_stream_writev_all_async(stream, vectors_, vectors_[1].size > 0 ? 2 : 1, 0, nullptr,
+                                     Waiter::ready, waiter);
+  }
+  void
+  finish(GOutputStream *stream, Waiter *waiter) const
+  {
+    gsize written = 0;
+    FUZZ_CHECK(g_output_stream_writev_all_finish(stream, waiter->wait(), &written, nullptr));
+    FUZZ_CHECK(written == all_);
+  }
+
+private:
+  std::uint32_t prefix_;
+  GOutputVector vectors_[2];
+  std::size_t all_;
+};
+
+GOutputStream *
+stream_for_gio(End *end, Form form)
+{
+  return form.variant ? G_OUTPUT_STREAM(end->out.get())
+                      : g_io_stream_get_output_stream(end->stream());
+}
+
 void
-write_message(End *end, GBytes *bytes, Form form, Waiter *waiter)
+write_message(End *end, GBytes *bytes, Form form, Frame *frame, Waiter *waiter)
 {
   g_autoptr(GVariant) variant = as_variant(bytes);
   auto *out = end->out.get();
-  if (form.write_blocking && form.variant)
+  if (form.gio)
+    frame->write_async(stream_for_gio(end, form), waiter);
+  else if (form.write_blocking && form.variant)
     FUZZ_CHECK(gvc_bytes_output_stream_put_variant(out, variant, nullptr, nullptr));
   else if (form.write_blocking)
     FUZZ_CHECK(gvc_bytes_output_stream_put_bytes(out, bytes, nullptr, nullptr));
@@ -120,8 +165,12 @@ write_message(End *end, GBytes *bytes, Form form, Waiter *waiter)
 }
 
 void
-finish_write(End *end, Form form, Waiter *waiter)
+finish_write(End *end, Form form, const Frame &frame, Waiter *waiter)
 {
+  if (form.gio) {
+    frame.finish(stream_for_gio(end, form), waiter);
+    return;
+  }
   if (form.write_blocking)
     return;
   auto *out = end->out.get();
@@ -162,10 +211,11 @@ void
 exchange(End *from, End *to, View sent, Form form)
 {
   g_autoptr(GBytes) bytes = g_bytes_new_static(sent.data(), sent.size());
+  Frame frame(sent);
   Waiter written, arrived;
   if (form.read_blocking) {
-    write_message(from, bytes, form, &written);
-    finish_write(from, form, &written);
+    write_message(from, bytes, form, &frame, &written);
+    finish_write(from, form, frame, &written);
     read_blocking(to, sent);
   } else {
     if (form.variant)
@@ -173,9 +223,9 @@ exchange(End *from, End *to, View sent, Form form)
                                                 &arrived);
     else
       gvc_bytes_input_stream_read_bytes_async(to->in.get(), 0, nullptr, Waiter::ready, &arrived);
-    write_message(from, bytes, form, &written);
+    write_message(from, bytes, form, &frame, &written);
     finish_read(to, form, sent, &arrived);
-    finish_write(from, form, &written);
+    finish_write(from, form, frame, &written);
   }
   run_ready(); // no second call
 }
@@ -236,7 +286,8 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     const auto sent = pattern(message_size(&script, i == 0), decision);
     const bool small = sent.size() <= blocking_most;
     exchange(from, to, sent,
-             {(decision & 2) != 0, small && (decision & 4), small && (decision & 8)});
+             {(decision & 2) != 0, small && (decision & 4), small && (decision & 8),
+              (decision & 0x20) != 0});
   }
   finish(&first, a.get(), &second, !first.stage(0));
   return 0;

@@ -120,6 +120,19 @@ put_strings(const Corpus &corpus)
   corpus.put("fails", {3, 6, 0, '\n', '\n'}, lines);
   corpus.put("in-threads", {0xf8, 0, 0, '\n', '\n'}, lines);
   corpus.put("grows", {4, 0, 0, '\n', '\n'}, join({Bytes(27, 'a'), {'\n'}}));
+  // Looked into: a buffer over the stream, the socket, a stage, a buffer over the channel.
+  corpus.put("buffered", {8, 0, 0, '\n', '\n', 3, 5, 1, 0, 2}, lines);
+  corpus.put("buffered-fails", {11, 6, 0, '\n', '\n', 15}, lines);
+  corpus.put("socket", {16, 0, 0, '\n', '\n', 0, 1, 3, 1, 5}, lines);
+  corpus.put("socket-grows", {20, 0, 0, '\n', '\n', 0, 100}, join({Bytes(27, 'a'), {'\n'}}));
+  for (std::uint8_t kind = 1; kind < stage_kinds; kind++) {
+    const auto name = std::to_string(kind);
+    corpus.put(("stage-" + name).c_str(), {16, 0, 0, '\n', '\n', kind, 5, 3, 20, 9}, lines);
+    corpus.put(("split-stage-" + name).c_str(),
+               {16, 0, 0, '\n', 'o', static_cast<std::uint8_t>(kind + 4), 9, 1, 7, 30, 2}, lines);
+    corpus.put(("buffered-stage-" + name).c_str(),
+               {24, 0, 0, '\n', '\n', static_cast<std::uint8_t>(kind + 8), 4, 40}, lines);
+  }
 }
 
 void
@@ -171,6 +184,9 @@ put_channel(const Corpus &corpus)
 {
   const auto frames = join({frame("hello"), frame(""), frame(text), frame("end")});
   corpus.put("plain", {0, 0}, frames);
+  // In pieces to a source that stays, read by some bytes at a time.
+  corpus.put("watched", {0, 0x38, 3, 5, 60, 1, 1, 9}, frames);
+  corpus.put("watched-stages", {6, 0x0a, 40, 5, 60, 1, 1, 9}, frames);
   corpus.put("plain-cut-off", {0, 0, 3, 3}, Bytes(frames.begin(), frames.end() - 1));
   for (unsigned first = 1; first < stage_kinds; first++)
     for (unsigned second = 0; second < stage_kinds; second++) {
@@ -198,6 +214,11 @@ put_roundtrip(const Corpus &corpus)
       {"ce", {1, 3, 0, 0}},   {"cc", {1, 1, 0, 0}}, {"ecec", {2, 1, 3, 1}}, {"split", {4, 1, 4, 2}},
   };
   corpus.put("largest", {2, 1, 0, 0, 1, 0xff, 0xff}, {});
+  corpus.put("largest-by-gio", {2, 1, 0, 0, 0x20, 0xff, 0xff}, {});
+  for (const std::uint8_t stage : {0, 1, 2})
+    corpus.put(("by-gio-" + std::to_string(stage)).c_str(),
+               {stage, 0, 0, 0, 0x20, 60, 0x22, 0xd0, 0x23, 0, 0x28, 9, 0x2e, 70, 0x21, 0xfd, 40},
+               {});
   for (const auto &order : orders) {
     corpus.put(order.name, join({order.stages, messages}), {});
     corpus.put((std::string(order.name) + "-in-pieces").c_str(), join({order.stages, messages}),
@@ -222,6 +243,7 @@ enum Call : std::uint8_t {
   peer_reads = 15,
   peer_sends_payload = 16,
   peer_goes = 17,
+  write_by_gio = 18,
 };
 
 void
@@ -256,6 +278,14 @@ put_states(const Corpus &corpus)
              {open_reader, 0, read_async, '\n', 0, peer_sends_payload, 3, iterate, 9,
               peer_sends_payload, 9, iterate, 15, read_async, '\n', 0, cancel, 0},
              bytes("one\ntwo\n"));
+  for (std::uint8_t kind = 0; kind < stage_kinds; kind++)
+    corpus.put(("writes-by-gio-" + std::to_string(kind)).c_str(),
+               join({kind == 0 ? Bytes() : Bytes{add_stage, static_cast<std::uint8_t>(kind - 1)},
+                     {open_writer, 0, write_by_gio, 0xf8, 0, iterate, 15, peer_reads, 0, iterate},
+                     {15, peer_reads, 0, iterate, 15, write_by_gio, 31, 0, iterate, 9, write_async},
+                     {0xfe, 0, iterate, 5, peer_reads, 90, cancel, 0, iterate, 9, peer_reads, 0},
+                     {write_by_gio, 0xfb, 0, peer_reads, 0, iterate, 15, peer_goes, 0}}),
+               {});
   corpus.put("ill-behaved",
              {add_stage, 0, open_reader, 1, read_async, 0, 0, peer_sends_payload, 40, iterate, 15,
               close_something, 0, 0, iterate, 15},

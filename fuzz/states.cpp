@@ -22,13 +22,14 @@ namespace
 // Never more is on its way without anybody reading it when a call could block.
 constexpr std::size_t safe_to_block = 32 * 1024;
 
-enum class Kind { bytes, variant, string, close, put_bytes, put_variant };
+enum class Kind { bytes, variant, string, close, put_bytes, put_variant, gio_write };
 
 // An asynchronous operation. Its own reference to the stream is for the call of finish.
 struct Operation {
   Kind kind;
   Ref<GObject> stream;
   Ref<GCancellable> cancellable;
+  View data; // of a write by GIO
   Waiter waiter;
 };
 
@@ -47,6 +48,7 @@ private:
   void read_blocking();
   void write_async();
   void write_blocking();
+  void write_by_gio();
   void cancel();
   void close_something();
   void drop_something();
@@ -284,6 +286,24 @@ Host::write_blocking()
   }
 }
 
+// GIO's own asynchronous calls, on the message stream or below it.
+void
+Host::write_by_gio()
+{
+  const auto decision = script_.byte();
+  const std::size_t size = 1 + (decision < 0xf0 ? decision * 8U : (decision - 0xefU) * 20'000U);
+  if (busy(false) || (decision % 2 == 0 ? !connection_ : !writer_))
+    return;
+  auto *stream = decision % 2 == 0 ? g_io_stream_get_output_stream(G_IO_STREAM(connection_.get()))
+                                   : G_OUTPUT_STREAM(writer_.get());
+  start(Kind::gio_write, G_OBJECT(stream));
+  auto &operation = operations_.back();
+  operation.data = pattern(size, decision);
+  unread_ += size + 2048;
+  g_output_stream_write_all_async(stream, operation.data.data(), size, decision >> 4,
+                                  operation.cancellable.get(), Waiter::ready, &operation.waiter);
+}
+
 void
 Host::cancel()
 {
@@ -390,6 +410,15 @@ Host::finish(Operation *operation)
     check_error(error, false);
     cut_ |= error != nullptr;
     break;
+  case Kind::gio_write: {
+    gsize written = 0;
+    FUZZ_CHECK(g_output_stream_write_all_finish(G_OUTPUT_STREAM(stream), result, &written,
+                                                &error) == !error);
+    FUZZ_CHECK(error ? written <= operation->data.size() : written == operation->data.size());
+    check_error(error, false);
+    cut_ |= error != nullptr;
+    break;
+  }
   }
 }
 
@@ -529,6 +558,7 @@ Host::run()
       &Host::peer_reads,
       &Host::peer_sends_payload,
       &Host::peer_goes,
+      &Host::write_by_gio,
   };
   while (!script_.empty())
     (this->*calls[script_.below(G_N_ELEMENTS(calls))])();

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes read as strings with any terminators, blocking and asynchronously. Nothing but a
+// Any bytes read as strings with any terminators, blocking and asynchronously, from a stream that
+// can only be read, from a buffered one, and from channels, which are looked into. Nothing but a
 // terminator, an error or cancellation ends a string, so the end of the bytes is one of these. Each
 // string is what stands before its terminator, and nothing behind that is consumed.
 #include "support.h"
 
 #include <zelgvc/zelgvc.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -23,9 +26,19 @@ struct Terminators {
   }
 };
 
+// The stream over the source, or that with a buffer of its own over it.
+std::size_t
+consumed(const Source &source, GInputStream *base)
+{
+  return source.position -
+         (G_IS_BUFFERED_INPUT_STREAM(base)
+              ? g_buffered_input_stream_get_available(G_BUFFERED_INPUT_STREAM(base))
+              : 0);
+}
+
 void
-check_string(const Source &source, std::size_t *at, char terminator, View string,
-             const GError *error)
+check_string(const Source &source, GInputStream *base, std::size_t *at, char terminator,
+             View string, const GError *error)
 {
   const auto end = std::min({source.data.size(), source.fail_at, source.cancel_at});
   const auto rest = source.data.subspan(*at, end - *at);
@@ -40,7 +53,7 @@ check_string(const Source &source, std::size_t *at, char terminator, View string
   const auto length = static_cast<std::size_t>(found - rest.begin()) + 1;
   FUZZ_CHECK(!error && equal(string, rest.first(length)));
   *at += length;
-  FUZZ_CHECK(source.position == *at);
+  FUZZ_CHECK(consumed(source, base) == *at);
 }
 
 gchar *
@@ -56,12 +69,15 @@ read_async(GvcDataInputStream *stream, char terminator, gsize *length, GCancella
   return string;
 }
 
+// `buffer` is the size of a buffer over the source, 0 for none.
 void
-read_all(Source source, Terminators terminators, bool blocking)
+read_all(Source source, Terminators terminators, std::size_t buffer, bool blocking)
 {
   auto cancellable = own(g_cancellable_new());
   source.cancellable = cancellable.get();
   auto base = new_input(&source);
+  if (buffer > 0)
+    base = own(g_buffered_input_stream_new_sized(base.get(), buffer));
   auto stream = own(gvc_data_input_stream_new(base.get()));
   std::size_t at = 0;
 
@@ -73,16 +89,140 @@ read_all(Source source, Terminators terminators, bool blocking)
         blocking ? gvc_data_input_stream_read_string(stream.get(), terminator, &length,
                                                      cancellable.get(), &error)
                  : read_async(stream.get(), terminator, &length, cancellable.get(), &error);
-    check_string(source, &at, terminator, {reinterpret_cast<std::uint8_t *>(string), length},
-                 error);
+    check_string(source, base.get(), &at, terminator,
+                 {reinterpret_cast<std::uint8_t *>(string), length}, error);
     if (!string)
       break;
   }
 }
 
+// ---- Channels
+
+struct Plan {
+  unsigned stage;
+  bool split;         // what the stage reads
+  std::size_t buffer; // over the channel, 0 for none
+  Script pieces;
+  View plain;
+};
+
+class Line
+{
+public:
+  explicit Line(const Plan &plan)
+      : plan_(plan), script_(plan.pieces), splitter_(plan.pieces), pair_(new_pair()),
+        connection_(own(gvc_connection_new(pair_.connection.get())))
+  {
+    auto *channel = connection_.get();
+    if (plan.split)
+      gvc_connection_add_converters(channel, new_splitter(&splitter_).get(),
+                                    new_splitter(&splitter_).get());
+    if (plan.stage != 0)
+      gvc_connection_add_converters(channel, new_in_stage(plan.stage).get(),
+                                    new_out_stage(plan.stage).get());
+    wire_ = plan.stage == 0 ? Bytes(plan.plain.begin(), plan.plain.end())
+                            : convert_all(new_out_stage(plan.stage).get(), plan.plain, &script_);
+    unsent_ = wire_;
+    auto *in = g_io_stream_get_input_stream(G_IO_STREAM(channel));
+    if (plan.buffer > 0)
+      buffered_ = own(g_buffered_input_stream_new_sized(in, plan.buffer));
+    stream_ = own(gvc_data_input_stream_new(plan.buffer > 0 ? buffered_.get() : in));
+  }
+  ~Line()
+  {
+    close(pair_.peer);
+  }
+  Line(const Line &) = delete;
+  Line &operator=(const Line &) = delete;
+
+  // Every string is there before it is read, so that no call waits for ever.
+  void
+  read_blocking(Terminators terminators)
+  {
+    while (!unsent_.empty())
+      feed();
+    for (unsigned i = 0; const auto size = next(terminators.of(i)); i++) {
+      g_autoptr(GError) error = nullptr;
+      gsize length = 0;
+      g_autofree gchar *string = gvc_data_input_stream_read_string(stream_.get(), terminators.of(i),
+                                                                   &length, nullptr, &error);
+      check(string, length, size, error);
+    }
+  }
+  // The last string, which has no end, waits until it is cancelled.
+  void
+  read_async(Terminators terminators)
+  {
+    for (unsigned i = 0;; i++) {
+      const auto size = next(terminators.of(i));
+      auto cancellable = own(g_cancellable_new());
+      Waiter waiter;
+      gvc_data_input_stream_read_string_async(stream_.get(), terminators.of(i), 0,
+                                              cancellable.get(), Waiter::ready, &waiter);
+      FUZZ_CHECK(!waiter.done());
+      while (!waiter.done() && !unsent_.empty()) {
+        feed();
+        run_ready();
+      }
+      if (!size) {
+        run_ready();
+        FUZZ_CHECK(!waiter.done());
+        g_cancellable_cancel(cancellable.get());
+      }
+      g_autoptr(GError) error = nullptr;
+      gsize length = 0;
+      g_autofree gchar *string =
+          gvc_data_input_stream_read_string_finish(stream_.get(), waiter.wait(), &length, &error);
+      run_ready(); // no second call
+      if (!size) {
+        FUZZ_CHECK(!string && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED));
+        return;
+      }
+      check(string, length, size, error);
+    }
+  }
+
+private:
+  // The size of the next string, 0 if it has no end.
+  std::size_t
+  next(char terminator) const
+  {
+    const auto rest = plan_.plain.subspan(at_);
+    const auto found = std::ranges::find(rest, static_cast<std::uint8_t>(terminator));
+    return found == rest.end() ? 0 : static_cast<std::size_t>(found - rest.begin()) + 1;
+  }
+  void
+  check(const gchar *string, gsize length, std::size_t size, const GError *error)
+  {
+    FUZZ_CHECK(string && !error);
+    FUZZ_CHECK(equal({reinterpret_cast<const std::uint8_t *>(string), length},
+                     plan_.plain.subspan(at_, size)));
+    at_ += size;
+  }
+  void
+  feed()
+  {
+    const auto decision = script_.byte();
+    const auto size =
+        decision == 0 ? unsent_.size() : std::min<std::size_t>(decision, unsent_.size());
+    unsent_ = unsent_.subspan(send_some(pair_.peer, unsent_.first(size)));
+  }
+
+  const Plan &plan_;
+  Script script_, splitter_;
+  Pair pair_;
+  Ref<GvcConnection> connection_;
+  Ref<GInputStream> buffered_;
+  Ref<GvcDataInputStream> stream_;
+  Bytes wire_;
+  View unsent_;
+  std::size_t at_ = 0;
+};
+
 } // namespace
 
-// The script: what ends the stream, where it breaks, two terminators, and the waits.
+// The script: the stream and what ends it, where it breaks, two terminators, the stage, and the
+// waits.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -99,11 +239,24 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     payload = repeated;
   }
   // A thread's help for every byte takes its time.
-  Source source{.data = payload, .pieces = script, .pollable = kind < 0xf8 || payload.size() > 16};
+  const bool threads = kind >= 0xf8 && payload.size() <= 16;
+  const auto form = threads ? 0U : kind >> 3 & 3U;
+  if (form >= 2) {
+    const auto stages = script.byte();
+    // GIO's threads read a buffered stream.
+    const bool buffered = form == 3 && payload.size() <= 64;
+    Plan plan{stages % stage_kinds, (stages & 4) != 0, buffered ? 1 + (stages >> 3) * 7U : 0U,
+              script, payload};
+    Line(plan).read_blocking(terminators);
+    Line(plan).read_async(terminators);
+    return 0;
+  }
+  const std::size_t buffer = form == 1 && payload.size() <= 64 ? 1 + script.byte() : 0;
+  Source source{.data = payload, .pieces = script, .pollable = !threads};
   const auto end = kind & 2 ? std::min(where, payload.size()) : payload.size();
   (kind & 1 ? source.fail_at : source.cancel_at) = end;
 
-  read_all(source, terminators, true);
-  read_all(source, terminators, false);
+  read_all(source, terminators, buffer, true);
+  read_all(source, terminators, buffer, false);
   return 0;
 }
