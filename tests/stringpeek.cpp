@@ -405,8 +405,8 @@ test_turns_of_a_string(Base base)
 
 /* ---- Sockets with a timeout ---- */
 
-// The part that has come must not be looked at without end. A timeout takes a second at least, so all
-// of them run at the same time.
+// The part that has come must not be looked at without end. A timeout takes a second at least, so
+// all of them run at the same time.
 void
 test_timeouts()
 {
@@ -440,6 +440,22 @@ test_timeouts()
 
 /* ---- Streams that can only be read ---- */
 
+std::string
+read_script(GvcDataInputStream *strings, Way way)
+{
+  gsize length = 0;
+  if (way == Way::blocking) {
+    auto *string = gvc_data_input_stream_read_string(strings, '\n', &length, nullptr, nullptr);
+    return faulty::take(string, length).value();
+  }
+  Collector collector;
+  gvc_data_input_stream_read_string_async(strings, '\n', G_PRIORITY_DEFAULT, nullptr,
+                                          Collector::ready, &collector);
+  auto *string =
+      gvc_data_input_stream_read_string_finish(strings, collector.wait(), &length, nullptr);
+  return faulty::take(string, length).value();
+}
+
 // Requests of one byte each, but none of them waits for a turn of its own.
 void
 test_one_byte_a_request()
@@ -450,20 +466,49 @@ test_one_byte_a_request()
       const auto script = new_script(text + "next");
       auto base = new_scripted_input(script, kind);
       auto strings = own(gvc_data_input_stream_new(base.get()));
-      gsize length = 0;
-      char *string;
-      if (way == Way::blocking) {
-        string = gvc_data_input_stream_read_string(strings.get(), '\n', &length, nullptr, nullptr);
-      } else {
-        Collector collector;
-        gvc_data_input_stream_read_string_async(strings.get(), '\n', G_PRIORITY_DEFAULT, nullptr,
-                                                Collector::ready, &collector);
-        string = gvc_data_input_stream_read_string_finish(strings.get(), collector.wait(), &length,
-                                                          nullptr);
-      }
-      assert_bytes(faulty::take(string, length).value(), text);
+      assert_bytes(read_script(strings.get(), way), text);
       g_assert_true((script->sizes() == std::vector<gsize>(text.size(), 1)));
     }
+}
+
+// A stream of a derived class delivers what it likes: what its base stream holds says nothing.
+void
+test_derived_class_over_a_buffer()
+{
+  for (const Way way : {Way::blocking, Way::async})
+    for (const StreamKind kind : all_stream_kinds) {
+      auto below = own(g_buffered_input_stream_new(new_scripted_input(new_script("others")).get()));
+      g_assert_cmpint(
+          g_buffered_input_stream_fill(G_BUFFERED_INPUT_STREAM(below.get()), -1, nullptr, nullptr),
+          ==, 6);
+      const auto script = new_script("one\ntwo\n");
+      auto strings =
+          new_scripted_filter_input(GVC_TYPE_DATA_INPUT_STREAM, below.get(), script, kind);
+      g_assert_true(read_script(GVC_DATA_INPUT_STREAM(strings.get()), way) == "one\n");
+      g_assert_cmpuint(script->moved(), ==, 4);
+    }
+}
+
+// At the end of a stream that can always be read, the others have their turns.
+void
+test_one_read_a_turn_at_the_end()
+{
+  const auto script = new_script();
+  auto base = new_scripted_input(script, StreamKind::pollable);
+  auto strings = own(gvc_data_input_stream_new(base.get()));
+  auto cancellable = own(g_cancellable_new());
+  Collector collector;
+  gvc_data_input_stream_read_string_async(strings.get(), '\n', G_PRIORITY_DEFAULT,
+                                          cancellable.get(), Collector::ready, &collector);
+  for (gsize turn = 1; turn <= 20; turn++) {
+    g_assert_cmpuint(script->transfers().size(), <=, turn);
+    g_main_context_iteration(nullptr, TRUE);
+  }
+  g_cancellable_cancel(cancellable.get());
+  Error error;
+  g_assert_null(
+      gvc_data_input_stream_read_string_finish(strings.get(), collector.wait(), nullptr, &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
 void
@@ -576,6 +621,8 @@ main(int argc, char **argv)
           std::pair<BaseTest, Base>(test_socket_closed_below, base));
   add("reset", run_base_test, std::pair<BaseTest, Base>(test_reset, Base::tcp_socket));
   g_test_add_func("/string-peek/one-byte-a-request", test_one_byte_a_request);
+  g_test_add_func("/string-peek/derived-class-over-a-buffer", test_derived_class_over_a_buffer);
+  g_test_add_func("/string-peek/one-read-a-turn-at-the-end", test_one_read_a_turn_at_the_end);
   g_test_add_func("/string-peek/turns-of-a-pollable-stream", test_turns_of_a_pollable_stream);
   return g_test_run();
 }
