@@ -578,6 +578,181 @@ test_source_waits_for_the_rest_of_a_unit(int stages)
   g_assert_cmpint(in_vain, <=, 2 * most_in_vain);
 }
 
+// What is_readable() says of the channel and of a message stream over it.
+void
+test_readable_while_a_stage_holds_input(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  const auto assert_readable = [&](bool expected) {
+    for (auto *stream : {connected.in(), G_INPUT_STREAM(connected.reader.get())})
+      g_assert_cmpint(g_pollable_input_stream_is_readable(G_POLLABLE_INPUT_STREAM(stream)), ==,
+                      expected);
+  };
+  assert_readable(false);
+  connected.peer.send(three_through_stages(stages));
+  for (const char *expected : three) {
+    assert_readable(true);
+    const BytesRef message(
+        gvc_bytes_input_stream_read_bytes(connected.reader.get(), nullptr, nullptr));
+    assert_text(bytes_string(message.get()), expected);
+  }
+  char byte;
+  Error error;
+  g_assert_cmpint(g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(connected.in()),
+                                                           &byte, 1, nullptr, &error),
+                  ==, -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK);
+  assert_readable(false);
+}
+
+/* ---- Streams that are busy, cancelled, or not what they derive from ---- */
+
+// A peer may put a whole frame into one unit, which fits neither the reader's memory nor a small
+// buffer.
+void
+test_unit_larger_than_what_is_asked_for(int stages)
+{
+  const std::string payload = pattern(100000);
+  const auto wire = faulty::through_stages(stages, {frame(payload), frame("next")});
+  for (const bool blocking : {true, false}) {
+    const Scripted scripted(stages, wire);
+    for (const auto &expected : {payload, std::string("next")}) {
+      Error error;
+      BytesRef message;
+      if (blocking) {
+        message.reset(gvc_bytes_input_stream_read_bytes(scripted.reader.get(), nullptr, &error));
+      } else {
+        Collector collector;
+        gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), G_PRIORITY_DEFAULT, nullptr,
+                                                Collector::ready, &collector);
+        message.reset(gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(),
+                                                               collector.wait(), &error));
+      }
+      error.assert_none();
+      assert_bytes(bytes_string(message.get()), expected);
+    }
+  }
+}
+
+// The stream below belongs to another operation: none of its bytes are taken or added.
+void
+test_busy_base_stream(int stages)
+{
+  const Scripted scripted(stages, frame_through_stages(stages, "message"));
+  auto *in = scripted.in();
+  auto *out = scripted.out();
+  for (int stage = 1; stage < stages; stage++) {
+    in = g_filter_input_stream_get_base_stream(G_FILTER_INPUT_STREAM(in));
+    out = g_filter_output_stream_get_base_stream(G_FILTER_OUTPUT_STREAM(out));
+  }
+  g_assert_true(g_input_stream_set_pending(in, nullptr));
+  g_assert_true(g_output_stream_set_pending(out, nullptr));
+  char byte;
+  Error error;
+  const auto assert_pending = [&](gssize count) {
+    g_assert_cmpint(count, ==, -1);
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_PENDING);
+    error.clear();
+  };
+  auto *reader = G_INPUT_STREAM(scripted.reader.get());
+  auto *writer = G_OUTPUT_STREAM(scripted.writer.get());
+  assert_pending(g_input_stream_read(reader, &byte, 1, nullptr, &error));
+  assert_pending(g_output_stream_write(writer, "a", 1, nullptr, &error));
+  if (stages <= 1) { // the stage itself
+    assert_pending(g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(reader), &byte,
+                                                            1, nullptr, &error));
+    assert_pending(g_pollable_output_stream_write_nonblocking(G_POLLABLE_OUTPUT_STREAM(writer), "a",
+                                                              1, nullptr, &error));
+  }
+  g_input_stream_clear_pending(in);
+  g_output_stream_clear_pending(out);
+  g_assert_cmpuint(scripted.output->moved(), ==, 0);
+  const BytesRef message(gvc_bytes_input_stream_read_bytes(scripted.reader.get(), nullptr, &error));
+  error.assert_none();
+  assert_bytes(bytes_string(message.get()), "message");
+}
+
+// Nothing is moved, and all streams are free again.
+void
+test_cancelled_before_the_start(int stages)
+{
+  const Scripted scripted(stages, frame_through_stages(stages, "message"));
+  auto cancellable = own(g_cancellable_new());
+  g_cancellable_cancel(cancellable.get());
+  Collector read, written;
+  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), G_PRIORITY_DEFAULT,
+                                          cancellable.get(), Collector::ready, &read);
+  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(),
+                                          G_PRIORITY_DEFAULT, cancellable.get(), Collector::ready,
+                                          &written);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), read.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  error.clear();
+  g_assert_false(
+      gvc_bytes_output_stream_put_bytes_finish(scripted.writer.get(), written.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  error.clear();
+  g_assert_cmpuint(scripted.input->moved(), ==, 0);
+  g_assert_cmpuint(scripted.output->moved(), ==, 0);
+  g_assert_true(gvc_bytes_output_stream_put_bytes(scripted.writer.get(), new_bytes("").get(),
+                                                  nullptr, &error));
+  error.assert_none();
+}
+
+// A derived class with asynchronous operations of its own over a stream that could be polled.
+void
+test_derived_class_with_operations_of_its_own()
+{
+  const auto input = new_script(frame("message")), output = new_script();
+  auto below_in = new_scripted_input(new_script("others"), StreamKind::pollable);
+  auto below_out = new_scripted_output(new_script(), StreamKind::pollable);
+  auto reader = new_scripted_filter_input(GVC_TYPE_BYTES_INPUT_STREAM, below_in.get(), input,
+                                          StreamKind::with_async);
+  auto writer = new_scripted_filter_output(GVC_TYPE_BYTES_OUTPUT_STREAM, below_out.get(), output,
+                                           StreamKind::with_async);
+  Collector read, written;
+  gvc_bytes_input_stream_read_bytes_async(GVC_BYTES_INPUT_STREAM(reader.get()), G_PRIORITY_DEFAULT,
+                                          nullptr, Collector::ready, &read);
+  gvc_bytes_output_stream_put_bytes_async(GVC_BYTES_OUTPUT_STREAM(writer.get()),
+                                          new_bytes("message").get(), G_PRIORITY_DEFAULT, nullptr,
+                                          Collector::ready, &written);
+  Error error;
+  const BytesRef message(gvc_bytes_input_stream_read_bytes_finish(
+      GVC_BYTES_INPUT_STREAM(reader.get()), read.wait(), &error));
+  error.assert_none();
+  assert_bytes(bytes_string(message.get()), "message");
+  g_assert_true(gvc_bytes_output_stream_put_bytes_finish(GVC_BYTES_OUTPUT_STREAM(writer.get()),
+                                                         written.wait(), &error));
+  assert_bytes(output->written(), frame("message"));
+}
+
+// Has the interface for polling, but over a stream that cannot be polled.
+void
+test_stream_that_cannot_be_polled_after_all()
+{
+  auto converter = new_map_converter([](guint8 byte) { return byte; }, G_MAXSIZE);
+  const auto output = new_script();
+  auto in = own(g_converter_input_stream_new(
+      new_scripted_input(new_script("bytes"), StreamKind::sync_only).get(), converter.get()));
+  auto out = own(g_converter_output_stream_new(
+      new_scripted_output(output, StreamKind::sync_only).get(), converter.get()));
+  char buffer[5];
+  gsize count = 0;
+  Error error;
+  Collector read, written;
+  gvc_input_stream_util_read_all_async(in.get(), buffer, sizeof buffer, G_PRIORITY_DEFAULT, nullptr,
+                                       Collector::ready, &read);
+  g_assert_true(gvc_input_stream_util_read_all_finish(in.get(), read.wait(), &count, &error));
+  assert_bytes({buffer, count}, "bytes");
+  gvc_output_stream_util_write_all_async(out.get(), "bytes", 5, G_PRIORITY_DEFAULT, nullptr,
+                                         Collector::ready, &written);
+  g_assert_true(gvc_output_stream_util_write_all_finish(out.get(), written.wait(), &count, &error));
+  g_assert_true(g_output_stream_flush(out.get(), nullptr, &error));
+  assert_bytes(output->written(), "bytes");
+}
+
 /* ---- A channel that is closed below a message ---- */
 
 enum class Closing { blocking, async };
@@ -766,6 +941,14 @@ main(int argc, char **argv)
   add("source-sees-all-messages/message-stream/made-after",
       test_source_sees_all_messages<true, Made::after>);
   add("source-waits-for-the-rest-of-a-unit", test_source_waits_for_the_rest_of_a_unit, 1);
+  add("readable-while-a-stage-holds-input", test_readable_while_a_stage_holds_input);
+  add("unit-larger-than-what-is-asked-for", test_unit_larger_than_what_is_asked_for, 1);
+  add("busy-base-stream", test_busy_base_stream);
+  add("cancelled-before-the-start", test_cancelled_before_the_start);
+  g_test_add_func("/engine/derived-class-with-operations-of-its-own",
+                  test_derived_class_with_operations_of_its_own);
+  g_test_add_func("/engine/stream-that-cannot-be-polled-after-all",
+                  test_stream_that_cannot_be_polled_after_all);
   add_closings<Closing::blocking, Closed::channel>("blocking/channel");
   add_closings<Closing::async, Closed::channel>("async/channel");
   add_closings<Closing::blocking, Closed::channel_and_socket>("blocking/channel-and-socket");

@@ -399,6 +399,19 @@ test_vectors_of_the_caller(const Case &one)
   assert_bytes(sink.data, wire + wire);
 }
 
+// A vector goes on before the next one begins, even if it is too large for one block.
+void
+test_large_vector_of_the_caller(const Case &one)
+{
+  const std::string large = pattern(3 * 1024 * 1024 / 2);
+  Sink sink;
+  const Chain chain(new_gathering_output(&sink), one.stages);
+  GOutputVector vectors[] = {{large.data(), large.size()}, {"tail", 4}};
+  Error error;
+  g_assert_true(g_output_stream_writev_all(chain.out(), vectors, 2, nullptr, nullptr, &error));
+  assert_bytes(sink.data, write_on_wire(large, one.stages) + write_on_wire("tail", one.stages));
+}
+
 /* ---- Real sockets ---- */
 
 guint
@@ -516,6 +529,7 @@ main(int argc, char **argv)
   add("failed-call-ends-the-frame", test_a_failed_call_ends_the_frame);
   add("large-frames", test_large_frames);
   add("vectors-of-the-caller", test_vectors_of_the_caller);
+  add("large-vector-of-the-caller", test_large_vector_of_the_caller);
   add("one-segment-a-frame", test_one_segment_a_frame);
   add("one-record-a-part", test_one_record_a_part, 1, 1);
   return g_test_run();

@@ -358,16 +358,21 @@ test_end_of_the_stream(Base base)
 void
 test_reset(Base base)
 {
-  Line line(base);
-  line.send("part");
-  Reading reading(line, '\n');
-  busy_turns(many_turns);
-  const struct linger at_once = {1, 0};
-  g_assert_no_errno(setsockopt(line.peer.fd(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once));
-  line.peer.close();
-  Error error;
-  g_assert_false(reading.finish(error).has_value());
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
+  for (const Way way : {Way::blocking, Way::async}) {
+    Line line(base);
+    line.send("part");
+    std::optional<Reading> reading;
+    if (way == Way::async)
+      reading.emplace(line, '\n');
+    busy_turns(many_turns);
+    const struct linger at_once = {1, 0};
+    g_assert_no_errno(setsockopt(line.peer.fd(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once));
+    line.peer.close();
+    Error error;
+    g_assert_false(
+        (reading ? reading->finish(error) : read_string(line, way, '\n', error)).has_value());
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
+  }
 }
 
 void

@@ -436,7 +436,108 @@ test_retried_writes(gconstpointer stages)
     test_retried_write(GPOINTER_TO_INT(stages), library, cancel, at);
 }
 
+// What a failed write has left with the stage is sent, and so is another write that follows: only
+// the same bytes are taken for a retry.
+void
+test_other_write_after_a_failed_one(gconstpointer stages)
+{
+  Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::sync_only);
+  chain.script->at_call[1] = Step::fail();
+  Error error;
+  g_assert_cmpint(g_output_stream_write(chain.out.get(), "first", 5, nullptr, &error), ==, -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
+  error.clear();
+  for (const char *other : {"other", "first"})
+    g_assert_cmpint(g_output_stream_write(chain.out.get(), other, 5, nullptr, &error), ==, 5);
+  error.assert_none();
+  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "firstotherfirst");
+}
+
+void
+test_retried_vectors(gconstpointer stages)
+{
+  Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::sync_only);
+  const GOutputVector both[] = {{"one", 3}, {"two", 3}};
+  chain.script->at_call[1] = Step::fail();
+  gsize written = 0;
+  Error error;
+  g_assert_false(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
+  error.clear();
+  g_assert_true(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
+  g_assert_cmpuint(written, ==, 6);
+  flush_with_retries(chain.out.get());
+  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "onetwo");
+}
+
+// A failure that comes once, behind a write that has been accepted, is the next operation's.
+void
+test_failure_behind_an_accepted_write(gconstpointer stages)
+{
+  Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::pollable);
+  chain.script->at_call[1] = Step::fail();
+  Error error;
+  g_assert_cmpint(
+      g_pollable_output_stream_write_nonblocking(chain.pollable(), "abc", 3, nullptr, &error), ==,
+      3);
+  error.assert_none();
+  g_assert_false(g_output_stream_flush(chain.out.get(), nullptr, &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
+  flush_with_retries(chain.out.get());
+  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "abc");
+}
+
 /* ---- Converters ---- */
+
+Ref<GConverter>
+no_digits()
+{
+  return new_converter([](std::string_view in, char *out, gsize room, GConverterFlags flags,
+                          gsize *read, gsize *written, GError **error) {
+    if (in.find_first_of("0123456789") != in.npos)
+      return conversion_error(G_IO_ERROR_INVALID_DATA, "A digit", error);
+    if (room < in.size())
+      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
+    std::copy(in.begin(), in.end(), out);
+    *read = *written = in.size();
+    if ((flags & G_CONVERTER_INPUT_AT_END) != 0)
+      return G_CONVERTER_FINISHED;
+    return (flags & G_CONVERTER_FLUSH) != 0 ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
+  });
+}
+
+// The base stream fails, and the converter has refused the second vector before: that is told
+// first.
+void
+test_two_failures_of_one_write()
+{
+  Stages chain(true, 1, StreamKind::sync_only, no_digits);
+  const GOutputVector both[] = {{"good", 4}, {"2", 1}};
+  chain.script->at_call[1] = Step::fail();
+  gsize written = 0;
+  Error error;
+  g_assert_false(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "A digit");
+  error.clear();
+  g_assert_cmpint(g_output_stream_write(chain.out.get(), "good", 4, nullptr, &error), ==, 4);
+  error.assert_none();
+  assert_bytes(chain.script->written(), "good");
+}
+
+// Without a failure of the base stream, the first vector is written and the next operation fails.
+void
+test_refused_second_vector()
+{
+  Stages chain(true, 1, StreamKind::sync_only, no_digits);
+  const GOutputVector both[] = {{"good", 4}, {"2", 1}};
+  gsize written = 0;
+  Error error;
+  g_assert_true(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
+  g_assert_cmpuint(written, ==, 4);
+  assert_bytes(chain.script->written(), "good");
+  g_assert_cmpint(g_output_stream_write(chain.out.get(), "more", 4, nullptr, &error), ==, -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "A digit");
+}
 
 // Passes bytes on up to an exclamation mark, with which it has finished.
 Ref<GConverter>
@@ -488,6 +589,19 @@ calls_after_the_end(bool library, std::string_view last)
   }
   outcomes.push_back(chain.script->written());
   return outcomes;
+}
+
+// Nothing is taken of a vector behind the end.
+void
+test_vector_behind_the_end()
+{
+  Stages chain(true, 1, StreamKind::sync_only, until_exclamation_mark);
+  const GOutputVector both[] = {{"end!", 4}, {"beyond", 6}};
+  gsize written = 0;
+  Error error;
+  g_assert_true(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
+  g_assert_cmpuint(written, ==, 4);
+  assert_bytes(chain.script->written(), "end!");
 }
 
 void
@@ -597,6 +711,12 @@ main(int argc, char **argv)
   add_for_stages("retried-in-pieces", test_retried_in_pieces<true>);
   g_test_add_data_func("/truthful-writes/retried-in-pieces/gio", GINT_TO_POINTER(1),
                        test_retried_in_pieces<false>);
+  add_for_stages("other-write-after-a-failed-one", test_other_write_after_a_failed_one);
+  add_for_stages("retried-vectors", test_retried_vectors);
+  add_for_stages("failure-behind-an-accepted-write", test_failure_behind_an_accepted_write);
+  g_test_add_func("/truthful-writes/two-failures-of-one-write", test_two_failures_of_one_write);
+  g_test_add_func("/truthful-writes/refused-second-vector", test_refused_second_vector);
+  g_test_add_func("/truthful-writes/vector-behind-the-end", test_vector_behind_the_end);
   g_test_add_func("/truthful-writes/after-the-converter-has-finished",
                   test_after_the_converter_has_finished);
   g_test_add_data_func("/truthful-writes/kept-input-is-not-copied-each-time/stage",
