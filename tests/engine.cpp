@@ -634,6 +634,30 @@ test_unit_larger_than_what_is_asked_for(int stages)
   }
 }
 
+// A converter that says when it has finished, unlike the library's own: then the stream has ended.
+void
+test_end_behind_a_finished_converter()
+{
+  for (const bool blocking : {true, false}) {
+    const Scripted scripted(0, "abc");
+    auto converter = new_map_converter([](guint8 byte) { return byte; }, G_MAXSIZE);
+    gvc_connection_add_converters(scripted.channel.get(), converter.get(), converter.get());
+    auto *in = scripted.in();
+    auto *pollable = G_POLLABLE_INPUT_STREAM(in);
+    for (const gssize expected : {3, 0, 0}) {
+      char buffer[10];
+      Error error;
+      const gssize count =
+          blocking ? g_input_stream_read(in, buffer, sizeof buffer, nullptr, &error)
+                   : g_pollable_input_stream_read_nonblocking(pollable, buffer, sizeof buffer,
+                                                              nullptr, &error);
+      error.assert_none();
+      g_assert_cmpint(count, ==, expected);
+    }
+    g_assert_true(g_pollable_input_stream_is_readable(pollable));
+  }
+}
+
 // The stream below belongs to another operation: none of its bytes are taken or added.
 void
 test_busy_base_stream(int stages)
@@ -699,6 +723,33 @@ test_cancelled_before_the_start(int stages)
   g_assert_true(gvc_bytes_output_stream_put_bytes(scripted.writer.get(), new_bytes("").get(),
                                                   nullptr, &error));
   error.assert_none();
+}
+
+// The payload counts from the next turn on, so that a cancellation behind the call still prevents it.
+void
+test_cancelled_behind_the_start()
+{
+  const Scripted scripted(0, frame("message"));
+  auto cancellable = own(g_cancellable_new());
+  Collector read, written;
+  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), G_PRIORITY_DEFAULT,
+                                          cancellable.get(), Collector::ready, &read);
+  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(),
+                                          G_PRIORITY_DEFAULT, cancellable.get(), Collector::ready,
+                                          &written);
+  g_cancellable_cancel(cancellable.get());
+  read.wait();
+  written.wait();
+  g_assert_cmpuint(scripted.input->moved(), ==, 4);
+  g_assert_cmpuint(scripted.output->moved(), ==, 4);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), read.result(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  error.clear();
+  g_assert_false(
+      gvc_bytes_output_stream_put_bytes_finish(scripted.writer.get(), written.result(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
 // A derived class with asynchronous operations of its own over a stream that could be polled.
@@ -943,8 +994,10 @@ main(int argc, char **argv)
   add("source-waits-for-the-rest-of-a-unit", test_source_waits_for_the_rest_of_a_unit, 1);
   add("readable-while-a-stage-holds-input", test_readable_while_a_stage_holds_input);
   add("unit-larger-than-what-is-asked-for", test_unit_larger_than_what_is_asked_for, 1);
+  g_test_add_func("/engine/end-behind-a-finished-converter", test_end_behind_a_finished_converter);
   add("busy-base-stream", test_busy_base_stream);
   add("cancelled-before-the-start", test_cancelled_before_the_start);
+  g_test_add_func("/engine/cancelled-behind-the-start", test_cancelled_behind_the_start);
   g_test_add_func("/engine/derived-class-with-operations-of-its-own",
                   test_derived_class_with_operations_of_its_own);
   g_test_add_func("/engine/stream-that-cannot-be-polled-after-all",
