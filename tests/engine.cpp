@@ -725,7 +725,7 @@ test_cancelled_before_the_start(int stages)
   error.assert_none();
 }
 
-// The payload counts from the next turn on, so that a cancellation behind the call still prevents it.
+// The payload counts from the next turn on, so that a cancellation behind the call prevents it.
 void
 test_cancelled_behind_the_start()
 {
