@@ -752,6 +752,20 @@ test_cancelled_behind_the_start()
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
+// Even if all has been moved within the call: another message has to wait for the callback.
+void
+test_busy_until_the_callback(int stages)
+{
+  const Scripted scripted(stages, frame_through_stages(stages, "message"));
+  auto *writer = G_OUTPUT_STREAM(scripted.writer.get());
+  Collector written;
+  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(),
+                                          G_PRIORITY_DEFAULT, nullptr, Collector::ready, &written);
+  g_assert_true(g_output_stream_has_pending(writer));
+  written.wait();
+  g_assert_false(g_output_stream_has_pending(writer));
+}
+
 // A derived class with asynchronous operations of its own over a stream that could be polled.
 void
 test_derived_class_with_operations_of_its_own()
@@ -997,6 +1011,7 @@ main(int argc, char **argv)
   g_test_add_func("/engine/end-behind-a-finished-converter", test_end_behind_a_finished_converter);
   add("busy-base-stream", test_busy_base_stream);
   add("cancelled-before-the-start", test_cancelled_before_the_start);
+  add("busy-until-the-callback", test_busy_until_the_callback);
   g_test_add_func("/engine/cancelled-behind-the-start", test_cancelled_behind_the_start);
   g_test_add_func("/engine/derived-class-with-operations-of-its-own",
                   test_derived_class_with_operations_of_its_own);
