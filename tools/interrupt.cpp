@@ -47,12 +47,11 @@ wait_for_signals()
 void
 interrupt_start()
 {
+  auto signals = waited_for();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   // A reader that has gone and a file that may not grow are errors of the write, and no signals.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-
-  auto signals = waited_for();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   soon = g_cancellable_new();
   now = g_cancellable_new();
   std::thread(wait_for_signals).detach();

@@ -111,8 +111,8 @@ main(int argc, char **argv)
 {
   occupy_standard_descriptors();
   expect_refusals();
-  std::setlocale(LC_ALL, "");
   interrupt_start();
+  std::setlocale(LC_ALL, "");
   gvc_init();
 
   try {
