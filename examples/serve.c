@@ -495,8 +495,7 @@ on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source,
   session->cancellable = g_cancellable_new();
   server->running++;
   server->served++;
-  if (server->running >= MOST_AT_ONCE ||
-      (server->callers > 0 && server->served >= server->callers))
+  if (server->running >= MOST_AT_ONCE || (server->callers > 0 && server->served >= server->callers))
     g_socket_service_stop(service);
   g_print("%s: connected\n", session->peer);
   read_request(session);

@@ -18,8 +18,8 @@ void
 Deadline::set(guint64 seconds)
 {
   std::lock_guard lock(mutex);
-  due = seconds == 0 ? never
-                     : g_get_monotonic_time() + static_cast<gint64>(seconds) * G_USEC_PER_SEC;
+  due =
+      seconds == 0 ? never : g_get_monotonic_time() + static_cast<gint64>(seconds) * G_USEC_PER_SEC;
   if (due < wake)
     changed.notify_one();
 }

@@ -95,8 +95,8 @@ account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **
   auto size = static_cast<gsize>(got);
   self->total += size;
   auto *bytes = static_cast<const guint8 *>(buffer);
-  bool good = self->strings ? follow_string(self, bytes, size, error)
-                            : follow(self, bytes, size, error);
+  bool good =
+      self->strings ? follow_string(self, bytes, size, error) : follow(self, bytes, size, error);
   return good ? got : -1;
 }
 
