@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "command.h"
+#include "files.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/random.h>
@@ -11,10 +13,10 @@ static bool
 fill_with_random(guint8 *bytes, gsize size)
 {
   for (gsize done = 0; done < size;) {
-    auto got = getrandom(bytes + done, size - done, 0);
-    if (got < 0 && errno != EINTR)
+    auto got = retry([&] { return getrandom(bytes + done, size - done, 0); });
+    if (got < 0)
       return false;
-    done += got > 0 ? static_cast<gsize>(got) : 0;
+    done += static_cast<gsize>(got);
   }
   return true;
 }
@@ -30,19 +32,22 @@ run_keygen(const Command &command, int argc, char **argv)
   if (!fill_with_random(key, sizeof key))
     fail(Exit::local, "the system gives no random bytes: %s", g_strerror(errno));
 
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0 && errno == EEXIST)
-    fail(Exit::local, "%s exists and is not overwritten", shown.c_str());
+  g_autofree char *folder = g_path_get_dirname(path.c_str());
+  auto unfinished = std::string(folder) + "/.zelgvc-key-XXXXXX";
+  int fd = mkostemp(unfinished.data(), O_CLOEXEC);
   if (fd < 0)
     fail(Exit::local, "cannot create %s: %s", shown.c_str(), g_strerror(errno));
 
-  bool written = write(fd, key, sizeof key) == static_cast<ssize_t>(sizeof key) && fsync(fd) == 0;
+  bool written = retry([&] { return write(fd, key, sizeof key); }) == sizeof key &&
+                 retry([&] { return fsync(fd); }) == 0 &&
+                 give_name(AT_FDCWD, fd, unfinished.c_str(), path.c_str(), false);
   int code = errno;
   close(fd);
   explicit_bzero(key, sizeof key);
-  if (!written) {
-    unlink(path.c_str());
-    fail(Exit::local, "cannot write %s: %s", shown.c_str(), g_strerror(code));
-  }
-  return Exit::ok;
+  if (written)
+    return Exit::ok;
+  unlink(unfinished.c_str());
+  if (code == EEXIST)
+    fail(Exit::local, "%s exists and is not overwritten", shown.c_str());
+  fail(Exit::local, "cannot write %s: %s", shown.c_str(), g_strerror(code));
 }

@@ -8,7 +8,11 @@
 #include <zelgvc/zelgvc.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <fcntl.h>
+#include <unistd.h>
 
 static const Command commands[] = {
     {"keygen", "FILE", "Makes a key file: 32 random bytes that only its owner can read.",
@@ -66,9 +70,47 @@ exit_code(Exit code)
   return code == Exit::interrupted ? interrupt_exit_code() : static_cast<int>(code);
 }
 
+// Without this, the next file or socket would take the place of a standard descriptor that is
+// closed. /dev/null is opened the wrong way round, so that using it fails as before.
+static void
+occupy_standard_descriptors()
+{
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd)
+      std::_Exit(static_cast<int>(Exit::local));
+}
+
+[[noreturn]] static void
+give_up(const char *why)
+{
+  // There may be no memory for more.
+  for (auto *text : {"zelgvc: ", why, "\n"})
+    if (write(STDERR_FILENO, text, std::strlen(text)) < 0)
+      break;
+  std::_Exit(static_cast<int>(Exit::local));
+}
+
+static void
+on_log(const char *domain, GLogLevelFlags level, const char *message, gpointer)
+{
+  if (level & G_LOG_LEVEL_ERROR)
+    give_up(message);
+  g_log_default_handler(domain, level, message, nullptr);
+}
+
+// GLib and the C++ library end a program that gets no memory, thread or descriptor by a signal.
+static void
+expect_refusals()
+{
+  g_log_set_default_handler(on_log, nullptr);
+  std::set_terminate([] { give_up("the system refuses memory or a thread"); });
+}
+
 int
 main(int argc, char **argv)
 {
+  occupy_standard_descriptors();
+  expect_refusals();
   std::setlocale(LC_ALL, "");
   interrupt_start();
   gvc_init();

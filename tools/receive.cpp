@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "address.h"
 #include "command.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 #include "progress.h"
@@ -118,7 +119,7 @@ fail_part(const Part &part, const char *what)
 void
 Part::truncate(guint64 size)
 {
-  if (ftruncate(fd, static_cast<off_t>(size)) != 0)
+  if (retry([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0)
     fail_part(*this, "resize");
 }
 
@@ -138,14 +139,15 @@ Part::write(const void *bytes, gsize size, guint64 offset)
     return;
   }
   for (gsize done = 0; done < size;) {
-    auto written = pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done));
-    if (written < 0 && errno != EINTR)
+    auto written = retry(
+        [&] { return pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done)); });
+    if (written < 0)
       fail_part(*this, "write");
-    done += written > 0 ? static_cast<gsize>(written) : 0;
+    done += static_cast<gsize>(written);
   }
   unsynced += size;
   if (unsynced >= sync_interval) {
-    if (fdatasync(fd) != 0)
+    if (retry([&] { return fdatasync(fd); }) != 0)
       fail_part(*this, "write");
     unsynced = 0;
   }
@@ -162,20 +164,9 @@ void
 Part::commit(const Announced &file, bool force)
 {
   const timespec times[2] = {{0, UTIME_OMIT}, file.mtime};
-  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || fsync(fd) != 0)
+  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || retry([&] { return fsync(fd); }))
     fail_part(*this, "finish");
-
-  auto *name = file.name.c_str();
-  bool renamed;
-  if (force) {
-    renamed = renameat(dir, path.c_str(), dir, name) == 0;
-  } else {
-    renamed = renameat2(dir, path.c_str(), dir, name, RENAME_NOREPLACE) == 0;
-    // Not every file system knows the flag. A second name is never given to what exists, either.
-    if (!renamed && errno == EINVAL)
-      renamed = linkat(dir, path.c_str(), dir, name, 0) == 0 && unlinkat(dir, path.c_str(), 0) == 0;
-  }
-  if (!renamed)
+  if (!give_name(dir, fd, path.c_str(), file.name.c_str(), force))
     fail_part(*this, ("give the name " + printable(file.name) + " to").c_str());
   state = stored;
   fsync(dir);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "address.h"
 #include "command.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 #include "progress.h"
@@ -111,11 +112,7 @@ static gsize
 read_chunk(const File &file, char *buffer, guint64 offset)
 {
   auto wanted = std::min<guint64>(chunk_size, file.size() - offset);
-  ssize_t got;
-  do
-    got = pread(file.fd, buffer, wanted, static_cast<off_t>(offset));
-  while (got < 0 && errno == EINTR);
-
+  auto got = retry([&] { return pread(file.fd, buffer, wanted, static_cast<off_t>(offset)); });
   if (got < 0)
     throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
   if (got == 0)

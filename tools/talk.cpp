@@ -3,16 +3,21 @@
 #include "channel.h"
 #include "interrupt.h"
 
-#include <gio/gunixinputstream.h>
+#include <glib-unix.h>
 
+#include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <sys/prctl.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
 
 // The lines of standard input, read one ahead, so that they outlast a peer.
 struct Talk::Input {
-  GInputStream *stream = g_unix_input_stream_new(STDIN_FILENO, FALSE);
   char chunk[64 * 1024];
   gsize taken = 0, filled = 0; // bytes of the chunk
   std::string part;            // of a line whose end has not come yet
@@ -33,7 +38,7 @@ struct Talk::Input {
   void next();
   void take_line();
   void finish_line();
-  static void chunk_read(GObject *, GAsyncResult *result, gpointer data);
+  static gboolean readable(int fd, GIOCondition condition, gpointer data);
 };
 
 struct Talk::Session {
@@ -100,8 +105,8 @@ Talk::Input::next()
   if (reading || has_line || at_end)
     return;
   reading = true;
-  g_input_stream_read_async(stream, chunk, sizeof chunk, G_PRIORITY_DEFAULT, interrupt_soon(),
-                            chunk_read, this);
+  auto conditions = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
+  g_unix_fd_add(STDIN_FILENO, conditions, readable, this);
 }
 
 void
@@ -133,25 +138,27 @@ Talk::Input::finish_line()
   has_line = used = true;
 }
 
-void
-Talk::Input::chunk_read(GObject *, GAsyncResult *result, gpointer data)
+gboolean
+Talk::Input::readable(int fd, GIOCondition, gpointer data)
 {
   auto *self = static_cast<Input *>(data);
-  g_autoptr(GError) error = nullptr;
+  auto got = read(fd, self->chunk, sizeof self->chunk);
+  if (got < 0 && (errno == EINTR || errno == EAGAIN))
+    return G_SOURCE_CONTINUE;
 
   self->reading = false;
-  auto got = g_input_stream_read_finish(self->stream, result, &error);
   self->taken = 0;
   self->filled = got > 0 ? static_cast<gsize>(got) : 0;
+  if (got < 0)
+    self->failure = g_strerror(errno);
   if (got <= 0) {
     self->at_end = true;
     if (!self->part.empty())
       self->finish_line();
-    if (error && !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-      self->failure = error->message;
   }
   if (self->session)
     self->session->input_changed();
+  return G_SOURCE_REMOVE;
 }
 
 static void
@@ -299,16 +306,46 @@ Talk::Session::received(const std::string &message)
 }
 
 // A thread waits for the reader of standard output. Whether a write would block cannot be known
-// before, and neither the peer nor standard input shall wait for it.
-static void
-print_in_thread(GTask *task, gpointer, gpointer line, GCancellable *)
+// before, and neither the peer nor standard input shall wait for it. GLib's own threads would not
+// do: work waits for ever where the system refuses another one.
+class Printer
 {
-  auto code = write_all(STDOUT_FILENO, *static_cast<std::string *>(line));
-  if (code == 0)
-    g_task_return_boolean(task, TRUE);
-  else
-    g_task_return_new_error(task, G_IO_ERROR, g_io_error_from_errno(code), "%s", g_strerror(code));
-}
+public:
+  Printer()
+  {
+    std::thread(&Printer::work, this).detach();
+  }
+
+  // The line is the data of the task.
+  void
+  print(GTask *line)
+  {
+    std::lock_guard lock(mutex);
+    task = line;
+    wanted.notify_one();
+  }
+
+private:
+  void
+  work()
+  {
+    for (std::unique_lock lock(mutex);; lock.lock()) {
+      wanted.wait(lock, [this] { return task != nullptr; });
+      g_autoptr(GTask) line = std::exchange(task, nullptr);
+      lock.unlock();
+      auto code = write_all(STDOUT_FILENO, *static_cast<std::string *>(g_task_get_task_data(line)));
+      if (code == 0)
+        g_task_return_boolean(line, TRUE);
+      else
+        g_task_return_new_error(line, G_IO_ERROR, g_io_error_from_errno(code), "%s",
+                                g_strerror(code));
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable wanted;
+  GTask *task = nullptr;
+};
 
 void
 Talk::Session::print(const std::string &message)
@@ -335,11 +372,11 @@ Talk::Session::print(const std::string &message)
     return;
   }
   pending++;
-  g_autoptr(GTask) task = g_task_new(nullptr, interrupt_now(), printed, this);
-  g_task_set_return_on_cancel(task, TRUE);
+  auto *task = g_task_new(nullptr, interrupt_now(), printed, this);
   g_task_set_task_data(task, line.release(),
-                       [](gpointer data) { delete static_cast<std::string *>(data); });
-  g_task_run_in_thread(task, print_in_thread);
+                       [](gpointer text) { delete static_cast<std::string *>(text); });
+  static auto *printer = new Printer;
+  printer->print(task);
 }
 
 void
@@ -519,26 +556,38 @@ Talk::Session::sent(GError *owned)
     input_changed();
 }
 
-// Half of the channel is closed, and the peer learns that no more messages will come.
+static void
+close_stream(GTask *task)
+{
+  GError *error = nullptr;
+  auto *stream = G_OUTPUT_STREAM(g_task_get_source_object(task));
+  if (g_output_stream_close(stream, g_task_get_cancellable(task), &error))
+    g_task_return_boolean(task, TRUE);
+  else
+    g_task_return_error(task, error);
+  g_object_unref(task);
+}
+
+// Half of the channel is closed, and the peer learns that no more messages will come. What the
+// stages send then is written in a thread, as GIO would do it.
 void
 Talk::Session::send_end()
 {
   closing = true;
   pending++;
-  g_output_stream_close_async(g_io_stream_get_output_stream(G_IO_STREAM(channel)),
-                              G_PRIORITY_DEFAULT, leaving, end_sent, this);
+  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel));
+  std::thread(close_stream, g_task_new(out, leaving, end_sent, this)).detach();
 }
 
 void
-Talk::Session::end_sent(GObject *source, GAsyncResult *result, gpointer data)
+Talk::Session::end_sent(GObject *, GAsyncResult *result, gpointer data)
 {
   auto *self = static_cast<Session *>(data);
   g_autoptr(GError) error = nullptr;
 
   self->pending--;
   auto *socket = g_socket_connection_get_socket(self->socket_connection);
-  bool closed = g_output_stream_close_finish(G_OUTPUT_STREAM(source), result, &error);
-  if (closed)
+  if (g_task_propagate_boolean(G_TASK(result), &error))
     g_socket_shutdown(socket, FALSE, TRUE, nullptr);
   else if (!self->peer_has_ended && !interrupted())
     self->end_with(Exit::peer, self->peer + " went away: " + error->message);
@@ -615,7 +664,7 @@ Talk::Session::run()
   g_source_destroy(source);
 }
 
-// A read of standard input may be under way when the program ends, so what it reads into stays.
+// The source of standard input outlasts a session.
 Talk::Talk(const TalkOptions &options) : options(options)
 {
   static auto *standard_input = new Input(options.line_limit());

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "transfer.h"
+#include "files.h"
 #include "interrupt.h"
 #include "output.h"
 
@@ -26,9 +27,7 @@ hash_beginning(int fd, guint64 size, Sha256 &sha, Channel &channel)
 
   for (guint64 done = 0; done < size;) {
     auto wanted = std::min<guint64>(buffer.size(), size - done);
-    auto got = pread(fd, buffer.data(), wanted, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR)
-      continue;
+    auto got = retry([&] { return pread(fd, buffer.data(), wanted, static_cast<off_t>(done)); });
     if (got <= 0)
       return false;
     if (interrupted())

@@ -6,6 +6,8 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -72,15 +74,26 @@ def main():
 class Process:
     """The program with its output in files. `ok` lists the exit codes that wait() takes."""
 
-    def __init__(self, *arguments, stdin=subprocess.DEVNULL, stdout=None, stderr=None, before=None):
+    def __init__(
+        self,
+        *arguments,
+        stdin=subprocess.DEVNULL,
+        stdout=None,
+        stderr=None,
+        before=None,
+        under=(),
+        environment=None,
+    ):
         self.arguments = [str(argument) for argument in arguments]
+        self.under = under
         self.files = [tempfile.TemporaryFile(), tempfile.TemporaryFile()]
         self.popen = subprocess.Popen(
-            [os.environ["ZELGVC"], *self.arguments],
+            [*under, os.environ["ZELGVC"], *self.arguments],
             stdin=stdin,
             stdout=self.files[0] if stdout is None else stdout,
             stderr=self.files[1] if stderr is None else stderr,
             preexec_fn=before,
+            env={**os.environ, **(environment or {})},
         )
         self.usage = None
         self.peak = 0
@@ -147,7 +160,9 @@ class Process:
         assert len(found) == lines and text in found[-1], f"{self.arguments}: {self.errors}"
 
     def kill(self, number=signal.SIGKILL):
-        self.popen.send_signal(number)
+        # Unlike its own method, this leaves the end of the process to wait().
+        if self.usage is None:
+            os.kill(self.popen.pid, number)
 
     def look_at_memory(self):
         """Keeps the most memory that was resident, in KiB. What wait4 tells of it counts this
@@ -201,3 +216,59 @@ STAGES = {
 PAIRS = [
     (f"{kind}/{name}", kind, options) for kind in ("tcp", "unix") for name, options in STAGES.items()
 ]
+
+
+def frame(data):
+    return struct.pack("<i", len(data)) + data
+
+
+class Peer:
+    """A sender written by hand, for what the real one would never send. Its messages are built by
+    the dictionaries' own serialised form: padded, with offsets at the end."""
+
+    def __init__(self, address):
+        path = address.removeprefix("unix:")
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.connect(path)
+        self.socket.sendall(frame(self.hello(b"files")))
+        self.receive()
+
+    @staticmethod
+    def entry(name, kind, data):
+        """{sv}: the name, the value aligned to 8, the offset of the end of the name."""
+        name = name + b"\0"
+        variant = data + b"\0" + kind
+        body = name + bytes(-len(name) % 8) + variant
+        return body + struct.pack("<H" if len(body) > 254 else "<B", len(name))
+
+    @classmethod
+    def dictionary(cls, **values):
+        body, ends = b"", []
+        for name, value in values.items():
+            if isinstance(value, bytes):
+                item = cls.entry(name.encode(), b"ay", value)
+            elif name == "mtime":
+                item = cls.entry(name.encode(), b"x", struct.pack("<q", value))
+            else:
+                item = cls.entry(name.encode(), b"t", struct.pack("<Q", value))
+            body += bytes(-len(body) % 8) + item
+            ends.append(len(body))
+        wide = len(body) + len(ends) > 255
+        return body + b"".join(struct.pack("<H" if wide else "<B", end) for end in ends)
+
+    @classmethod
+    def hello(cls, service, version=1):
+        # (susa{sv}): magic, version, service, an empty dictionary aligned to 8.
+        magic = b"zelgvc\0"
+        head = magic + bytes(-len(magic) % 4) + struct.pack("<I", version) + service + b"\0"
+        body = head + bytes(-len(head) % 8)
+        return body + bytes([len(head), len(magic)])
+
+    def send(self, **values):
+        self.socket.sendall(frame(self.dictionary(**values)))
+
+    def receive(self):
+        prefix = self.socket.recv(4, socket.MSG_WAITALL)
+        if len(prefix) < 4:
+            return None
+        return self.socket.recv(struct.unpack("<i", prefix)[0], socket.MSG_WAITALL)

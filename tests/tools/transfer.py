@@ -17,7 +17,9 @@ import struct
 import subprocess
 import time
 
-from support import PAIRS, SANITIZED, STAGES, Process, Skip, case, each, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, STAGES, Peer, Process, Skip, case, each, frame, key, listening_address, main, run,
+)
 
 MEMORY = 64 * 1024  # KiB
 
@@ -108,62 +110,6 @@ def odd_names():
     for process in (send, receive):
         assert len(process.output.splitlines()) == len(paths)
         assert b"\x1b" not in process.output and b"new\\x0aline" in process.output
-
-
-def frame(data):
-    return struct.pack("<i", len(data)) + data
-
-
-class Peer:
-    """A sender written by hand, for what the real one would never send. Its messages are built by
-    the dictionaries' own serialised form: padded, with offsets at the end."""
-
-    def __init__(self, address):
-        path = address.removeprefix("unix:")
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.connect(path)
-        self.socket.sendall(frame(self.hello(b"files")))
-        self.receive()
-
-    @staticmethod
-    def entry(name, kind, data):
-        """{sv}: the name, the value aligned to 8, the offset of the end of the name."""
-        name = name + b"\0"
-        variant = data + b"\0" + kind
-        body = name + bytes(-len(name) % 8) + variant
-        return body + struct.pack("<H" if len(body) > 254 else "<B", len(name))
-
-    @classmethod
-    def dictionary(cls, **values):
-        body, ends = b"", []
-        for name, value in values.items():
-            if isinstance(value, bytes):
-                item = cls.entry(name.encode(), b"ay", value)
-            elif name == "mtime":
-                item = cls.entry(name.encode(), b"x", struct.pack("<q", value))
-            else:
-                item = cls.entry(name.encode(), b"t", struct.pack("<Q", value))
-            body += bytes(-len(body) % 8) + item
-            ends.append(len(body))
-        wide = len(body) + len(ends) > 255
-        return body + b"".join(struct.pack("<H" if wide else "<B", end) for end in ends)
-
-    @classmethod
-    def hello(cls, service, version=1):
-        # (susa{sv}): magic, version, service, an empty dictionary aligned to 8.
-        magic = b"zelgvc\0"
-        head = magic + bytes(-len(magic) % 4) + struct.pack("<I", version) + service + b"\0"
-        body = head + bytes(-len(head) % 8)
-        return body + bytes([len(head), len(magic)])
-
-    def send(self, **values):
-        self.socket.sendall(frame(self.dictionary(**values)))
-
-    def receive(self):
-        prefix = self.socket.recv(4, socket.MSG_WAITALL)
-        if len(prefix) < 4:
-            return None
-        return self.socket.recv(struct.unpack("<i", prefix)[0], socket.MSG_WAITALL)
 
 
 @case

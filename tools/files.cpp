@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+#include "files.h"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Somebody may have put another file where this one was, which then got the name.
+static bool
+is_name_of_another(int dir, const char *name, int fd)
+{
+  struct stat named, open;
+  if (fstatat(dir, name, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &open) != 0)
+    return false;
+  if (named.st_dev == open.st_dev && named.st_ino == open.st_ino)
+    return false;
+  errno = ESTALE;
+  return true;
+}
+
+bool
+give_name(int dir, int fd, const char *from, const char *to, bool replace)
+{
+  bool renamed = renameat2(dir, from, dir, to, replace ? 0 : RENAME_NOREPLACE) == 0;
+  // Not every file system knows the flag. A second name is never given to what exists, either.
+  if (!renamed && !replace && errno == EINVAL)
+    renamed = linkat(dir, from, dir, to, 0) == 0 && unlinkat(dir, from, 0) == 0;
+  return renamed && !is_name_of_another(dir, to, fd);
+}
