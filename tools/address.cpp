@@ -85,6 +85,8 @@ connect_to(const Address &address, guint timeout)
 
 Listener::Listener(const Address &address) : listener(g_socket_listener_new())
 {
+  // A rush of peers fills the ten places that GIO would make, and turns others away.
+  g_socket_listener_set_backlog(listener, 128);
   try {
     if (!address.path.empty())
       listen_unix(address);

@@ -7,10 +7,11 @@ struct ToolMeter {
   GFilterInputStream parent;
   guint64 total;
   guint32 limit;
-  guint32 length;      // of the present frame, as far as its prefix has come
+  guint32 length;      // of the present frame, as far as its prefix has come, or of the string
   guint prefix;        // bytes of the present prefix that have come, 4 within a payload
   guint32 outstanding; // bytes of the present payload that have not
   bool strings;
+  guint8 terminator; // of strings
   bool at_end;
 };
 
@@ -64,6 +65,21 @@ follow(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
   return true;
 }
 
+static bool
+follow_string(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
+{
+  for (gsize i = 0; i < size; i++) {
+    if (bytes[i] == self->terminator)
+      self->length = 0;
+    else if (self->length++ == self->limit) {
+      g_set_error(error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
+                  "a string has more than %u bytes before its terminator", self->limit);
+      return false;
+    }
+  }
+  return true;
+}
+
 static gssize
 account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **error)
 {
@@ -78,9 +94,10 @@ account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **
   }
   auto size = static_cast<gsize>(got);
   self->total += size;
-  if (!self->strings && !follow(self, static_cast<const guint8 *>(buffer), size, error))
-    return -1;
-  return got;
+  auto *bytes = static_cast<const guint8 *>(buffer);
+  bool good =
+      self->strings ? follow_string(self, bytes, size, error) : follow(self, bytes, size, error);
+  return good ? got : -1;
 }
 
 static gssize
@@ -155,9 +172,10 @@ meter_set_limit(ToolMeter *meter, guint32 limit)
 }
 
 void
-meter_set_strings(ToolMeter *meter)
+meter_set_strings(ToolMeter *meter, char terminator)
 {
   meter->strings = true;
+  meter->terminator = static_cast<guint8>(terminator);
 }
 
 guint64

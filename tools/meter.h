@@ -12,12 +12,12 @@ GType tool_meter_get_type();
 
 ToolMeter *meter_new(GInputStream *base);
 
-// Frames longer than this fail with G_IO_ERROR_MESSAGE_TOO_LARGE. No limit at first.
+// Frames and strings longer than this fail with G_IO_ERROR_MESSAGE_TOO_LARGE. No limit at first.
 void meter_set_limit(ToolMeter *meter, guint32 limit);
 
-// For delimited strings, which know no frames: only counts, and makes the end of the stream an
-// error, G_IO_ERROR_CLOSED, since a reader of strings does not stop at an end.
-void meter_set_strings(ToolMeter *meter);
+// For strings that end with this byte instead of frames. Makes the end of the stream an error,
+// G_IO_ERROR_CLOSED, since a reader of strings does not stop at an end.
+void meter_set_strings(ToolMeter *meter, char terminator);
 
 guint64 meter_total(ToolMeter *meter);
 

@@ -177,7 +177,7 @@ Talk::Session::Session(const TalkOptions &options, Input &input, GSocketConnecti
   auto *io = G_IO_STREAM(channel);
   meter = meter_new(g_io_stream_get_input_stream(io));
   if (options.format.kind == MessageFormat::strings)
-    meter_set_strings(meter);
+    meter_set_strings(meter, options.format.terminator);
   meter_set_limit(meter, options.limit);
   counts.set_limit(options.limit);
   frames_in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));

@@ -442,6 +442,17 @@ def a_message_over_the_limit_takes_no_memory():
 
 
 @case
+def a_string_over_the_limit_ends_the_talk():
+    listen = Process("listen", "unix:socket", "--strings", "\\n", "--limit", "1000")
+    listen.address()
+    with socket.socket(socket.AF_UNIX) as peer:
+        peer.connect("socket")
+        peer.sendall(b"x" * 1000 + b"\n" + b"y" * 1001)
+        listen.wait(5).complained("a string has more than 1000 bytes before its terminator")
+    assert listen.output == b"x" * 1000 + b"\n"
+
+
+@case
 def an_interrupt_ends_both_sides_cleanly():
     listen = Process("listen", "unix:socket")
     listen.address()
