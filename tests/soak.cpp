@@ -8,6 +8,8 @@
 #include "resources.h"
 #include "traffic.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <random>
@@ -392,6 +394,90 @@ choose_operation(Random &random)
   return choice;
 }
 
+/* ---- Waiting channels ---- */
+
+constexpr gsize crowd_size = 500; /* pairs, and each end waits */
+
+/* One end of a pair that always has a read under way. */
+class Waiter
+{
+public:
+  explicit Waiter(Channel &channel) : channel_(channel)
+  {
+    start();
+  }
+  void
+  receive(const Message &message)
+  {
+    Error error;
+    check_received(message, get_finish(channel_, Form::bytes, read_->wait(), &error), error);
+    start();
+  }
+  void
+  stop()
+  {
+    Error error;
+    g_cancellable_cancel(cancellable_.get());
+    check_failed("cancelled wait", !get_finish(channel_, Form::bytes, read_->wait(), &error),
+                 error);
+  }
+
+private:
+  void
+  start()
+  {
+    read_ = std::make_unique<Collector>();
+    get_async(channel_, Form::bytes, cancellable_.get(), Collector::ready, read_.get());
+  }
+
+  Channel &channel_;
+  Ref<GCancellable> cancellable_{g_cancellable_new()};
+  std::unique_ptr<Collector> read_;
+};
+
+struct WaitingPair {
+  Pair pair;
+  Waiter a, b;
+
+  explicit WaitingPair(Family family) : pair(family, {}), a(pair.a), b(pair.b) {}
+};
+
+/* A thousand channels that wait beside all others. Some get a message in every round. */
+class Crowd
+{
+public:
+  Crowd()
+  {
+    for (gsize i = 0; i < crowd_size; i++)
+      pairs_.push_back(
+          std::make_unique<WaitingPair>(i % 2 ? Family::tcp4 : Family::unix_domain));
+  }
+  ~Crowd()
+  {
+    for (const auto &each : pairs_) {
+      each->a.stop();
+      each->b.stop();
+    }
+  }
+  void
+  exchange(Random &random)
+  {
+    for (int i = 0; i < 4; i++) {
+      WaitingPair &each = *pairs_[random.below(crowd_size)];
+      Message message = random_message(random);
+      message.form = Form::bytes;
+      message.size = random.size(0, 12); /* what a socket takes at once */
+      Error error;
+      if (!Outgoing(message).put(each.pair.a, nullptr, &error))
+        give_up("writing", message, error.get());
+      each.b.receive(message);
+    }
+  }
+
+private:
+  std::vector<std::unique_ptr<WaitingPair>> pairs_;
+};
+
 /* ---- Rounds ---- */
 
 /* The stages of a channel that is dropped wait for a peer that does not read, unless the socket has
@@ -409,9 +495,10 @@ drop(std::unique_ptr<Pair> pair, Random &random)
 }
 
 void
-run_round(guint64 number)
+run_round(guint64 number, Crowd &crowd)
 {
   Random random(options.seed * 1'000'003 + number);
+  crowd.exchange(random);
   std::vector<std::unique_ptr<Pair>> pairs;
   for (guint64 left = 1 + random.below(6); left > 0; left--)
     pairs.push_back(std::make_unique<Pair>(random.one_in(2) ? Family::tcp4 : Family::unix_domain,
@@ -450,6 +537,7 @@ soak()
   const gint64 start = g_get_monotonic_time();
   const gint64 length = options.seconds * G_USEC_PER_SEC;
   gint64 next_report = start + G_USEC_PER_SEC * 60;
+  Crowd crowd;
   Resources before = Resources::most(), after = Resources::most();
   guint taken_before = 0, taken_after = 0;
   g_print("seed %" G_GUINT64_FORMAT ", from round %" G_GUINT64_FORMAT "\n", options.seed,
@@ -458,7 +546,7 @@ soak()
     const gint64 elapsed = g_get_monotonic_time() - start;
     if (elapsed >= length)
       break;
-    run_round(options.first_round + round);
+    run_round(options.first_round + round, crowd);
     /* The first quarter warms up; then the second is compared with the last. */
     const gint64 quarter = elapsed * 4 / length;
     if (quarter == 1) {
@@ -489,6 +577,16 @@ soak()
   g_print("growth after warm-up: %" G_GSSIZE_FORMAT " bytes\n",
           static_cast<gssize>(after.heap) - static_cast<gssize>(before.heap));
   return after.returned_to(before) ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+/* A thousand sockets are more than many systems allow at first. */
+void
+raise_descriptor_limit()
+{
+  rlimit limit;
+  g_assert_cmpint(getrlimit(RLIMIT_NOFILE, &limit), ==, 0);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+  g_assert_cmpint(setrlimit(RLIMIT_NOFILE, &limit), ==, 0);
 }
 
 void
@@ -524,6 +622,7 @@ main(int argc, char **argv)
 {
   want_plain_heap(argv);
   parse_options(argc, argv);
+  raise_descriptor_limit();
   gvc_init();
   return soak();
 }

@@ -241,6 +241,44 @@ test_channels()
   }
 }
 
+constexpr int crowd = 64;
+
+/* A read that waits in a main context of its own, and is cancelled by another thread. */
+void
+cancel_from_outside(Ends &ends)
+{
+  const auto cancellable = own(g_cancellable_new());
+  Collector read;
+  gvc_bytes_input_stream_read_bytes_async(ends.in[0].get(), G_PRIORITY_DEFAULT, cancellable.get(),
+                                          Collector::ready, &read);
+  spin_pending();
+  std::thread canceller([&] { g_cancellable_cancel(cancellable.get()); });
+  Error error;
+  g_assert_null(gvc_bytes_input_stream_read_bytes_finish(ends.in[0].get(), read.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  canceller.join();
+}
+
+/* Channels that have waited in one context go on in another one, in another thread. */
+void
+test_contexts()
+{
+  std::vector<std::thread> threads;
+  for (int worker = 0; worker < crowd; worker++)
+    threads.emplace_back([worker] {
+      std::unique_ptr<Ends> ends;
+      for (int i = 0; i < 3; i++)
+        run_in_thread([&] {
+          if (!ends)
+            ends = std::make_unique<Ends>(worker % 2 ? Family::unix_domain : Family::tcp4, 0);
+          cancel_from_outside(*ends);
+        });
+      echo_async(worker, 0);
+    });
+  for (auto &thread : threads)
+    thread.join();
+}
+
 /* Compression holds no state: one pair of converters serves any number of threads. */
 void
 test_shared_compressor()
@@ -284,6 +322,7 @@ main(int argc, char **argv)
   g_test_add_func("/threads/first-objects/subprocess", race_first_objects);
   g_test_add_func("/threads/channels/blocking", test_channels<echo_blocking>);
   g_test_add_func("/threads/channels/async", test_channels<echo_async>);
+  g_test_add_func("/threads/contexts", test_contexts);
   g_test_add_func("/threads/shared-compressor", test_shared_compressor);
   return g_test_run();
 }
