@@ -65,7 +65,8 @@ struct Set {
 
 } // namespace
 
-static GMutex lock;
+// ThreadSanitizer knows this lock, but none of GLib's.
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static GHashTable *sets; // of themselves, by context and priority
 static guint generation; // of the process: a child after a fork has a new one
 static guint64 last_number;
@@ -107,9 +108,9 @@ stream_is_gone(gpointer data, GObject *)
 {
   auto *place = static_cast<Place *>(data);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   leave(place);
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   place_unref(place);
 }
 
@@ -185,12 +186,12 @@ cancelled(GCancellable *, gpointer data)
 {
   auto *place = static_cast<Place *>(data);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   if (place->set && place->waits) {
     fire(place);
     g_main_context_wakeup(place->set->context);
   }
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
 }
 
 static void
@@ -296,13 +297,13 @@ set_prepare(GSource *source, int *timeout)
   auto *set = reinterpret_cast<Set *>(source);
   gint64 now = g_source_get_time(source);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   if (set->generation != generation)
     renew_after_fork(set);
   if (now >= set->sweep_at && !sweep(set, now))
     abandon(set);
   gboolean ready = !g_queue_is_empty(&set->fired), abandoned = set->abandoned;
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   if (abandoned)
     g_source_destroy(source);
   *timeout = static_cast<int>((set->sweep_at - now) / G_TIME_SPAN_MILLISECOND) + 1;
@@ -314,12 +315,12 @@ set_check(GSource *source)
 {
   auto *set = reinterpret_cast<Set *>(source);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   for (guint direction = 0; direction < 2; direction++)
     if (set->epoll[direction].fd >= 0 && set->epoll[direction].revents)
       collect(set, direction);
   gboolean ready = !g_queue_is_empty(&set->fired);
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   return ready;
 }
 
@@ -333,12 +334,12 @@ call_next(Set *set)
 
   place->fired = place->waits = FALSE;
   set->waiting--;
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   if (cancellable)
     g_signal_handler_disconnect(cancellable, handler);
   g_clear_object(&cancellable);
   waiter.ready(waiter.data);
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
 }
 
 // Only the waiters that are there now get their turn: each may wait again.
@@ -347,10 +348,10 @@ set_dispatch(GSource *source, GSourceFunc, gpointer)
 {
   auto *set = reinterpret_cast<Set *>(source);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   for (guint left = set->fired.length; left > 0 && set->fired.length > 0; left--)
     call_next(set);
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   return G_SOURCE_CONTINUE;
 }
 
@@ -360,9 +361,9 @@ set_finalize(GSource *source)
 {
   auto *set = reinterpret_cast<Set *>(source);
 
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   abandon(set);
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   g_hash_table_unref(set->places);
   for (auto &epoll : set->epoll)
     if (epoll.fd >= 0)
@@ -387,20 +388,20 @@ set_equal(gconstpointer a, gconstpointer b)
 static void
 before_fork()
 {
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
 }
 
 static void
 parent_after_fork()
 {
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
 }
 
 static void
 child_after_fork()
 {
   generation++;
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
 }
 
 static Set *
@@ -471,9 +472,9 @@ wait_in_set(Place *place, GMainContext *context, int priority, const gvc::Socket
 static gboolean
 is_taken(Place *place)
 {
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   gboolean taken = place->waits;
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   return taken;
 }
 
@@ -501,10 +502,10 @@ gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *cont
     return FALSE;
 
   watch(place, cancellable);
-  g_mutex_lock(&lock);
+  pthread_mutex_lock(&lock);
   gboolean waits =
       wait_in_set(place, context ? context : g_main_context_default(), priority, waiter);
-  g_mutex_unlock(&lock);
+  pthread_mutex_unlock(&lock);
   if (!waits && cancellable) {
     g_signal_handler_disconnect(cancellable, place->cancelled_handler);
     g_clear_object(&place->cancellable);
