@@ -346,6 +346,8 @@ dispose_lets_go_of_everything_and_may_run_again()
   g_assert_null(gvc_connection_get_connection(fixture.channel.get()));
   g_assert_null(in_of(fixture.channel.get()));
   g_assert_null(out_of(fixture.channel.get()));
+  /* The parent type has had its turn. */
+  g_assert_true(g_io_stream_is_closed(G_IO_STREAM(fixture.channel.get())));
   g_object_run_dispose(G_OBJECT(fixture.channel.get()));
   fixture.channel.reset();
 

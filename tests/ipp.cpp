@@ -931,24 +931,21 @@ static void
 testWordsNotGivenAreZero()
 {
   const Words random = randomWords(36);
-  Words shortSeed = {};
-  shortSeed[0] = random[0];
-  shortSeed[1] = random[1];
-  Generator expected(shortSeed);
-  const Bytes stream = expected.next(512);
+  for (const int words : {1, 2, 15}) {
+    Words shortSeed = {};
+    std::copy_n(random.begin(), words, shortSeed.begin());
+    const Bytes stream = Generator(shortSeed).next(512);
 
-  Number overwritten(random);
-  g_assert_cmpint(ippsSet_BN(IppsBigNumPOS, 2, shortSeed.data(), overwritten.get()), ==,
-                  ippStsNoErr);
-  Generator fromOverwritten;
-  g_assert_cmpint(ippsPRNGSetSeed(overwritten.get(), fromOverwritten.get()), ==, ippStsNoErr);
-  assertEqual(fromOverwritten.next(512), stream);
-
-  Number small(2);
-  g_assert_cmpint(ippsSet_BN(IppsBigNumPOS, 2, shortSeed.data(), small.get()), ==, ippStsNoErr);
-  Generator fromSmall;
-  g_assert_cmpint(ippsPRNGSetSeed(small.get(), fromSmall.get()), ==, ippStsNoErr);
-  assertEqual(fromSmall.next(512), stream);
+    Number overwritten(random);
+    Number small(words);
+    for (Number *number : {&overwritten, &small}) {
+      g_assert_cmpint(ippsSet_BN(IppsBigNumPOS, words, random.data(), number->get()), ==,
+                      ippStsNoErr);
+      Generator generator;
+      g_assert_cmpint(ippsPRNGSetSeed(number->get(), generator.get()), ==, ippStsNoErr);
+      assertEqual(generator.next(512), stream);
+    }
+  }
 }
 
 static void
