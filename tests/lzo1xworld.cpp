@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <functional>
 #include <optional>
-#include <ranges>
 #include <span>
 #include <string>
 #include <vector>
@@ -113,7 +112,7 @@ private:
   place(std::size_t size)
   {
     in_ = input.last(size);
-    std::ranges::copy(stream_ | std::views::take(size), in_.begin());
+    std::copy_n(stream_.begin(), std::min(size, stream_.size()), in_.begin());
   }
   void
   checkRoom(std::size_t room)
@@ -210,8 +209,7 @@ eachMatch(const Stream &stream, std::size_t least, std::size_t most, const Visit
     trailings.push_back(1);
   }
   std::ranges::sort(distances);
-  const auto [repeated, end] = std::ranges::unique(distances);
-  distances.erase(repeated, end);
+  distances.erase(std::unique(distances.begin(), distances.end()), distances.end());
   for (const std::size_t distance : distances)
     for (const std::size_t trailing : trailings) {
       if (distance < least || distance > most)
