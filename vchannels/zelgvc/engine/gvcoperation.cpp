@@ -111,8 +111,7 @@ Operation::socket_ready(gpointer user_data)
   self->run(Next::again);
 }
 
-// The source takes over the reference to the task, so that a main context that goes away takes the
-// operation along.
+// The source takes over the reference to the task.
 void
 Operation::attach(GSource *source, GSourceFunc callback)
 {

@@ -30,7 +30,7 @@ Writer::start(int io_priority)
     target_ = below;
   ready_condition_ = G_IO_OUT;
   polls_ = can_poll(target_) && can_poll(stream_);
-  gathers_ = gathers(target_);
+  gathers_ = polls_ && gathers(target_);
   if (polls_ && n_vectors_ > 0)
     marked_ = mark_busy(stream_, target_, &error_);
   Operation::start(io_priority);
