@@ -2,6 +2,7 @@
 #include "codec/lzo1x/lzo1x.h"
 
 #include "codec/lzo1x/lzo1xcopy.h"
+#include "codec/lzo1x/lzo1xcount.h"
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
@@ -119,6 +120,7 @@ runHeaderSize(std::size_t length, bool opening)
 std::uint8_t *
 putLiterals(std::uint8_t *to, Room room, const std::uint8_t *from, std::size_t length)
 {
+  countCarefulStep();
   const bool opening = to == room.begin;
   const std::size_t header = runHeaderSize(length, opening);
   // Not a sum, which could wrap.
@@ -152,6 +154,7 @@ matchSize(std::size_t length, std::size_t distance)
 std::uint8_t *
 putMatch(std::uint8_t *to, Room room, std::size_t length, std::size_t distance)
 {
+  countCarefulStep();
   if (room.behind(to) < matchSize(length, distance))
     return nullptr;
   if (length <= nearMaxLength && distance <= nearMaxDistance) {
