@@ -25,9 +25,9 @@ constexpr std::size_t segmentOverlap = segmentSize / 4;
 constexpr std::size_t firstTooFar = farMaxDistance + 1;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;
-// In a larger input a table of short keys is smaller, as the cache has to hold more beside it.
-constexpr unsigned maxShortKeyBits = 12;
-constexpr std::size_t largeInput = std::size_t{1} << 14;
+// Up to this size a table has two entries for a byte; for a larger one clearing it would cost more
+// than it brings.
+constexpr unsigned roomyTableBits = 12;
 
 // A key has the bytes of the shortest match, or more where the data shrink so well that fewer and
 // longer matches cost little: behind a stretch that has shrunk to less than 1 / longKeyGain(). A
@@ -41,7 +41,7 @@ constexpr std::size_t stretchGrowth = 8;
 constexpr std::size_t
 longKeyGain(std::size_t stretchEnd)
 {
-  return stretchEnd < largeInput ? 4 : 2;
+  return stretchEnd < 16384 ? 4 : 2;
 }
 
 // After `few` literals in a row the search skips places, more and more of them. In every segment it
@@ -65,11 +65,11 @@ constexpr std::size_t compared = 16;
 constexpr std::size_t tinyInput = minMatch + compared;
 
 constexpr unsigned
-tableBits(std::size_t size, bool longKeys)
+tableBits(std::size_t size)
 {
   const unsigned bits = size < 2 ? 0 : static_cast<unsigned>(std::bit_width(size - 1));
-  const bool smaller = size > largeInput && !longKeys;
-  return std::clamp(bits, minTableBits, smaller ? maxShortKeyBits : maxTableBits);
+  const unsigned roomy = std::max(bits, std::min(bits + 1, roomyTableBits));
+  return std::clamp(roomy, minTableBits, maxTableBits);
 }
 
 // Every writer takes the position to write at and returns the one behind what it wrote, or nullptr
@@ -291,10 +291,15 @@ hash(Key<bytes> key, unsigned shift) noexcept
   return static_cast<std::size_t>((key << 8 * (sizeof key - bytes)) * factor >> shift);
 }
 
-// Short keys may use only a part of the entries.
 struct HashTable {
-  std::span<Entry> entries;
+  Entry *entries;
   unsigned bits;
+
+  std::size_t
+  size() const
+  {
+    return std::size_t{1} << bits;
+  }
 };
 
 // Enters the places of a segment before `end` into a table that has them under other keys. Not all
@@ -317,7 +322,7 @@ forget(HashTable table, std::size_t places) noexcept
   typedef Entry Entries __attribute__((vector_size(16)));
   constexpr std::size_t entries = sizeof(Entries) / sizeof(Entry);
   const auto less = static_cast<Entry>(std::min(places, segmentSize - 1));
-  for (std::size_t i = 0; i < table.entries.size(); i += entries) {
+  for (std::size_t i = 0; i < table.size(); i += entries) {
     Entries some;
     std::memcpy(&some, &table.entries[i], sizeof some);
     // As compilers take it for a subtraction that stops at zero.
@@ -350,7 +355,7 @@ template <unsigned keyBytes, bool endsTooFar> class Matcher
 public:
   Matcher(Input in, Room out, HashTable hashTable, const Stretch &stretch,
           const Progress &start) noexcept
-      : readEnd(in.data() + in.size()), room(out), table(hashTable.entries.data()),
+      : readEnd(in.data() + in.size()), room(out), table(hashTable.entries),
         shift(hashShift<keyBytes>(hashTable.bits)), begin(stretch.segment), written(start.written),
         quickEnd(out.end - std::min(out.behind(start.written), quickRoom)),
         last(std::min(static_cast<std::size_t>(readEnd - begin) - (minMatch + compared),
@@ -612,7 +617,7 @@ advance(Stretch &stretch, HashTable table) noexcept
 std::size_t
 encoderStateSize(std::size_t maxInput) noexcept
 {
-  return sizeof(Entry) << tableBits(maxInput, true);
+  return sizeof(Entry) << tableBits(maxInput);
 }
 
 Result
@@ -621,10 +626,8 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
   if (in.size() <= tinyInput)
     return encodeTiny(in, out);
   const Room room{out.data(), out.data() + out.size()};
-  const std::size_t stateSize = encoderStateSize(in.size());
-  std::memset(state.data(), 0, stateSize);
-  HashTable table{{reinterpret_cast<Entry *>(state.data()), stateSize / sizeof(Entry)},
-                  tableBits(in.size(), false)};
+  const HashTable table{reinterpret_cast<Entry *>(state.data()), tableBits(in.size())};
+  std::memset(table.entries, 0, sizeof(Entry) * table.size());
   const std::uint8_t *const readEnd = in.data() + in.size();
   Progress at{in.data(), out.data()};
   Stretch stretch{in.data(), 1, firstStretch, 0};
@@ -640,7 +643,6 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
     if (at.pending > start.pending &&
         shrinksWell(start, at, longKeyGain(stretch.end)) != longKeys) {
       longKeys = !longKeys;
-      table.bits = tableBits(in.size(), longKeys);
       (longKeys ? learn<longKey> : learn<shortKey>)(stretch.segment,
                                                     std::min(stretch.first, stretch.end), table);
     }
