@@ -77,23 +77,34 @@ raceDecoders(Report &report, const Corpus &corpus, std::size_t blockSize)
        {}});
 }
 
+std::string
+listOf(const std::vector<Corpus> &all, const char *half)
+{
+  std::string list;
+  for (const auto &corpus : all)
+    if (corpus.half == half)
+      list += (list.empty() ? "" : "; ") + corpus.name + ": " + corpus.description;
+  return list;
+}
+
 } // namespace
 
 void
 measureCodec(Report &report)
 {
+  const auto all = allCorpora();
   report.begin(
       "codec", "The LZO1X codec beside liblzo2 and LZ4",
       "Block after block of a corpus of 1 MiB, all of it: what is less, the processor's "
       "branch predictor learns by heart over the rounds. codec and lzo decode what our encoder "
-      "wrote, \"on lzo's\" what lzo1x_1 wrote, lz4 what LZ4 wrote. The codec is tuned on one half "
-      "of "
-      "the corpora and judged on the other. One thread.");
+      "wrote, \"on lzo's\" what lzo1x_1 wrote, lz4 what LZ4 wrote. One thread. The codec is tuned "
+      "on " +
+          listOf(all, "tuning") + ". It is judged on " + listOf(all, "judging") + ".");
   std::vector<std::size_t> sizes = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
   if (report.effort().quick)
     sizes = {64, 4096, 65536};
 
-  for (const auto &corpus : allCorpora())
+  for (const auto &corpus : all)
     for (auto size : sizes) {
       raceEncoders(report, corpus, size);
       raceDecoders(report, corpus, size);

@@ -494,8 +494,7 @@ def machine_section(page, results):
         "longer turns. Nothing is pinned to a processor. Contenders with the same bytes on the wire "
         "share one connection. Before anything is measured, every contender has to show that what "
         "it carries arrives unchanged.",
-        "The corpora are made by `bench/corpora.py`, or found on the machine; the script says how, "
-        "and `corpora.index` in the build directory lists them.",
+        "`bench/corpora.py` makes the corpora or finds them on the machine.",
         table(["", ""], [[name, str(value)] for name, value in machine.items()]),
         "`scripts/bench --docs` measures again and writes this page.",
     )
