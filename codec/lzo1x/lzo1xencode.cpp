@@ -29,19 +29,19 @@ constexpr unsigned maxTableBits = 13;
 // than it brings.
 constexpr unsigned roomyTableBits = 12;
 
-// A key has the bytes of the shortest match, or more where the data shrink so well that fewer and
-// longer matches cost little: behind a stretch that has shrunk to less than 1 / longKeyGain(). A
+// A key has the bytes of the shortest match, or more in data that shrink so well that fewer and
+// longer matches cost little: behind a stretch of which less than longKeySixteenths() are left. A
 // short input gains little by longer matches, as most of them are not there yet. The first
-// stretches are short, so that this soon comes to bear.
+// stretches are short, so that this soon takes effect.
 constexpr unsigned shortKey = 4;
 constexpr unsigned longKey = 5;
 constexpr std::size_t firstStretch = 256;
 constexpr std::size_t stretchGrowth = 8;
 
 constexpr std::size_t
-longKeyGain(std::size_t stretchEnd)
+longKeySixteenths(std::size_t stretchEnd)
 {
-  return stretchEnd < 16384 ? 4 : 2;
+  return stretchEnd < 16384 ? 4 : 9;
 }
 
 // After `few` literals in a row the search skips places, more and more of them. In every segment it
@@ -585,12 +585,12 @@ putMatches(Input in, Room room, HashTable table, Stretch &stretch, Progress &at)
   return Matcher<keyBytes, false>(in, room, table, stretch, start).run(at, stretch);
 }
 
-// Whether long keys suit what has been encoded between the two.
+// Whether less than so many sixteenths are left of what has been encoded between the two.
 bool
-shrinksWell(const Progress &from, const Progress &to, std::size_t gain) noexcept
+shrinksTo(const Progress &from, const Progress &to, std::size_t sixteenths) noexcept
 {
-  return static_cast<std::size_t>(to.written - from.written) * gain <
-         static_cast<std::size_t>(to.pending - from.pending);
+  return static_cast<std::size_t>(to.written - from.written) <
+         static_cast<std::size_t>(to.pending - from.pending) / 16 * sixteenths;
 }
 
 // The end of the next stretch; the segment moves on behind its last one.
@@ -641,7 +641,7 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
     if (static_cast<std::size_t>(readEnd - stretch.segment) <= stretch.first + tinyInput)
       break;
     if (at.pending > start.pending &&
-        shrinksWell(start, at, longKeyGain(stretch.end)) != longKeys) {
+        shrinksTo(start, at, longKeySixteenths(stretch.end)) != longKeys) {
       longKeys = !longKeys;
       (longKeys ? learn<longKey> : learn<shortKey>)(stretch.segment,
                                                     std::min(stretch.first, stretch.end), table);
