@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What is compressed and sent: 1 MiB each of text, source code, a binary, pixels and noise, made
-// here or found on the machine.
+// What is compressed and sent: 1 MiB of each kind that bench/corpora.py makes or finds.
 #pragma once
 
 #include <cstdint>
@@ -15,9 +14,15 @@ using Bytes = std::vector<std::uint8_t>;
 struct Corpus {
   std::string name;
   Bytes bytes;
+  // The codec is tuned on some and judged on the others: "tuning" or "judging".
+  std::string half;
+  std::string description;
 };
 
-// Leaves out what the machine does not have enough of.
+// All that this machine has.
+std::vector<Corpus> allCorpora();
+
+// A few kinds that differ much, where the codec is not what is measured.
 std::vector<Corpus> corpora();
 
 // The named one; the program ends where the machine does not have it.

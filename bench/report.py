@@ -106,18 +106,22 @@ def full_table(rows, rates=True):
     return table(head, lines)
 
 
-def pivot_table(rows, subject, yardsticks):
-    """Sizes down, corpora across; in a cell the subject's rate and its ratios."""
+def grid(rows, cell):
+    """Corpora down, sizes across."""
     corpora = list(dict.fromkeys(row["corpus"] for row in rows))
     sizes = sorted({row["size"] for row in rows})
     at = {(row["size"], row["corpus"]): row for row in rows}
+    lines = [[corpus] + [cell(at[size, corpus]) for size in sizes] for corpus in corpora]
+    return table(["corpus"] + [size_text(size) for size in sizes], lines)
 
+
+def pivot_table(rows, subject, yardsticks):
+    """In a cell the subject's rate and its ratios."""
     def cell(row):
         ratios = [f"{row.ratios[subject, yardstick]['median']:.2f}" for yardstick in yardsticks]
         return " · ".join([rate_text(row.rate(subject))] + ratios)
 
-    lines = [[size_text(size)] + [cell(at[size, corpus]) for corpus in corpora] for size in sizes]
-    return table(["block"] + corpora, lines)
+    return grid(rows, cell)
 
 
 def verdict(rows, subject, yardstick, name=None):
@@ -312,32 +316,32 @@ def codec_section(page, results):
                   "are bound by copying.",
         "decode": "The next instruction waits for the length of this one, which LZ4 knows sooner: "
                   "LZO's instructions have two or three bytes and say in one of two places how many "
-                  "literals follow. Pixels hold matches that overlap what they write; these leave "
-                  "the fast way by a branch that is hard to predict.",
+                  "literals follow. Where runs and matches alternate at random, as in program code, "
+                  "most of the time goes into mispredicted branches. What does not shrink is bound "
+                  "by copying, for all three alike.",
     }
+    halves = {"tuning": "On the corpora that the codec is tuned on:",
+              "judging": "On the corpora that it is judged on:"}
+
+    def add(direction, subject, yardsticks):
+        for half, title in halves.items():
+            rows = results.rows("codec", direction=direction, half=half)
+            page.add(title, *[verdict(rows, subject, y, name) for y, name in yardsticks.items()],
+                     pivot_table(rows, subject, list(yardsticks)))
+
     for direction, bound in bounds.items():
-        rows = results.rows("codec", direction=direction)
-        page.add(f"### {direction.capitalize()}",
-                 verdict(rows, "codec", "lzo", "liblzo2"), verdict(rows, "codec", "lz4", "LZ4"),
-                 bound, "In a cell: the codec, and that divided by liblzo2 and by LZ4.",
-                 pivot_table(rows, "codec", ["lzo", "lz4"]))
-    rows = results.rows("codec", direction="decode")
-    page.add("### Decode what lzo1x_1 wrote",
-             verdict(rows, "codec on lzo's", "lzo on lzo's", "liblzo2"),
-             "In a cell: the codec, and that divided by liblzo2.",
-             pivot_table(rows, "codec on lzo's", ["lzo on lzo's"]))
-    sizes = sorted({row["size"] for row in results.rows("codec", direction="encode")})
-    corpora = list(dict.fromkeys(row["corpus"] for row in results.rows("codec")))
-    lines = []
-    for size in sizes:
-        line = [size_text(size)]
-        for corpus in corpora:
-            row = results.rows("codec", direction="encode", size=size, corpus=corpus)[0]
-            line.append(" · ".join(f"{row.figures[f'{who} size %']['median']:.1f}"
-                                   for who in ("codec", "lzo", "lz4")))
-        lines.append(line)
+        page.add(f"### {direction.capitalize()}", bound,
+                 "In a cell: the codec, and that divided by liblzo2 and by LZ4.")
+        add(direction, "codec", {"lzo": "liblzo2", "lz4": "LZ4"})
+    page.add("### Decode what lzo1x_1 wrote", "In a cell: the codec, and that divided by liblzo2.")
+    add("decode", "codec on lzo's", {"lzo on lzo's": "liblzo2"})
+
+    def sizes(row):
+        return " · ".join(f"{row.figures[f'{who} size %']['median']:.1f}"
+                          for who in ("codec", "lzo", "lz4"))
+
     page.add("### Size", "What is left of the corpus in percent: ours, liblzo2, LZ4.",
-             table(["block"] + corpora, lines))
+             grid(results.rows("codec", direction="encode"), sizes))
 
 
 def channels_section(page, results):
@@ -427,9 +431,7 @@ def machine_section(page, results):
         "longer turns. Nothing is pinned to a processor. Contenders with the same bytes on the wire "
         "share one connection. Before anything is measured, every contender has to show that what "
         "it carries arrives unchanged.",
-        "The corpora are made or found on the machine: generated XML records (text), the "
-        "system's C headers (source), a shared library (binary), a drawn desktop (pixels), noise "
-        "(random).",
+        "`bench/corpora.py` makes the corpora or finds them on the machine.",
         table(["", ""], [[name, str(value)] for name, value in machine.items()]),
         "`scripts/bench --docs` measures again and writes this page.",
     )

@@ -593,6 +593,42 @@ append(Bytes &to, const Bytes &bytes)
   to.insert(to.end(), bytes.begin(), bytes.end());
 }
 
+// The search skips more and more of what does not shrink, and takes that back with every segment.
+void
+testBehindNoise()
+{
+  Random random = seeded();
+  const Bytes piece = noise(random, 200);
+  for (const auto &[before, most] :
+       {std::pair<std::size_t, std::size_t>{48000, 9000}, {300000, 40000}, {600000, 40000}}) {
+    Bytes content = noise(random, before);
+    for (int i = 0; i < 1000; i++)
+      append(content, piece);
+    checkRoundTrip(content);
+    g_assert_cmpuint(encode(content).size(), <, before + before / 250 + most);
+  }
+}
+
+// Data that shrink well are sought by other keys than data that shrink little; the table outlives
+// the change, and segments move on in between.
+void
+testChangesOfKeys()
+{
+  Random random = seeded();
+  const Bytes pieces = noise(random, 2000);
+  for (int round = 0; round < 10; round++) {
+    Bytes content;
+    while (content.size() < 800000) {
+      for (std::size_t left = 1000 + below(random, 6000); left > 0; left--) {
+        const auto piece = pieces.begin() + static_cast<std::ptrdiff_t>(below(random, 1900));
+        content.insert(content.end(), piece, piece + 24);
+      }
+      append(content, farRepeats(random, 100000 + below(random, 100000)));
+    }
+    checkRoundTrip(content);
+  }
+}
+
 // What follows a pixel differs more than the pixel, so the latest place that begins like this one
 // says little about what comes.
 void
@@ -1026,6 +1062,8 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/worst-case-holds", testWorstCaseHolds);
   g_test_add_func("/lzo1x/matches-reach-as-far-as-the-format", testReachOfMatches);
   g_test_add_func("/lzo1x/matches-are-found-all-over-large-inputs", testReachInLargeInputs);
+  g_test_add_func("/lzo1x/matches-are-found-soon-behind-noise", testBehindNoise);
+  g_test_add_func("/lzo1x/keys-change-within-an-input", testChangesOfKeys);
   g_test_add_func("/lzo1x/repeated-shapes-are-found-whole", testRepeatedShapes);
   g_test_add_func("/lzo1x/state-grows-with-input", testStateGrowsWithInput);
   g_test_add_func("/lzo1x/every-instruction-in-every-context", testEveryInstruction);

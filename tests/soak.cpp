@@ -449,8 +449,7 @@ public:
   Crowd()
   {
     for (gsize i = 0; i < crowd_size; i++)
-      pairs_.push_back(
-          std::make_unique<WaitingPair>(i % 2 ? Family::tcp4 : Family::unix_domain));
+      pairs_.push_back(std::make_unique<WaitingPair>(i % 2 ? Family::tcp4 : Family::unix_domain));
   }
   ~Crowd()
   {

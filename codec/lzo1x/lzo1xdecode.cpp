@@ -2,9 +2,11 @@
 #include "codec/lzo1x/lzo1x.h"
 
 #include "codec/lzo1x/lzo1xcopy.h"
+#include "codec/lzo1x/lzo1xcount.h"
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
+#include <array>
 
 namespace lzo1x
 {
@@ -64,40 +66,86 @@ choose(bool first, Value a, Value b) noexcept
   return first ? a : b;
 }
 
-// A match nearer than a chunk. Up to 15 bytes behind it are written too.
-inline void
-repeat(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
+// How a match nearer than a chunk comes from two words, so that no load waits for a store: the
+// pattern is as long as `period`, begins with the first word, and the second one stands at
+// `offset`. Below a distance of 8 both are the bytes of the distance repeated, by multiplying them
+// with ones that stand so many bytes apart; they fit again at the largest multiple up to 8.
+struct Repetition {
+  std::uint64_t mask;
+  std::uint64_t ones;
+  std::uint8_t offset;
+  std::uint8_t period;
+  std::uint8_t back; // the smallest multiple of the distance that makes a chunk or more
+};
+
+constexpr Repetition
+repetition(unsigned distance)
 {
-  // What is written comes from two words, so that no load waits for a store: the pattern is as long
-  // as `period`, begins with `first` and ends with `second`, which stands at `offset`.
-  std::uint64_t first = loadLittleEndian<std::uint64_t>(to - distance);
-  std::uint64_t second = first;
-  std::size_t period = distance;
-  std::size_t offset = distance - 8;
-  if (distance < 8) {
-    // The pattern repeated by multiplying it with ones that stand `distance` bytes apart; it fits
-    // again at the largest multiple of the distance up to 8.
-    static constexpr std::uint64_t ones[8] = {0,
-                                              0x0101010101010101,
-                                              0x0001000100010001,
-                                              0x0001000001000001,
-                                              0x0000000100000001,
-                                              0x0000010000000001,
-                                              0x0001000000000001,
-                                              0x0100000000000001};
-    static constexpr std::uint8_t multiples[8] = {8, 8, 8, 6, 8, 5, 6, 7};
-    first = (first & ((std::uint64_t{1} << (8 * distance)) - 1)) * ones[distance];
-    second = first;
-    offset = multiples[distance];
-    period = 2 * offset;
-  } else {
-    second = loadLittleEndian<std::uint64_t>(to - 8);
+  Repetition it{};
+  it.back = static_cast<std::uint8_t>((chunk - 1 + distance) / distance * distance);
+  if (distance >= 8) {
+    it.mask = ~std::uint64_t{0};
+    it.ones = 1;
+    it.offset = static_cast<std::uint8_t>(distance - 8);
+    it.period = static_cast<std::uint8_t>(distance);
+    return it;
   }
-  for (std::uint8_t *const end = to + length; to < end; to += period) {
-    storeLittleEndian(to, first);
-    storeLittleEndian(to + offset, second);
-  }
+  it.mask = (std::uint64_t{1} << 8 * distance) - 1;
+  for (unsigned at = 0; at < 8; at += distance)
+    it.ones |= std::uint64_t{1} << 8 * at;
+  it.offset = static_cast<std::uint8_t>(8 / distance * distance);
+  it.period = static_cast<std::uint8_t>(2 * it.offset);
+  return it;
 }
+
+constexpr std::array<Repetition, chunk> repetitions = [] {
+  std::array<Repetition, chunk> table{};
+  for (unsigned distance = 1; distance < chunk; distance++)
+    table[distance] = repetition(distance);
+  return table;
+}();
+
+// Writes a match nearer than a chunk.
+class Repeater
+{
+public:
+  Repeater(const std::uint8_t *to, std::size_t distance) noexcept : it(repetitions[distance])
+  {
+    first = (loadLittleEndian<std::uint64_t>(to - distance) & it.mask) * it.ones;
+    // Not from 8 before, as so much may not be there.
+    const auto before = loadLittleEndian<std::uint64_t>(to - std::min<std::size_t>(distance, 8));
+    second = choose(distance < 8, first, before);
+  }
+
+  // Up to 15 bytes behind `length` are written too.
+  [[gnu::always_inline]] void
+  repeat(std::uint8_t *to, std::size_t length) const noexcept
+  {
+    for (std::uint8_t *const end = to + length; to < end; to += it.period)
+      once(to);
+  }
+
+  // At least `span` bytes and at most twice as many.
+  template <std::size_t span>
+  [[gnu::always_inline]] void
+  repeatFew(std::uint8_t *to) const noexcept
+  {
+    for (std::size_t i = 0; i < span / 8; i++)
+      once(to + i * it.period);
+  }
+
+private:
+  [[gnu::always_inline]] void
+  once(std::uint8_t *to) const noexcept
+  {
+    storeLittleEndian(to, first);
+    storeLittleEndian(to + it.offset, second);
+  }
+
+  const Repetition &it;
+  std::uint64_t first;
+  std::uint64_t second;
+};
 
 // A match nearer than a chunk, and nothing behind it.
 inline void
@@ -106,9 +154,8 @@ repeatExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexce
   if (length >= 2 * chunk) {
     // repeat() writes up to the end. The last chunk comes from as many whole distances before it as
     // make a chunk or more: that is at most distance + chunk - 1, so still from behind `from`.
-    repeat(to, distance, length - (chunk - 1));
-    const std::size_t back = (chunk - 1 + distance) / distance * distance;
-    copyFixed<chunk>(to + length - chunk, to + length - chunk - back);
+    Repeater(to, distance).repeat(to, length - (chunk - 1));
+    copyFixed<chunk>(to + length - chunk, to + length - chunk - repetitions[distance].back);
     return;
   }
   // What has been written doubles what can be copied at once.
@@ -178,6 +225,7 @@ openingRun(Position &at) noexcept
 inline Status
 step(Position &at, bool &done) noexcept
 {
+  countCarefulStep();
   if (at.readLeft() == 0)
     return Status::inputOverrun;
   if (at.readLeft() == sizeof endMarker && std::memcmp(at.read, endMarker, sizeof endMarker) == 0) {
@@ -253,9 +301,11 @@ public:
   // What can be read behind readLast: a match of three bytes, and 4 for its literals, of which up
   // to 3 are used.
   static constexpr std::size_t readSlack = 3 + 4;
-  // What can be written behind writtenLast: a match of up to `span` bytes, and 4 for its literals.
-  // A run without length bytes takes less, and so does what a long match writes behind its end.
-  static constexpr std::size_t writeSlack = span + 4;
+  // What can be written behind writtenLast: a match of up to `span` bytes, or twice as many where
+  // it repeats itself, and 4 for its literals. A run without length bytes takes less, and so does
+  // what a long match writes behind its end. The small span repeats with care, to come nearer to
+  // the end.
+  static constexpr std::size_t writeSlack = (span == chunk ? span : 2 * span) + 4;
   static_assert(writeSlack >= runShortMax && writeSlack >= chunk - 1 + 4);
 
 private:
@@ -299,8 +349,11 @@ private:
     const Instruction &instruction = instructions[afterMatch][t];
     const std::size_t length = instruction.lengthAndFlag;
     const std::size_t distance = instruction.distance(word);
-    if (length > span || distance < std::min(length, chunk)) [[unlikely]]
+    if (length > span) [[unlikely]]
       return anyMatch(t, word, instruction);
+    if (distance < std::min(length, chunk)) [[unlikely]]
+      return span == chunk ? anyMatch(t, word, instruction)
+                           : overlappingMatch(t, word, length, distance);
     if (!isPlain(distance)) [[unlikely]]
       return false;
     const std::uint8_t *const from = written - distance;
@@ -323,6 +376,24 @@ private:
     return true;
   }
 
+  // A match of up to `span` bytes, nearer than a chunk, that overlaps what it writes.
+  [[gnu::always_inline]] bool
+  overlappingMatch(unsigned t, std::uint32_t word, std::size_t length,
+                   std::size_t distance) noexcept
+  {
+    if (!isPlain(distance))
+      return false;
+    Repeater(written, distance).repeatFew<span>(written);
+    const bool threeBytes = t < nearMark;
+    const std::uint8_t *const next = read + 2 + threeBytes;
+    written += length;
+    literals = choose(threeBytes, word >> 8, t) & matchLiteralsMax;
+    copyFixed<4>(written, next);
+    written += literals;
+    read = next + literals;
+    return true;
+  }
+
   // Any match of any length that leaves enough room.
   [[gnu::always_inline]] bool
   anyMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
@@ -342,15 +413,26 @@ private:
     if (length > roomToLast() || !isPlain(distance))
       return false;
     if (distance < chunk)
-      repeat(written, distance, length);
+      Repeater(written, distance).repeat(written, length);
     else
-      copyOver(written, written - distance, length);
+      copyLong(written, written - distance, length);
     written += length;
     literals = (instruction.size == 2 ? t : word >> 8) & matchLiteralsMax;
     copyFixed<4>(written, next);
     written += literals;
     read = next + literals;
     return true;
+  }
+
+  // As much as the slack has room for is copied without a loop, whose end would be mispredicted.
+  [[gnu::always_inline]] static void
+  copyLong(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
+  {
+    constexpr std::size_t atOnce = writeSlack / chunk * chunk;
+    for (std::size_t at = 0; at < atOnce; at += chunk)
+      copyFixed<chunk>(to + at, from + at);
+    if (length > atOnce)
+      copyOver(to + atOnce, from + atOnce, length - atOnce);
   }
 
   // Not in the end marker (the middle form says this distance too, but seldom), and not too far.
@@ -377,7 +459,7 @@ private:
 
 // So much room or less is filled with the small span alone: it comes nearer to the end, and the
 // first matches of a block are short.
-constexpr std::size_t smallBlock = 1500;
+constexpr std::size_t smallBlock = 900;
 
 template <std::size_t span>
 inline void

@@ -2,6 +2,7 @@
 #include "codec/lzo1x/lzo1x.h"
 
 #include "codec/lzo1x/lzo1xcopy.h"
+#include "codec/lzo1x/lzo1xcount.h"
 #include "codec/lzo1x/lzo1xformat.h"
 
 #include <algorithm>
@@ -13,9 +14,9 @@ namespace lzo1x
 namespace
 {
 
-// The table holds the latest place of a key, the bytes at a place, under its hash. It starts with
-// zeros, and no place is asked for before 1, so every entry is a place before the one that is asked
-// for; whether a match stands there is always compared. Places count from the beginning of a
+// The hash table holds the latest place of a key, the bytes at a place, under its hash. It starts
+// with zeros, and no place is asked for before 1, so every entry is a place before the one that is
+// asked for; whether a match stands there is always compared. Places count from the beginning of a
 // segment, so that small entries hold them and the table stays in the cache; segments overlap.
 using Entry = std::uint16_t;
 constexpr std::size_t segmentSize = std::size_t{1} << 16;
@@ -23,16 +24,31 @@ constexpr std::size_t segmentOverlap = segmentSize / 4;
 // From a place before it, no place of the segment is too far for a match.
 constexpr std::size_t firstTooFar = farMaxDistance + 1;
 constexpr unsigned minTableBits = 6;
-constexpr unsigned maxTableBits = 12;
+constexpr unsigned maxTableBits = 13;
+// Up to this size a table has two entries for a byte; for a larger one clearing it would cost more
+// than it brings.
+constexpr unsigned roomyTableBits = 12;
 
-// A key has the bytes of the shortest match, or more where the data shrink so well that the longer
-// match is worth more than the nearer one: behind a stretch that has shrunk by more than
-// longKeyGain. The first stretches are short, so that this soon comes to bear.
+// A key has the bytes of the shortest match, or more in data that shrink so well that fewer and
+// longer matches cost little: behind a stretch of which less than longKeySixteenths() are left. A
+// short input gains little by longer matches, as most of them are not there yet. The first
+// stretches are short, so that this soon takes effect.
 constexpr unsigned shortKey = 4;
-constexpr unsigned longKey = 6;
-constexpr std::size_t longKeyGain = 4;
-constexpr std::size_t firstStretch = 512;
+constexpr unsigned longKey = 5;
+constexpr std::size_t firstStretch = 256;
 constexpr std::size_t stretchGrowth = 8;
+
+constexpr std::size_t
+longKeySixteenths(std::size_t stretchEnd)
+{
+  return stretchEnd < 16384 ? 4 : 9;
+}
+
+// After `few` literals in a row the search skips places, more and more of them. In every segment it
+// takes the step back once to that behind restartLiterals: so it finds soon where data that did not
+// shrink begin to do so.
+constexpr std::size_t few = 32;
+constexpr std::size_t restartLiterals = 512;
 
 // Matches of 4 bytes and more are taken. Near ones save at least 2 bytes, and so do all of 5 and
 // more; one of 4 bytes from farther than nearMaxDistance saves 1. What a match saves pays for the
@@ -52,22 +68,20 @@ constexpr unsigned
 tableBits(std::size_t size)
 {
   const unsigned bits = size < 2 ? 0 : static_cast<unsigned>(std::bit_width(size - 1));
-  return bits < minTableBits ? minTableBits : bits > maxTableBits ? maxTableBits : bits;
+  const unsigned roomy = std::max(bits, std::min(bits + 1, roomyTableBits));
+  return std::clamp(roomy, minTableBits, maxTableBits);
 }
 
-// What is still to be encoded and where it goes. Invariants: [pending, read) are literals not yet
-// written, `written` never passes writtenEnd.
-struct Encoder {
-  const std::uint8_t *const readEnd;
-  const std::uint8_t *pending;
-  std::uint8_t *written;
-  std::uint8_t *const outBegin;
-  std::uint8_t *const writtenEnd;
+// Every writer takes the position to write at and returns the one behind what it wrote, or nullptr
+// if the room is too small.
+struct Room {
+  std::uint8_t *const begin;
+  std::uint8_t *const end;
 
   std::size_t
-  room() const
+  behind(const std::uint8_t *to) const
   {
-    return static_cast<std::size_t>(writtenEnd - written);
+    return static_cast<std::size_t>(end - to);
   }
 };
 
@@ -78,6 +92,7 @@ lengthBytesSize(std::size_t rest)
   return (rest - 1) / lengthByteStep + 1;
 }
 
+// The caller has checked the room.
 std::uint8_t *
 putLengthBytes(std::uint8_t *to, std::size_t rest)
 {
@@ -102,32 +117,29 @@ runHeaderSize(std::size_t length, bool opening)
   return length <= runShortMax ? 1 : 1 + lengthBytesSize(length - runShortMax);
 }
 
-// Writes the literals from pending to `to`.
-bool
-putLiterals(Encoder &at, const std::uint8_t *to)
+std::uint8_t *
+putLiterals(std::uint8_t *to, Room room, const std::uint8_t *from, std::size_t length)
 {
-  const auto length = static_cast<std::size_t>(to - at.pending);
-  const bool opening = at.written == at.outBegin;
+  countCarefulStep();
+  const bool opening = to == room.begin;
   const std::size_t header = runHeaderSize(length, opening);
   // Not a sum, which could wrap.
-  if (at.room() < header || at.room() - header < length)
-    return false;
+  if (room.behind(to) < header || room.behind(to) - header < length)
+    return nullptr;
   if (length == 0)
-    return true;
+    return to;
   if (opening && length <= openingRunMax) {
-    *at.written++ = static_cast<std::uint8_t>(openingRunMark + length);
+    *to++ = static_cast<std::uint8_t>(openingRunMark + length);
   } else if (length <= matchLiteralsMax) {
-    at.written[-2] |= static_cast<std::uint8_t>(length);
+    to[-2] |= static_cast<std::uint8_t>(length);
   } else if (length <= runShortMax) {
-    *at.written++ = static_cast<std::uint8_t>(length - runBias);
+    *to++ = static_cast<std::uint8_t>(length - runBias);
   } else {
-    *at.written++ = 0;
-    at.written = putLengthBytes(at.written, length - runShortMax);
+    *to++ = 0;
+    to = putLengthBytes(to, length - runShortMax);
   }
-  copyRun(at.written, at.pending, length);
-  at.written += length;
-  at.pending = to;
-  return true;
+  copyRun(to, from, length);
+  return to + length;
 }
 
 constexpr std::size_t
@@ -139,48 +151,45 @@ matchSize(std::size_t length, std::size_t distance)
   return length <= shortMax ? 3 : 3 + lengthBytesSize(length - shortMax);
 }
 
-bool
-putMatch(Encoder &at, std::size_t length, std::size_t distance)
+std::uint8_t *
+putMatch(std::uint8_t *to, Room room, std::size_t length, std::size_t distance)
 {
-  if (at.room() < matchSize(length, distance))
-    return false;
-  std::uint8_t *to = at.written;
+  countCarefulStep();
+  if (room.behind(to) < matchSize(length, distance))
+    return nullptr;
   if (length <= nearMaxLength && distance <= nearMaxDistance) {
     const std::size_t code = distance - 1;
     *to++ =
         static_cast<std::uint8_t>((length - nearLengthBias) << nearLengthShift | (code & 7) << 2);
     *to++ = static_cast<std::uint8_t>(code >> 3);
-  } else {
-    const bool middle = distance <= middleMaxDistance;
-    const unsigned shortMax = middle ? middleShortMax : farShortMax;
-    std::size_t code = distance - (middle ? 1 : middleMaxDistance);
-    unsigned mark = middle ? middleMark : farMark;
-    if (!middle && code >= farHighDistance) {
-      mark |= farHighBit;
-      code -= farHighDistance;
-    }
-    if (length <= shortMax) {
-      *to++ = static_cast<std::uint8_t>(mark | (length - 2));
-    } else {
-      *to++ = static_cast<std::uint8_t>(mark);
-      to = putLengthBytes(to, length - shortMax);
-    }
-    *to++ = static_cast<std::uint8_t>(code << 2);
-    *to++ = static_cast<std::uint8_t>(code >> 6);
+    return to;
   }
-  at.written = to;
-  at.pending += length;
-  return true;
+  const bool middle = distance <= middleMaxDistance;
+  const unsigned shortMax = middle ? middleShortMax : farShortMax;
+  std::size_t code = distance - (middle ? 1 : middleMaxDistance);
+  unsigned mark = middle ? middleMark : farMark;
+  if (!middle && code >= farHighDistance) {
+    mark |= farHighBit;
+    code -= farHighDistance;
+  }
+  if (length <= shortMax) {
+    *to++ = static_cast<std::uint8_t>(mark | (length - 2));
+  } else {
+    *to++ = static_cast<std::uint8_t>(mark);
+    to = putLengthBytes(to, length - shortMax);
+  }
+  *to++ = static_cast<std::uint8_t>(code << 2);
+  *to++ = static_cast<std::uint8_t>(code >> 6);
+  return to;
 }
 
-bool
-putEndMarker(Encoder &at)
+std::uint8_t *
+putEndMarker(std::uint8_t *to, Room room)
 {
-  if (at.room() < sizeof endMarker)
-    return false;
-  std::memcpy(at.written, endMarker, sizeof endMarker);
-  at.written += sizeof endMarker;
-  return true;
+  if (room.behind(to) < sizeof endMarker)
+    return nullptr;
+  std::memcpy(to, endMarker, sizeof endMarker);
+  return to + sizeof endMarker;
 }
 
 // In how many bytes two words agree that are not the same, given their differing bits.
@@ -221,8 +230,8 @@ unrelated(std::size_t value) noexcept
 constexpr std::size_t quickLiterals = 16;
 constexpr std::size_t quickRoom = 1 + quickLiterals + 4;
 
-// The same as putLiterals for up to quickLiterals that do not open the stream, without a branch on
-// their number. Writes and reads a whole quickLiterals.
+// The same as putLiterals() for up to quickLiterals that do not open the stream, without a branch
+// on their number. Writes and reads a whole quickLiterals.
 [[gnu::always_inline]] inline std::uint8_t *
 putQuickLiterals(std::uint8_t *written, const std::uint8_t *from, std::size_t length) noexcept
 {
@@ -234,7 +243,7 @@ putQuickLiterals(std::uint8_t *written, const std::uint8_t *from, std::size_t le
   return written + length;
 }
 
-// The same as putMatch for what the near form and the middle form without length bytes can say,
+// The same as putMatch() for what the near form and the middle form without length bytes can say,
 // without a branch on which it is. Writes 4 bytes.
 [[gnu::always_inline]] inline std::uint8_t *
 putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) noexcept
@@ -282,53 +291,100 @@ hash(Key<bytes> key, unsigned shift) noexcept
   return static_cast<std::size_t>((key << 8 * (sizeof key - bytes)) * factor >> shift);
 }
 
+struct HashTable {
+  Entry *entries;
+  unsigned bits;
+
+  std::size_t
+  size() const
+  {
+    return std::size_t{1} << bits;
+  }
+};
+
 // Enters the places of a segment before `end` into a table that has them under other keys. Not all
 // of them: a match that begins between two is found at its next one.
 template <unsigned keyBytes>
 void
-learn(const std::uint8_t *segment, std::size_t end, Entry *table, unsigned bits) noexcept
+learn(const std::uint8_t *segment, std::size_t end, HashTable table) noexcept
 {
   constexpr std::size_t step = 4;
+  const unsigned shift = hashShift<keyBytes>(table.bits);
   for (std::size_t place = 1; place < end; place += step)
-    table[hash<keyBytes>(loadLittleEndian<Key<keyBytes>>(segment + place),
-                         hashShift<keyBytes>(bits))] = static_cast<Entry>(place);
+    table.entries[hash<keyBytes>(loadLittleEndian<Key<keyBytes>>(segment + place), shift)] =
+        static_cast<Entry>(place);
 }
 
-// Puts the matches of a segment into the output that `at` describes, whose `pending` and `written`
-// are kept here. Places count from the beginning of the segment, which is searched from `first` on,
-// where at least tinyInput bytes are left, up to `end`.
+// Lets the places in the table count from `places` later on; those before become zeros.
+void
+forget(HashTable table, std::size_t places) noexcept
+{
+  typedef Entry Entries __attribute__((vector_size(16)));
+  constexpr std::size_t entries = sizeof(Entries) / sizeof(Entry);
+  const auto less = static_cast<Entry>(std::min(places, segmentSize - 1));
+  for (std::size_t i = 0; i < table.size(); i += entries) {
+    Entries some;
+    std::memcpy(&some, &table.entries[i], sizeof some);
+    // As compilers take it for a subtraction that stops at zero.
+    some = (some > less ? some : less + (some ^ some)) - less;
+    std::memcpy(&table.entries[i], &some, sizeof some);
+  }
+}
+
+// What is still to be encoded and where it goes. Invariants: [pending, read) are literals not yet
+// written, `written` never passes the end of the room.
+struct Progress {
+  const std::uint8_t *pending;
+  std::uint8_t *written;
+};
+
+// Where matches are sought: the places of a segment from `first` up to `end`.
+struct Stretch {
+  const std::uint8_t *segment;
+  std::size_t first;
+  std::size_t end;
+  std::size_t restart; // literals before this place count for no step
+};
+
+// Puts the matches of a stretch. Places count from the beginning of the segment. `first` has at
+// least tinyInput bytes behind it.
 template <unsigned keyBytes, bool endsTooFar> class Matcher
 {
   using Key = lzo1x::Key<keyBytes>;
 
 public:
-  Matcher(const Encoder &start, const std::uint8_t *segment, std::size_t first, std::size_t end,
-          Entry *entries, unsigned bits) noexcept
-      : at(start), table(entries), shift(hashShift<keyBytes>(bits)), begin(segment),
-        written(start.written), quickEnd(start.writtenEnd - std::min(start.room(), quickRoom)),
-        last(std::min(static_cast<std::size_t>(start.readEnd - segment) - (minMatch + compared),
-                      end - 1)),
-        pending(start.pending), read(first)
+  Matcher(Input in, Room out, HashTable hashTable, const Stretch &stretch,
+          const Progress &start) noexcept
+      : readEnd(in.data() + in.size()), room(out), table(hashTable.entries),
+        shift(hashShift<keyBytes>(hashTable.bits)), begin(stretch.segment), written(start.written),
+        quickEnd(out.end - std::min(out.behind(start.written), quickRoom)),
+        last(std::min(static_cast<std::size_t>(readEnd - begin) - (minMatch + compared),
+                      stretch.end - 1)),
+        restart(stretch.restart), pending(start.pending), read(stretch.first)
   {
   }
 
   // Goes on until there are no more; the literals behind the last match stay pending. Moves `first`
   // to what has not been searched.
   [[gnu::always_inline]] bool
-  run(Encoder &end, std::size_t &first) noexcept
+  run(Progress &end, Stretch &stretch) noexcept
   {
     while (find()) {
       extendBackwards();
-      if (!putPending())
+      written = putPending();
+      if (written == nullptr)
         return false;
       do {
-        if (!put())
+        written = put();
+        if (written == nullptr)
           return false;
+        read += length;
+        pending = begin + read;
       } while (findHere());
     }
     end.pending = pending;
     end.written = written;
-    first = read;
+    stretch.first = read;
     return true;
   }
 
@@ -395,27 +451,36 @@ private:
     if (differing != 0) [[likely]]
       length += 8 + equalBytes(differing);
     else
-      length += commonMany(begin + before + minMatch, begin + to + minMatch, at.readEnd);
+      length += commonMany(begin + before + minMatch, begin + to + minMatch, readEnd);
   }
 
-  // Goes through all places for as long as there have been few literals. The longer there was no
-  // match then, the farther apart are the places tried.
+  // Tries all places as long as there have been few literals.
   [[gnu::always_inline]] bool
   find() noexcept
   {
-    constexpr std::size_t few = 32;
     // The literals can begin before the segment.
     const auto denseEnd = std::min(static_cast<std::ptrdiff_t>(last + 1),
                                    pending - begin + static_cast<std::ptrdiff_t>(few));
     for (; static_cast<std::ptrdiff_t>(read) < denseEnd; read++) {
       key = keyAt(read);
-      if (matches())
+      if (matches()) {
         return true;
+      }
     }
-    for (; read <= last; read += 1 + literals() / few) {
+    return findSparsely();
+  }
+
+  // The longer there was no match, the farther apart are the places tried.
+  [[gnu::always_inline]] bool
+  findSparsely() noexcept
+  {
+    const auto idle =
+        static_cast<std::size_t>(std::max(pending - begin, static_cast<std::ptrdiff_t>(restart)));
+    for (; read <= last; read += 1 + (read - idle) / few) {
       key = keyAt(read);
-      if (matches())
+      if (matches()) {
         return true;
+      }
     }
     return false;
   }
@@ -455,51 +520,37 @@ private:
   }
 
   // `read` is at most `last`, so quickLiterals can be read from `pending`.
-  [[gnu::always_inline]] bool
+  [[gnu::always_inline]] std::uint8_t *
   putPending() noexcept
   {
     const std::size_t count = literals();
-    if (count <= quickLiterals && written < quickEnd && written != at.outBegin) {
-      written = putQuickLiterals(written, pending, count);
-      return true;
-    }
-    Encoder careful = at;
-    careful.pending = pending;
-    careful.written = written;
-    const bool fits = putLiterals(careful, begin + read);
-    written = careful.written;
-    return fits;
+    if (count <= quickLiterals && written < quickEnd && written != room.begin)
+      return putQuickLiterals(written, pending, count);
+    return putLiterals(written, room, pending, count);
   }
 
-  [[gnu::always_inline]] bool
+  [[gnu::always_inline]] std::uint8_t *
   put() noexcept
   {
     const std::size_t distance = read - from;
     const bool quick = written < quickEnd;
-    bool fits = true;
-    if (quick & (length <= middleShortMax) && distance <= middleMaxDistance) [[likely]] {
-      written = putQuickMatch(written, length, distance);
-    } else if (quick & (length <= farShortMax) && distance > middleMaxDistance) {
-      written = putQuickFarMatch(written, length, distance);
-    } else {
-      Encoder careful = at;
-      careful.written = written;
-      fits = putMatch(careful, length, distance);
-      written = careful.written;
-    }
-    read += length;
-    pending = begin + read;
-    return fits;
+    if (quick & (length <= middleShortMax) && distance <= middleMaxDistance) [[likely]]
+      return putQuickMatch(written, length, distance);
+    if (quick & (length <= farShortMax) && distance > middleMaxDistance)
+      return putQuickFarMatch(written, length, distance);
+    return putMatch(written, room, length, distance);
   }
 
-  const Encoder &at;
+  const std::uint8_t *const readEnd;
+  const Room room;
   Entry *const table;
   const unsigned shift;
   const std::uint8_t *const begin;
   std::uint8_t *written;
   // As long as `written` is before it, a quick sequence can be written.
   std::uint8_t *const quickEnd;
-  const std::size_t last; // the last place where a match may be sought
+  const std::size_t last;    // the last place where a match may be sought
+  const std::size_t restart; // literals before this place count for no step
   const std::uint8_t *pending;
   std::size_t read;
   std::size_t from = 0;
@@ -507,19 +558,8 @@ private:
   Key key = 0; // at `read`, where a match ended
 };
 
-} // namespace
-
-std::size_t
-encoderStateSize(std::size_t maxInput) noexcept
-{
-  return sizeof(Entry) << tableBits(maxInput);
-}
-
-namespace
-{
-
 // An input that is not searched: one opening run.
-inline Result
+Result
 encodeTiny(Input in, Output out) noexcept
 {
   static_assert(tinyInput <= openingRunMax);
@@ -534,97 +574,87 @@ encodeTiny(Input in, Output out) noexcept
   return {Status::ok, size};
 }
 
-} // namespace
-
-namespace
+// Puts the matches of a stretch, by a Matcher that knows beforehand what it can.
+template <unsigned keyBytes>
+bool
+putMatches(Input in, Room room, HashTable table, Stretch &stretch, Progress &at) noexcept
 {
+  const Progress start = at;
+  if (stretch.end > firstTooFar)
+    return Matcher<keyBytes, true>(in, room, table, stretch, start).run(at, stretch);
+  return Matcher<keyBytes, false>(in, room, table, stretch, start).run(at, stretch);
+}
 
-// Lets the places in the table count from `places` later on; those before become zeros.
+// Whether less than so many sixteenths are left of what has been encoded between the two.
+bool
+shrinksTo(const Progress &from, const Progress &to, std::size_t sixteenths) noexcept
+{
+  return static_cast<std::size_t>(to.written - from.written) <
+         static_cast<std::size_t>(to.pending - from.pending) / 16 * sixteenths;
+}
+
+// The end of the next stretch; the segment moves on behind its last one.
 void
-forget(Entry *table, unsigned bits, std::size_t places) noexcept
+advance(Stretch &stretch, HashTable table) noexcept
 {
-  typedef Entry Entries __attribute__((vector_size(16)));
-  constexpr std::size_t entries = sizeof(Entries) / sizeof(Entry);
-  const auto less = static_cast<Entry>(std::min(places, segmentSize - 1));
-  for (std::size_t i = 0; i < std::size_t{1} << bits; i += entries) {
-    Entries some;
-    std::memcpy(&some, table + i, sizeof some);
-    // As compilers take it for a subtraction that stops at zero.
-    some = (some > less ? some : less + (some ^ some)) - less;
-    std::memcpy(table + i, &some, sizeof some);
+  if (stretch.end < firstTooFar) {
+    stretch.end = std::min(stretch.end * stretchGrowth, firstTooFar);
+  } else if (stretch.end < segmentSize) {
+    stretch.end = segmentSize;
+    stretch.restart = stretch.first - restartLiterals;
+  } else {
+    const std::size_t forgotten = stretch.first - segmentOverlap;
+    forget(table, forgotten);
+    stretch.segment += forgotten;
+    stretch.first = segmentOverlap;
+    stretch.end = firstTooFar;
+    stretch.restart = 0;
   }
 }
 
 } // namespace
 
-namespace
+std::size_t
+encoderStateSize(std::size_t maxInput) noexcept
 {
-
-// Puts the matches of a stretch of a segment, by a Matcher that knows beforehand what it can.
-template <unsigned keyBytes>
-[[gnu::always_inline]] inline bool
-putMatches(Encoder &at, const std::uint8_t *segment, std::size_t &first, std::size_t end,
-           Entry *table, unsigned bits) noexcept
-{
-  const Encoder start = at;
-  if (end > firstTooFar)
-    return Matcher<keyBytes, true>(start, segment, first, end, table, bits).run(at, first);
-  return Matcher<keyBytes, false>(start, segment, first, end, table, bits).run(at, first);
+  return sizeof(Entry) << tableBits(maxInput);
 }
-
-// Whether long keys suit what has been encoded between the two.
-bool
-shrinksWell(const Encoder &from, const Encoder &to) noexcept
-{
-  return static_cast<std::size_t>(to.written - from.written) * longKeyGain <
-         static_cast<std::size_t>(to.pending - from.pending);
-}
-
-} // namespace
 
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
   if (in.size() <= tinyInput)
     return encodeTiny(in, out);
-  const unsigned bits = tableBits(in.size());
-  auto *const table = reinterpret_cast<Entry *>(state.data());
-  Encoder at{.readEnd = in.data() + in.size(),
-             .pending = in.data(),
-             .written = out.data(),
-             .outBegin = out.data(),
-             .writtenEnd = out.data() + out.size()};
-  const std::uint8_t *segment = in.data();
-  std::memset(table, 0, sizeof(Entry) << bits);
-  std::size_t end = firstStretch;
+  const Room room{out.data(), out.data() + out.size()};
+  const HashTable table{reinterpret_cast<Entry *>(state.data()), tableBits(in.size())};
+  std::memset(table.entries, 0, sizeof(Entry) * table.size());
+  const std::uint8_t *const readEnd = in.data() + in.size();
+  Progress at{in.data(), out.data()};
+  Stretch stretch{in.data(), 1, firstStretch, 0};
   bool longKeys = false;
-  for (std::size_t first = 1;;) {
-    const Encoder start = at;
-    const bool fits = longKeys ? putMatches<longKey>(at, segment, first, end, table, bits)
-                               : putMatches<shortKey>(at, segment, first, end, table, bits);
+  for (;;) {
+    const Progress start = at;
+    const bool fits = longKeys ? putMatches<longKey>(in, room, table, stretch, at)
+                               : putMatches<shortKey>(in, room, table, stretch, at);
     if (!fits)
       return {Status::noRoom, 0};
-    if (static_cast<std::size_t>(at.readEnd - segment) <= first + tinyInput)
+    if (static_cast<std::size_t>(readEnd - stretch.segment) <= stretch.first + tinyInput)
       break;
-    if (at.pending > start.pending && shrinksWell(start, at) != longKeys) {
+    if (at.pending > start.pending &&
+        shrinksTo(start, at, longKeySixteenths(stretch.end)) != longKeys) {
       longKeys = !longKeys;
-      (longKeys ? learn<longKey> : learn<shortKey>)(segment, std::min(first, end), table, bits);
+      (longKeys ? learn<longKey> : learn<shortKey>)(stretch.segment,
+                                                    std::min(stretch.first, stretch.end), table);
     }
-    if (end < firstTooFar) {
-      end = std::min(end * stretchGrowth, firstTooFar);
-    } else if (end < segmentSize) {
-      end = segmentSize;
-    } else {
-      const std::size_t forgotten = first - segmentOverlap;
-      forget(table, bits, forgotten);
-      segment += forgotten;
-      first = segmentOverlap;
-      end = firstTooFar;
-    }
+    advance(stretch, table);
   }
-  if (!putLiterals(at, at.readEnd) || !putEndMarker(at))
+  std::uint8_t *end =
+      putLiterals(at.written, room, at.pending, static_cast<std::size_t>(readEnd - at.pending));
+  if (end != nullptr)
+    end = putEndMarker(end, room);
+  if (end == nullptr)
     return {Status::noRoom, 0};
-  return {Status::ok, static_cast<std::size_t>(at.written - out.data())};
+  return {Status::ok, static_cast<std::size_t>(end - out.data())};
 }
 
 } // namespace lzo1x

@@ -54,7 +54,7 @@ gvc_compressor_new(void)
 }
 
 // What our own encoder needs at most.
-static constexpr gsize small_state_size = 8 * 1024 + 64;
+static constexpr gsize small_state_size = 16 * 1024 + 64;
 
 // Encodes all of `in` to `payload`, whose announced room is *payload_size on entry. NULL on
 // success, else what failed.

@@ -503,8 +503,7 @@ gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *cont
 
   watch(place, cancellable);
   pthread_mutex_lock(&lock);
-  gboolean waits =
-      wait_in_set(place, context, priority, waiter);
+  gboolean waits = wait_in_set(place, context, priority, waiter);
   pthread_mutex_unlock(&lock);
   if (!waits && cancellable) {
     g_signal_handler_disconnect(cancellable, place->cancelled_handler);
