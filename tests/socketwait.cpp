@@ -595,6 +595,26 @@ test_early_data()
   }
 }
 
+/* The answer comes between the attempt to read and the wait, in some of the rounds. */
+void
+test_answers()
+{
+  constexpr int rounds = 2000;
+  Pair pair;
+  Background echo([&] {
+    for (int i = 0; i < rounds; i++) {
+      Error error;
+      const BytesRef bytes(gvc_bytes_input_stream_read_bytes(pair.b.in.get(), nullptr, &error));
+      error.assert_none();
+      send(pair.b, "answer");
+    }
+  });
+  for (int i = 0; i < rounds; i++) {
+    send(pair.a, "question");
+    Read(pair.a, i % 2 ? G_PRIORITY_DEFAULT : G_PRIORITY_HIGH).expect("answer");
+  }
+}
+
 void
 test_both_directions()
 {
@@ -838,10 +858,10 @@ use_descriptor_zero()
     wait_until_given_up();
   }
   g_assert_cmpint(open("/dev/null", O_RDONLY), ==, STDIN_FILENO);
-  Pair pair;
+  Pair pair, other;
   close(STDIN_FILENO);
   warm_up(pair);
-  warm_up(pair);
+  warm_up(other);
   wait_until_given_up();
 }
 
@@ -884,6 +904,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/closed/copied", test_copied_descriptor);
   g_test_add_func("/socketwait/fork", test_fork);
   g_test_add_func("/socketwait/early-data", test_early_data);
+  g_test_add_func("/socketwait/answers", test_answers);
   g_test_add_func("/socketwait/both-directions", test_both_directions);
   g_test_add_func("/socketwait/many-at-once", test_many_at_once);
   g_test_add_func("/socketwait/batch/close", test_batch<Deed::close>);
