@@ -40,7 +40,8 @@ struct Session {
   guint64 size;
   GOutputStream *file;
   GCancellable *cancellable;
-  guint watchdog; /* cancels the operation that is under way */
+  guint watchdog;   /* cancels the operation that is under way */
+  gboolean refused; /* a request, which is logged once: a caller must not fill the log */
 };
 
 static void read_request(Session *session);
@@ -466,7 +467,9 @@ on_request(GObject *object, GAsyncResult *result, gpointer data)
   if (take_request(session, kind, count, name, &error)) {
     put_variant(session, g_variant_new(ANSWER_FORMAT, TRUE, ""), on_taken);
   } else {
-    g_printerr("%s: refused: %s\n", session->peer, error->message);
+    if (!session->refused)
+      g_printerr("%s: refused: %s\n", session->peer, error->message);
+    session->refused = TRUE;
     session->remaining = 0;
     put_variant(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message), on_variant_answered);
   }
