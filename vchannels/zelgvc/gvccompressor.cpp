@@ -16,8 +16,11 @@
  *
  * Each conversion produces one block, which decodes by itself: the size of its payload and the size
  * of the input, 4 bytes each and little-endian, and the payload, one LZO1X stream. So the size of
- * the writes that reach a compressor decides how well it compresses. Less than 4 GiB can be
- * converted at once.
+ * the writes that reach a compressor decides how well it compresses.
+ *
+ * Up to 3,904,515,716 bytes can be converted at once. The room that more of them need has more than
+ * 32 bits, of which the encoder is told the lower ones: it may fail with "Failed to encode LZO".
+ * From 4 GiB on the block announces only the lower 32 bits of the size of its input.
  *
  * A compressor has no state; any number of threads may use one.
  *
