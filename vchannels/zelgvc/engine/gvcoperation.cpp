@@ -67,9 +67,11 @@ Operation::run(Next next)
 void
 Operation::finish()
 {
+  auto *task = task_;
+
   release();
-  g_autoptr(GTask) task = task_;
   deliver();
+  g_object_unref(task);
 }
 
 // ---- Waiting ----
