@@ -545,11 +545,16 @@ class Outcome:
 
 
 def honest(top, victim, address, limit):
-    with Process(top, victim.partner, address) as other:
-        other.wait(limit)
-        took = (other.time or time.monotonic()) - other.begun
-        assert other.popen.returncode == 0, f"an honest peer after {took:.1f} s: {other.output()!r}"
-        return took
+    begun = time.monotonic()
+    while True:
+        with Process(top, victim.partner, address) as other:
+            other.wait(limit)
+            took = (other.time or time.monotonic()) - begun
+            if other.popen.returncode == 0:
+                return took
+            # The kernel turns a connection to a Unix socket away while the queue is full.
+            full = "Resource temporarily unavailable" in other.output()
+            assert full and (limit is None or took < limit), f"an honest peer after {took:.1f} s: {other.output()!r}"
 
 
 def under_load(top, victim, address, load):

@@ -256,6 +256,8 @@ def closed_descriptors(victim):
 
 @each(*((victim, victim) for victim in COMMANDS))
 def few_descriptors(victim):
+    if SANITIZED:
+        raise Skip("the sanitizers need descriptors of their own")
     levels = [(f"{n} descriptors", limit(resource.RLIMIT_NOFILE, n)) for n in range(3, 21)]
     sweep("RLIMIT_NOFILE 3 to 20", victim, levels if ALL else [*levels[:6], levels[-1]])
 
@@ -288,6 +290,9 @@ def full_disk(victim):
 
 @each(*((victim, victim) for victim in ("receive", "send", "listen", "connect", "serve", "ping")))
 def stopped_and_continued(victim):
+    if SANITIZED:
+        raise Skip("the search for leaks at the end takes longer than an interrupt waits")
+
     def judge(label, run):
         assert run.code == 0, f"exit code {run.code}"
 
