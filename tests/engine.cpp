@@ -466,6 +466,41 @@ test_counts_of_a_failed_call()
               "message");
 }
 
+// A unit that comes in small parts. When it lies elsewhere than before, it must have been copied.
+void
+test_unit_in_small_parts_is_not_copied_each_time()
+{
+  const std::string unit = pattern(1024 * 1024);
+  const char *last = nullptr;
+  gsize last_size = 0, copied = 0;
+  auto hoarder = new_converter([&](std::string_view in, char *out, gsize, GConverterFlags,
+                                   gsize *read, gsize *written, GError **error) {
+    copied += in.data() == last ? 0 : last_size;
+    last = in.data();
+    last_size = in.size();
+    if (in.size() < unit.size())
+      return conversion_error(G_IO_ERROR_PARTIAL_INPUT, "More", error);
+    *out = in == unit ? 'y' : 'n';
+    *read = in.size();
+    *written = 1;
+    return G_CONVERTER_CONVERTED;
+  });
+  const auto script = new_script(unit);
+  script->max_per_call = 64;
+  auto channel = own(gvc_connection_new(
+      new_connection_over(new_scripted_input(script), own(g_memory_output_stream_new_resizable()))
+          .get()));
+  gvc_connection_add_converters(channel.get(), hoarder.get(), hoarder.get());
+  char result = 0;
+  Error error;
+  g_assert_cmpint(g_input_stream_read(g_io_stream_get_input_stream(G_IO_STREAM(channel.get())),
+                                      &result, 1, nullptr, &error),
+                  ==, 1);
+  g_assert_cmpint(result, ==, 'y');
+  // A buffer that doubles copies at most twice what it holds in the end.
+  g_assert_cmpuint(copied, <=, 4 * unit.size());
+}
+
 /* ---- Sources that stay ---- */
 
 struct SourceRemove {
@@ -992,6 +1027,8 @@ main(int argc, char **argv)
   add("flood-leaves-the-main-loop-its-turns", test_flood_leaves_the_main_loop_its_turns, 1);
   add("flood-is-cancelled-while-blocking", test_flood_is_cancelled_while_blocking, 1);
   add("timers-tick-during-a-flood", test_timers_tick_during_a_flood, 1);
+  g_test_add_func("/engine/unit-in-small-parts-is-not-copied-each-time",
+                  test_unit_in_small_parts_is_not_copied_each_time);
   g_test_add_func("/engine/output-that-a-converter-keeps", test_output_that_a_converter_keeps);
   g_test_add_func("/engine/counts-of-a-failed-call/no-space",
                   test_counts_of_a_failed_call<G_IO_ERROR_NO_SPACE>);

@@ -68,13 +68,15 @@ read_base(GvcInputStage *self, void *to, gsize room, gboolean blocking, GCancell
   return nread;
 }
 
-// Reads more from the base stream: with room for a unit as large as the last ones, and for twice as
-// much as there is if that is not enough.
+// Reads more from the base stream, at first with room for a unit as large as the last ones. The
+// buffer grows when it is nearly full: a large unit may come in many small parts.
 static gboolean
 fill(GvcInputStage *self, gboolean blocking, GCancellable *cancellable, GError **error)
 {
-  auto have = self->raw.size();
-  self->raw.reserve(MAX(MAX(self->unit, least_read), have));
+  gsize have = self->raw.size(), likely = MAX(self->unit, least_read);
+
+  if (self->raw.tail_room() < (have == 0 ? likely : least_read))
+    self->raw.reserve(MAX(likely, have));
   gssize nread =
       read_base(self, self->raw.tail(), self->raw.tail_room(), blocking, cancellable, error);
   if (nread < 0) {
