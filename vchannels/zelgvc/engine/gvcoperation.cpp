@@ -58,6 +58,8 @@ Operation::run(Next next)
     next = attempt();
 
   ended_ = next == Next::done;
+  if (ended_)
+    release_base();
   if (ended_ && !starting_)
     finish();
   else if (next != Next::gio)

@@ -73,7 +73,10 @@ protected:
   // For `gio`: GIO's asynchronous functions take gio_callback(), which asks what came of it.
   static void gio_callback(GObject *source, GAsyncResult *result, gpointer self);
   virtual Next ended(GAsyncResult *result) = 0;
-  virtual void release() = 0; // gives the streams back
+  // Give streams back: those below the one of the task when nothing moves any more, all of them
+  // before the callback.
+  virtual void release_base() = 0;
+  virtual void release() = 0;
   virtual void deliver() = 0; // gives the task its result: error_, or what the operation was for
 
   GTask *task_ = nullptr;

@@ -33,7 +33,7 @@ Reader::start(int io_priority)
     target_ = below;
   polls_ = can_poll(target_) && can_poll(stream_);
   if (polls_ && missing_ > 0)
-    marked_ = mark_busy(stream_, target_, &error_);
+    marked_ = base_marked_ = mark_busy(stream_, target_, &error_);
   Operation::start(io_priority);
 }
 
@@ -106,13 +106,25 @@ Reader::ended(GAsyncResult *result)
 }
 
 void
+Reader::release_base()
+{
+  auto *stream = stream_;
+
+  if (!base_marked_)
+    return;
+  while (stream != target_) {
+    stream = forwards_to(stream);
+    g_input_stream_clear_pending(stream);
+  }
+  base_marked_ = FALSE;
+}
+
+void
 Reader::release()
 {
-  if (!marked_)
-    return;
-  for (auto *stream = stream_; stream != target_; stream = forwards_to(stream))
-    g_input_stream_clear_pending(stream);
-  g_input_stream_clear_pending(target_);
+  release_base();
+  if (marked_)
+    g_input_stream_clear_pending(stream_);
 }
 
 // A peek takes a pending error off the socket, so what it says must not be lost: it is reported in

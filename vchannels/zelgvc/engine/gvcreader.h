@@ -31,6 +31,7 @@ protected:
   gpointer bottom() override;
   GSource *ready_source(gpointer bottom) override;
   Next ended(GAsyncResult *result) override;
+  void release_base() override;
   void release() override;
 
   GInputStream *stream_ = nullptr; // the source of the task
@@ -43,7 +44,8 @@ private:
   guint8 *buffer_ = nullptr;
   gsize missing_ = 0;
   gsize received_ = 0;
-  gboolean marked_ = FALSE; // both streams, as busy
+  gboolean marked_ = FALSE; // as busy
+  gboolean base_marked_ = FALSE;
 };
 
 // Copies bytes that the next read of `stream` will deliver. Returns their number, 0 if the stream

@@ -32,7 +32,7 @@ Writer::start(int io_priority)
   polls_ = can_poll(target_) && can_poll(stream_);
   gathers_ = polls_ && gathers(target_);
   if (polls_ && n_vectors_ > 0)
-    marked_ = mark_busy(stream_, target_, &error_);
+    marked_ = base_marked_ = mark_busy(stream_, target_, &error_);
   Operation::start(io_priority);
 }
 
@@ -44,13 +44,25 @@ Writer::offer(const void *from, gsize count)
 }
 
 void
+Writer::release_base()
+{
+  auto *stream = stream_;
+
+  if (!base_marked_)
+    return;
+  while (stream != target_) {
+    stream = forwards_to(stream);
+    g_output_stream_clear_pending(stream);
+  }
+  base_marked_ = FALSE;
+}
+
+void
 Writer::release()
 {
-  if (!marked_)
-    return;
-  for (auto *stream = stream_; stream != target_; stream = forwards_to(stream))
-    g_output_stream_clear_pending(stream);
-  g_output_stream_clear_pending(target_);
+  release_base();
+  if (marked_)
+    g_output_stream_clear_pending(stream_);
 }
 
 Writer::Next

@@ -29,6 +29,7 @@ protected:
   gpointer bottom() override;
   GSource *ready_source(gpointer bottom) override;
   Next ended(GAsyncResult *result) override;
+  void release_base() override;
   void release() override;
 
   GOutputStream *stream_ = nullptr; // the source of the task
@@ -43,7 +44,8 @@ private:
   gsize accepted_ = 0;
   gboolean polls_ = FALSE;
   gboolean gathers_ = FALSE;
-  gboolean marked_ = FALSE; // all streams down to the target, as busy
+  gboolean marked_ = FALSE; // as busy
+  gboolean base_marked_ = FALSE;
 };
 
 // Logs the critical of gvc_output_stream_util_write_all_async() unless `stream` is an output
