@@ -90,7 +90,7 @@ namespace
 
 constexpr std::size_t largest = 64 << 10;
 
-// What both stages do with a message, without a channel.
+// The four conversions of a message through both stages, without a channel.
 class Conversions
 {
 public:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What is compressed and sent: 1 MiB of each kind that bench/corpora.py makes or finds.
+// The data to compress and send: 1 MiB of each kind that bench/corpora.py makes or finds.
 #pragma once
 
 #include <cstdint>

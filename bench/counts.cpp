@@ -101,7 +101,7 @@ constexpr Work works[] = {
 
 using Counts = std::map<std::string, double>;
 
-// What a whole process counts that does the work `times` times; empty if it could not be counted.
+// Counts the calls of a whole process that does the work `times` times; empty if that fails.
 using Count = Counts (*)(std::size_t work, std::size_t times);
 
 Counts
@@ -156,7 +156,7 @@ countCalls(std::size_t work, std::size_t times)
   return counts;
 }
 
-// What one operation costs is the difference between two runs of different length.
+// Two runs of different length differ by the cost of the operations alone.
 void
 addCounts(Report &report, const char *tool, Count count, std::size_t many, bool converters)
 {

@@ -223,7 +223,7 @@ memoryWorker(int argc, char **argv)
   SharedBytes messages[] = {smallMessage(),
                             SharedBytes(g_bytes_new_static(large.data(), large.size()))};
   Crowd crowd(Transport::unixSocket, kind);
-  // What the first channels of a process set up is not a channel's.
+  // The first channels of a process set up what all of them share: that is not counted.
   crowd.growTo(1);
   for (const auto &message : messages)
     crowd.run(message.get(), 0, 1, 1);

@@ -32,7 +32,7 @@ using Sockets = std::shared_ptr<SocketPair>;
 // Over TCP both ends have TCP_NODELAY set, as GLib itself does since 2.80.
 Sockets connectSockets(Transport transport);
 
-// What is between the messages and the socket; `bare` is no channel at all.
+// The stages between messages and socket; `bare` is no channel at all.
 enum class Stages { bare, none, compression, encryption, both };
 
 const char *stagesName(Stages stages);

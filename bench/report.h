@@ -69,7 +69,7 @@ struct Goal {
   const char *verdict() const;
 };
 
-// What is to be measured.
+// Describes the measurement.
 struct Selection {
   std::vector<std::string> only; // rows that have all of these among their parameters
   std::string other;             // the folder of another build of the library

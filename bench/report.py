@@ -316,8 +316,8 @@ def codec_section(page, results):
                   "are bound by copying.",
         "decode": "The next instruction waits for the length of this one, which LZ4 knows sooner: "
                   "LZO's instructions have two or three bytes and say in one of two places how many "
-                  "literals follow. Where runs and matches alternate at random, as in program code, "
-                  "most of the time goes into mispredicted branches. What does not shrink is bound "
+                  "literals follow. If runs and matches alternate at random, as in program code, "
+                  "most of the time goes into mispredicted branches. Data that does not shrink is bound "
                   "by copying, for all three alike.",
     }
     halves = {"tuning": "On the corpora that the codec is tuned on:",

@@ -301,10 +301,10 @@ public:
   // What can be read behind readLast: a match of three bytes, and 4 for its literals, of which up
   // to 3 are used.
   static constexpr std::size_t readSlack = 3 + 4;
-  // What can be written behind writtenLast: a match of up to `span` bytes, or twice as many where
-  // it repeats itself, and 4 for its literals. A run without length bytes takes less, and so does
-  // what a long match writes behind its end. The small span repeats with care, to come nearer to
-  // the end.
+  // The most that can be written behind writtenLast: a match of up to `span` bytes, or twice as
+  // many where it repeats itself, and 4 for its literals. A run without length bytes takes less,
+  // and so does what a long match writes behind its end. The small span repeats with care, to come
+  // nearer to the end.
   static constexpr std::size_t writeSlack = (span == chunk ? span : 2 * span) + 4;
   static_assert(writeSlack >= runShortMax && writeSlack >= chunk - 1 + 4);
 

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The engine: one object for each asynchronous operation on a stream.
 //
-//   start() --> run() --> attempt()      moves what can be moved without blocking, and says what
-//   next:
+//   start() --> run() --> attempt()      moves bytes without blocking, and says what comes next:
 //                ^           |
 //                |           +-- again   another attempt, up to a budget, then as `turn`
 //                |           +-- turn    resume in the next turn of the main loop
@@ -11,9 +10,9 @@
 //                            +-- done    finish(): release the streams, give the task its result
 //
 // The operation is the data of its task and owns one reference to it from start() to finish(), so
-// both live until the result is delivered. The first attempts run within start(). What is done
-// there waits for a turn as well: the streams stay busy until the callback, which runs in the main
-// loop.
+// both live until the result is delivered. The first attempts run within start(). An operation that
+// ends there still waits for a turn: its stream stays busy until the callback, which runs in the
+// main loop. The streams below are free as soon as no byte moves any more.
 //
 // Reader and Writer (gvcreader.h, gvcwriter.h) move bytes; the message streams derive from them
 // what a message is. Streams that cannot be polled are left to GIO's asynchronous functions.

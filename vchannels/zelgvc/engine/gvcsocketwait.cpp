@@ -10,8 +10,7 @@
 // - Events name their place by a number, never by a pointer: epoll may report a place that is gone.
 // - A place that fires while nothing waits in it is taken out of the set until the next wait, so a
 //   peer that sends to a channel that nobody reads wakes nobody twice.
-// - Everything is protected by one lock, which is not held while a waiter or GLib's cancellables
-// run.
+// - One lock protects everything. It is not held while a waiter or a handler of a host runs.
 // - A closed descriptor leaves an epoll set silently. A sweep over the places that wait, twice a
 //   second, finds closed sockets. A set in which nothing has waited between two sweeps is given up.
 // - The epoll instances of a process are none of its child's: after a fork a set makes its own.
