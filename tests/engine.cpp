@@ -945,6 +945,24 @@ test_closed_while_writing(int stages)
     assert_bytes(faulty::from_stages(stages, wire), frame(payload));
 }
 
+// The bytes have left within the call, and only the callback is still to come.
+void
+test_closed_after_the_bytes_have_left(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  Collector collector;
+  gvc_bytes_output_stream_put_bytes_async(connected.writer.get(), new_bytes("message").get(),
+                                          G_PRIORITY_DEFAULT, nullptr, Collector::ready,
+                                          &collector);
+  g_assert_cmpuint(collector.calls(), ==, 0);
+  const bool closed = close_channel<Closing::blocking, Closed::channel>(connected);
+  g_assert_true(closed);
+  Error error;
+  g_assert_true(
+      gvc_bytes_output_stream_put_bytes_finish(connected.writer.get(), collector.wait(), &error));
+  error.assert_none();
+}
+
 template <Closing closing, Closed what>
 void
 add_closings(const std::string &name)
@@ -1054,6 +1072,7 @@ main(int argc, char **argv)
                   test_derived_class_with_operations_of_its_own);
   g_test_add_func("/engine/stream-that-cannot-be-polled-after-all",
                   test_stream_that_cannot_be_polled_after_all);
+  add("closed-after-the-bytes-have-left", test_closed_after_the_bytes_have_left);
   add_closings<Closing::blocking, Closed::channel>("blocking/channel");
   add_closings<Closing::async, Closed::channel>("async/channel");
   add_closings<Closing::blocking, Closed::channel_and_socket>("blocking/channel-and-socket");
