@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-#include "tests/support/support.h"
+#include "tests/types/streamcontract.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -7,10 +7,8 @@
 #include <sys/socket.h>
 
 using namespace support;
-
-/* The two messages, and the two ways of writing one. */
-enum class Way { blocking, async };
-static constexpr Way both_ways[] = {Way::blocking, Way::async};
+using contract::both_ways;
+using contract::Way;
 
 /* A framing stream over a scripted base. */
 struct Fixture {
@@ -74,73 +72,95 @@ put_variant(Way way, GvcBytesOutputStream *stream, GVariant *variant, Error &err
   return gvc_bytes_output_stream_put_variant_finish(stream, result, &error);
 }
 
-/* ---- The type ---- */
-
-static void
-type_is_a_plain_filter_stream()
+static GVariant *
+new_floating(GBytes *payload)
 {
-  const GType type = gvc_bytes_output_stream_get_type();
-  g_assert_cmpuint(type, ==, GVC_TYPE_BYTES_OUTPUT_STREAM);
-  g_assert_cmpstr(g_type_name(type), ==, "GvcBytesOutputStream");
-  g_assert_cmpuint(g_type_parent(type), ==, G_TYPE_FILTER_OUTPUT_STREAM);
-  g_assert_false(G_TYPE_IS_ABSTRACT(type));
-  g_assert_true(G_TYPE_IS_DERIVABLE(type));
-  g_assert_true(own_properties(type).empty());
-  g_assert_true(own_signals(type).empty());
-
-  GTypeQuery query;
-  g_type_query(type, &query);
-  g_assert_cmpuint(query.instance_size, ==, sizeof(GFilterOutputStream));
-  g_assert_cmpuint(query.class_size, ==, sizeof(GFilterOutputStreamClass));
-  g_assert_cmpuint(sizeof(GvcBytesOutputStream), ==, sizeof(GFilterOutputStream));
-  g_assert_cmpuint(sizeof(GvcBytesOutputStreamClass), ==, sizeof(GFilterOutputStreamClass));
+  return g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, payload, TRUE);
 }
 
+/* Releases a variant that an operation was given and has to leave floating. */
 static void
-type_overrides_no_operation()
+release_floating(GVariant *variant)
 {
-  assert_overrides_nothing(GVC_TYPE_BYTES_OUTPUT_STREAM);
+  g_assert_true(g_variant_is_floating(variant));
+  g_variant_unref(variant);
 }
 
-static void
-new_stream_holds_and_closes_its_base()
+static contract::Operation
+put_bytes_operation(std::string payload, std::vector<gsize> sizes)
 {
-  LogCapture log;
-  LifeWatch watch;
-  {
-    Fixture fixture;
-    watch.add(fixture.stream.get());
-    watch.add(fixture.base.get());
-    assert_refcount(fixture.stream.get(), 1);
-    assert_refcount(fixture.base.get(), 2);
-    const auto filter = G_FILTER_OUTPUT_STREAM(fixture.stream.get());
-    g_assert_true(g_filter_output_stream_get_base_stream(filter) == fixture.base.get());
-    g_assert_true(g_filter_output_stream_get_close_base_stream(filter));
-    g_assert_false(fixture.script->closed());
-    fixture.stream.reset();
-    g_assert_true(fixture.script->closed());
-    assert_refcount(fixture.base.get(), 1);
-  }
-  watch.assert_all_gone();
-
-  const Fixture fixture;
-  g_assert_true(g_output_stream_close(G_OUTPUT_STREAM(fixture.stream.get()), nullptr, nullptr));
-  g_assert_true(g_output_stream_is_closed(fixture.base.get()));
+  return {
+      .name = "gvc_bytes_output_stream_put_bytes",
+      .payload = payload,
+      .bytes = frame(payload),
+      .sizes = std::move(sizes),
+      .urgent = 4,
+      .run = [](gpointer stream, GBytes *bytes, GCancellable *cancellable, GError **error) -> bool {
+        return gvc_bytes_output_stream_put_bytes(static_cast<GvcBytesOutputStream *>(stream), bytes,
+                                                 cancellable, error);
+      },
+      .start =
+          [](gpointer stream, GBytes *bytes, int priority, GCancellable *cancellable,
+             GAsyncReadyCallback ready, gpointer data) {
+            gvc_bytes_output_stream_put_bytes_async(static_cast<GvcBytesOutputStream *>(stream),
+                                                    bytes, priority, cancellable, ready, data);
+          },
+      .finish = [](gpointer stream, GAsyncResult *result, GError **error) -> bool {
+        return gvc_bytes_output_stream_put_bytes_finish(static_cast<GvcBytesOutputStream *>(stream),
+                                                        result, error);
+      },
+      .propagate = [](GTask *task, GError **error) -> bool {
+        return g_task_propagate_boolean(task, error);
+      },
+  };
 }
 
-static void
-new_refuses_what_is_no_output_stream()
-{
-  LogCapture log;
-  const auto message =
-      failed_check("gvc_bytes_output_stream_new", "G_IS_OUTPUT_STREAM (base_stream)");
-  g_assert_null(gvc_bytes_output_stream_new(nullptr));
-  log.expect({message});
-  const auto in = new_scripted_input(new_script());
-  g_assert_null(gvc_bytes_output_stream_new(reinterpret_cast<GOutputStream *>(in.get())));
-  log.expect({message});
-  assert_refcount(in.get(), 1);
-}
+static const contract::Operation put_variant_operation = {
+    .name = "gvc_bytes_output_stream_put_variant",
+    .payload = "hello",
+    .bytes = frame("hello"),
+    .sizes = {4, 5},
+    .urgent = 4,
+    .run = [](gpointer stream, GBytes *payload, GCancellable *cancellable, GError **error) -> bool {
+      GVariant *const variant = new_floating(payload);
+      const bool ok = gvc_bytes_output_stream_put_variant(
+          static_cast<GvcBytesOutputStream *>(stream), variant, cancellable, error);
+      release_floating(variant);
+      return ok;
+    },
+    .start =
+        [](gpointer stream, GBytes *payload, int priority, GCancellable *cancellable,
+           GAsyncReadyCallback ready, gpointer data) {
+          GVariant *const variant = new_floating(payload);
+          gvc_bytes_output_stream_put_variant_async(static_cast<GvcBytesOutputStream *>(stream),
+                                                    variant, priority, cancellable, ready, data);
+          release_floating(variant);
+        },
+    .finish = [](gpointer stream, GAsyncResult *result, GError **error) -> bool {
+      return gvc_bytes_output_stream_put_variant_finish(static_cast<GvcBytesOutputStream *>(stream),
+                                                        result, error);
+    },
+    .propagate = [](GTask *task, GError **error) -> bool {
+      return g_task_propagate_boolean(task, error);
+    },
+};
+
+static const contract::Type stream_type = {
+    .reads = false,
+    .check = "GVC_IS_BYTES_OUTPUT_STREAM(stream)",
+    .blocking_check = "GVC_IS_BYTES_OUTPUT_STREAM (stream)",
+    .operations = {put_bytes_operation("hello", {4, 5}), put_bytes_operation("", {4}),
+                   put_variant_operation},
+    .get_type = [] { return GVC_TYPE_BYTES_OUTPUT_STREAM; },
+    .name = "GvcBytesOutputStream",
+    .instance_size = sizeof(GvcBytesOutputStream),
+    .class_size = sizeof(GvcBytesOutputStreamClass),
+    .create = [](gpointer base) -> gpointer {
+      return gvc_bytes_output_stream_new(static_cast<GOutputStream *>(base));
+    },
+    .create_name = "gvc_bytes_output_stream_new",
+    .create_check = "G_IS_OUTPUT_STREAM (base_stream)",
+};
 
 /* ---- The frame ---- */
 
@@ -383,35 +403,6 @@ floating_variant_stays_floating()
 
 /* ---- Failures ---- */
 
-/* Whichever write of whichever byte fails: what went before stays written, the error comes
- * through. */
-static void
-failure_at_any_write_passes_through()
-{
-  const auto whole = frame("hello");
-  const VariantRef variant(g_variant_ref_sink(g_variant_new_parsed("@ay [104,101,108,108,111]")));
-  for (const auto way : both_ways) {
-    for (const auto kind : all_stream_kinds) {
-      for (guint failing = 1; failing <= whole.size(); failing++) {
-        for (const bool as_variant : {false, true}) {
-          LogCapture log;
-          const Fixture fixture(kind, 1);
-          const auto text = "write " + std::to_string(failing);
-          fixture.script->at_call[failing] = Step::fail(G_IO_ERROR_NOT_CONNECTED, text);
-          Error error;
-          g_assert_false(
-              as_variant ? put_variant(way, fixture.stream.get(), variant.get(), error)
-                         : put_bytes(way, fixture.stream.get(), new_bytes("hello").get(), error));
-          error.assert_is(G_IO_ERROR, G_IO_ERROR_NOT_CONNECTED, text.c_str());
-          assert_bytes(fixture.script->written(), whole.substr(0, failing - 1));
-          g_assert_cmpuint(fixture.script->transfers().size(), ==, failing);
-          assert_refcount_becomes(fixture.stream.get(), 1);
-        }
-      }
-    }
-  }
-}
-
 static void
 failed_length_means_no_payload()
 {
@@ -423,26 +414,6 @@ failed_length_means_no_payload()
     error.assert_is(G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE, "gone");
     g_assert_true(fixture.script->sizes() == std::vector<gsize>{4});
     assert_bytes(fixture.script->written(), "");
-  }
-}
-
-static void
-closed_streams_fail_as_closed()
-{
-  for (const auto way : both_ways) {
-    for (const bool close_base : {true, false}) {
-      const Fixture fixture;
-      g_assert_true(g_output_stream_close(close_base ? fixture.base.get()
-                                                     : G_OUTPUT_STREAM(fixture.stream.get()),
-                                          nullptr, nullptr));
-      Error error;
-      g_assert_false(put_bytes(way, fixture.stream.get(), new_bytes("hello").get(), error));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
-      const VariantRef variant(g_variant_ref_sink(g_variant_new_int32(1)));
-      g_assert_false(put_variant(way, fixture.stream.get(), variant.get(), error));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
-      assert_bytes(fixture.script->written(), "");
-    }
   }
 }
 
@@ -460,65 +431,7 @@ socket_whose_peer_has_gone_fails()
   }
 }
 
-static void
-errors_may_be_left_out()
-{
-  LogCapture log;
-  const Fixture fixture;
-  const VariantRef variant(g_variant_ref_sink(g_variant_new_int32(1)));
-  fixture.script->from_call = {1, Step::fail()};
-  const auto hello = new_bytes("hello");
-  g_assert_false(
-      gvc_bytes_output_stream_put_bytes(fixture.stream.get(), hello.get(), nullptr, nullptr));
-  g_assert_false(
-      gvc_bytes_output_stream_put_variant(fixture.stream.get(), variant.get(), nullptr, nullptr));
-  Collector bytes_done;
-  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), hello.get(), 0, nullptr,
-                                          Collector::ready, &bytes_done);
-  g_assert_false(
-      gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), bytes_done.wait(), nullptr));
-  Collector variant_done;
-  gvc_bytes_output_stream_put_variant_async(fixture.stream.get(), variant.get(), 0, nullptr,
-                                            Collector::ready, &variant_done);
-  g_assert_false(gvc_bytes_output_stream_put_variant_finish(fixture.stream.get(),
-                                                            variant_done.wait(), nullptr));
-}
-
 /* ---- Priority and cancellation ---- */
-
-static void
-length_has_the_callers_priority_and_payload_the_default()
-{
-  for (const int priority : {G_PRIORITY_HIGH, G_PRIORITY_DEFAULT, G_PRIORITY_LOW, 77}) {
-    for (const bool as_variant : {false, true}) {
-      const InnerFixture fixture(2);
-      const auto cancellable = own(g_cancellable_new());
-      Collector collector;
-      if (as_variant) {
-        const VariantRef variant(g_variant_ref_sink(g_variant_new_uint32(1)));
-        gvc_bytes_output_stream_put_variant_async(fixture.stream(), variant.get(), priority,
-                                                  cancellable.get(), Collector::ready, &collector);
-        g_assert_true(gvc_bytes_output_stream_put_variant_finish(fixture.stream(), collector.wait(),
-                                                                 nullptr));
-      } else {
-        gvc_bytes_output_stream_put_bytes_async(fixture.stream(), new_bytes("four").get(), priority,
-                                                cancellable.get(), Collector::ready, &collector);
-        g_assert_true(
-            gvc_bytes_output_stream_put_bytes_finish(fixture.stream(), collector.wait(), nullptr));
-      }
-      const auto calls = fixture.script->calls(Call::Kind::async);
-      g_assert_true(fixture.script->sizes() == (std::vector<gsize>{4, 2, 4, 2}));
-      g_assert_cmpuint(calls.size(), ==, 4);
-      g_assert_cmpint(calls[0].priority, ==, priority);
-      g_assert_cmpint(calls[1].priority, ==, priority);
-      g_assert_cmpint(calls[2].priority, ==, G_PRIORITY_DEFAULT);
-      g_assert_cmpint(calls[3].priority, ==, G_PRIORITY_DEFAULT);
-      for (const auto &call : calls)
-        g_assert_true(call.cancellable == cancellable.get());
-      g_assert_cmpint(g_task_get_priority(G_TASK(collector.result())), ==, G_PRIORITY_DEFAULT);
-    }
-  }
-}
 
 /* What is more urgent than the length comes before the payload. */
 static void
@@ -542,178 +455,7 @@ payload_waits_for_its_length()
   assert_bytes(fixture.script->written(), frame("hello"));
 }
 
-static void
-stream_is_busy_until_the_callback()
-{
-  for (const auto kind : all_stream_kinds) {
-    for (const auto *payload : {"hello", ""}) {
-      for (const bool may_cancel : {false, true}) {
-        const Fixture fixture(kind);
-        auto *const out = G_OUTPUT_STREAM(fixture.stream.get());
-        const auto cancellable = own(may_cancel ? g_cancellable_new() : nullptr);
-        Collector first, second;
-        gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes(payload).get(), 0,
-                                                cancellable.get(), Collector::ready, &first);
-        g_assert_true(g_output_stream_has_pending(out));
-        gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("no").get(), 0,
-                                                cancellable.get(), Collector::ready, &second);
-        Error error;
-        g_assert_false(
-            gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), second.wait(), &error));
-        error.assert_is(G_IO_ERROR, G_IO_ERROR_PENDING);
-        g_assert_true(
-            gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), first.wait(), &error));
-        g_assert_false(g_output_stream_has_pending(out));
-        assert_bytes(fixture.script->written(), frame(payload));
-      }
-    }
-  }
-}
-
-static void
-blocking_writes_have_the_callers_cancellable()
-{
-  const InnerFixture fixture;
-  const auto cancellable = own(g_cancellable_new());
-  Error error;
-  g_assert_true(put_bytes(Way::blocking, fixture.stream(), new_bytes("hello").get(), error,
-                          cancellable.get()));
-  for (const auto &call : fixture.script->calls(Call::Kind::sync))
-    g_assert_true(call.cancellable == cancellable.get());
-  g_assert_cmpuint(fixture.script->calls(Call::Kind::sync).size(), ==, 2);
-  assert_refcount(cancellable.get(), 1);
-}
-
-static void
-cancelled_before_it_starts_writes_nothing()
-{
-  const auto cancellable = own(g_cancellable_new());
-  g_cancellable_cancel(cancellable.get());
-  const VariantRef variant(g_variant_ref_sink(g_variant_new_int32(1)));
-  for (const auto way : both_ways) {
-    for (const auto kind : all_stream_kinds) {
-      const Fixture fixture(kind);
-      Error error;
-      for (const auto *payload : {"hello", ""}) {
-        g_assert_false(put_bytes(way, fixture.stream.get(), new_bytes(payload).get(), error,
-                                 cancellable.get()));
-        error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-      }
-      g_assert_false(
-          put_variant(way, fixture.stream.get(), variant.get(), error, cancellable.get()));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-      assert_bytes(fixture.script->written(), "");
-    }
-  }
-  assert_refcount_becomes(cancellable.get(), 1);
-}
-
-/* At every byte of the frame. */
-static void
-cancelled_during_any_write_ends_there()
-{
-  const auto whole = frame("hello");
-  for (const auto kind : all_stream_kinds) {
-    for (guint held = 1; held <= whole.size(); held++) {
-      const auto cancellable = own(g_cancellable_new());
-      const Fixture fixture(kind, 1);
-      fixture.script->at_call[held] = Step::hold();
-      Collector collector;
-      gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
-                                              cancellable.get(), Collector::ready, &collector);
-      spin_until([&] { return fixture.script->holding(); });
-      g_assert_cmpuint(collector.calls(), ==, 0);
-      g_cancellable_cancel(cancellable.get());
-      Error error;
-      g_assert_false(
-          gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.wait(), &error));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-      assert_bytes(fixture.script->written(), whole.substr(0, held - 1));
-      collector.clear();
-      assert_refcount_becomes(fixture.stream.get(), 1);
-      assert_refcount_becomes(cancellable.get(), 1);
-    }
-  }
-}
-
-static void
-blocking_write_is_cancelled_from_another_thread()
-{
-  const Fixture fixture;
-  fixture.script->steps = {Step::move(), Step::move(2), Step::hold()};
-  const auto cancellable = own(g_cancellable_new());
-  Background canceller([&] {
-    while (!fixture.script->holding())
-      g_usleep(1000);
-    g_cancellable_cancel(cancellable.get());
-  });
-  Error error;
-  g_assert_false(put_bytes(Way::blocking, fixture.stream.get(), new_bytes("hello").get(), error,
-                           cancellable.get()));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  assert_bytes(fixture.script->written(), unhex("05 00 00 00 68 65"));
-}
-
-/* The result looks at the cancellable when it is collected. */
-static void
-cancelled_between_the_last_write_and_finish()
-{
-  const Fixture fixture;
-  const auto cancellable = own(g_cancellable_new());
-  Collector collector;
-  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
-                                          cancellable.get(), Collector::ready, &collector);
-  collector.wait();
-  g_cancellable_cancel(cancellable.get());
-  Error error;
-  g_assert_false(
-      gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.result(), &error));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  assert_bytes(fixture.script->written(), frame("hello"));
-}
-
-/* Although the stream would have taken all of the frame within the call. */
-static void
-cancelled_after_the_call_keeps_the_payload_back()
-{
-  const Fixture fixture(StreamKind::pollable);
-  const auto cancellable = own(g_cancellable_new());
-  Collector collector;
-  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
-                                          cancellable.get(), Collector::ready, &collector);
-  g_cancellable_cancel(cancellable.get());
-  Error error;
-  g_assert_false(
-      gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), collector.wait(), &error));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  assert_bytes(fixture.script->written(), unhex("05 00 00 00"));
-}
-
 /* ---- Preconditions ---- */
-
-static void
-blocking_writers_refuse_other_streams()
-{
-  LogCapture log;
-  const auto script = new_script();
-  const auto other = new_scripted_output(script);
-  const auto hello = new_bytes("hello");
-  GVariant *const variant = g_variant_new_int32(1);
-  Error error;
-  for (gpointer wrong : {static_cast<gpointer>(nullptr), static_cast<gpointer>(other.get())}) {
-    const auto stream = static_cast<GvcBytesOutputStream *>(wrong);
-    g_assert_false(gvc_bytes_output_stream_put_bytes(stream, hello.get(), nullptr, &error));
-    log.expect(
-        {failed_check("gvc_bytes_output_stream_put_bytes", "GVC_IS_BYTES_OUTPUT_STREAM (stream)")});
-    g_assert_false(gvc_bytes_output_stream_put_variant(stream, variant, nullptr, &error));
-    log.expect({failed_check("gvc_bytes_output_stream_put_variant",
-                             "GVC_IS_BYTES_OUTPUT_STREAM (stream)")});
-    error.assert_none();
-  }
-  g_assert_true(g_variant_is_floating(variant));
-  g_variant_unref(variant);
-  g_assert_true(script->calls().empty());
-}
 
 static void
 blocking_writers_refuse_to_write_no_message()
@@ -728,65 +470,6 @@ blocking_writers_refuse_to_write_no_message()
   g_assert_cmpuint(log.take().size(), ==, 1);
   error.assert_none();
   g_assert_true(fixture.script->calls().empty());
-}
-
-static void
-finishers_refuse_what_is_not_their_result()
-{
-  const Fixture fixture;
-  const Fixture other;
-  Collector collector;
-  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
-                                          nullptr, Collector::ready, &collector);
-  GAsyncResult *const result = collector.wait();
-  const struct {
-    const char *name;
-    gboolean (*finish)(GvcBytesOutputStream *, GAsyncResult *, GError **);
-  } finishers[] = {
-      {"gvc_bytes_output_stream_put_bytes_finish", gvc_bytes_output_stream_put_bytes_finish},
-      {"gvc_bytes_output_stream_put_variant_finish", gvc_bytes_output_stream_put_variant_finish},
-  };
-  for (const auto &[name, finish] : finishers) {
-    const auto not_stream = failed_check(name, "GVC_IS_BYTES_OUTPUT_STREAM(stream)");
-    const auto not_result = failed_check(name, "g_task_is_valid(result, stream)");
-    LogCapture log;
-    Error error;
-    g_assert_false(finish(nullptr, result, &error));
-    log.expect({not_stream});
-    g_assert_false(
-        finish(reinterpret_cast<GvcBytesOutputStream *>(fixture.base.get()), result, &error));
-    log.expect({not_stream});
-    g_assert_false(finish(other.stream.get(), result, &error));
-    log.expect({not_result});
-    g_assert_false(
-        finish(fixture.stream.get(), reinterpret_cast<GAsyncResult *>(fixture.base.get()), &error));
-    log.expect({not_result});
-    g_assert_false(finish(nullptr, nullptr, &error));
-    log.expect({not_stream});
-    error.assert_none();
-  }
-  Error error;
-  g_assert_true(gvc_bytes_output_stream_put_bytes_finish(fixture.stream.get(), result, &error));
-  error.assert_none();
-}
-
-/* Any output stream will do for them. */
-static void
-async_starters_do_not_check_the_stream()
-{
-  LogCapture log;
-  const auto script = new_script({}, 3);
-  const auto plain = new_scripted_output(script);
-  const auto stream = reinterpret_cast<GvcBytesOutputStream *>(plain.get());
-  Error error;
-
-  Collector bytes_done;
-  gvc_bytes_output_stream_put_bytes_async(stream, new_bytes("hello").get(), 0, nullptr,
-                                          Collector::ready, &bytes_done);
-  g_assert_true(g_task_propagate_boolean(G_TASK(bytes_done.wait()), &error));
-  error.assert_none();
-  assert_bytes(script->written(), frame("hello"));
-  log.expect_none();
 }
 
 /* ---- Lives and threads ---- */
@@ -856,87 +539,6 @@ variant_data_lives_as_long_as_its_write()
   watch.assert_all_gone();
 }
 
-static void
-nothing_stays_alive_after_any_outcome()
-{
-  for (const auto kind : all_stream_kinds) {
-    for (guint failing = 0; failing <= 2; failing++) { /* 0: none fails */
-      for (const bool as_variant : {false, true}) {
-        for (const bool collect : {false, true}) {
-          LifeWatch watch;
-          {
-            const Fixture fixture(kind);
-            if (failing != 0)
-              fixture.script->at_call[failing] = Step::fail();
-            watch.add(fixture.stream.get());
-            watch.add(fixture.base.get());
-            const auto bytes = watch.add_bytes("hello");
-            const VariantRef variant(g_variant_ref_sink(
-                g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes.get(), TRUE)));
-            Collector collector;
-            if (as_variant)
-              gvc_bytes_output_stream_put_variant_async(fixture.stream.get(), variant.get(), 0,
-                                                        nullptr, Collector::ready, &collector);
-            else
-              gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), bytes.get(), 0, nullptr,
-                                                      Collector::ready, &collector);
-            watch.add(collector.wait());
-            Error error;
-            if (collect)
-              g_assert_true((as_variant ? gvc_bytes_output_stream_put_variant_finish(
-                                              fixture.stream.get(), collector.result(), &error)
-                                        : gvc_bytes_output_stream_put_bytes_finish(
-                                              fixture.stream.get(), collector.result(), &error)) ==
-                            (failing == 0));
-          }
-          watch.assert_all_gone();
-        }
-      }
-    }
-  }
-}
-
-static void
-callback_may_be_left_out()
-{
-  const Fixture fixture;
-  const VariantRef variant(g_variant_ref_sink(g_variant_new_parsed("@ay [1,2,3]")));
-  gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes("hello").get(), 0,
-                                          nullptr, nullptr, nullptr);
-  spin_until([&] { return fixture.script->moved() == 9; });
-  assert_refcount_becomes(fixture.stream.get(), 1);
-  gvc_bytes_output_stream_put_variant_async(fixture.stream.get(), variant.get(), 0, nullptr,
-                                            nullptr, nullptr);
-  spin_until([&] { return fixture.script->moved() == 16; });
-  assert_refcount_becomes(fixture.stream.get(), 1);
-}
-
-static void
-completes_in_the_context_of_its_thread()
-{
-  run_in_thread([] {
-    for (const auto kind : all_stream_kinds) {
-      for (const auto *payload : {"hello", ""}) {
-        for (const bool fails : {false, true}) {
-          const Fixture fixture(kind, 2);
-          if (fails)
-            fixture.script->at_call[2] = Step::fail();
-          Collector collector;
-          gvc_bytes_output_stream_put_bytes_async(fixture.stream.get(), new_bytes(payload).get(), 0,
-                                                  nullptr, Collector::ready, &collector);
-          while (g_main_context_iteration(nullptr, FALSE))
-            ;
-          g_assert_cmpuint(collector.calls(), ==, 0);
-          Error error;
-          g_assert_true(gvc_bytes_output_stream_put_bytes_finish(
-                            fixture.stream.get(), collector.wait(), &error) == !fails);
-          g_assert_true(collector.thread() == g_thread_self());
-        }
-      }
-    }
-  });
-}
-
 /* ---- Sockets ---- */
 
 static void
@@ -1003,10 +605,12 @@ main(int argc, char **argv)
 {
   g_test_init(&argc, &argv, nullptr);
 #define TEST(path, function) g_test_add_func("/bytes-output-stream/" path, function)
-  TEST("type/is-a-plain-filter-stream", type_is_a_plain_filter_stream);
-  TEST("type/overrides-no-operation", type_overrides_no_operation);
-  TEST("new/holds-and-closes-its-base", new_stream_holds_and_closes_its_base);
-  TEST("new/refuses-what-is-no-output-stream", new_refuses_what_is_no_output_stream);
+#define CONTRACT(path, function)                                                                   \
+  g_test_add_data_func("/bytes-output-stream/" path, &stream_type, function)
+  CONTRACT("type/is-a-plain-filter-stream", contract::is_a_plain_filter_stream);
+  CONTRACT("type/overrides-no-operation", contract::overrides_no_operation);
+  CONTRACT("new/holds-and-closes-its-base", contract::holds_and_closes_its_base);
+  CONTRACT("new/refuses-what-is-no-output-stream", contract::new_refuses_other_objects);
   TEST("frame/hello-is-its-length-and-its-bytes", hello_is_its_length_and_its_bytes);
   TEST("frame/empty-message-is-4-zero-bytes", empty_message_is_4_zero_bytes);
   TEST("frame/follow-each-other-with-nothing-between",
@@ -1020,36 +624,39 @@ main(int argc, char **argv)
   TEST("variant/empty-array-is-a-frame-of-length-0", empty_array_is_a_frame_of_length_0);
   TEST("variant/data-is-not-touched", variant_data_is_not_touched);
   TEST("variant/floating-stays-floating", floating_variant_stays_floating);
-  TEST("failure/at-any-write-passes-through", failure_at_any_write_passes_through);
+  CONTRACT("failure/at-any-write-passes-through", contract::failure_at_any_transfer_passes_through);
   TEST("failure/of-the-length-means-no-payload", failed_length_means_no_payload);
-  TEST("failure/of-closed-streams", closed_streams_fail_as_closed);
+  CONTRACT("failure/of-closed-streams", contract::closed_streams_fail_as_closed);
   TEST("failure/of-a-socket-whose-peer-has-gone", socket_whose_peer_has_gone_fails);
-  TEST("failure/errors-may-be-left-out", errors_may_be_left_out);
-  TEST("priority/of-the-length-is-the-callers-of-the-payload-the-default",
-       length_has_the_callers_priority_and_payload_the_default);
+  CONTRACT("failure/errors-may-be-left-out", contract::errors_may_be_left_out);
+  CONTRACT("priority/of-the-length-is-the-callers-of-the-payload-the-default",
+           contract::requests_have_the_callers_priority);
   TEST("priority/payload-waits-for-its-length", payload_waits_for_its_length);
-  TEST("busy-until-the-callback", stream_is_busy_until_the_callback);
-  TEST("cancelled/blocking-writes-have-the-callers-cancellable",
-       blocking_writes_have_the_callers_cancellable);
-  TEST("cancelled/before-it-starts-writes-nothing", cancelled_before_it_starts_writes_nothing);
-  TEST("cancelled/during-any-write-ends-there", cancelled_during_any_write_ends_there);
-  TEST("cancelled/after-the-call-keeps-the-payload-back",
-       cancelled_after_the_call_keeps_the_payload_back);
-  TEST("cancelled/blocking-write-from-another-thread",
-       blocking_write_is_cancelled_from_another_thread);
-  TEST("cancelled/between-the-last-write-and-finish", cancelled_between_the_last_write_and_finish);
-  TEST("checks/blocking-writers-refuse-other-streams", blocking_writers_refuse_other_streams);
+  CONTRACT("busy-until-the-callback", contract::stream_is_busy_until_the_callback);
+  CONTRACT("cancelled/blocking-writes-have-the-callers-cancellable",
+           contract::blocking_requests_have_the_callers_cancellable);
+  CONTRACT("cancelled/before-it-starts-writes-nothing", contract::cancelled_before_it_starts);
+  CONTRACT("cancelled/during-any-write-ends-there", contract::cancelled_during_any_transfer);
+  CONTRACT("cancelled/after-the-call-keeps-the-payload-back", contract::cancelled_after_the_call);
+  CONTRACT("cancelled/blocking-write-from-another-thread", contract::cancelled_from_another_thread);
+  CONTRACT("cancelled/between-the-last-write-and-finish",
+           contract::cancelled_between_the_last_transfer_and_finish);
+  CONTRACT("checks/blocking-writers-refuse-other-streams",
+           contract::blocking_calls_refuse_other_streams);
   TEST("checks/blocking-writers-refuse-to-write-no-message",
        blocking_writers_refuse_to_write_no_message);
-  TEST("checks/finishers-refuse-what-is-not-their-result",
-       finishers_refuse_what_is_not_their_result);
-  TEST("checks/async-starters-do-not-check-the-stream", async_starters_do_not_check_the_stream);
-  TEST("checks/callback-may-be-left-out", callback_may_be_left_out);
+  CONTRACT("checks/finishers-refuse-what-is-not-their-result",
+           contract::finish_refuses_other_results);
+  CONTRACT("checks/async-starters-do-not-check-the-stream",
+           contract::start_does_not_check_the_stream);
+  CONTRACT("checks/callback-may-be-left-out", contract::callback_may_be_left_out);
   TEST("lives/caller-keeps-its-reference-to-the-bytes", caller_keeps_its_reference_to_the_bytes);
   TEST("lives/bytes-as-long-as-their-write", bytes_live_as_long_as_their_write);
   TEST("lives/variant-data-as-long-as-its-write", variant_data_lives_as_long_as_its_write);
-  TEST("lives/nothing-stays-after-any-outcome", nothing_stays_alive_after_any_outcome);
-  TEST("completes-in-the-context-of-its-thread", completes_in_the_context_of_its_thread);
+  CONTRACT("lives/nothing-stays-after-any-outcome",
+           contract::nothing_stays_alive_after_any_outcome);
+  CONTRACT("completes-in-the-context-of-its-thread",
+           contract::completes_in_the_context_of_its_thread);
   TEST("socket/frames-arrive", frames_arrive_over_sockets);
   TEST("socket/success-means-that-no-stage-holds-bytes-back",
        success_means_that_no_stage_holds_bytes_back);

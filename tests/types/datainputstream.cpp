@@ -1,16 +1,14 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-#include "tests/support/support.h"
+#include "tests/types/streamcontract.h"
 
 #include <zelgvc/zelgvc.h>
 
 #include <malloc.h>
 
 using namespace support;
-
-enum class Way { blocking, async };
-static constexpr Way both_ways[] = {Way::blocking, Way::async};
-
-static constexpr gsize untouched = 4711;
+using contract::both_ways;
+using contract::untouched;
+using contract::Way;
 
 /* A string stream over a scripted base. */
 struct Fixture {
@@ -72,72 +70,66 @@ assert_string(Way way, GvcDataInputStream *stream, gchar string_end, std::string
   assert_bytes({string.get(), length}, expected);
 }
 
-/* ---- The type ---- */
-
-static void
-type_is_a_plain_filter_stream()
+/* A failure leaves the length alone. */
+static bool
+is_hello(gchar *taken, gsize length)
 {
-  const GType type = gvc_data_input_stream_get_type();
-  g_assert_cmpuint(type, ==, GVC_TYPE_DATA_INPUT_STREAM);
-  g_assert_cmpstr(g_type_name(type), ==, "GvcDataInputStream");
-  g_assert_cmpuint(g_type_parent(type), ==, G_TYPE_FILTER_INPUT_STREAM);
-  g_assert_false(G_TYPE_IS_ABSTRACT(type));
-  g_assert_true(G_TYPE_IS_DERIVABLE(type));
-  g_assert_true(own_properties(type).empty());
-  g_assert_true(own_signals(type).empty());
-
-  GTypeQuery query;
-  g_type_query(type, &query);
-  g_assert_cmpuint(query.instance_size, ==, sizeof(GFilterInputStream));
-  g_assert_cmpuint(query.class_size, ==, sizeof(GFilterInputStreamClass));
-  g_assert_cmpuint(sizeof(GvcDataInputStream), ==, sizeof(GFilterInputStream));
-  g_assert_cmpuint(sizeof(GvcDataInputStreamClass), ==, sizeof(GFilterInputStreamClass));
+  const Mem<gchar> string(taken);
+  if (string == nullptr)
+    g_assert_cmpuint(length, ==, untouched);
+  else
+    assert_bytes({string.get(), length}, "hello\n");
+  return string != nullptr;
 }
 
-static void
-type_overrides_no_operation()
-{
-  assert_overrides_nothing(GVC_TYPE_DATA_INPUT_STREAM);
-}
+static const contract::Operation read_string_operation = {
+    .name = "gvc_data_input_stream_read_string",
+    .payload = {},
+    .bytes = "hello\n",
+    .sizes = std::vector<gsize>(6, 1),
+    .urgent = 1,
+    .run =
+        [](gpointer stream, GBytes *, GCancellable *cancellable, GError **error) {
+          gsize length = untouched;
+          gchar *const string = gvc_data_input_stream_read_string(
+              static_cast<GvcDataInputStream *>(stream), '\n', &length, cancellable, error);
+          return is_hello(string, length);
+        },
+    .start =
+        [](gpointer stream, GBytes *, int priority, GCancellable *cancellable,
+           GAsyncReadyCallback ready, gpointer data) {
+          gvc_data_input_stream_read_string_async(static_cast<GvcDataInputStream *>(stream), '\n',
+                                                  priority, cancellable, ready, data);
+        },
+    .finish =
+        [](gpointer stream, GAsyncResult *result, GError **error) {
+          gsize length = untouched;
+          gchar *const string = gvc_data_input_stream_read_string_finish(
+              static_cast<GvcDataInputStream *>(stream), result, &length, error);
+          return is_hello(string, length);
+        },
+    .propagate =
+        [](GTask *task, GError **error) {
+          return is_hello(static_cast<gchar *>(g_task_propagate_pointer(task, error)), 6);
+        },
+    .after_zero = true,
+};
 
-static void
-new_stream_holds_and_closes_its_base()
-{
-  LogCapture log;
-  LifeWatch watch;
-  {
-    Fixture fixture;
-    watch.add(fixture.stream.get());
-    watch.add(fixture.base.get());
-    assert_refcount(fixture.stream.get(), 1);
-    assert_refcount(fixture.base.get(), 2);
-    const auto filter = G_FILTER_INPUT_STREAM(fixture.stream.get());
-    g_assert_true(g_filter_input_stream_get_base_stream(filter) == fixture.base.get());
-    g_assert_true(g_filter_input_stream_get_close_base_stream(filter));
-    g_assert_false(fixture.script->closed());
-    fixture.stream.reset();
-    g_assert_true(fixture.script->closed());
-    assert_refcount(fixture.base.get(), 1);
-  }
-  watch.assert_all_gone();
-
-  const Fixture fixture;
-  g_assert_true(g_input_stream_close(G_INPUT_STREAM(fixture.stream.get()), nullptr, nullptr));
-  g_assert_true(g_input_stream_is_closed(fixture.base.get()));
-}
-
-static void
-new_refuses_what_is_no_input_stream()
-{
-  LogCapture log;
-  const auto message = failed_check("gvc_data_input_stream_new", "G_IS_INPUT_STREAM(base_stream)");
-  g_assert_null(gvc_data_input_stream_new(nullptr));
-  log.expect({message});
-  const auto out = new_scripted_output(new_script());
-  g_assert_null(gvc_data_input_stream_new(reinterpret_cast<GInputStream *>(out.get())));
-  log.expect({message});
-  assert_refcount(out.get(), 1);
-}
+static const contract::Type stream_type = {
+    .reads = true,
+    .check = "GVC_IS_DATA_INPUT_STREAM(stream)",
+    .blocking_check = "GVC_IS_DATA_INPUT_STREAM(stream)",
+    .operations = {read_string_operation},
+    .get_type = [] { return GVC_TYPE_DATA_INPUT_STREAM; },
+    .name = "GvcDataInputStream",
+    .instance_size = sizeof(GvcDataInputStream),
+    .class_size = sizeof(GvcDataInputStreamClass),
+    .create = [](gpointer base) -> gpointer {
+      return gvc_data_input_stream_new(static_cast<GInputStream *>(base));
+    },
+    .create_name = "gvc_data_input_stream_new",
+    .create_check = "G_IS_INPUT_STREAM(base_stream)",
+};
 
 /* ---- Strings ---- */
 
@@ -338,25 +330,20 @@ endless_end_of_stream_is_ended_by_cancellation()
 
 /* ---- Failures ---- */
 
+/* The stream loses the part before the failure and goes on behind it. */
 static void
-failure_at_any_read_passes_through()
+failure_at_any_read_passes_through(gconstpointer type)
 {
+  contract::failure_at_any_transfer_passes_through(type);
   const std::string whole = "hello there\n";
   for (const auto way : both_ways) {
     for (const auto kind : all_stream_kinds) {
       for (guint failing = 1; failing <= whole.size(); failing++) {
-        LogCapture log;
         const Fixture fixture(whole, kind);
-        const auto text = "read " + std::to_string(failing);
-        fixture.script->at_call[failing] = Step::fail(G_IO_ERROR_NOT_CONNECTED, text);
+        fixture.script->at_call[failing] = Step::fail();
         Error error;
-        gsize length = untouched;
-        g_assert_null(read_string(way, fixture.stream.get(), '\n', &length, error).get());
-        error.assert_is(G_IO_ERROR, G_IO_ERROR_NOT_CONNECTED, text.c_str());
-        g_assert_cmpuint(length, ==, untouched);
-        g_assert_cmpuint(fixture.script->transfers().size(), ==, failing);
-        assert_refcount_becomes(fixture.stream.get(), 1);
-        /* The part before the failure is lost; the stream goes on behind it. */
+        g_assert_null(read_string(way, fixture.stream.get(), '\n', nullptr, error).get());
+        error.clear();
         assert_string(way, fixture.stream.get(), '\n', whole.substr(failing - 1));
       }
     }
@@ -376,238 +363,7 @@ failure_of_a_long_string_passes_through()
   }
 }
 
-static void
-closed_streams_fail_as_closed()
-{
-  for (const auto way : both_ways) {
-    for (const bool close_base : {true, false}) {
-      const Fixture fixture("hello\n");
-      g_assert_true(g_input_stream_close(close_base ? fixture.base.get()
-                                                    : G_INPUT_STREAM(fixture.stream.get()),
-                                         nullptr, nullptr));
-      Error error;
-      g_assert_null(read_string(way, fixture.stream.get(), '\n', nullptr, error).get());
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
-    }
-  }
-}
-
-static void
-errors_may_be_left_out()
-{
-  LogCapture log;
-  const Fixture fixture;
-  fixture.script->from_call = {1, Step::fail()};
-  g_assert_null(
-      gvc_data_input_stream_read_string(fixture.stream.get(), '\n', nullptr, nullptr, nullptr));
-  Collector collector;
-  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr, Collector::ready,
-                                          &collector);
-  g_assert_null(gvc_data_input_stream_read_string_finish(fixture.stream.get(), collector.wait(),
-                                                         nullptr, nullptr));
-}
-
-/* ---- Priority and cancellation ---- */
-
-/* The task's own priority is never set: only the first read has the caller's. */
-static void
-first_read_has_the_callers_priority()
-{
-  for (const int priority : {G_PRIORITY_HIGH, G_PRIORITY_DEFAULT, G_PRIORITY_LOW, 77}) {
-    const InnerFixture fixture("four\n");
-    const auto cancellable = own(g_cancellable_new());
-    Collector collector;
-    gvc_data_input_stream_read_string_async(fixture.stream(), '\n', priority, cancellable.get(),
-                                            Collector::ready, &collector);
-    const Mem<gchar> string(gvc_data_input_stream_read_string_finish(
-        fixture.stream(), collector.wait(), nullptr, nullptr));
-    g_assert_nonnull(string.get());
-    const auto calls = fixture.script->calls(Call::Kind::async);
-    g_assert_cmpuint(calls.size(), ==, 5);
-    for (gsize i = 0; i < calls.size(); i++) {
-      g_assert_cmpint(calls[i].priority, ==, i == 0 ? priority : G_PRIORITY_DEFAULT);
-      g_assert_true(calls[i].cancellable == cancellable.get());
-    }
-    g_assert_cmpint(g_task_get_priority(G_TASK(collector.result())), ==, G_PRIORITY_DEFAULT);
-  }
-}
-
-static void
-blocking_reads_have_the_callers_cancellable()
-{
-  const InnerFixture fixture("ab\n");
-  const auto cancellable = own(g_cancellable_new());
-  Error error;
-  g_assert_nonnull(
-      read_string(Way::blocking, fixture.stream(), '\n', nullptr, error, cancellable.get()).get());
-  const auto calls = fixture.script->calls(Call::Kind::sync);
-  g_assert_cmpuint(calls.size(), ==, 3);
-  for (const auto &call : calls)
-    g_assert_true(call.cancellable == cancellable.get());
-  assert_refcount(cancellable.get(), 1);
-}
-
-static void
-cancelled_before_it_starts_reads_nothing()
-{
-  const auto cancellable = own(g_cancellable_new());
-  g_cancellable_cancel(cancellable.get());
-  for (const auto way : both_ways) {
-    for (const auto kind : all_stream_kinds) {
-      const Fixture fixture("hello\n", kind);
-      Error error;
-      gsize length = untouched;
-      g_assert_null(
-          read_string(way, fixture.stream.get(), '\n', &length, error, cancellable.get()).get());
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-      g_assert_cmpuint(length, ==, untouched);
-      g_assert_cmpuint(fixture.script->moved(), ==, 0);
-    }
-  }
-  assert_refcount_becomes(cancellable.get(), 1);
-}
-
-static void
-cancelled_during_any_read_ends_there()
-{
-  const std::string whole = "hello\n";
-  for (const auto kind : all_stream_kinds) {
-    for (guint held = 1; held <= whole.size(); held++) {
-      const auto cancellable = own(g_cancellable_new());
-      const Fixture fixture(whole, kind);
-      fixture.script->at_call[held] = Step::hold();
-      Collector collector;
-      gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, cancellable.get(),
-                                              Collector::ready, &collector);
-      spin_until([&] { return fixture.script->holding(); });
-      g_assert_cmpuint(collector.calls(), ==, 0);
-      g_cancellable_cancel(cancellable.get());
-      Error error;
-      gsize length = untouched;
-      g_assert_null(gvc_data_input_stream_read_string_finish(fixture.stream.get(), collector.wait(),
-                                                             &length, &error));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-      g_assert_cmpuint(length, ==, untouched);
-      g_assert_cmpuint(fixture.script->moved(), ==, held - 1);
-      collector.clear();
-      assert_refcount_becomes(fixture.stream.get(), 1);
-      assert_refcount_becomes(cancellable.get(), 1);
-    }
-  }
-}
-
-static void
-blocking_read_is_cancelled_from_another_thread()
-{
-  const Fixture fixture("hello\n");
-  fixture.script->at_call[3] = Step::hold();
-  const auto cancellable = own(g_cancellable_new());
-  Background canceller([&] {
-    while (!fixture.script->holding())
-      g_usleep(1000);
-    g_cancellable_cancel(cancellable.get());
-  });
-  Error error;
-  g_assert_null(
-      read_string(Way::blocking, fixture.stream.get(), '\n', nullptr, error, cancellable.get())
-          .get());
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-}
-
-/* The result looks at the cancellable when it is collected. */
-static void
-cancelled_between_the_last_read_and_finish()
-{
-  const Fixture fixture("hello\n");
-  const auto cancellable = own(g_cancellable_new());
-  Collector collector;
-  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, cancellable.get(),
-                                          Collector::ready, &collector);
-  collector.wait();
-  g_cancellable_cancel(cancellable.get());
-  Error error;
-  gsize length = untouched;
-  g_assert_null(gvc_data_input_stream_read_string_finish(fixture.stream.get(), collector.result(),
-                                                         &length, &error));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  g_assert_cmpuint(length, ==, untouched);
-}
-
-/* ---- Preconditions ---- */
-
-static void
-blocking_reader_refuses_other_streams()
-{
-  LogCapture log;
-  const auto script = new_script("hello\n");
-  const auto other = new_scripted_input(script);
-  const auto message =
-      failed_check("gvc_data_input_stream_read_string", "GVC_IS_DATA_INPUT_STREAM(stream)");
-  Error error;
-  gsize length = untouched;
-  g_assert_null(gvc_data_input_stream_read_string(nullptr, '\n', &length, nullptr, &error));
-  log.expect({message});
-  g_assert_null(gvc_data_input_stream_read_string(
-      reinterpret_cast<GvcDataInputStream *>(other.get()), '\n', &length, nullptr, &error));
-  log.expect({message});
-  error.assert_none();
-  g_assert_cmpuint(length, ==, untouched);
-  g_assert_true(script->calls().empty());
-}
-
-static void
-finish_refuses_what_is_not_its_result()
-{
-  const Fixture fixture("hello\n");
-  const Fixture other;
-  Collector collector;
-  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr, Collector::ready,
-                                          &collector);
-  GAsyncResult *const result = collector.wait();
-  const auto not_stream =
-      failed_check("gvc_data_input_stream_read_string_finish", "GVC_IS_DATA_INPUT_STREAM(stream)");
-  const auto not_result =
-      failed_check("gvc_data_input_stream_read_string_finish", "g_task_is_valid(result, stream)");
-  LogCapture log;
-  Error error;
-  gsize length = untouched;
-  g_assert_null(gvc_data_input_stream_read_string_finish(nullptr, result, &length, &error));
-  log.expect({not_stream});
-  g_assert_null(gvc_data_input_stream_read_string_finish(
-      reinterpret_cast<GvcDataInputStream *>(fixture.base.get()), result, &length, &error));
-  log.expect({not_stream});
-  g_assert_null(
-      gvc_data_input_stream_read_string_finish(other.stream.get(), result, &length, &error));
-  log.expect({not_result});
-  g_assert_null(gvc_data_input_stream_read_string_finish(
-      fixture.stream.get(), reinterpret_cast<GAsyncResult *>(fixture.base.get()), &length, &error));
-  log.expect({not_result});
-  g_assert_null(gvc_data_input_stream_read_string_finish(nullptr, nullptr, &length, &error));
-  log.expect({not_stream});
-  error.assert_none();
-  g_assert_cmpuint(length, ==, untouched);
-
-  const Mem<gchar> string(
-      gvc_data_input_stream_read_string_finish(fixture.stream.get(), result, &length, &error));
-  error.assert_none();
-  assert_bytes({string.get(), length}, "hello\n");
-}
-
-/* Any input stream will do for it. */
-static void
-async_starter_does_not_check_the_stream()
-{
-  LogCapture log;
-  const auto plain = new_scripted_input(new_script("hello\n"));
-  Collector collector;
-  gvc_data_input_stream_read_string_async(reinterpret_cast<GvcDataInputStream *>(plain.get()), '\n',
-                                          0, nullptr, Collector::ready, &collector);
-  Error error;
-  const Mem<gchar> string(
-      static_cast<gchar *>(g_task_propagate_pointer(G_TASK(collector.wait()), &error)));
-  error.assert_none();
-  assert_bytes({string.get(), 6}, "hello\n");
-}
+/* ---- Priority ---- */
 
 /* A long string that is all there does not keep others from their turn. */
 static void
@@ -664,70 +420,6 @@ bytes_behind_the_first_have_the_default_priority()
   assert_bytes({string.get(), text.size()}, text);
 }
 
-/* ---- Lives and threads ---- */
-
-static void
-nothing_stays_alive_after_any_outcome()
-{
-  for (const auto kind : all_stream_kinds) {
-    for (const guint failing : {0, 1, 4}) { /* 0: none fails */
-      for (const bool collect : {false, true}) {
-        LifeWatch watch;
-        {
-          const Fixture fixture("hello\n", kind);
-          if (failing != 0)
-            fixture.script->at_call[failing] = Step::fail();
-          watch.add(fixture.stream.get());
-          watch.add(fixture.base.get());
-          Collector collector;
-          gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr,
-                                                  Collector::ready, &collector);
-          watch.add(collector.wait());
-          if (collect) {
-            const Mem<gchar> string(gvc_data_input_stream_read_string_finish(
-                fixture.stream.get(), collector.result(), nullptr, nullptr));
-            g_assert_true((string != nullptr) == (failing == 0));
-          }
-        }
-        watch.assert_all_gone();
-      }
-    }
-  }
-}
-
-static void
-callback_may_be_left_out()
-{
-  const Fixture fixture("hello\n");
-  gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr, nullptr, nullptr);
-  spin_until([&] { return fixture.script->moved() == 6; });
-  assert_refcount_becomes(fixture.stream.get(), 1);
-}
-
-static void
-completes_in_the_context_of_its_thread()
-{
-  run_in_thread([] {
-    for (const auto kind : all_stream_kinds) {
-      for (const bool fails : {false, true}) {
-        const Fixture fixture("hello\n", kind);
-        if (fails)
-          fixture.script->at_call[2] = Step::fail();
-        Collector collector;
-        gvc_data_input_stream_read_string_async(fixture.stream.get(), '\n', 0, nullptr,
-                                                Collector::ready, &collector);
-        while (g_main_context_iteration(nullptr, FALSE))
-          ;
-        g_assert_cmpuint(collector.calls(), ==, 0);
-        const Mem<gchar> string(gvc_data_input_stream_read_string_finish(
-            fixture.stream.get(), collector.wait(), nullptr, nullptr));
-        g_assert_true((string == nullptr) == fails);
-        g_assert_true(collector.thread() == g_thread_self());
-      }
-    }
-  });
-}
-
 /* ---- Sockets ---- */
 
 static void
@@ -777,10 +469,12 @@ main(int argc, char **argv)
 {
   g_test_init(&argc, &argv, nullptr);
 #define TEST(path, function) g_test_add_func("/data-input-stream/" path, function)
-  TEST("type/is-a-plain-filter-stream", type_is_a_plain_filter_stream);
-  TEST("type/overrides-no-operation", type_overrides_no_operation);
-  TEST("new/holds-and-closes-its-base", new_stream_holds_and_closes_its_base);
-  TEST("new/refuses-what-is-no-input-stream", new_refuses_what_is_no_input_stream);
+#define CONTRACT(path, function)                                                                   \
+  g_test_add_data_func("/data-input-stream/" path, &stream_type, function)
+  CONTRACT("type/is-a-plain-filter-stream", contract::is_a_plain_filter_stream);
+  CONTRACT("type/overrides-no-operation", contract::overrides_no_operation);
+  CONTRACT("new/holds-and-closes-its-base", contract::holds_and_closes_its_base);
+  CONTRACT("new/refuses-what-is-no-input-stream", contract::new_refuses_other_objects);
   TEST("string/includes-its-terminator", string_includes_its_terminator);
   TEST("string/terminator-alone-is-one", terminator_alone_is_a_string);
   TEST("string/any-byte-can-be-the-terminator", any_byte_can_be_the_terminator);
@@ -795,26 +489,30 @@ main(int argc, char **argv)
   TEST("end-of-stream/nothing-read-matches-no-terminator", nothing_read_matches_no_terminator);
   TEST("end-of-stream/endless-one-is-ended-by-cancellation",
        endless_end_of_stream_is_ended_by_cancellation);
-  TEST("failure/at-any-read-passes-through", failure_at_any_read_passes_through);
+  CONTRACT("failure/at-any-read-passes-through", failure_at_any_read_passes_through);
   TEST("failure/of-a-long-string-passes-through", failure_of_a_long_string_passes_through);
-  TEST("failure/of-closed-streams", closed_streams_fail_as_closed);
-  TEST("failure/errors-may-be-left-out", errors_may_be_left_out);
-  TEST("priority/first-read-has-the-callers", first_read_has_the_callers_priority);
+  CONTRACT("failure/of-closed-streams", contract::closed_streams_fail_as_closed);
+  CONTRACT("failure/errors-may-be-left-out", contract::errors_may_be_left_out);
+  CONTRACT("priority/first-read-has-the-callers", contract::requests_have_the_callers_priority);
   TEST("priority/bytes-behind-the-first-have-the-default",
        bytes_behind_the_first_have_the_default_priority);
-  TEST("cancelled/blocking-reads-have-the-callers-cancellable",
-       blocking_reads_have_the_callers_cancellable);
-  TEST("cancelled/before-it-starts-reads-nothing", cancelled_before_it_starts_reads_nothing);
-  TEST("cancelled/during-any-read-ends-there", cancelled_during_any_read_ends_there);
-  TEST("cancelled/blocking-read-from-another-thread",
-       blocking_read_is_cancelled_from_another_thread);
-  TEST("cancelled/between-the-last-read-and-finish", cancelled_between_the_last_read_and_finish);
-  TEST("checks/blocking-reader-refuses-other-streams", blocking_reader_refuses_other_streams);
-  TEST("checks/finish-refuses-what-is-not-its-result", finish_refuses_what_is_not_its_result);
-  TEST("checks/async-starter-does-not-check-the-stream", async_starter_does_not_check_the_stream);
-  TEST("checks/callback-may-be-left-out", callback_may_be_left_out);
-  TEST("lives/nothing-stays-after-any-outcome", nothing_stays_alive_after_any_outcome);
-  TEST("completes-in-the-context-of-its-thread", completes_in_the_context_of_its_thread);
+  CONTRACT("cancelled/blocking-reads-have-the-callers-cancellable",
+           contract::blocking_requests_have_the_callers_cancellable);
+  CONTRACT("cancelled/before-it-starts-reads-nothing", contract::cancelled_before_it_starts);
+  CONTRACT("cancelled/during-any-read-ends-there", contract::cancelled_during_any_transfer);
+  CONTRACT("cancelled/blocking-read-from-another-thread", contract::cancelled_from_another_thread);
+  CONTRACT("cancelled/between-the-last-read-and-finish",
+           contract::cancelled_between_the_last_transfer_and_finish);
+  CONTRACT("checks/blocking-reader-refuses-other-streams",
+           contract::blocking_calls_refuse_other_streams);
+  CONTRACT("checks/finish-refuses-what-is-not-its-result", contract::finish_refuses_other_results);
+  CONTRACT("checks/async-starter-does-not-check-the-stream",
+           contract::start_does_not_check_the_stream);
+  CONTRACT("checks/callback-may-be-left-out", contract::callback_may_be_left_out);
+  CONTRACT("lives/nothing-stays-after-any-outcome",
+           contract::nothing_stays_alive_after_any_outcome);
+  CONTRACT("completes-in-the-context-of-its-thread",
+           contract::completes_in_the_context_of_its_thread);
   TEST("socket/strings-arrive", strings_arrive_over_sockets);
   TEST("socket/at-its-end-is-ended-by-cancellation", socket_at_its_end_is_ended_by_cancellation);
   return g_test_run();
