@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tests/support/blocks.h"
-#include "tests/support/convert.h"
-#include "tests/support/support.h"
+#include "tests/types/convertercontract.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -71,25 +70,16 @@ assert_compresses(GvcCompressor *compressor, ByteView plain)
 void
 test_type()
 {
-  assert_converter_type(GVC_TYPE_COMPRESSOR, "GvcCompressor", sizeof(GObjectClass),
-                        sizeof(GObject));
-  g_assert_cmpuint(sizeof(GvcCompressor), ==, sizeof(GObject));
-  g_assert_cmpuint(sizeof(GvcCompressorClass), ==, sizeof(GObjectClass));
-  g_assert_cmpuint(own_properties(GVC_TYPE_COMPRESSOR).size(), ==, 0);
-  g_assert_cmpuint(own_signals(GVC_TYPE_COMPRESSOR).size(), ==, 0);
+  contract::is_a_plain_converter(GVC_TYPE_COMPRESSOR, "GvcCompressor", sizeof(GvcCompressorClass),
+                                 sizeof(GvcCompressor));
 }
 
 void
 test_new_gives_one_reference()
 {
-  LifeWatch watch;
-  auto compressor = new_compressor();
-  watch.add(compressor.get());
-  assert_refcount(compressor.get(), 1);
-  assert_compresses(compressor.get(), sample(Kind::text, 1000));
-  assert_refcount(compressor.get(), 1);
-  compressor.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
+  contract::gives_one_reference(own(G_CONVERTER(gvc_compressor_new())), [](gpointer compressor) {
+    assert_compresses(GVC_COMPRESSOR(compressor), sample(Kind::text, 1000));
+  });
 }
 
 /* ---- Blocks ---- */
@@ -362,49 +352,28 @@ test_two_writes_make_two_blocks()
   assert_block(ByteView{wire}.subspan(first), two);
 }
 
-void
-test_input_stream(gconstpointer data)
+Bytes
+open_all_blocks(ByteView wire)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
-  for (gsize size : {1, 16, 1000, 65537, 300001}) {
-    const Bytes plain = sample(Kind::mixture, size, size);
-    auto script = std::make_shared<Script>();
-    script->data = to_text(plain);
-    script->max_per_call = per_call;
-    const auto compressor = new_compressor();
-    const auto base = new_scripted_input(script);
-    const auto stream =
-        own(g_converter_input_stream_new(base.get(), G_CONVERTER(compressor.get())));
-    ErrorPtr error;
-    const Bytes wire = read_to_end(stream.get(), &error);
-    g_assert_no_error(error.get());
-    guint count = 0;
-    ASSERT_BYTES(open_blocks(wire, &count), plain);
-    g_assert_cmpuint(count, >=, 1);
-  }
+  guint count = 0;
+  Bytes plain = open_blocks(wire, &count);
+  g_assert_cmpuint(count, >=, 1);
+  return plain;
 }
 
 void
-test_socket(gconstpointer data)
+test_input_stream(gconstpointer per_call)
 {
-  const auto family = static_cast<Family>(GPOINTER_TO_INT(data));
-  SocketPair pair = new_socket_pair(family);
-  const Bytes plain = sample(Kind::mixture, 1 << 20, 77);
-  std::thread writer{[&] {
-    std::mt19937 random{5};
-    const auto compressor = new_compressor();
-    const auto stream = own(g_converter_output_stream_new(
-        g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), G_CONVERTER(compressor.get())));
-    write_in_pieces(stream.get(), plain, random);
-    g_assert_true(g_output_stream_close(stream.get(), nullptr, nullptr));
-    g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
-  }};
-  ErrorPtr error;
-  const Bytes wire = read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
-  writer.join();
-  g_assert_no_error(error.get());
-  guint count = 0;
-  ASSERT_BYTES(open_blocks(wire, &count), plain);
+  for (gsize size : {1, 16, 1000, 65537, 300001})
+    contract::input_stream_encodes(new_compressor().get(), sample(Kind::mixture, size, size),
+                                   GPOINTER_TO_SIZE(per_call), open_all_blocks);
+}
+
+void
+test_socket(gconstpointer family)
+{
+  contract::socket_carries_encoded(family, new_compressor().get(),
+                                   sample(Kind::mixture, 1 << 20, 77), open_all_blocks);
 }
 
 } // namespace
@@ -415,7 +384,6 @@ main(int argc, char **argv)
   g_test_init(&argc, &argv, nullptr);
   gvc_init();
 
-  const gpointer whole = GSIZE_TO_POINTER(1 << 30);
   g_test_add_func("/compressor/type", test_type);
   g_test_add_func("/compressor/new-gives-one-reference", test_new_gives_one_reference);
   g_test_add_func("/compressor/blocks-open-with-liblzo2", test_blocks_open_with_liblzo2);
@@ -434,20 +402,9 @@ main(int argc, char **argv)
   g_test_add_func("/compressor/room-above-32-bits-is-cut", test_room_above_32_bits_is_cut);
   g_test_add_func("/compressor/one-object-serves-many-threads",
                   test_one_object_serves_many_threads);
-  g_test_add_data_func("/compressor/output-stream/whole", whole, test_output_stream);
-  g_test_add_data_func("/compressor/output-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_output_stream);
-  g_test_add_data_func("/compressor/output-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_output_stream);
+  contract::add_for_pieces("/compressor/output-stream", test_output_stream);
   g_test_add_func("/compressor/two-writes-make-two-blocks", test_two_writes_make_two_blocks);
-  g_test_add_data_func("/compressor/input-stream/whole", whole, test_input_stream);
-  g_test_add_data_func("/compressor/input-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_input_stream);
-  g_test_add_data_func("/compressor/input-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_input_stream);
-  g_test_add_data_func("/compressor/socket/tcp", GINT_TO_POINTER(static_cast<int>(Family::tcp4)),
-                       test_socket);
-  g_test_add_data_func("/compressor/socket/unix",
-                       GINT_TO_POINTER(static_cast<int>(Family::unix_domain)), test_socket);
+  contract::add_for_pieces("/compressor/input-stream", test_input_stream);
+  contract::add_for_sockets("/compressor/socket", test_socket);
   return g_test_run();
 }

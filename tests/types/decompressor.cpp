@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tests/support/blocks.h"
-#include "tests/support/convert.h"
-#include "tests/support/support.h"
+#include "tests/types/convertercontract.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -10,6 +9,9 @@
 #include <thread>
 
 using namespace support;
+using contract::input_over;
+using contract::script_of;
+using contract::stream_fails;
 
 namespace
 {
@@ -45,26 +47,18 @@ block_of(ByteView payload, gsize plain_size)
 void
 test_type()
 {
-  assert_converter_type(GVC_TYPE_DECOMPRESSOR, "GvcDecompressor", sizeof(GObjectClass),
-                        sizeof(GObject));
-  g_assert_cmpuint(sizeof(GvcDecompressor), ==, sizeof(GObject));
-  g_assert_cmpuint(sizeof(GvcDecompressorClass), ==, sizeof(GObjectClass));
-  g_assert_cmpuint(own_properties(GVC_TYPE_DECOMPRESSOR).size(), ==, 0);
-  g_assert_cmpuint(own_signals(GVC_TYPE_DECOMPRESSOR).size(), ==, 0);
+  contract::is_a_plain_converter(GVC_TYPE_DECOMPRESSOR, "GvcDecompressor",
+                                 sizeof(GvcDecompressorClass), sizeof(GvcDecompressor));
 }
 
 void
 test_new_gives_one_reference()
 {
-  LifeWatch watch;
-  auto decompressor = new_decompressor();
-  watch.add(decompressor.get());
-  assert_refcount(decompressor.get(), 1);
-  const Bytes plain = sample(Kind::text, 1000);
-  assert_opens(decompressor.get(), block(plain), plain);
-  assert_refcount(decompressor.get(), 1);
-  decompressor.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
+  contract::gives_one_reference(own(G_CONVERTER(gvc_decompressor_new())),
+                                [](gpointer decompressor) {
+                                  const Bytes plain = sample(Kind::text, 1000);
+                                  assert_opens(GVC_DECOMPRESSOR(decompressor), block(plain), plain);
+                                });
 }
 
 /* ---- Blocks of liblzo2 ---- */
@@ -513,22 +507,6 @@ test_one_object_serves_many_threads()
 
 /* ---- Converter streams ---- */
 
-Ref<GInputStream>
-input_over(GvcDecompressor *decompressor, const std::shared_ptr<Script> &script)
-{
-  const auto base = new_scripted_input(script);
-  return own(g_converter_input_stream_new(base.get(), G_CONVERTER(decompressor)));
-}
-
-std::shared_ptr<Script>
-script_of(ByteView data, gsize per_call)
-{
-  auto script = std::make_shared<Script>();
-  script->data = to_text(data);
-  script->max_per_call = per_call;
-  return script;
-}
-
 // Blocks of random sizes over `plain`, with empty and chunked ones among them.
 Bytes
 block_stream(ByteView plain, std::mt19937 &random)
@@ -551,22 +529,14 @@ block_stream(ByteView plain, std::mt19937 &random)
 }
 
 void
-test_input_stream(gconstpointer data)
+test_input_stream(gconstpointer per_call)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{31};
   for (Kind kind : all_kinds)
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
       const Bytes plain = sample(kind, size, size);
-      const auto decompressor = new_decompressor();
-      const auto stream =
-          input_over(decompressor.get(), script_of(block_stream(plain, random), per_call));
-      ASSERT_BYTES(read_in_pieces(stream.get(), size, random), plain);
-      // An end at the border of two blocks shows as a header that does not come.
-      ErrorPtr error;
-      g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-      g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-      g_assert_cmpstr(error->message, ==, "Partial header");
+      contract::input_stream_decodes(new_decompressor().get(), block_stream(plain, random), plain,
+                                     GPOINTER_TO_SIZE(per_call), random);
     }
 }
 
@@ -580,60 +550,33 @@ test_cut_off_stream()
       const auto decompressor = new_decompressor();
       const auto stream =
           input_over(decompressor.get(), script_of(ByteView{whole}.first(cut), per_call));
-      ErrorPtr error;
-      const Bytes got = read_to_end(stream.get(), &error);
       const Bytes expected = cut < first.size()   ? Bytes{}
                              : cut < whole.size() ? one
                                                   : join({one, two});
-      ASSERT_BYTES(got, expected);
       const gsize start = cut < first.size() ? 0 : cut < whole.size() ? first.size() : cut;
-      g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-      g_assert_cmpstr(error->message, ==, cut - start < 8 ? "Partial header" : "Partial data");
+      stream_fails(stream.get(), expected, G_IO_ERROR_PARTIAL_INPUT,
+                   cut - start < 8 ? "Partial header" : "Partial data");
     }
 }
 
 void
-test_output_stream(gconstpointer data)
+test_output_stream(gconstpointer per_call)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{32};
   for (gsize size : {1, 16, 1000, 65537, 1 << 20}) {
     const Bytes plain = sample(Kind::mixture, size, size);
-    auto script = std::make_shared<Script>();
-    script->max_per_call = per_call;
-    const auto decompressor = new_decompressor();
-    const auto base = new_scripted_output(script);
-    const auto stream =
-        own(g_converter_output_stream_new(base.get(), G_CONVERTER(decompressor.get())));
-    write_in_pieces(stream.get(), block_stream(plain, random), random);
-    g_assert_true(g_output_stream_flush(stream.get(), nullptr, nullptr));
-    ASSERT_BYTES(to_bytes(script->written()), plain);
+    contract::output_stream_decodes(new_decompressor().get(), block_stream(plain, random), plain,
+                                    GPOINTER_TO_SIZE(per_call), random);
   }
 }
 
 void
-test_socket(gconstpointer data)
+test_socket(gconstpointer family)
 {
-  const auto family = static_cast<Family>(GPOINTER_TO_INT(data));
   std::mt19937 random{33};
   const Bytes plain = sample(Kind::mixture, mib, 77);
-  const Bytes wire = block_stream(plain, random);
-  SocketPair pair = new_socket_pair(family);
-  std::thread writer{[&] {
-    std::mt19937 splits{6};
-    write_in_pieces(g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), wire, splits);
-    g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
-  }};
-  const auto decompressor = new_decompressor();
-  const auto stream = own(g_converter_input_stream_new(
-      g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), G_CONVERTER(decompressor.get())));
-  const Bytes got = read_in_pieces(stream.get(), plain.size(), random);
-  ErrorPtr error;
-  g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-  writer.join();
-  ASSERT_BYTES(got, plain);
-  g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-  g_assert_cmpstr(error->message, ==, "Partial header");
+  contract::socket_decodes(family, new_decompressor().get(), block_stream(plain, random), plain,
+                           random);
 }
 
 // Every hostile block ends the stream with an error, after what came before it, and with bounded
@@ -662,65 +605,9 @@ test_streams_of_lying_blocks_end()
       const auto decompressor = new_decompressor();
       const auto stream =
           input_over(decompressor.get(), script_of(join({start, one.tail}), per_call));
-      ErrorPtr error;
-      ASSERT_BYTES(read_to_end(stream.get(), &error), good);
-      g_assert_error(error.get(), G_IO_ERROR, one.code);
-      g_assert_cmpstr(error->message, ==, one.message);
+      stream_fails(stream.get(), good, one.code, one.message);
     }
 }
-
-// Remembers the largest room that it was offered.
-struct Watched {
-  GConverter *inner;
-  gsize most_room;
-};
-
-} // namespace
-
-// A converter that hands every call to another one and notes the rooms: what GIO offers cannot be
-// seen from outside.
-typedef struct {
-  GObject parent;
-  Watched *watched;
-} TestWatcher;
-typedef struct {
-  GObjectClass parent_class;
-} TestWatcherClass;
-
-static GConverterResult
-test_watcher_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, void *outbuf,
-                     gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
-                     gsize *bytes_written, GError **error)
-{
-  Watched *watched = reinterpret_cast<TestWatcher *>(converter)->watched;
-  watched->most_room = MAX(watched->most_room, outbuf_size);
-  return g_converter_convert(watched->inner, inbuf, inbuf_size, outbuf, outbuf_size, flags,
-                             bytes_read, bytes_written, error);
-}
-
-static void
-test_watcher_converter_init(GConverterIface *iface)
-{
-  iface->convert = test_watcher_convert;
-  iface->reset = [](GConverter *) {};
-}
-
-GType test_watcher_get_type(void);
-G_DEFINE_TYPE_WITH_CODE(TestWatcher, test_watcher, G_TYPE_OBJECT,
-                        G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, test_watcher_converter_init))
-
-static void
-test_watcher_class_init(TestWatcherClass *)
-{
-}
-
-static void
-test_watcher_init(TestWatcher *)
-{
-}
-
-namespace
-{
 
 void
 test_growth_of_the_room_is_bounded()
@@ -730,19 +617,19 @@ test_growth_of_the_room_is_bounded()
                          raw_block(payload.size(), 0xffffffff, payload)};
   for (const Bytes &wire : wires) {
     const auto decompressor = new_decompressor();
-    Watched watched{G_CONVERTER(decompressor.get()), 0};
+    gsize most_room = 0;
     const auto watcher =
-        own(static_cast<TestWatcher *>(g_object_new(test_watcher_get_type(), nullptr)));
-    watcher->watched = &watched;
-    const auto base = new_scripted_input(script_of(wire, 100000));
-    const auto stream = own(g_converter_input_stream_new(base.get(), G_CONVERTER(watcher.get())));
-    ErrorPtr error;
-    g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-    g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_FAILED);
-    g_assert_cmpstr(error->message, ==, "Failed to decode LZO");
+        new_converter([&](std::string_view in, char *out, gsize room, GConverterFlags flags,
+                          gsize *read, gsize *written, GError **error) {
+          most_room = std::max(most_room, room);
+          return g_converter_convert(G_CONVERTER(decompressor.get()), in.data(), in.size(), out,
+                                     room, flags, read, written, error);
+        });
+    const auto stream = input_over(watcher.get(), script_of(wire, 100000));
+    stream_fails(stream.get(), {}, G_IO_ERROR_FAILED, "Failed to decode LZO");
     // GIO doubles: one step beyond the bound at the most.
-    g_assert_cmpuint(watched.most_room, >=, MAX(mib, 255 * (wire.size() - 8)));
-    g_assert_cmpuint(watched.most_room, <=, 2 * MAX(mib, 255 * (wire.size() - 8)) + 65536);
+    g_assert_cmpuint(most_room, >=, MAX(mib, 255 * (wire.size() - 8)));
+    g_assert_cmpuint(most_room, <=, 2 * MAX(mib, 255 * (wire.size() - 8)) + 65536);
   }
 }
 
@@ -754,7 +641,6 @@ main(int argc, char **argv)
   g_test_init(&argc, &argv, nullptr);
   gvc_init();
 
-  const gpointer whole = GSIZE_TO_POINTER(1 << 30);
   g_test_add_func("/decompressor/type", test_type);
   g_test_add_func("/decompressor/new-gives-one-reference", test_new_gives_one_reference);
   g_test_add_data_func("/decompressor/blocks-of-liblzo2/fast",
@@ -791,21 +677,10 @@ main(int argc, char **argv)
   g_test_add_func("/decompressor/noise", test_noise);
   g_test_add_func("/decompressor/one-object-serves-many-threads",
                   test_one_object_serves_many_threads);
-  g_test_add_data_func("/decompressor/input-stream/whole", whole, test_input_stream);
-  g_test_add_data_func("/decompressor/input-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_input_stream);
-  g_test_add_data_func("/decompressor/input-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_input_stream);
+  contract::add_for_pieces("/decompressor/input-stream", test_input_stream);
   g_test_add_func("/decompressor/cut-off-stream", test_cut_off_stream);
-  g_test_add_data_func("/decompressor/output-stream/whole", whole, test_output_stream);
-  g_test_add_data_func("/decompressor/output-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_output_stream);
-  g_test_add_data_func("/decompressor/output-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_output_stream);
-  g_test_add_data_func("/decompressor/socket/tcp", GINT_TO_POINTER(static_cast<int>(Family::tcp4)),
-                       test_socket);
-  g_test_add_data_func("/decompressor/socket/unix",
-                       GINT_TO_POINTER(static_cast<int>(Family::unix_domain)), test_socket);
+  contract::add_for_pieces("/decompressor/output-stream", test_output_stream);
+  contract::add_for_sockets("/decompressor/socket", test_socket);
   g_test_add_func("/decompressor/streams-of-lying-blocks-end", test_streams_of_lying_blocks_end);
   g_test_add_func("/decompressor/growth-of-the-room-is-bounded",
                   test_growth_of_the_room_is_bounded);

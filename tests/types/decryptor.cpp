@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "tests/support/convert.h"
 #include "tests/support/records.h"
-#include "tests/support/support.h"
+#include "tests/types/convertercontract.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -11,18 +10,17 @@
 #include <thread>
 
 using namespace support;
+using contract::bytes_ref;
+using contract::input_over;
+using contract::key_size;
+using contract::script_of;
+using contract::stream_fails;
+using contract::test_key;
 
 namespace
 {
 
-constexpr gsize key_size = 32;
 constexpr gsize mib = 1 << 20;
-
-Bytes
-test_key()
-{
-  return sample(Kind::noise, key_size, 4711);
-}
 
 Bytes
 test_iv(guint32 seed = 1)
@@ -31,12 +29,6 @@ test_iv(guint32 seed = 1)
 }
 
 const Bytes zero_iv(aes_block, 0);
-
-BytesRef
-bytes_ref(ByteView data)
-{
-  return BytesRef{g_bytes_new(data.data(), data.size())};
-}
 
 Ref<GvcDecryptor>
 new_decryptor(int bits = 256)
@@ -64,212 +56,36 @@ assert_opens(GvcDecryptor *decryptor, Sealer &sealer, ByteView plain)
   ASSERT_BYTES(c.produced(), plain);
 }
 
-/* ---- Type, properties, arguments ---- */
-
 void
-test_type()
+assert_cannot_decrypt(gpointer cipher)
 {
-  assert_converter_type(GVC_TYPE_DECRYPTOR, "GvcDecryptor", sizeof(GObjectClass), 64);
-  g_assert_cmpuint(sizeof(GvcDecryptorClass), ==, sizeof(GObjectClass));
-  g_assert_cmpuint(own_signals(GVC_TYPE_DECRYPTOR).size(), ==, 0);
+  GvcDecryptor *const decryptor = GVC_DECRYPTOR(cipher);
+  Sealer sealer{test_key(), 256, test_iv()};
+  const Bytes record = sealer.record(sample(Kind::text, 100));
+  give_iv(decryptor, test_iv());
+  ASSERT_FAILED(convert(decryptor, record, 200), G_IO_ERROR_FAILED, "Decryption failed");
+  ASSERT_FAILED(convert(decryptor, record, 10), G_IO_ERROR_NO_SPACE, "Not enough space");
+  g_converter_reset(G_CONVERTER(decryptor));
+  ASSERT_FAILED(convert(decryptor, record, 200), G_IO_ERROR_FAILED, "Decryption failed");
 }
 
-void
-test_properties()
-{
-  const std::vector<std::string> names = own_properties(GVC_TYPE_DECRYPTOR);
-  g_assert_true(std::set<std::string>(names.begin(), names.end()) ==
-                (std::set<std::string>{"key", "key-length"}));
-  assert_property(GVC_TYPE_DECRYPTOR, "key", G_TYPE_BYTES, "key", "key", 235);
-  assert_property(GVC_TYPE_DECRYPTOR, "key-length", G_TYPE_UINT, "key length", "key length", 231);
-
-  gpointer klass = g_type_class_ref(GVC_TYPE_DECRYPTOR);
-  auto *spec = G_PARAM_SPEC_UINT(g_object_class_find_property(G_OBJECT_CLASS(klass), "key-length"));
-  g_assert_cmpuint(spec->minimum, ==, 128);
-  g_assert_cmpuint(spec->maximum, ==, 256);
-  g_assert_cmpuint(spec->default_value, ==, 256);
-  g_type_class_unref(klass);
-}
-
-void
-test_property_values()
-{
-  const BytesRef key = bytes_ref(test_key());
-  const auto decryptor = own(gvc_decryptor_new(key.get()));
-  g_autoptr(GBytes) got = nullptr;
-  guint length = 0;
-  g_object_get(decryptor.get(), "key", &got, "key-length", &length, nullptr);
-  g_assert_true(got == key.get());
-  g_assert_cmpuint(length, ==, 256);
-  gvc_decryptor_set_key_length(decryptor.get(), 128);
-  g_object_get(decryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 128);
-
-  const auto by_name = own(static_cast<GvcDecryptor *>(
-      g_object_new(GVC_TYPE_DECRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
-  g_object_get(by_name.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 128);
-  Sealer sealer{test_key(), 128, zero_iv};
-  assert_opens(by_name.get(), sealer, sample(Kind::text, 50));
-}
-
-void
-test_new_checks_its_key()
-{
-  LogCapture log;
-  g_assert_null(gvc_decryptor_new(nullptr));
-  log.expect({failed_check("gvc_decryptor_new", "key != NULL")});
-  for (gsize size : {0, 1, 16, 31, 33, 64}) {
-    const BytesRef key = bytes_ref(sample(Kind::noise, size));
-    g_assert_null(gvc_decryptor_new(key.get()));
-    log.expect({failed_check("gvc_decryptor_new", "g_bytes_get_size(key) == (256 / 8)")});
-  }
-}
-
-void
-test_set_key_length_checks_its_arguments()
-{
-  const auto decryptor = new_decryptor();
-  const auto other = own(gvc_decompressor_new());
-  const LogMessage wrong_object =
-      failed_check("gvc_decryptor_set_key_length", "GVC_IS_DECRYPTOR(decryptor)");
-  const LogMessage wrong_length =
-      failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256");
-
-  LogCapture log;
-  gvc_decryptor_set_key_length(nullptr, 256);
-  log.expect({wrong_object});
-  gvc_decryptor_set_key_length(reinterpret_cast<GvcDecryptor *>(other.get()), 1);
-  log.expect({wrong_object});
-  for (guint length : {0u, 1u, 127u, 129u, 192u, 255u, 257u, 512u, G_MAXUINT}) {
-    gvc_decryptor_set_key_length(decryptor.get(), length);
-    log.expect({wrong_length});
-  }
-
-  guint length = 0;
-  g_object_get(decryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-  Sealer sealer{test_key(), 256, zero_iv};
-  assert_opens(decryptor.get(), sealer, sample(Kind::text, 20));
-}
-
-void
-test_property_rejects_192()
-{
-  const auto decryptor = new_decryptor();
-  LogCapture log;
-  g_object_set(decryptor.get(), "key-length", 192, nullptr);
-  log.expect(
-      {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
-  guint length = 0;
-  g_object_get(decryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-  Sealer sealer{test_key(), 256, zero_iv};
-  assert_opens(decryptor.get(), sealer, sample(Kind::text, 20));
-}
-
-// The setter leaves the length at 0, and any length but 128 means AES-256.
-void
-test_construction_with_192_uses_the_whole_key()
-{
-  const BytesRef key = bytes_ref(test_key());
-  LogCapture log;
-  const auto decryptor = own(static_cast<GvcDecryptor *>(
-      g_object_new(GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
-  log.expect(
-      {failed_check("gvc_decryptor_set_key_length", "key_length == 128 || key_length == 256")});
-  guint length = 1;
-  g_object_get(decryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 0);
-  Sealer sealer{test_key(), 256, zero_iv};
-  assert_opens(decryptor.get(), sealer, sample(Kind::text, 40));
-}
-
-void
-count_notify(GObject *, GParamSpec *pspec, gpointer counter)
-{
-  g_assert_cmpstr(pspec->name, ==, "key-length");
-  ++*static_cast<guint *>(counter);
-}
-
-void
-test_notifies_on_change_only()
-{
-  const auto decryptor = new_decryptor();
-  guint notified = 0;
-  g_signal_connect(decryptor.get(), "notify", G_CALLBACK(count_notify), &notified);
-  gvc_decryptor_set_key_length(decryptor.get(), 256);
-  g_assert_cmpuint(notified, ==, 0);
-  gvc_decryptor_set_key_length(decryptor.get(), 128);
-  g_assert_cmpuint(notified, ==, 1);
-  gvc_decryptor_set_key_length(decryptor.get(), 128);
-  g_assert_cmpuint(notified, ==, 1);
-  g_object_set(decryptor.get(), "key-length", 256, nullptr);
-  g_assert_cmpuint(notified, ==, 2);
-  g_converter_reset(G_CONVERTER(decryptor.get()));
-  g_assert_cmpuint(notified, ==, 2);
-}
-
-void
-test_unknown_property_warns()
-{
-  const auto decryptor = new_decryptor();
-  GObjectClass *klass = G_OBJECT_GET_CLASS(decryptor.get());
-  GParamSpec *pspec = g_object_class_find_property(klass, "key");
-  g_auto(GValue) value = G_VALUE_INIT;
-  g_value_init(&value, G_TYPE_BYTES);
-
-  LogCapture log;
-  klass->set_property(G_OBJECT(decryptor.get()), 77, &value, pspec);
-  klass->get_property(G_OBJECT(decryptor.get()), 78, &value, pspec);
-  const std::vector<LogMessage> messages = log.take();
-  g_assert_cmpuint(messages.size(), ==, 2);
-  const char *const rest =
-      ": invalid property id %u for \"key\" of type 'GParamBoxed' in 'GvcDecryptor'";
-  for (guint i = 0; i < 2; i++) {
-    g_assert_false(messages[i].domain.has_value());
-    g_assert_cmpint(messages[i].level, ==, G_LOG_LEVEL_WARNING);
-    g_autofree char *tail = g_strdup_printf(rest, 77 + i);
-    g_autofree char *quoted = g_regex_escape_string(tail, -1);
-    g_autofree char *whole =
-        g_strconcat("^vchannels/zelgvc/gvcdecryptor:[1-9][0-9]*", quoted, "$", nullptr);
-    if (!g_regex_match_simple(whole, messages[i].text.c_str(), G_REGEX_DEFAULT,
-                              G_REGEX_MATCH_DEFAULT))
-      g_error("%s", messages[i].text.c_str());
-  }
-  g_assert_null(g_value_get_boxed(&value));
-}
-
-void
-test_owns_a_reference_to_its_key()
-{
-  LifeWatch watch;
-  BytesRef key = watch.add_bytes(to_text(test_key()));
-  auto decryptor = own(gvc_decryptor_new(key.get()));
-  watch.add(decryptor.get());
-  assert_refcount(decryptor.get(), 1);
-  key.reset();
-  g_assert_cmpuint(watch.alive(), ==, 2);
-  g_converter_reset(G_CONVERTER(decryptor.get()));
-  gvc_decryptor_set_key_length(decryptor.get(), 128);
-  Sealer sealer{test_key(), 128, zero_iv};
-  assert_opens(decryptor.get(), sealer, sample(Kind::text, 64));
-  g_assert_cmpuint(watch.alive(), ==, 2);
-  decryptor.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
-}
-
-void
-test_refused_construction_keeps_no_reference()
-{
-  LifeWatch watch;
-  BytesRef key = watch.add_bytes("sixteen bytes...");
-  LogCapture log;
-  g_assert_null(gvc_decryptor_new(key.get()));
-  log.expect({failed_check("gvc_decryptor_new", "g_bytes_get_size(key) == (256 / 8)")});
-  key.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
-}
+const contract::Cipher cipher = {
+    .name = "decryptor",
+    .type_name = "GvcDecryptor",
+    .get_type = [] { return GVC_TYPE_DECRYPTOR; },
+    .class_size = sizeof(GvcDecryptorClass),
+    .instance_size = 64,
+    .create = [](GBytes *key) -> gpointer { return gvc_decryptor_new(key); },
+    .set_key_length =
+        [](gpointer object, guint bits) {
+          gvc_decryptor_set_key_length(static_cast<GvcDecryptor *>(object), bits);
+        },
+    .begin = [](gpointer object, int bits) -> std::function<void(ByteView)> {
+      const auto sealer = std::make_shared<Sealer>(test_key(), bits, zero_iv);
+      return [=](ByteView plain) { assert_opens(GVC_DECRYPTOR(object), *sealer, plain); };
+    },
+    .assert_useless = assert_cannot_decrypt,
+};
 
 /* ---- Records ---- */
 
@@ -595,44 +411,6 @@ test_change_of_key_length_keeps_the_chain()
 
 /* ---- Misuse and bounds ---- */
 
-void
-assert_cannot_decrypt(GvcDecryptor *decryptor)
-{
-  Sealer sealer{test_key(), 256, test_iv()};
-  const Bytes record = sealer.record(sample(Kind::text, 100));
-  give_iv(decryptor, test_iv());
-  ASSERT_FAILED(convert(decryptor, record, 200), G_IO_ERROR_FAILED, "Decryption failed");
-  ASSERT_FAILED(convert(decryptor, record, 10), G_IO_ERROR_NO_SPACE, "Not enough space");
-  g_converter_reset(G_CONVERTER(decryptor));
-  ASSERT_FAILED(convert(decryptor, record, 200), G_IO_ERROR_FAILED, "Decryption failed");
-}
-
-void
-test_without_a_key()
-{
-  const auto decryptor =
-      own(static_cast<GvcDecryptor *>(g_object_new(GVC_TYPE_DECRYPTOR, nullptr)));
-  assert_cannot_decrypt(decryptor.get());
-  gvc_decryptor_set_key_length(decryptor.get(), 128);
-  assert_cannot_decrypt(decryptor.get());
-}
-
-void
-test_with_a_key_of_the_wrong_size()
-{
-  for (gsize size : {0, 1, 15, 16, 31, 33, 48})
-    for (guint length : {128, 256}) {
-      LifeWatch watch;
-      {
-        const BytesRef key = watch.add_bytes(to_text(sample(Kind::noise, size)));
-        const auto decryptor = own(static_cast<GvcDecryptor *>(
-            g_object_new(GVC_TYPE_DECRYPTOR, "key", key.get(), "key-length", length, nullptr)));
-        assert_cannot_decrypt(decryptor.get());
-      }
-      g_assert_cmpuint(watch.alive(), ==, 0);
-    }
-}
-
 const guint64 lengths_above_int_max[] = {guint64{INT_MAX} + 1,    guint64{1} << 32,
                                          (guint64{1} << 32) + 16, guint64{1} << 63,
                                          G_MAXUINT64 - 31,        G_MAXUINT64 - 15};
@@ -683,22 +461,6 @@ test_whole_records_above_int_max_fail()
 
 /* ---- Converter streams ---- */
 
-Ref<GInputStream>
-input_over(GvcDecryptor *decryptor, const std::shared_ptr<Script> &script)
-{
-  const auto base = new_scripted_input(script);
-  return own(g_converter_input_stream_new(base.get(), G_CONVERTER(decryptor)));
-}
-
-std::shared_ptr<Script>
-script_of(ByteView data, gsize per_call)
-{
-  auto script = std::make_shared<Script>();
-  script->data = to_text(data);
-  script->max_per_call = per_call;
-  return script;
-}
-
 // A whole stream over `plain`, cut into records of random sizes, with further IV records among
 // them.
 Bytes
@@ -722,22 +484,14 @@ sealed_stream(ByteView plain, int bits, std::mt19937 &random)
 }
 
 void
-test_input_stream(gconstpointer data)
+test_input_stream(gconstpointer per_call)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{41};
   for (int bits : {128, 256})
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
       const Bytes plain = sample(Kind::mixture, size, size + bits);
-      const auto decryptor = new_decryptor(bits);
-      const auto stream =
-          input_over(decryptor.get(), script_of(sealed_stream(plain, bits, random), per_call));
-      ASSERT_BYTES(read_in_pieces(stream.get(), size, random), plain);
-      // An end at the border of two records shows as a header that does not come.
-      ErrorPtr error;
-      g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-      g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-      g_assert_cmpstr(error->message, ==, "Partial header");
+      contract::input_stream_decodes(new_decryptor(bits).get(), sealed_stream(plain, bits, random),
+                                     plain, GPOINTER_TO_SIZE(per_call), random);
     }
 }
 
@@ -755,61 +509,33 @@ test_cut_off_stream()
       const auto decryptor = new_decryptor();
       const auto stream =
           input_over(decryptor.get(), script_of(ByteView{whole}.first(cut), per_call));
-      ErrorPtr error;
-      const Bytes got = read_to_end(stream.get(), &error);
       const Bytes expected = cut < first_end ? Bytes{} : cut < second_end ? one : join({one, two});
-      ASSERT_BYTES(got, expected);
       const gsize start = cut < 24 ? 0 : cut < first_end ? 24 : cut < second_end ? first_end : cut;
       const char *message = cut - start < 8 ? "Partial header"
                             : start == 0    ? "Partial IV"
                                             : "Partial data";
-      g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-      g_assert_cmpstr(error->message, ==, message);
+      stream_fails(stream.get(), expected, G_IO_ERROR_PARTIAL_INPUT, message);
     }
 }
 
 void
-test_output_stream(gconstpointer data)
+test_output_stream(gconstpointer per_call)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
   std::mt19937 random{42};
   for (gsize size : {1, 16, 1000, 65537, 1 << 20}) {
     const Bytes plain = sample(Kind::mixture, size, size);
-    auto script = std::make_shared<Script>();
-    script->max_per_call = per_call;
-    const auto decryptor = new_decryptor();
-    const auto base = new_scripted_output(script);
-    const auto stream =
-        own(g_converter_output_stream_new(base.get(), G_CONVERTER(decryptor.get())));
-    write_in_pieces(stream.get(), sealed_stream(plain, 256, random), random);
-    g_assert_true(g_output_stream_flush(stream.get(), nullptr, nullptr));
-    ASSERT_BYTES(to_bytes(script->written()), plain);
+    contract::output_stream_decodes(new_decryptor().get(), sealed_stream(plain, 256, random), plain,
+                                    GPOINTER_TO_SIZE(per_call), random);
   }
 }
 
 void
-test_socket(gconstpointer data)
+test_socket(gconstpointer family)
 {
-  const auto family = static_cast<Family>(GPOINTER_TO_INT(data));
   std::mt19937 random{43};
   const Bytes plain = sample(Kind::mixture, mib, 77);
-  const Bytes wire = sealed_stream(plain, 256, random);
-  SocketPair pair = new_socket_pair(family);
-  std::thread writer{[&] {
-    std::mt19937 splits{6};
-    write_in_pieces(g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), wire, splits);
-    g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
-  }};
-  const auto decryptor = new_decryptor();
-  const auto stream = own(g_converter_input_stream_new(
-      g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), G_CONVERTER(decryptor.get())));
-  const Bytes got = read_in_pieces(stream.get(), plain.size(), random);
-  ErrorPtr error;
-  g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-  writer.join();
-  ASSERT_BYTES(got, plain);
-  g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-  g_assert_cmpstr(error->message, ==, "Partial header");
+  contract::socket_decodes(family, new_decryptor().get(), sealed_stream(plain, 256, random), plain,
+                           random);
 }
 
 // A length that nothing can follow up must not make the reader gather bytes without end.
@@ -820,10 +546,7 @@ test_stream_of_a_huge_record_ends()
     const auto decryptor = new_decryptor();
     const auto script = script_of(join({raw_record(length, {}), Bytes(16 * mib, 0xaa)}), 100000);
     const auto stream = input_over(decryptor.get(), script);
-    ErrorPtr error;
-    g_assert_cmpuint(read_to_end(stream.get(), &error).size(), ==, 0);
-    g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_FAILED);
-    g_assert_cmpstr(error->message, ==, "Decryption failed");
+    stream_fails(stream.get(), {}, G_IO_ERROR_FAILED, "Decryption failed");
     g_assert_cmpuint(script->moved(), <=, 4 * mib);
   }
 }
@@ -845,10 +568,7 @@ test_stream_of_broken_records_ends()
     for (gsize per_call : {1, 7, 100000}) {
       const auto decryptor = new_decryptor();
       const auto stream = input_over(decryptor.get(), script_of(join({start, one.tail}), per_call));
-      ErrorPtr error;
-      ASSERT_BYTES(read_to_end(stream.get(), &error), good);
-      g_assert_error(error.get(), G_IO_ERROR, G_IO_ERROR_FAILED);
-      g_assert_cmpstr(error->message, ==, one.message);
+      stream_fails(stream.get(), good, G_IO_ERROR_FAILED, one.message);
     }
 }
 
@@ -885,21 +605,24 @@ main(int argc, char **argv)
   g_test_init(&argc, &argv, nullptr);
   gvc_init();
 
-  const gpointer whole = GSIZE_TO_POINTER(1 << 30);
-  g_test_add_func("/decryptor/type", test_type);
-  g_test_add_func("/decryptor/properties", test_properties);
-  g_test_add_func("/decryptor/property-values", test_property_values);
-  g_test_add_func("/decryptor/new-checks-its-key", test_new_checks_its_key);
-  g_test_add_func("/decryptor/set-key-length-checks-its-arguments",
-                  test_set_key_length_checks_its_arguments);
-  g_test_add_func("/decryptor/property-rejects-192", test_property_rejects_192);
-  g_test_add_func("/decryptor/construction-with-192-uses-the-whole-key",
-                  test_construction_with_192_uses_the_whole_key);
-  g_test_add_func("/decryptor/notifies-on-change-only", test_notifies_on_change_only);
-  g_test_add_func("/decryptor/unknown-property-warns", test_unknown_property_warns);
-  g_test_add_func("/decryptor/owns-a-reference-to-its-key", test_owns_a_reference_to_its_key);
-  g_test_add_func("/decryptor/refused-construction-keeps-no-reference",
-                  test_refused_construction_keeps_no_reference);
+  g_test_add_data_func("/decryptor/type", &cipher, contract::type);
+  g_test_add_data_func("/decryptor/properties", &cipher, contract::properties);
+  g_test_add_data_func("/decryptor/property-values", &cipher, contract::property_values);
+  g_test_add_data_func("/decryptor/new-checks-its-key", &cipher, contract::new_checks_its_key);
+  g_test_add_data_func("/decryptor/set-key-length-checks-its-arguments", &cipher,
+                       contract::set_key_length_checks_its_arguments);
+  g_test_add_data_func("/decryptor/property-rejects-192", &cipher,
+                       contract::property_rejects_other_lengths);
+  g_test_add_data_func("/decryptor/construction-with-192-uses-the-whole-key", &cipher,
+                       contract::construction_with_192_uses_the_whole_key);
+  g_test_add_data_func("/decryptor/notifies-on-change-only", &cipher,
+                       contract::notifies_on_change_only);
+  g_test_add_data_func("/decryptor/unknown-property-warns", &cipher,
+                       contract::unknown_property_warns);
+  g_test_add_data_func("/decryptor/owns-a-reference-to-its-key", &cipher,
+                       contract::owns_a_reference_to_its_key);
+  g_test_add_data_func("/decryptor/refused-construction-keeps-no-reference", &cipher,
+                       contract::refused_construction_keeps_no_reference);
   g_test_add_func("/decryptor/short-headers", test_short_headers);
   g_test_add_func("/decryptor/iv-record", test_iv_record);
   g_test_add_func("/decryptor/partial-iv-changes-nothing", test_partial_iv_changes_nothing);
@@ -925,26 +648,16 @@ main(int argc, char **argv)
   g_test_add_func("/decryptor/reset-keeps-the-chain", test_reset_keeps_the_chain);
   g_test_add_func("/decryptor/change-of-key-length-keeps-the-chain",
                   test_change_of_key_length_keeps_the_chain);
-  g_test_add_func("/decryptor/without-a-key", test_without_a_key);
-  g_test_add_func("/decryptor/with-a-key-of-the-wrong-size", test_with_a_key_of_the_wrong_size);
+  g_test_add_data_func("/decryptor/without-a-key", &cipher, contract::without_a_key);
+  g_test_add_data_func("/decryptor/with-a-key-of-the-wrong-size", &cipher,
+                       contract::with_a_key_of_the_wrong_size);
   g_test_add_func("/decryptor/lengths-above-int-max", test_lengths_above_int_max);
   g_test_add_func("/decryptor/whole-records-above-int-max-fail",
                   test_whole_records_above_int_max_fail);
-  g_test_add_data_func("/decryptor/input-stream/whole", whole, test_input_stream);
-  g_test_add_data_func("/decryptor/input-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_input_stream);
-  g_test_add_data_func("/decryptor/input-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_input_stream);
+  contract::add_for_pieces("/decryptor/input-stream", test_input_stream);
   g_test_add_func("/decryptor/cut-off-stream", test_cut_off_stream);
-  g_test_add_data_func("/decryptor/output-stream/whole", whole, test_output_stream);
-  g_test_add_data_func("/decryptor/output-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_output_stream);
-  g_test_add_data_func("/decryptor/output-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_output_stream);
-  g_test_add_data_func("/decryptor/socket/tcp", GINT_TO_POINTER(static_cast<int>(Family::tcp4)),
-                       test_socket);
-  g_test_add_data_func("/decryptor/socket/unix",
-                       GINT_TO_POINTER(static_cast<int>(Family::unix_domain)), test_socket);
+  contract::add_for_pieces("/decryptor/output-stream", test_output_stream);
+  contract::add_for_sockets("/decryptor/socket", test_socket);
   g_test_add_func("/decryptor/stream-of-a-huge-record-ends", test_stream_of_a_huge_record_ends);
   g_test_add_func("/decryptor/stream-of-broken-records-ends", test_stream_of_broken_records_ends);
   g_test_add_func("/decryptor/noise", test_noise);

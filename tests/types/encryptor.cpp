@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "tests/support/convert.h"
 #include "tests/support/records.h"
-#include "tests/support/support.h"
+#include "tests/types/convertercontract.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -10,23 +9,11 @@
 #include <thread>
 
 using namespace support;
+using contract::bytes_ref;
+using contract::test_key;
 
 namespace
 {
-
-constexpr gsize key_size = 32;
-
-Bytes
-test_key()
-{
-  return sample(Kind::noise, key_size, 4711);
-}
-
-BytesRef
-bytes_ref(ByteView data)
-{
-  return BytesRef{g_bytes_new(data.data(), data.size())};
-}
 
 Ref<GvcEncryptor>
 new_encryptor(int bits = 256)
@@ -65,163 +52,42 @@ assert_record(GvcEncryptor *encryptor, Sealer &sealer, ByteView plain)
   ASSERT_BYTES(c.produced(), expected);
 }
 
-/* ---- Type, properties, arguments ---- */
-
 void
-test_type()
+assert_cannot_encrypt(gpointer cipher)
 {
-  assert_converter_type(GVC_TYPE_ENCRYPTOR, "GvcEncryptor", sizeof(GObjectClass), 80);
-  g_assert_cmpuint(sizeof(GvcEncryptorClass), ==, sizeof(GObjectClass));
-  g_assert_cmpuint(own_signals(GVC_TYPE_ENCRYPTOR).size(), ==, 0);
+  GvcEncryptor *const encryptor = GVC_ENCRYPTOR(cipher);
+  const Bytes iv = take_iv(encryptor);
+  for (gsize size : {1, 15, 16, 40, 5000})
+    ASSERT_FAILED(convert(encryptor, sample(Kind::text, size), ample(size)), G_IO_ERROR_FAILED,
+                  "Encryption failed");
+  ASSERT_CONVERTED(convert(encryptor, {}, 10, G_CONVERTER_INPUT_AT_END), G_CONVERTER_FINISHED, 0,
+                   0);
+  g_converter_reset(G_CONVERTER(encryptor));
+  g_assert_false(take_iv(encryptor) == iv);
+  ASSERT_FAILED(convert(encryptor, sample(Kind::text, 9), 100), G_IO_ERROR_FAILED,
+                "Encryption failed");
 }
 
-void
-test_properties()
-{
-  const std::vector<std::string> names = own_properties(GVC_TYPE_ENCRYPTOR);
-  g_assert_true(std::set<std::string>(names.begin(), names.end()) ==
-                (std::set<std::string>{"key", "key-length"}));
-  assert_property(GVC_TYPE_ENCRYPTOR, "key", G_TYPE_BYTES, "key", "key", 235);
-  assert_property(GVC_TYPE_ENCRYPTOR, "key-length", G_TYPE_UINT, "key length", "key length", 231);
+const contract::Cipher cipher = {
+    .name = "encryptor",
+    .type_name = "GvcEncryptor",
+    .get_type = [] { return GVC_TYPE_ENCRYPTOR; },
+    .class_size = sizeof(GvcEncryptorClass),
+    .instance_size = 80,
+    .create = [](GBytes *key) -> gpointer { return gvc_encryptor_new(key); },
+    .set_key_length =
+        [](gpointer object, guint bits) {
+          gvc_encryptor_set_key_length(static_cast<GvcEncryptor *>(object), bits);
+        },
+    .begin = [](gpointer object, int bits) -> std::function<void(ByteView)> {
+      GvcEncryptor *const encryptor = GVC_ENCRYPTOR(object);
+      const auto sealer = std::make_shared<Sealer>(test_key(), bits, take_iv(encryptor));
+      return [=](ByteView plain) { assert_record(encryptor, *sealer, plain); };
+    },
+    .assert_useless = assert_cannot_encrypt,
+};
 
-  gpointer klass = g_type_class_ref(GVC_TYPE_ENCRYPTOR);
-  auto *spec = G_PARAM_SPEC_UINT(g_object_class_find_property(G_OBJECT_CLASS(klass), "key-length"));
-  g_assert_cmpuint(spec->minimum, ==, 128);
-  g_assert_cmpuint(spec->maximum, ==, 256);
-  g_assert_cmpuint(spec->default_value, ==, 256);
-  g_type_class_unref(klass);
-}
-
-void
-test_property_values()
-{
-  const BytesRef key = bytes_ref(test_key());
-  const auto encryptor = own(gvc_encryptor_new(key.get()));
-  g_autoptr(GBytes) got = nullptr;
-  guint length = 0;
-  g_object_get(encryptor.get(), "key", &got, "key-length", &length, nullptr);
-  g_assert_true(got == key.get());
-  g_assert_cmpuint(length, ==, 256);
-
-  gvc_encryptor_set_key_length(encryptor.get(), 128);
-  g_object_get(encryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 128);
-
-  const auto by_name = own(static_cast<GvcEncryptor *>(
-      g_object_new(GVC_TYPE_ENCRYPTOR, "key-length", 128, "key", key.get(), nullptr)));
-  g_object_get(by_name.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 128);
-  Sealer sealer{test_key(), 128, take_iv(by_name.get())};
-  assert_record(by_name.get(), sealer, sample(Kind::text, 50));
-}
-
-void
-test_new_checks_its_key()
-{
-  LogCapture log;
-  g_assert_null(gvc_encryptor_new(nullptr));
-  log.expect({failed_check("gvc_encryptor_new", "key != NULL")});
-  for (gsize size : {0, 1, 16, 31, 33, 64}) {
-    const BytesRef key = bytes_ref(sample(Kind::noise, size));
-    g_assert_null(gvc_encryptor_new(key.get()));
-    log.expect({failed_check("gvc_encryptor_new", "g_bytes_get_size(key) == (256 / 8)")});
-  }
-}
-
-void
-test_set_key_length_checks_its_arguments()
-{
-  const auto encryptor = new_encryptor();
-  const auto other = own(gvc_compressor_new());
-  const Bytes iv = take_iv(encryptor.get());
-  const LogMessage wrong_object =
-      failed_check("gvc_encryptor_set_key_length", "GVC_IS_ENCRYPTOR(encryptor)");
-  const LogMessage wrong_length =
-      failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256");
-
-  LogCapture log;
-  gvc_encryptor_set_key_length(nullptr, 256);
-  log.expect({wrong_object});
-  gvc_encryptor_set_key_length(reinterpret_cast<GvcEncryptor *>(other.get()), 1);
-  log.expect({wrong_object});
-  for (guint length : {0u, 1u, 127u, 129u, 192u, 255u, 257u, 512u, G_MAXUINT}) {
-    gvc_encryptor_set_key_length(encryptor.get(), length);
-    log.expect({wrong_length});
-  }
-
-  guint length = 0;
-  g_object_get(encryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-  Sealer sealer{test_key(), 256, iv};
-  assert_record(encryptor.get(), sealer, sample(Kind::text, 20));
-}
-
-void
-test_property_rejects_192()
-{
-  const auto encryptor = new_encryptor();
-  Sealer sealer{test_key(), 256, take_iv(encryptor.get())};
-  LogCapture log;
-  g_object_set(encryptor.get(), "key-length", 192, nullptr);
-  log.expect(
-      {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
-  guint length = 0;
-  g_object_get(encryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-  assert_record(encryptor.get(), sealer, sample(Kind::text, 20));
-
-  // Below and above its range the property refuses the value itself.
-  for (guint outside : {127u, 257u}) {
-    g_object_set(encryptor.get(), "key-length", outside, nullptr);
-    const std::vector<LogMessage> messages = log.take();
-    g_assert_cmpuint(messages.size(), ==, 1);
-    g_assert_true(messages[0].domain == "GLib-GObject");
-    g_object_get(encryptor.get(), "key-length", &length, nullptr);
-    g_assert_cmpuint(length, ==, 256);
-  }
-}
-
-// The setter leaves the length at 0, and any length but 128 means AES-256.
-void
-test_construction_with_192_uses_the_whole_key()
-{
-  const BytesRef key = bytes_ref(test_key());
-  LogCapture log;
-  const auto encryptor = own(static_cast<GvcEncryptor *>(
-      g_object_new(GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", 192, nullptr)));
-  log.expect(
-      {failed_check("gvc_encryptor_set_key_length", "key_length == 128 || key_length == 256")});
-  guint length = 1;
-  g_object_get(encryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 0);
-  Sealer sealer{test_key(), 256, take_iv(encryptor.get())};
-  assert_record(encryptor.get(), sealer, sample(Kind::text, 40));
-}
-
-void
-count_notify(GObject *, GParamSpec *pspec, gpointer counter)
-{
-  g_assert_cmpstr(pspec->name, ==, "key-length");
-  ++*static_cast<guint *>(counter);
-}
-
-void
-test_notifies_on_change_only()
-{
-  const auto encryptor = new_encryptor();
-  guint notified = 0;
-  g_signal_connect(encryptor.get(), "notify", G_CALLBACK(count_notify), &notified);
-  gvc_encryptor_set_key_length(encryptor.get(), 256);
-  g_assert_cmpuint(notified, ==, 0);
-  gvc_encryptor_set_key_length(encryptor.get(), 128);
-  g_assert_cmpuint(notified, ==, 1);
-  gvc_encryptor_set_key_length(encryptor.get(), 128);
-  g_assert_cmpuint(notified, ==, 1);
-  g_object_set(encryptor.get(), "key-length", 256, nullptr);
-  g_assert_cmpuint(notified, ==, 2);
-  g_converter_reset(G_CONVERTER(encryptor.get()));
-  g_assert_cmpuint(notified, ==, 2);
-}
+/* ---- Key length ---- */
 
 // The notification comes after the new length is in force, and the reset done.
 void
@@ -243,78 +109,6 @@ test_notifies_after_the_reset()
   g_assert_cmpuint(iv.size(), ==, aes_block);
   Sealer sealer{test_key(), 128, iv};
   assert_record(encryptor.get(), sealer, sample(Kind::text, 33));
-}
-
-void
-test_unknown_property_warns()
-{
-  const auto encryptor = new_encryptor();
-  GObjectClass *klass = G_OBJECT_GET_CLASS(encryptor.get());
-  GParamSpec *pspec = g_object_class_find_property(klass, "key-length");
-  g_auto(GValue) value = G_VALUE_INIT;
-  g_value_init(&value, G_TYPE_UINT);
-  g_value_set_uint(&value, 128);
-
-  LogCapture log;
-  klass->set_property(G_OBJECT(encryptor.get()), 77, &value, pspec);
-  klass->get_property(G_OBJECT(encryptor.get()), 78, &value, pspec);
-  const std::vector<LogMessage> messages = log.take();
-  g_assert_cmpuint(messages.size(), ==, 2);
-  const char *const rest = ": invalid property id %u for \"key-length\" of type 'GParamUInt' in "
-                           "'GvcEncryptor'";
-  for (guint i = 0; i < 2; i++) {
-    g_assert_false(messages[i].domain.has_value());
-    g_assert_cmpint(messages[i].level, ==, G_LOG_LEVEL_WARNING);
-    g_autofree char *tail = g_strdup_printf(rest, 77 + i);
-    g_autofree char *quoted = g_regex_escape_string(tail, -1);
-    g_autofree char *whole =
-        g_strconcat("^vchannels/zelgvc/gvcencryptor:[1-9][0-9]*", quoted, "$", nullptr);
-    if (!g_regex_match_simple(whole, messages[i].text.c_str(), G_REGEX_DEFAULT,
-                              G_REGEX_MATCH_DEFAULT))
-      g_error("%s", messages[i].text.c_str());
-  }
-  g_assert_cmpuint(g_value_get_uint(&value), ==, 128);
-  guint length = 0;
-  g_object_get(encryptor.get(), "key-length", &length, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-}
-
-void
-test_owns_a_reference_to_its_key()
-{
-  LifeWatch watch;
-  BytesRef key = watch.add_bytes(to_text(test_key()));
-  auto encryptor = own(gvc_encryptor_new(key.get()));
-  watch.add(encryptor.get());
-  assert_refcount(encryptor.get(), 1);
-  GBytes *borrowed = key.get();
-  key.reset();
-  g_assert_cmpuint(watch.alive(), ==, 2);
-  {
-    g_autoptr(GBytes) got = nullptr;
-    g_object_get(encryptor.get(), "key", &got, nullptr);
-    g_assert_true(got == borrowed);
-  }
-  g_assert_cmpuint(watch.alive(), ==, 2);
-  g_converter_reset(G_CONVERTER(encryptor.get()));
-  gvc_encryptor_set_key_length(encryptor.get(), 128);
-  Sealer sealer{test_key(), 128, take_iv(encryptor.get())};
-  assert_record(encryptor.get(), sealer, sample(Kind::text, 64));
-  g_assert_cmpuint(watch.alive(), ==, 2);
-  encryptor.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
-}
-
-void
-test_refused_construction_keeps_no_reference()
-{
-  LifeWatch watch;
-  BytesRef key = watch.add_bytes("sixteen bytes...");
-  LogCapture log;
-  g_assert_null(gvc_encryptor_new(key.get()));
-  log.expect({failed_check("gvc_encryptor_new", "g_bytes_get_size(key) == (256 / 8)")});
-  key.reset();
-  g_assert_cmpuint(watch.alive(), ==, 0);
 }
 
 /* ---- The IV record ---- */
@@ -546,53 +340,6 @@ test_reset_starts_anew()
 /* ---- Misuse and bounds ---- */
 
 void
-assert_cannot_encrypt(GvcEncryptor *encryptor)
-{
-  const Bytes iv = take_iv(encryptor);
-  for (gsize size : {1, 15, 16, 40, 5000})
-    ASSERT_FAILED(convert(encryptor, sample(Kind::text, size), ample(size)), G_IO_ERROR_FAILED,
-                  "Encryption failed");
-  ASSERT_CONVERTED(convert(encryptor, {}, 10, G_CONVERTER_INPUT_AT_END), G_CONVERTER_FINISHED, 0,
-                   0);
-  g_converter_reset(G_CONVERTER(encryptor));
-  g_assert_false(take_iv(encryptor) == iv);
-  ASSERT_FAILED(convert(encryptor, sample(Kind::text, 9), 100), G_IO_ERROR_FAILED,
-                "Encryption failed");
-}
-
-void
-test_without_a_key()
-{
-  const auto encryptor =
-      own(static_cast<GvcEncryptor *>(g_object_new(GVC_TYPE_ENCRYPTOR, nullptr)));
-  guint length = 0;
-  g_autoptr(GBytes) key = nullptr;
-  g_object_get(encryptor.get(), "key-length", &length, "key", &key, nullptr);
-  g_assert_cmpuint(length, ==, 256);
-  g_assert_null(key);
-  assert_cannot_encrypt(encryptor.get());
-  gvc_encryptor_set_key_length(encryptor.get(), 128);
-  assert_cannot_encrypt(encryptor.get());
-}
-
-void
-test_with_a_key_of_the_wrong_size()
-{
-  for (gsize size : {0, 1, 15, 16, 31, 33, 48})
-    for (guint length : {128, 256}) {
-      LifeWatch watch;
-      {
-        // A key at the end of its own allocation, so that reading past it is seen.
-        const BytesRef key = watch.add_bytes(to_text(sample(Kind::noise, size)));
-        const auto encryptor = own(static_cast<GvcEncryptor *>(
-            g_object_new(GVC_TYPE_ENCRYPTOR, "key", key.get(), "key-length", length, nullptr)));
-        assert_cannot_encrypt(encryptor.get());
-      }
-      g_assert_cmpuint(watch.alive(), ==, 0);
-    }
-}
-
-void
 test_more_than_int_max_bytes_fail()
 {
   // The engine counts in an int; 2^32 + 16 is 16 once cut to 32 bits.
@@ -615,14 +362,6 @@ test_more_than_int_max_bytes_fail()
 
 /* ---- Converter streams ---- */
 
-std::shared_ptr<Script>
-slow_script(gsize per_call)
-{
-  auto script = std::make_shared<Script>();
-  script->max_per_call = per_call;
-  return script;
-}
-
 void
 test_output_stream(gconstpointer data)
 {
@@ -631,7 +370,7 @@ test_output_stream(gconstpointer data)
   for (int bits : {128, 256})
     for (gsize size : {0, 1, 15, 16, 17, 255, 4095, 4096, 4097, 65536, 300001, 1 << 20}) {
       const Bytes plain = sample(Kind::mixture, size, size + bits);
-      const auto script = slow_script(per_call);
+      const auto script = new_script({}, per_call);
       const auto encryptor = new_encryptor(bits);
       const auto base = new_scripted_output(script);
       const auto stream =
@@ -652,25 +391,21 @@ test_output_stream(gconstpointer data)
     }
 }
 
-void
-test_input_stream(gconstpointer data)
+Bytes
+open_with_one_iv(ByteView wire)
 {
-  const gsize per_call = GPOINTER_TO_SIZE(data);
-  std::mt19937 random{98};
-  for (gsize size : {1, 16, 1000, 65537, 1 << 20}) {
-    const Bytes plain = sample(Kind::mixture, size, size);
-    const auto script = slow_script(per_call);
-    script->data = to_text(plain);
-    const auto encryptor = new_encryptor();
-    const auto base = new_scripted_input(script);
-    const auto stream = own(g_converter_input_stream_new(base.get(), G_CONVERTER(encryptor.get())));
-    ErrorPtr error;
-    const Bytes wire = read_to_end(stream.get(), &error);
-    g_assert_no_error(error.get());
-    Opener opener{test_key(), 256};
-    ASSERT_BYTES(opener.open(wire), plain);
-    g_assert_cmpuint(opener.iv_records, ==, 1);
-  }
+  Opener opener{test_key(), 256};
+  Bytes plain = opener.open(wire);
+  g_assert_cmpuint(opener.iv_records, ==, 1);
+  return plain;
+}
+
+void
+test_input_stream(gconstpointer per_call)
+{
+  for (gsize size : {1, 16, 1000, 65537, 1 << 20})
+    contract::input_stream_encodes(new_encryptor().get(), sample(Kind::mixture, size, size),
+                                   GPOINTER_TO_SIZE(per_call), open_with_one_iv);
 }
 
 void
@@ -696,28 +431,10 @@ test_reset_in_mid_stream()
 }
 
 void
-test_socket(gconstpointer data)
+test_socket(gconstpointer family)
 {
-  const auto family = static_cast<Family>(GPOINTER_TO_INT(data));
-  SocketPair pair = new_socket_pair(family);
-  const Bytes plain = sample(Kind::mixture, 1 << 20, 77);
-
-  std::thread writer{[&] {
-    std::mt19937 random{5};
-    const auto encryptor = new_encryptor();
-    const auto stream = own(g_converter_output_stream_new(
-        g_io_stream_get_output_stream(G_IO_STREAM(pair.a.get())), G_CONVERTER(encryptor.get())));
-    write_in_pieces(stream.get(), plain, random);
-    g_assert_true(g_output_stream_close(stream.get(), nullptr, nullptr));
-    g_assert_true(g_io_stream_close(G_IO_STREAM(pair.a.get()), nullptr, nullptr));
-  }};
-  ErrorPtr error;
-  const Bytes wire = read_to_end(g_io_stream_get_input_stream(G_IO_STREAM(pair.b.get())), &error);
-  writer.join();
-  g_assert_no_error(error.get());
-  Opener opener{test_key(), 256};
-  ASSERT_BYTES(opener.open(wire), plain);
-  g_assert_cmpuint(opener.iv_records, ==, 1);
+  contract::socket_carries_encoded(family, new_encryptor().get(),
+                                   sample(Kind::mixture, 1 << 20, 77), open_with_one_iv);
 }
 
 // A stream that fails in the middle takes nothing of the converter with it.
@@ -755,21 +472,25 @@ main(int argc, char **argv)
   g_test_init(&argc, &argv, nullptr);
   gvc_init();
 
-  g_test_add_func("/encryptor/type", test_type);
-  g_test_add_func("/encryptor/properties", test_properties);
-  g_test_add_func("/encryptor/property-values", test_property_values);
-  g_test_add_func("/encryptor/new-checks-its-key", test_new_checks_its_key);
-  g_test_add_func("/encryptor/set-key-length-checks-its-arguments",
-                  test_set_key_length_checks_its_arguments);
-  g_test_add_func("/encryptor/property-rejects-192", test_property_rejects_192);
-  g_test_add_func("/encryptor/construction-with-192-uses-the-whole-key",
-                  test_construction_with_192_uses_the_whole_key);
-  g_test_add_func("/encryptor/notifies-on-change-only", test_notifies_on_change_only);
+  g_test_add_data_func("/encryptor/type", &cipher, contract::type);
+  g_test_add_data_func("/encryptor/properties", &cipher, contract::properties);
+  g_test_add_data_func("/encryptor/property-values", &cipher, contract::property_values);
+  g_test_add_data_func("/encryptor/new-checks-its-key", &cipher, contract::new_checks_its_key);
+  g_test_add_data_func("/encryptor/set-key-length-checks-its-arguments", &cipher,
+                       contract::set_key_length_checks_its_arguments);
+  g_test_add_data_func("/encryptor/property-rejects-192", &cipher,
+                       contract::property_rejects_other_lengths);
+  g_test_add_data_func("/encryptor/construction-with-192-uses-the-whole-key", &cipher,
+                       contract::construction_with_192_uses_the_whole_key);
+  g_test_add_data_func("/encryptor/notifies-on-change-only", &cipher,
+                       contract::notifies_on_change_only);
   g_test_add_func("/encryptor/notifies-after-the-reset", test_notifies_after_the_reset);
-  g_test_add_func("/encryptor/unknown-property-warns", test_unknown_property_warns);
-  g_test_add_func("/encryptor/owns-a-reference-to-its-key", test_owns_a_reference_to_its_key);
-  g_test_add_func("/encryptor/refused-construction-keeps-no-reference",
-                  test_refused_construction_keeps_no_reference);
+  g_test_add_data_func("/encryptor/unknown-property-warns", &cipher,
+                       contract::unknown_property_warns);
+  g_test_add_data_func("/encryptor/owns-a-reference-to-its-key", &cipher,
+                       contract::owns_a_reference_to_its_key);
+  g_test_add_data_func("/encryptor/refused-construction-keeps-no-reference", &cipher,
+                       contract::refused_construction_keeps_no_reference);
   g_test_add_func("/encryptor/first-call-emits-only-the-iv-record",
                   test_first_call_emits_only_the_iv_record);
   g_test_add_func("/encryptor/iv-record-finishes-at-the-end-of-input",
@@ -790,26 +511,14 @@ main(int argc, char **argv)
   g_test_add_func("/encryptor/change-of-key-length-starts-anew",
                   test_change_of_key_length_starts_anew);
   g_test_add_func("/encryptor/reset-starts-anew", test_reset_starts_anew);
-  g_test_add_func("/encryptor/without-a-key", test_without_a_key);
-  g_test_add_func("/encryptor/with-a-key-of-the-wrong-size", test_with_a_key_of_the_wrong_size);
+  g_test_add_data_func("/encryptor/without-a-key", &cipher, contract::without_a_key);
+  g_test_add_data_func("/encryptor/with-a-key-of-the-wrong-size", &cipher,
+                       contract::with_a_key_of_the_wrong_size);
   g_test_add_func("/encryptor/more-than-int-max-bytes-fail", test_more_than_int_max_bytes_fail);
-  g_test_add_data_func("/encryptor/output-stream/whole", GSIZE_TO_POINTER(1 << 30),
-                       test_output_stream);
-  g_test_add_data_func("/encryptor/output-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_output_stream);
-  g_test_add_data_func("/encryptor/output-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_output_stream);
-  g_test_add_data_func("/encryptor/input-stream/whole", GSIZE_TO_POINTER(1 << 30),
-                       test_input_stream);
-  g_test_add_data_func("/encryptor/input-stream/7-bytes-a-call", GSIZE_TO_POINTER(7),
-                       test_input_stream);
-  g_test_add_data_func("/encryptor/input-stream/1-byte-a-call", GSIZE_TO_POINTER(1),
-                       test_input_stream);
+  contract::add_for_pieces("/encryptor/output-stream", test_output_stream);
+  contract::add_for_pieces("/encryptor/input-stream", test_input_stream);
   g_test_add_func("/encryptor/reset-in-mid-stream", test_reset_in_mid_stream);
-  g_test_add_data_func("/encryptor/socket/tcp", GINT_TO_POINTER(static_cast<int>(Family::tcp4)),
-                       test_socket);
-  g_test_add_data_func("/encryptor/socket/unix",
-                       GINT_TO_POINTER(static_cast<int>(Family::unix_domain)), test_socket);
+  contract::add_for_sockets("/encryptor/socket", test_socket);
   g_test_add_func("/encryptor/failing-base-stream", test_failing_base_stream);
   return g_test_run();
 }
