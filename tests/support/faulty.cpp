@@ -562,34 +562,33 @@ Rig::watched(Ref<T> &object)
   return object.get();
 }
 
+template <typename T, typename Base>
+T *
+Rig::made(Ref<T> &object, T *(*create)(Base *), Base *base)
+{
+  if (object == nullptr) {
+    object = own(create(base));
+    watched(object);
+  }
+  return object.get();
+}
+
 GvcBytesInputStream *
 Rig::reader()
 {
-  if (reader_ == nullptr) {
-    reader_ = own(gvc_bytes_input_stream_new(in()));
-    watched(reader_);
-  }
-  return reader_.get();
+  return made(reader_, gvc_bytes_input_stream_new, in());
 }
 
 GvcDataInputStream *
 Rig::string_reader()
 {
-  if (string_reader_ == nullptr) {
-    string_reader_ = own(gvc_data_input_stream_new(in()));
-    watched(string_reader_);
-  }
-  return string_reader_.get();
+  return made(string_reader_, gvc_data_input_stream_new, in());
 }
 
 GvcBytesOutputStream *
 Rig::writer()
 {
-  if (writer_ == nullptr) {
-    writer_ = own(gvc_bytes_output_stream_new(out()));
-    watched(writer_);
-  }
-  return writer_.get();
+  return made(writer_, gvc_bytes_output_stream_new, out());
 }
 
 void

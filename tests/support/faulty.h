@@ -151,6 +151,8 @@ public:
 
 private:
   template <typename T> T *watched(Ref<T> &object);
+  template <typename T, typename Base>
+  T *made(support::Ref<T> &object, T *(*create)(Base *), Base *base);
 
   Flavour flavour_;
   int stages_;

@@ -793,8 +793,9 @@ transfer_async(gpointer stream, const Transfer &transfer, int priority, GCancell
     complete_task(task.get(), step, transfer);
 }
 
+template <typename Stream>
 gssize
-transfer_finish(GAsyncResult *result, GError **error)
+transfer_finish(Stream *, GAsyncResult *result, GError **error)
 {
   return g_task_propagate_int(G_TASK(result), error);
 }
@@ -847,8 +848,9 @@ is_ready(gpointer stream)
   return !script.poll_held;
 }
 
+template <Call::Kind kind, typename Stream>
 gboolean
-end_call(gpointer stream, Call::Kind kind, GCancellable *cancellable, GError **error)
+end_call(Stream *stream, GCancellable *cancellable, GError **error)
 {
   auto &script = script_of(stream);
   const std::lock_guard lock(script.mutex);
@@ -878,18 +880,6 @@ input_read_async(GInputStream *stream, void *buffer, gsize size, int priority,
                  callback, user_data);
 }
 
-gssize
-input_read_finish(GInputStream *, GAsyncResult *result, GError **error)
-{
-  return transfer_finish(result, error);
-}
-
-gboolean
-input_close(GInputStream *stream, GCancellable *cancellable, GError **error)
-{
-  return end_call(stream, Call::Kind::close, cancellable, error);
-}
-
 void
 input_class_init(gpointer klass, gpointer kind)
 {
@@ -897,10 +887,10 @@ input_class_init(gpointer klass, gpointer kind)
   input_class->read_fn = input_read;
   if (GPOINTER_TO_INT(kind) == static_cast<int>(StreamKind::with_async)) {
     input_class->read_async = input_read_async;
-    input_class->read_finish = input_read_finish;
+    input_class->read_finish = transfer_finish;
   }
   if (g_type_parent(G_TYPE_FROM_CLASS(klass)) == G_TYPE_INPUT_STREAM)
-    input_class->close_fn = input_close;
+    input_class->close_fn = end_call<Call::Kind::close>;
 }
 
 void
@@ -938,24 +928,6 @@ output_write_async(GOutputStream *stream, const void *buffer, gsize size, int pr
                  callback, user_data);
 }
 
-gssize
-output_write_finish(GOutputStream *, GAsyncResult *result, GError **error)
-{
-  return transfer_finish(result, error);
-}
-
-gboolean
-output_flush(GOutputStream *stream, GCancellable *cancellable, GError **error)
-{
-  return end_call(stream, Call::Kind::flush, cancellable, error);
-}
-
-gboolean
-output_close(GOutputStream *stream, GCancellable *cancellable, GError **error)
-{
-  return end_call(stream, Call::Kind::close, cancellable, error);
-}
-
 void
 output_class_init(gpointer klass, gpointer kind)
 {
@@ -963,11 +935,11 @@ output_class_init(gpointer klass, gpointer kind)
   output_class->write_fn = output_write;
   if (GPOINTER_TO_INT(kind) == static_cast<int>(StreamKind::with_async)) {
     output_class->write_async = output_write_async;
-    output_class->write_finish = output_write_finish;
+    output_class->write_finish = transfer_finish;
   }
   if (g_type_parent(G_TYPE_FROM_CLASS(klass)) == G_TYPE_OUTPUT_STREAM) {
-    output_class->flush = output_flush;
-    output_class->close_fn = output_close;
+    output_class->flush = end_call<Call::Kind::flush>;
+    output_class->close_fn = end_call<Call::Kind::close>;
   }
 }
 

@@ -9,38 +9,8 @@ using namespace support;
 using contract::both_ways;
 using contract::Way;
 
-/* A framing stream over a scripted base. */
-struct Fixture {
-  std::shared_ptr<Script> script;
-  Ref<GInputStream> base;
-  Ref<GvcBytesInputStream> stream;
-
-  explicit Fixture(std::string data = {}, StreamKind kind = StreamKind::sync_only,
-                   gsize max_per_call = G_MAXSIZE)
-      : script(new_script(std::move(data), max_per_call)), base(new_scripted_input(script, kind)),
-        stream(gvc_bytes_input_stream_new(base.get()))
-  {
-  }
-};
-
-/* A framing stream of a derived class that shows what is asked of the stream itself. */
-struct InnerFixture {
-  std::shared_ptr<Script> script;
-  Ref<GInputStream> base;
-  Ref<GInputStream> owner;
-
-  explicit InnerFixture(std::string data, gsize max_per_call = G_MAXSIZE)
-      : script(new_script(std::move(data), max_per_call)), base(new_scripted_input(new_script())),
-        owner(new_scripted_filter_input(GVC_TYPE_BYTES_INPUT_STREAM, base.get(), script))
-  {
-  }
-
-  GvcBytesInputStream *
-  stream() const
-  {
-    return GVC_BYTES_INPUT_STREAM(owner.get());
-  }
-};
+using Fixture = contract::Reader<GvcBytesInputStream, gvc_bytes_input_stream_new>;
+using InnerFixture = contract::InnerReader<GvcBytesInputStream, gvc_bytes_input_stream_get_type>;
 
 static BytesRef
 read_bytes(Way way, GvcBytesInputStream *stream, Error &error, GCancellable *cancellable = nullptr)

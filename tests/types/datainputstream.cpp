@@ -10,38 +10,8 @@ using contract::both_ways;
 using contract::untouched;
 using contract::Way;
 
-/* A string stream over a scripted base. */
-struct Fixture {
-  std::shared_ptr<Script> script;
-  Ref<GInputStream> base;
-  Ref<GvcDataInputStream> stream;
-
-  explicit Fixture(std::string data = {}, StreamKind kind = StreamKind::sync_only,
-                   gsize max_per_call = G_MAXSIZE)
-      : script(new_script(std::move(data), max_per_call)), base(new_scripted_input(script, kind)),
-        stream(gvc_data_input_stream_new(base.get()))
-  {
-  }
-};
-
-/* A string stream of a derived class that shows what is asked of the stream itself. */
-struct InnerFixture {
-  std::shared_ptr<Script> script;
-  Ref<GInputStream> base;
-  Ref<GInputStream> owner;
-
-  explicit InnerFixture(std::string data)
-      : script(new_script(std::move(data))), base(new_scripted_input(new_script())),
-        owner(new_scripted_filter_input(GVC_TYPE_DATA_INPUT_STREAM, base.get(), script))
-  {
-  }
-
-  GvcDataInputStream *
-  stream() const
-  {
-    return GVC_DATA_INPUT_STREAM(owner.get());
-  }
-};
+using Fixture = contract::Reader<GvcDataInputStream, gvc_data_input_stream_new>;
+using InnerFixture = contract::InnerReader<GvcDataInputStream, gvc_data_input_stream_get_type>;
 
 static Mem<gchar>
 read_string(Way way, GvcDataInputStream *stream, gchar string_end, gsize *length, Error &error,

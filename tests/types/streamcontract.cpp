@@ -720,17 +720,34 @@ completes_in_the_context_of_its_thread(gconstpointer data)
   });
 }
 
+namespace
+{
+
 void
-assert_aborts(const Type &type, std::deque<Step> steps, const char *message)
+assert_aborts(const Type &type, std::deque<Step> steps, const char *numbers)
 {
   if (!g_test_subprocess()) {
-    assert_dies(nullptr, message);
+    assert_dies(nullptr, (type.claim_message + std::string(numbers)).c_str());
     return;
   }
   const auto fixture = new_fixture(type, type.operations[0], StreamKind::with_async);
   fixture.script->steps = std::move(steps);
   Error error;
   fixture.perform(Way::async, error);
+}
+
+} // namespace
+
+void
+claim_of_too_much_aborts(gconstpointer data)
+{
+  assert_aborts(type_of(data), {Step::report(11)}, "(11 <= 10)");
+}
+
+void
+claim_of_too_much_later_aborts(gconstpointer data)
+{
+  assert_aborts(type_of(data), {Step::move(4), Step::report(7)}, "(7 <= 6)");
 }
 
 } // namespace contract

@@ -40,6 +40,8 @@ struct Type {
   std::string check;          // the precondition on the stream
   std::string blocking_check; // the same as the functions that block write it
   std::vector<Operation> operations;
+  // How the assertion reads that a claim of too much fails, without the numbers.
+  const char *claim_message = nullptr;
   // Of filter streams alone; other operations are on the base stream itself.
   GType (*get_type)() = nullptr;
   const char *name = nullptr;
@@ -83,7 +85,45 @@ void uncollected_error_is_released(gconstpointer type);
 void stream_may_be_dropped_meanwhile(gconstpointer type);
 void completes_in_the_context_of_its_thread(gconstpointer type);
 
-// Fails unless the operation aborts with `message` once a stream has done these steps.
-void assert_aborts(const Type &type, std::deque<support::Step> steps, const char *message);
+// The process aborts if the base stream claims to have moved more than it was asked to move: in its
+// first transfer, or in a later one that was asked for the rest.
+void claim_of_too_much_aborts(gconstpointer type);
+void claim_of_too_much_later_aborts(gconstpointer type);
+
+// ---- Fixtures ----
+
+// A stream of type T that reads from a scripted base.
+template <typename T, T *(*create)(GInputStream *)> struct Reader {
+  std::shared_ptr<support::Script> script;
+  support::Ref<GInputStream> base;
+  support::Ref<T> stream;
+
+  explicit Reader(std::string data = {}, support::StreamKind kind = support::StreamKind::sync_only,
+                  gsize max_per_call = G_MAXSIZE)
+      : script(support::new_script(std::move(data), max_per_call)),
+        base(support::new_scripted_input(script, kind)), stream(create(base.get()))
+  {
+  }
+};
+
+// A stream of a class derived from T that shows what is asked of the stream itself.
+template <typename T, GType (*get_type)()> struct InnerReader {
+  std::shared_ptr<support::Script> script;
+  support::Ref<GInputStream> base;
+  support::Ref<GInputStream> owner;
+
+  explicit InnerReader(std::string data)
+      : script(support::new_script(std::move(data))),
+        base(support::new_scripted_input(support::new_script())),
+        owner(support::new_scripted_filter_input(get_type(), base.get(), script))
+  {
+  }
+
+  T *
+  stream() const
+  {
+    return reinterpret_cast<T *>(owner.get());
+  }
+};
 
 } // namespace contract
