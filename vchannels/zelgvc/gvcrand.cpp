@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcrand.h"
+#include "gvcfixedtexts.h"
 
 #include <platform/ipp/ipp.h>
 
@@ -102,19 +103,19 @@ install_time_seed(IppsPRNGState *prng)
 {
   int size = 0;
   if (ippsBigNumGetSize(seed_words, &size) != ippStsNoErr)
-    return report("ippsBigNumGetSize return error\n");
+    return report(gvc::big_number_size_failed);
   EngineMemory<IppsBigNumState> seed_num(size);
   if (ippsBigNumInit(seed_words, seed_num.get()) != ippStsNoErr)
-    return report("ippsBigNumInit return error\n");
+    return report(gvc::big_number_init_failed);
 
   Ipp32u words[seed_words] = {};
   load_time_seed(words);
   auto status = ippsSet_BN(IppsBigNumPOS, seed_words, words, seed_num.get());
   explicit_bzero(words, sizeof words);
   if (status != ippStsNoErr)
-    return report("ippsSet_BN return error\n");
+    return report(gvc::big_number_set_failed);
   if (ippsPRNGSetSeed(seed_num.get(), prng) != ippStsNoErr)
-    return report("ippsPRNGSetSeed return error\n");
+    return report(gvc::prng_seed_failed);
   return TRUE;
 }
 
@@ -134,13 +135,13 @@ gvc_rand_new(void)
 {
   EngineMemory<IppsPRNGState> prng(prng_size());
   if (ippsPRNGInit(seed_bits, prng.get()) != ippStsNoErr) {
-    report("ippsPRNGSetSeed return error\n");
+    report(gvc::prng_init_failed);
     return nullptr;
   }
   if (!install_time_seed(prng.get()))
     return nullptr;
 
-  auto *rand = g_slice_new(GvcRand);
+  auto *rand = g_new(GvcRand, 1);
   rand->prng = prng.release();
   return rand;
 }
@@ -178,5 +179,5 @@ gvc_rand_free(GvcRand *rand)
 {
   explicit_bzero(rand->prng, static_cast<std::size_t>(prng_size()));
   std::free(rand->prng);
-  g_slice_free(GvcRand, rand);
+  g_free(rand);
 }
