@@ -33,7 +33,7 @@ warn_invalid_property(GObject *object, guint prop_id, GParamSpec *pspec)
 {
   g_autofree char *stem = g_ascii_strdown(G_OBJECT_TYPE_NAME(object), -1);
   g_autofree char *file = g_strconcat("vchannels/zelgvc/", stem, nullptr);
-  gvc::warn_invalid_property({file, __LINE__}, object, prop_id, pspec);
+  gvc::warn_invalid_property(file, __LINE__, object, prop_id, pspec);
 }
 
 static void

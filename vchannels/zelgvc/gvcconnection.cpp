@@ -102,7 +102,8 @@ gvc_connection_set_property(GObject *object, guint prop_id, const GValue *value,
                      static_cast<GSocketConnection *>(g_value_dup_object(value)));
     break;
   default:
-    gvc::warn_invalid_property(gvc::connection_setter, object, prop_id, pspec);
+    gvc::warn_invalid_property(gvc::connection_file, gvc::connection_setter_line, object, prop_id,
+                               pspec);
     break;
   }
 }
@@ -115,7 +116,8 @@ gvc_connection_get_property(GObject *object, guint prop_id, GValue *value, GPara
     g_value_set_object(value, get_private(object)->connection);
     break;
   default:
-    gvc::warn_invalid_property(gvc::connection_getter, object, prop_id, pspec);
+    gvc::warn_invalid_property(gvc::connection_file, gvc::connection_getter_line, object, prop_id,
+                               pspec);
     break;
   }
 }

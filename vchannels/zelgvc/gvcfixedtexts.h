@@ -12,16 +12,22 @@
 namespace gvc
 {
 
-struct Location {
+struct Assertion {
   const char *file; // without its ending
   int line;
+  const char *function;
+  const char *expression;
 };
 
-inline constexpr Location connection_setter = {"vchannels/zelgvc/gvcconnection", 68};
-inline constexpr Location connection_getter = {"vchannels/zelgvc/gvcconnection", 90};
-inline constexpr Location read_assertion = {"vchannels/zelgvc/gvcinputstreamutils", 49};
-inline constexpr Location write_assertion = {"vchannels/zelgvc/gvcoutputstreamutils", 48};
-inline constexpr Location write_warning = {"vchannels/zelgvc/gvcoutputstreamutils", 49};
+inline constexpr char connection_file[] = "vchannels/zelgvc/gvcconnection";
+inline constexpr int connection_setter_line = 68;
+inline constexpr int connection_getter_line = 90;
+inline constexpr Assertion read_assertion = {"vchannels/zelgvc/gvcinputstreamutils", 49,
+                                             "read_all_callback", "nread <= data->to_read"};
+inline constexpr Assertion write_assertion = {"vchannels/zelgvc/gvcoutputstreamutils", 48,
+                                              "write_all_callback", "nwritten <= data->to_write"};
+inline constexpr Assertion write_warning = {"vchannels/zelgvc/gvcoutputstreamutils", 49,
+                                            "write_all_callback", "nwritten > 0"};
 
 // The warning about a key length: also its function, the only one that logs it.
 inline constexpr char key_length_domain[] = "ZEL";
@@ -35,45 +41,23 @@ inline constexpr char big_number_size_failed[] = "ippsBigNumGetSize return error
 inline constexpr char big_number_init_failed[] = "ippsBigNumInit return error\n";
 inline constexpr char big_number_set_failed[] = "ippsSet_BN return error\n";
 
-// The warning for a property id that the type does not have.
+// The warning for a property id that the type does not have. `file` is without its ending.
 inline void
-warn_invalid_property(Location where, GObject *object, guint id, GParamSpec *pspec)
+warn_invalid_property(const char *file, int line, GObject *object, guint id, GParamSpec *pspec)
 {
-  g_autofree char *location = g_strdup_printf("%s:%d", where.file, where.line);
-  g_warning("%s: invalid %s id %u for \"%s\" of type '%s' in '%s'", location, "property", id,
+  g_warning("%s:%d: invalid %s id %u for \"%s\" of type '%s' in '%s'", file, line, "property", id,
             pspec->name, G_OBJECT_TYPE_NAME(pspec), G_OBJECT_TYPE_NAME(object));
 }
 
 // Aborts with GLib's integer comparison message unless moved <= wanted: a stream that claims to
 // have moved more bytes than it was offered has already written or read out of bounds.
 inline void
-assert_not_more(Location where, const char *function, const char *expression, gssize moved,
-                gsize wanted)
+assert_not_more(const Assertion &assertion, gssize moved, gsize wanted)
 {
   if (G_UNLIKELY(gint64{moved} > static_cast<gint64>(wanted)))
-    g_assertion_message_cmpnum(G_LOG_DOMAIN, where.file, where.line, function, expression,
-                               static_cast<long double>(moved),
+    g_assertion_message_cmpnum(G_LOG_DOMAIN, assertion.file, assertion.line, assertion.function,
+                               assertion.expression, static_cast<long double>(moved),
                                "<=", static_cast<long double>(wanted), 'i');
-}
-
-inline void
-assert_not_more_read(gssize moved, gsize wanted)
-{
-  assert_not_more(read_assertion, "read_all_callback", "nread <= data->to_read", moved, wanted);
-}
-
-inline void
-assert_not_more_written(gssize moved, gsize wanted)
-{
-  assert_not_more(write_assertion, "write_all_callback", "nwritten <= data->to_write", moved,
-                  wanted);
-}
-
-inline void
-warn_nothing_written()
-{
-  g_warn_message(G_LOG_DOMAIN, write_warning.file, write_warning.line, "write_all_callback",
-                 "nwritten > 0");
 }
 
 // The asynchronous functions of the message streams check nothing, and log the critical of the

@@ -36,7 +36,7 @@ Reader::part_done()
 Next
 Reader::moved(gssize nread)
 {
-  assert_not_more_read(nread, missing_);
+  assert_not_more(read_assertion, nread, missing_);
   missing_ -= static_cast<gsize>(nread);
   received_ += static_cast<gsize>(nread);
   return nread == 0 || missing_ == 0 ? part_done() : Next::again;

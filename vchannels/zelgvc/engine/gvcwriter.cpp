@@ -26,10 +26,12 @@ Next
 Writer::moved(gssize nwritten)
 {
   auto left = static_cast<gsize>(nwritten);
-  assert_not_more_written(nwritten, vectors_[0].size + (n_offered_ > 1 ? vectors_[1].size : 0));
+  assert_not_more(write_assertion, nwritten,
+                  vectors_[0].size + (n_offered_ > 1 ? vectors_[1].size : 0));
   // A stream that accepts nothing is asked again: there is no end of stream on this side.
   if (nwritten == 0)
-    warn_nothing_written();
+    g_warn_message(G_LOG_DOMAIN, write_warning.file, write_warning.line, write_warning.function,
+                   write_warning.expression);
 
   guint before = n_vectors_;
   accepted_ += left;
