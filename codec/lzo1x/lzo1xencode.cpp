@@ -14,29 +14,31 @@ namespace lzo1x
 namespace
 {
 
-// The hash table holds the latest place of a key, the bytes at a place, under its hash. It starts
-// with zeros, and no place is asked for before 1, so every entry is a place before the one that is
-// asked for; whether a match stands there is always compared. Places count from the beginning of a
-// segment, so that small entries hold them and the table stays in the cache; segments overlap.
+// The hash table maps the hash of a key, the first bytes at a position, to the latest position with
+// that hash. Positions count from the beginning of a segment, so they fit into 16 bits and the
+// table stays in the cache. Segments overlap. The table starts with zeros and the search at
+// position 1, so every entry lies before the current position. The search always compares the bytes
+// there.
 using Entry = std::uint16_t;
 constexpr std::size_t segmentSize = std::size_t{1} << 16;
 constexpr std::size_t segmentOverlap = segmentSize / 4;
-// From a place before it, no place of the segment is too far for a match.
+// A match up to this position of a segment cannot be too far away.
 constexpr std::size_t firstTooFar = farMaxDistance + 1;
 constexpr unsigned minTableBits = 6;
 constexpr unsigned maxTableBits = 13;
-// Up to this size a table has two entries for a byte; for a larger one clearing it would cost more
-// than it brings.
-constexpr unsigned roomyTableBits = 12;
+// Up to this size a table has two entries for each input byte. Clearing a larger table would cost
+// more time than its additional matches save.
+constexpr unsigned sparseTableBits = 12;
 
-// A key has the bytes of the shortest match, or more in data that shrink so well that fewer and
-// longer matches cost little: behind a stretch of which less than longKeySixteenths() are left. A
-// short input gains little by longer matches, as most of them are not there yet. The first
-// stretches are short, so that this soon takes effect.
-constexpr unsigned shortKey = 4;
-constexpr unsigned longKey = 5;
+// The search chooses its parameters for one stretch of a segment from the yield of the stretch
+// before. The first stretches are short, so that the choice takes effect soon.
 constexpr std::size_t firstStretch = 256;
 constexpr std::size_t stretchGrowth = 8;
+
+// Long keys find fewer and longer matches. They pay off after a stretch that shrank to less than
+// longKeySixteenths(). A short input gains less, as it has few long matches yet.
+constexpr unsigned shortKey = 4;
+constexpr unsigned longKey = 5;
 
 constexpr std::size_t
 longKeySixteenths(std::size_t stretchEnd)
@@ -44,65 +46,67 @@ longKeySixteenths(std::size_t stretchEnd)
   return stretchEnd < 16384 ? 4 : 9;
 }
 
-// After `few` literals in a row the search skips places, more and more of them. In every segment it
-// takes the step back once to that behind restartLiterals: so it finds soon where data that did not
-// shrink begin to do so.
-constexpr std::size_t few = 32;
+// The search tries every position up to so many literals behind a match, then skips more and more
+// positions.
+constexpr std::size_t denseLiterals = 32;
+// In the last stretch of each segment the steps shrink once to those behind so many literals. So
+// the search notices soon if data become compressible.
 constexpr std::size_t restartLiterals = 512;
+// After a poor stretch the search skips positions as it does behind so many literals, until it
+// finds a long match. Noisy pictures are poor: many short matches that save hardly a byte each, and
+// each costs a misprediction or two.
+constexpr std::size_t sparseLiterals = 1024;
 
-// Matches of 4 bytes and more are taken. Near ones save at least 2 bytes, and so do all of 5 and
-// more; one of 4 bytes from farther than nearMaxDistance saves 1. What a match saves pays for the
-// header of the run behind it: one byte up to 18 literals, else 2 and those by which the worst case
-// grows for so many bytes. One byte can be left unpaid where a match saves 1 and a run of 19 or
-// more follows, once in 23 bytes, but not before nearMaxDistance. worstCase() counts just these.
+// The encoder takes matches of 4 bytes and more. Near ones save at least 2 bytes, and so do all of
+// 5 bytes and more; one of 4 bytes from beyond nearMaxDistance saves 1. These bytes pay for the
+// header of the run behind the match: one byte up to 18 literals, else 2 and as many as the worst
+// case adds for such a run. So 1 byte remains unpaid if a match saves 1 and at least 19 literals
+// follow: once in 23 bytes, but not before nearMaxDistance. worstCase() counts exactly these.
 constexpr std::size_t minMatch = 4;
 
-// How many bytes are compared at once behind a match of minMatch.
+// The search compares so many bytes at once behind the first minMatch bytes.
 constexpr std::size_t compared = 16;
 
-// Inputs up to this size are not searched: matches are sought where minMatch + compared bytes lie
-// ahead.
+// Inputs up to this size are not searched, as the search reads minMatch + compared bytes ahead.
 constexpr std::size_t tinyInput = minMatch + compared;
 
 constexpr unsigned
 tableBits(std::size_t size)
 {
   const unsigned bits = size < 2 ? 0 : static_cast<unsigned>(std::bit_width(size - 1));
-  const unsigned roomy = std::max(bits, std::min(bits + 1, roomyTableBits));
-  return std::clamp(roomy, minTableBits, maxTableBits);
+  return std::clamp(std::max(bits, std::min(bits + 1, sparseTableBits)), minTableBits,
+                    maxTableBits);
 }
 
-// Every writer takes the position to write at and returns the one behind what it wrote, or nullptr
-// if the room is too small.
+// Every writer takes the position to write at and returns the position behind its output, or
+// nullptr if the room is too small.
 struct Room {
   std::uint8_t *const begin;
   std::uint8_t *const end;
 
   std::size_t
-  behind(const std::uint8_t *to) const
+  left(const std::uint8_t *to) const
   {
     return static_cast<std::size_t>(end - to);
   }
 };
 
-// Length bytes for what is left of a length, at least 1.
+// The number of length bytes for a remaining length of at least 1.
 constexpr std::size_t
-lengthBytesSize(std::size_t rest)
+lengthBytesSize(std::size_t remaining)
 {
-  return (rest - 1) / lengthByteStep + 1;
+  return (remaining - 1) / lengthByteStep + 1;
 }
 
-// The caller has checked the room.
+// Writes length bytes. The caller has checked the room.
 std::uint8_t *
-putLengthBytes(std::uint8_t *to, std::size_t rest)
+putLengthBytes(std::uint8_t *to, std::size_t remaining)
 {
-  const std::size_t zeros = lengthBytesSize(rest) - 1;
-  if (zeros > 0) {
+  const std::size_t zeros = lengthBytesSize(remaining) - 1;
+  if (zeros > 0)
     std::memset(to, 0, zeros);
-    to += zeros;
-  }
-  *to++ = static_cast<std::uint8_t>(rest - zeros * lengthByteStep);
-  return to;
+  to[zeros] = static_cast<std::uint8_t>(remaining - zeros * lengthByteStep);
+  return to + zeros + 1;
 }
 
 std::size_t
@@ -123,8 +127,8 @@ putLiterals(std::uint8_t *to, Room room, const std::uint8_t *from, std::size_t l
   countCarefulStep();
   const bool opening = to == room.begin;
   const std::size_t header = runHeaderSize(length, opening);
-  // Not a sum, which could wrap.
-  if (room.behind(to) < header || room.behind(to) - header < length)
+  // Two comparisons, as the sum of header and length could wrap.
+  if (room.left(to) < header || room.left(to) - header < length)
     return nullptr;
   if (length == 0)
     return to;
@@ -155,7 +159,7 @@ std::uint8_t *
 putMatch(std::uint8_t *to, Room room, std::size_t length, std::size_t distance)
 {
   countCarefulStep();
-  if (room.behind(to) < matchSize(length, distance))
+  if (room.left(to) < matchSize(length, distance))
     return nullptr;
   if (length <= nearMaxLength && distance <= nearMaxDistance) {
     const std::size_t code = distance - 1;
@@ -186,13 +190,13 @@ putMatch(std::uint8_t *to, Room room, std::size_t length, std::size_t distance)
 std::uint8_t *
 putEndMarker(std::uint8_t *to, Room room)
 {
-  if (room.behind(to) < sizeof endMarker)
+  if (room.left(to) < sizeof endMarker)
     return nullptr;
   std::memcpy(to, endMarker, sizeof endMarker);
   return to + sizeof endMarker;
 }
 
-// In how many bytes two words agree that are not the same, given their differing bits.
+// The number of equal low bytes of two different words, given their differing bits.
 template <typename Word>
 constexpr std::size_t
 equalBytes(Word differing) noexcept
@@ -200,11 +204,11 @@ equalBytes(Word differing) noexcept
   return static_cast<unsigned>(std::countr_zero(differing)) / 8;
 }
 
-// How many bytes are equal up to bEnd, where the first `compared` have been found equal.
-std::size_t
-commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
+// The number of equal bytes before bEnd, given that the first `length` are equal.
+inline std::size_t
+common(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd,
+       std::size_t length) noexcept
 {
-  std::size_t length = compared;
   for (; static_cast<std::size_t>(bEnd - b) >= length + 8; length += 8) {
     const auto differing =
         loadLittleEndian<std::uint64_t>(a + length) ^ loadLittleEndian<std::uint64_t>(b + length);
@@ -216,22 +220,49 @@ commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEn
   return length;
 }
 
-// The same value, and the compiler does not know it. So it computes no address of it ahead, or for
-// two uses at once, on the way that the next search waits for.
+// The same for long matches, in larger steps. Those would be slower for short matches.
+[[gnu::noinline]] std::size_t
+commonLong(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd,
+           std::size_t length) noexcept
+{
+  constexpr std::size_t step = 32;
+  for (; static_cast<std::size_t>(bEnd - b) >= length + step; length += step) {
+    std::uint64_t differing = 0;
+    for (std::size_t i = 0; i < step; i += 8)
+      differing |= loadLittleEndian<std::uint64_t>(a + length + i) ^
+                   loadLittleEndian<std::uint64_t>(b + length + i);
+    if (differing != 0)
+      break;
+  }
+  return common(a, b, bEnd, length);
+}
+
+// The number of equal bytes before bEnd, given that the first `compared` are equal.
+std::size_t
+commonMany(const std::uint8_t *a, const std::uint8_t *b, const std::uint8_t *bEnd) noexcept
+{
+  constexpr std::size_t shortMax = 80;
+  const std::size_t left = static_cast<std::size_t>(bEnd - b);
+  const std::size_t length = common(a, b, b + std::min(left, shortMax), compared);
+  return length < shortMax ? length : commonLong(a, b, bEnd, length);
+}
+
+// Hides the value from the optimiser, which would otherwise compute an address early or share it
+// between two uses, on the critical path to the next search.
 [[gnu::always_inline]] inline std::size_t
-unrelated(std::size_t value) noexcept
+opaque(std::size_t value) noexcept
 {
   asm("" : "+r"(value));
   return value;
 }
 
-// How much may be written behind a quick sequence: literals with a header byte, then a match of 3
-// bytes as 4.
+// The most bytes that a quick sequence writes: a header byte, the literals, and a match of 3 bytes
+// as 4.
 constexpr std::size_t quickLiterals = 16;
 constexpr std::size_t quickRoom = 1 + quickLiterals + 4;
 
-// The same as putLiterals() for up to quickLiterals that do not open the stream, without a branch
-// on their number. Writes and reads a whole quickLiterals.
+// Does the same as putLiterals() without a branch on the number of literals. The literals do not
+// open the stream. Reads and writes quickLiterals bytes.
 [[gnu::always_inline]] inline std::uint8_t *
 putQuickLiterals(std::uint8_t *written, const std::uint8_t *from, std::size_t length) noexcept
 {
@@ -243,8 +274,8 @@ putQuickLiterals(std::uint8_t *written, const std::uint8_t *from, std::size_t le
   return written + length;
 }
 
-// The same as putMatch() for what the near form and the middle form without length bytes can say,
-// without a branch on which it is. Writes 4 bytes.
+// Does the same as putMatch() for a match of up to middleShortMax bytes in the near or middle form,
+// without a branch on the form. Writes 4 bytes.
 [[gnu::always_inline]] inline std::uint8_t *
 putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) noexcept
 {
@@ -253,13 +284,13 @@ putQuickMatch(std::uint8_t *written, std::size_t length, std::size_t distance) n
   const std::uint32_t two =
       (size - nearLengthBias) << nearLengthShift | (code & 7) << 2 | (code & ~7U) << 5;
   const std::uint32_t three = (middleMark + size - 2) | code << (8 + 2);
-  // 1 where both differences are negative.
+  // 1 if both differences are negative.
   const std::uint32_t near = ((size - (nearMaxLength + 1)) & (code - nearMaxDistance)) >> 31;
   storeLittleEndian(written, three ^ ((two ^ three) & (0 - near)));
   return written + 3 - near;
 }
 
-// The same for what the far form without length bytes can say.
+// Does the same for a match of up to farShortMax bytes in the far form.
 [[gnu::always_inline]] inline std::uint8_t *
 putQuickFarMatch(std::uint8_t *written, std::size_t length, std::size_t distance) noexcept
 {
@@ -271,7 +302,7 @@ putQuickFarMatch(std::uint8_t *written, std::size_t length, std::size_t distance
   return written + 3;
 }
 
-// Holds a key in its low bytes; what stands above does not count.
+// An integer whose low bytes are the key. hash() ignores the other bytes.
 template <unsigned bytes>
 using Key = std::conditional_t<bytes <= sizeof(std::uint32_t), std::uint32_t, std::uint64_t>;
 
@@ -300,55 +331,63 @@ struct HashTable {
   {
     return std::size_t{1} << bits;
   }
+
+  void
+  clear() const
+  {
+    std::memset(entries, 0, sizeof(Entry) * size());
+  }
 };
 
-// Enters the places of a segment before `end` into a table that has them under other keys. Not all
-// of them: a match that begins between two is found at its next one.
+// Enters positions of a segment before `end` under keys of another length. Every fourth position is
+// enough: a match that begins between two of them is found at the second one.
 template <unsigned keyBytes>
 void
-learn(const std::uint8_t *segment, std::size_t end, HashTable table) noexcept
+rehash(const std::uint8_t *segment, std::size_t end, HashTable table) noexcept
 {
   constexpr std::size_t step = 4;
   const unsigned shift = hashShift<keyBytes>(table.bits);
-  for (std::size_t place = 1; place < end; place += step)
-    table.entries[hash<keyBytes>(loadLittleEndian<Key<keyBytes>>(segment + place), shift)] =
-        static_cast<Entry>(place);
+  for (std::size_t at = 1; at < end; at += step)
+    table.entries[hash<keyBytes>(loadLittleEndian<Key<keyBytes>>(segment + at), shift)] =
+        static_cast<Entry>(at);
 }
 
-// Lets the places in the table count from `places` later on; those before become zeros.
+// Subtracts `offset` from all positions in the table. Those before it become 0.
 void
-forget(HashTable table, std::size_t places) noexcept
+rebase(HashTable table, std::size_t offset) noexcept
 {
   typedef Entry Entries __attribute__((vector_size(16)));
   constexpr std::size_t entries = sizeof(Entries) / sizeof(Entry);
-  const auto less = static_cast<Entry>(std::min(places, segmentSize - 1));
+  const auto less = static_cast<Entry>(std::min(offset, segmentSize - 1));
   for (std::size_t i = 0; i < table.size(); i += entries) {
     Entries some;
     std::memcpy(&some, &table.entries[i], sizeof some);
-    // As compilers take it for a subtraction that stops at zero.
+    // Compilers recognise this as a saturating subtraction.
     some = (some > less ? some : less + (some ^ some)) - less;
     std::memcpy(&table.entries[i], &some, sizeof some);
   }
 }
 
-// What is still to be encoded and where it goes. Invariants: [pending, read) are literals not yet
-// written, `written` never passes the end of the room.
+// Invariants: the literals from `pending` to the current position are not yet written, and
+// `written` never passes the end of the room.
 struct Progress {
   const std::uint8_t *pending;
   std::uint8_t *written;
 };
 
-// Where matches are sought: the places of a segment from `first` up to `end`.
+// The part of a segment that is searched next: the positions from `first` to `end`.
 struct Stretch {
   const std::uint8_t *segment;
   std::size_t first;
   std::size_t end;
-  std::size_t restart; // literals before this place count for no step
+  std::size_t restart = 0; // literals before this position do not widen the steps
+  bool sparse = false;     // skip positions until a long match is found
+  bool longMatch = false;  // the search has found a match of minMatch + 8 bytes or more
 };
 
-// Puts the matches of a stretch. Places count from the beginning of the segment. `first` has at
-// least tinyInput bytes behind it.
-template <unsigned keyBytes, bool endsTooFar> class Matcher
+// Encodes the matches of a stretch, at least tinyInput bytes of which follow `first`. Positions
+// count from the beginning of the segment.
+template <unsigned keyBytes, bool mayBeTooFar> class Matcher
 {
   using Key = lzo1x::Key<keyBytes>;
 
@@ -357,15 +396,19 @@ public:
           const Progress &start) noexcept
       : readEnd(in.data() + in.size()), room(out), table(hashTable.entries),
         shift(hashShift<keyBytes>(hashTable.bits)), begin(stretch.segment), written(start.written),
-        quickEnd(out.end - std::min(out.behind(start.written), quickRoom)),
+        quickEnd(out.end - std::min(out.left(start.written), quickRoom)),
         last(std::min(static_cast<std::size_t>(readEnd - begin) - (minMatch + compared),
                       stretch.end - 1)),
-        restart(stretch.restart), pending(start.pending), read(stretch.first)
+        restart(static_cast<std::ptrdiff_t>(stretch.restart)), pending(start.pending),
+        read(stretch.first)
   {
+    if (stretch.sparse) {
+      denseEnd = 0;
+      idleMax = static_cast<std::ptrdiff_t>(read) - static_cast<std::ptrdiff_t>(sparseLiterals);
+    }
   }
 
-  // Goes on until there are no more; the literals behind the last match stay pending. Moves `first`
-  // to what has not been searched.
+  // Leaves the literals behind the last match pending. Moves `first` behind the searched positions.
   [[gnu::always_inline]] bool
   run(Progress &end, Stretch &stretch) noexcept
   {
@@ -385,6 +428,7 @@ public:
     end.pending = pending;
     end.written = written;
     stretch.first = read;
+    stretch.longMatch = longMatch;
     return true;
   }
 
@@ -396,37 +440,37 @@ private:
   }
 
   [[gnu::always_inline]] Key
-  keyAt(std::size_t place) const noexcept
+  keyAt(std::size_t at) const noexcept
   {
-    return loadLittleEndian<Key>(begin + place);
+    return loadLittleEndian<Key>(begin + at);
   }
 
   [[gnu::always_inline]] std::uint64_t
-  eightAt(std::size_t place) const noexcept
+  eightAt(std::size_t at) const noexcept
   {
-    return loadLittleEndian<std::uint64_t>(begin + place);
+    return loadLittleEndian<std::uint64_t>(begin + at);
   }
 
-  // The latest place of `some` key, or any one before `place`; it is `place` from now on.
+  // Enters position `at` under its key. Returns the position that was there before.
   [[gnu::always_inline]] std::size_t
-  exchange(Key some, std::size_t place) noexcept
+  exchange(Key some, std::size_t at) noexcept
   {
     const std::size_t entry = hash<keyBytes>(some, shift);
     const std::size_t latest = table[entry];
-    table[unrelated(entry)] = static_cast<Entry>(place);
+    table[opaque(entry)] = static_cast<Entry>(at);
     return latest;
   }
 
-  // Whether a match begins at `read`, where `key` is. Sets `from` and, if so, `length` and `key`,
-  // which is then the one behind the match: mostly it stands in the bytes that are at hand, and
-  // they are there before a load from a place that depends on the length.
+  // Tells whether a match begins at `read`, whose key is `key`. If so, sets `from`, `length`, and
+  // `key` for the position behind the match. That key is mostly in the bytes that were compared. A
+  // load would have to wait for the length.
   [[gnu::always_inline]] bool
   matches() noexcept
   {
     from = exchange(key, read);
     if (loadLittleEndian<std::uint32_t>(begin + from) != static_cast<std::uint32_t>(key))
       return false;
-    if (endsTooFar && read - from > farMaxDistance)
+    if (mayBeTooFar && read - from > farMaxDistance)
       return false;
     const auto here = eightAt(read + minMatch);
     const auto behind = eightAt(read + minMatch + 8);
@@ -436,17 +480,18 @@ private:
       length = minMatch + equalBits / 8;
       key = static_cast<Key>(here >> equalBits | behind << 1 << (equalBits ^ 63));
     } else {
-      measureOn(unrelated(from), unrelated(read), behind);
+      measureLong(opaque(from), opaque(read), behind);
       key = keyAt(std::min(read + length, last));
     }
     return true;
   }
 
-  // Sets `length` for a match of at least minMatch + 8 bytes; `behind` follows these at `to`.
+  // Sets `length` for a match of at least minMatch + 8 bytes. `behind` follows these at `to`.
   [[gnu::always_inline]] void
-  measureOn(std::size_t before, std::size_t to, std::uint64_t behind) noexcept
+  measureLong(std::size_t before, std::size_t to, std::uint64_t behind) noexcept
   {
     const auto differing = behind ^ eightAt(before + minMatch + 8);
+    longMatch = true;
     length = minMatch;
     if (differing != 0) [[likely]]
       length += 8 + equalBytes(differing);
@@ -454,38 +499,45 @@ private:
       length += commonMany(begin + before + minMatch, begin + to + minMatch, readEnd);
   }
 
-  // Tries all places as long as there have been few literals.
+  // Tries every position up to denseLiterals behind the last match, then fewer.
   [[gnu::always_inline]] bool
   find() noexcept
   {
-    // The literals can begin before the segment.
-    const auto denseEnd = std::min(static_cast<std::ptrdiff_t>(last + 1),
-                                   pending - begin + static_cast<std::ptrdiff_t>(few));
-    for (; static_cast<std::ptrdiff_t>(read) < denseEnd; read++) {
+    // Signed, as the pending literals can begin before the segment.
+    const auto end =
+        std::min(denseEnd, pending - begin + static_cast<std::ptrdiff_t>(denseLiterals));
+    for (; static_cast<std::ptrdiff_t>(read) < end; read++) {
       key = keyAt(read);
-      if (matches()) {
+      if (matches())
         return true;
-      }
     }
     return findSparsely();
   }
 
-  // The longer there was no match, the farther apart are the places tried.
+  // Takes larger and larger steps.
   [[gnu::always_inline]] bool
   findSparsely() noexcept
   {
-    const auto idle =
-        static_cast<std::size_t>(std::max(pending - begin, static_cast<std::ptrdiff_t>(restart)));
-    for (; read <= last; read += 1 + (read - idle) / few) {
+    const auto idle = std::max(std::min(pending - begin, idleMax), restart);
+    for (; read <= last; read += 1 + (read - static_cast<std::size_t>(idle)) / denseLiterals) {
       key = keyAt(read);
-      if (matches()) {
-        return true;
-      }
+      if (!matches())
+        continue;
+      if (longMatch)
+        searchDensely();
+      return true;
     }
     return false;
   }
 
-  // A match right behind the last one.
+  [[gnu::always_inline]] void
+  searchDensely() noexcept
+  {
+    denseEnd = static_cast<std::ptrdiff_t>(last + 1);
+    idleMax = PTRDIFF_MAX;
+  }
+
+  // Looks for a match right behind the last one.
   [[gnu::always_inline]] bool
   findHere() noexcept
   {
@@ -493,25 +545,26 @@ private:
       return false;
     if (matches())
       return true;
-    exchange(keyAt(read - 1), read - 1);
+    if constexpr (keyBytes == shortKey)
+      exchange(keyAt(read - 1), read - 1);
     exchange(keyAt(read - 2), read - 2);
     read++;
     return false;
   }
 
-  // At most by 7 bytes, without a branch on how many, where so many lie before.
+  // Extends the match by up to 7 bytes, without a branch on their number if 8 bytes lie before it.
   [[gnu::always_inline]] void
   extendBackwards() noexcept
   {
-    const std::size_t most = literals();
+    const std::size_t max = literals();
     std::size_t equal = 0;
     if (from >= 8) [[likely]] {
-      // The last byte in front, as that is the end that instructions count zeros from best. The bit
-      // ends the count where all are equal.
+      // Swapped, as processors count zeros best from the low end. The high bit ends the count if
+      // all bytes are equal.
       const auto differing = __builtin_bswap64(eightAt(read - 8) ^ eightAt(from - 8));
-      equal = std::min(equalBytes(differing | std::uint64_t{1} << 63), most);
+      equal = std::min(equalBytes(differing | std::uint64_t{1} << 63), max);
     } else {
-      while (equal < most && equal < from && begin[read - 1 - equal] == begin[from - 1 - equal])
+      while (equal < max && equal < from && begin[read - 1 - equal] == begin[from - 1 - equal])
         equal++;
     }
     read -= equal;
@@ -519,7 +572,7 @@ private:
     length += equal;
   }
 
-  // `read` is at most `last`, so quickLiterals can be read from `pending`.
+  // `read` is at most `last`, so quickLiterals bytes can be read from `pending`.
   [[gnu::always_inline]] std::uint8_t *
   putPending() noexcept
   {
@@ -547,34 +600,33 @@ private:
   const unsigned shift;
   const std::uint8_t *const begin;
   std::uint8_t *written;
-  // As long as `written` is before it, a quick sequence can be written.
+  // While `written` is before it, a quick sequence fits.
   std::uint8_t *const quickEnd;
-  const std::size_t last;    // the last place where a match may be sought
-  const std::size_t restart; // literals before this place count for no step
+  const std::size_t last;       // the last position to search
+  const std::ptrdiff_t restart; // literals before this position do not widen the steps
+  std::ptrdiff_t denseEnd = static_cast<std::ptrdiff_t>(last + 1); // of the dense search
+  std::ptrdiff_t idleMax = PTRDIFF_MAX; // literals behind this position widen the steps at least
+  bool longMatch = false;
   const std::uint8_t *pending;
   std::size_t read;
   std::size_t from = 0;
   std::size_t length = 0;
-  Key key = 0; // at `read`, where a match ended
+  Key key = 0; // at `read`, if a match ended there
 };
 
-// An input that is not searched: one opening run.
+// Writes the last literals and the end marker.
 Result
-encodeTiny(Input in, Output out) noexcept
+finish(Room room, std::uint8_t *to, Input pending) noexcept
 {
-  static_assert(tinyInput <= openingRunMax);
-  const std::size_t header = in.empty() ? 0 : 1;
-  const std::size_t size = header + in.size() + sizeof endMarker;
-  if (out.size() < size)
+  to = putLiterals(to, room, pending.data(), pending.size());
+  if (to != nullptr)
+    to = putEndMarker(to, room);
+  if (to == nullptr)
     return {Status::noRoom, 0};
-  if (!in.empty())
-    out[0] = static_cast<std::uint8_t>(openingRunMark + in.size());
-  copyRun(out.data() + header, in.data(), in.size());
-  std::memcpy(out.data() + size - sizeof endMarker, endMarker, sizeof endMarker);
-  return {Status::ok, size};
+  return {Status::ok, static_cast<std::size_t>(to - room.begin)};
 }
 
-// Puts the matches of a stretch, by a Matcher that knows beforehand what it can.
+// Searches a stretch with a Matcher that omits needless checks.
 template <unsigned keyBytes>
 bool
 putMatches(Input in, Room room, HashTable table, Stretch &stretch, Progress &at) noexcept
@@ -585,31 +637,45 @@ putMatches(Input in, Room room, HashTable table, Stretch &stretch, Progress &at)
   return Matcher<keyBytes, false>(in, room, table, stretch, start).run(at, stretch);
 }
 
-// Whether less than so many sixteenths are left of what has been encoded between the two.
-bool
-shrinksTo(const Progress &from, const Progress &to, std::size_t sixteenths) noexcept
-{
-  return static_cast<std::size_t>(to.written - from.written) <
-         static_cast<std::size_t>(to.pending - from.pending) / 16 * sixteenths;
-}
+// What the search of a stretch read and wrote, without the literals that are still pending.
+struct Yield {
+  std::size_t read;
+  std::size_t written;
 
-// The end of the next stretch; the segment moves on behind its last one.
+  // Whether the output has less than n/d of the bytes read.
+  bool
+  shrinksTo(std::size_t n, std::size_t d) const
+  {
+    return written < read / d * n;
+  }
+};
+
+// Sets the next stretch. The segment moves on behind its last stretch.
 void
-advance(Stretch &stretch, HashTable table) noexcept
+advance(Stretch &stretch, HashTable table, const Yield &yield) noexcept
 {
+  const bool poor =
+      yield.read > 0 && !stretch.longMatch && stretch.end >= firstTooFar && !yield.shrinksTo(7, 8);
+  // Such data can still become worth a dense search, so every other stretch has one.
+  const bool dense = stretch.sparse || (poor && !yield.shrinksTo(127, 128));
   if (stretch.end < firstTooFar) {
     stretch.end = std::min(stretch.end * stretchGrowth, firstTooFar);
   } else if (stretch.end < segmentSize) {
     stretch.end = segmentSize;
     stretch.restart = stretch.first - restartLiterals;
   } else {
-    const std::size_t forgotten = stretch.first - segmentOverlap;
-    forget(table, forgotten);
-    stretch.segment += forgotten;
-    stretch.first = segmentOverlap;
-    stretch.end = firstTooFar;
-    stretch.restart = 0;
+    // Without a match lately, the table is hardly worth the time to rebase it.
+    const std::size_t overlap = yield.read > 0 ? segmentOverlap : 1;
+    const std::size_t offset = stretch.first - overlap;
+    if (yield.read > 0)
+      rebase(table, offset);
+    else
+      table.clear();
+    stretch = {.segment = stretch.segment + offset, .first = overlap, .end = firstTooFar};
   }
+  if (dense)
+    stretch.restart = stretch.first;
+  stretch.sparse = poor && !dense;
 }
 
 } // namespace
@@ -623,14 +689,14 @@ encoderStateSize(std::size_t maxInput) noexcept
 Result
 encode(Input in, Output out, std::span<std::byte> state) noexcept
 {
-  if (in.size() <= tinyInput)
-    return encodeTiny(in, out);
   const Room room{out.data(), out.data() + out.size()};
+  if (in.size() <= tinyInput)
+    return finish(room, room.begin, in);
   const HashTable table{reinterpret_cast<Entry *>(state.data()), tableBits(in.size())};
-  std::memset(table.entries, 0, sizeof(Entry) * table.size());
+  table.clear();
   const std::uint8_t *const readEnd = in.data() + in.size();
   Progress at{in.data(), out.data()};
-  Stretch stretch{in.data(), 1, firstStretch, 0};
+  Stretch stretch{.segment = in.data(), .first = 1, .end = firstStretch};
   bool longKeys = false;
   for (;;) {
     const Progress start = at;
@@ -640,21 +706,16 @@ encode(Input in, Output out, std::span<std::byte> state) noexcept
       return {Status::noRoom, 0};
     if (static_cast<std::size_t>(readEnd - stretch.segment) <= stretch.first + tinyInput)
       break;
-    if (at.pending > start.pending &&
-        shrinksTo(start, at, longKeySixteenths(stretch.end)) != longKeys) {
+    const Yield yield{static_cast<std::size_t>(at.pending - start.pending),
+                      static_cast<std::size_t>(at.written - start.written)};
+    if (yield.read > 0 && yield.shrinksTo(longKeySixteenths(stretch.end), 16) != longKeys) {
       longKeys = !longKeys;
-      (longKeys ? learn<longKey> : learn<shortKey>)(stretch.segment,
-                                                    std::min(stretch.first, stretch.end), table);
+      (longKeys ? rehash<longKey> : rehash<shortKey>)(stretch.segment,
+                                                      std::min(stretch.first, stretch.end), table);
     }
-    advance(stretch, table);
+    advance(stretch, table, yield);
   }
-  std::uint8_t *end =
-      putLiterals(at.written, room, at.pending, static_cast<std::size_t>(readEnd - at.pending));
-  if (end != nullptr)
-    end = putEndMarker(end, room);
-  if (end == nullptr)
-    return {Status::noRoom, 0};
-  return {Status::ok, static_cast<std::size_t>(end - out.data())};
+  return finish(room, at.written, {at.pending, readEnd});
 }
 
 } // namespace lzo1x
