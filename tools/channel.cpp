@@ -7,9 +7,10 @@
 static constexpr const char *magic = "zelgvc";
 static constexpr guint32 protocol_version = 1;
 static constexpr guint32 hello_limit = 4096;
-static constexpr guint32 control_limit = 64 * 1024;
 static constexpr const char *hello_type = "(susa{sv})";
 static constexpr guint64 prefix_size = 4;
+// A stage passes on nothing of a unit until all of it has arrived.
+static constexpr guint32 largest_unit = 1024 * 1024;
 
 // Values travel little-endian.
 static GVariant *
@@ -141,6 +142,7 @@ Channel::Channel(GSocketConnection *connection, const Stages &stages, guint time
   counts.set_limit(hello_limit);
   auto *io = G_IO_STREAM(channel);
   meter = meter_new(g_io_stream_get_input_stream(io));
+  meter_set_deadline(meter, &deadline);
   in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
   out = gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io));
 }
@@ -254,7 +256,7 @@ Channel::get(guint32 limit)
 
   // The hello has its time from the beginning of the channel on.
   if (greeted && timeout > 0)
-    deadline.set(timeout + limit / (32 * 1024));
+    deadline.set(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
   meter_set_limit(meter, limit);
   Bytes bytes(gvc_bytes_input_stream_read_bytes(in, interrupt_soon(), &error));
   if (greeted)

@@ -15,6 +15,7 @@
 
 // No message of the protocols of this program is longer.
 inline constexpr guint32 message_limit = 64 * 1024 * 1024;
+inline constexpr guint32 control_limit = 64 * 1024;
 
 struct BytesUnref {
   void

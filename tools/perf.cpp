@@ -80,7 +80,7 @@ measure(Channel &channel, const Options &options, const std::string &kind, const
   if (std::strcmp(direction, "send") == 0)
     run.here = send_messages(channel, data, options.seconds, label);
   else
-    run.here = receive_messages(channel, label);
+    run.here = receive_messages(channel, size, label);
   run.there = read_report(channel);
   if (run.here.messages != run.there.messages || run.here.bytes != run.there.bytes)
     fail(Exit::protocol,

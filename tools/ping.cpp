@@ -30,7 +30,7 @@ round_trip(Channel &channel, std::vector<char> &message, guint64 number)
     std::memcpy(message.data(), &number, std::min(message.size(), sizeof number));
   auto begun = g_get_monotonic_time();
   channel.put(message.data(), message.size());
-  auto answer = channel.need(message_limit);
+  auto answer = channel.need(std::max(static_cast<guint32>(message.size()), control_limit));
   auto ended = g_get_monotonic_time();
 
   gsize size;
