@@ -13,7 +13,5 @@ run_connect(const Command &command, int argc, char **argv)
   options.check();
   options.tell_end = true;
 
-  auto address = Address::parse(arguments[0]);
-  Talk talk(options);
-  return talk.with(connect_to(address, 30));
+  return talk(options, connect_to(Address::parse(arguments[0]), 30));
 }

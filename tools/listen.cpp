@@ -4,14 +4,13 @@
 #include "interrupt.h"
 #include "talk.h"
 
-// One peer after another; what goes wrong with one is no reason not to serve the next, except where
-// it is this side that cannot go on.
+// Goes on after a peer that fails, but not if this side has failed.
 static Exit
-talk_to_all(Listener &listener, Talk &talk)
+talk_to_all(const TalkOptions &options, Listener &listener)
 {
   for (;;) {
     try {
-      talk.with(listener.accept());
+      talk(options, listener.accept());
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;
@@ -39,8 +38,7 @@ run_listen(const Command &command, int argc, char **argv)
   options.check();
 
   Listener listener(Address::parse(arguments[0]));
-  Talk talk(options);
   if (options.keep)
-    return talk_to_all(listener, talk);
-  return talk.with(listener.accept_only());
+    return talk_to_all(options, listener);
+  return talk(options, listener.accept_only());
 }

@@ -74,7 +74,7 @@ measure(Channel &channel, const Options &options, const std::string &kind, const
   Control wanted;
   wanted.set("direction", std::string(direction)).set("size", size);
   wanted.set("seconds", options.seconds).set("data", kind);
-  channel.put(std::move(wanted));
+  channel.put(wanted);
 
   auto label = std::string(direction) + " " + std::to_string(size);
   if (std::strcmp(direction, "send") == 0)

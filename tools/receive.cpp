@@ -219,11 +219,11 @@ agree_on_offset(Channel &channel, Part &part, const Announced &file, bool resume
     have = 0;
     sha.reset();
   }
-  channel.put(std::move(Control().set("have", have).set_bytes("sha256", sha.digest())));
+  channel.put(Control().set("have", have).set("sha256", sha.digest()));
 
   auto answer = next_answer(channel);
   if (answer.has("failed"))
-    throw Refusal{printable(answer.text("failed"))};
+    throw Refusal{printable(answer.bytes("failed"))};
   auto offset = answer.number("offset", G_MAXUINT64);
   if (offset != 0 && offset != have)
     fail(Exit::protocol, "%s starts in the middle of the file", channel.peer().c_str());
@@ -245,7 +245,7 @@ receive_data(Channel &channel, Part &part, const Announced &file, guint64 offset
     gsize size;
     auto *data = g_bytes_get_data(bytes.get(), &size);
     if (size == 0) {
-      auto why = next_answer(channel).text("failed");
+      auto why = next_answer(channel).bytes("failed");
       throw Refusal{"the sender gave up: " + printable(why)};
     }
     if (size > file.size - offset)
@@ -295,7 +295,7 @@ receive_into(Channel &channel, Part &part, const Announced &file, const Options 
   receive_data(channel, part, file, result.resumed_at, sha);
   check_sum(channel, part, sha);
   part.commit(file, options.force);
-  channel.put(std::move(Control().set("stored", guint64{1})));
+  channel.put(Control().set("stored", guint64{1}));
 
   result.name = printable(file.name);
   result.size = file.size;
@@ -326,7 +326,7 @@ receive_file(Channel &channel, const Announced &file, const Options &options, bo
     complain("%s %s: %s", answered ? "did not get" : "refused", printable(file.name).c_str(),
              refusal.why.c_str());
     if (!answered)
-      channel.put(std::move(Control().set("refused", refusal.why)));
+      channel.put(Control().set("refused", refusal.why));
     return Exit::partly;
   }
 }
@@ -338,7 +338,7 @@ receive_files(Channel &channel, const Options &options, bool resume)
   for (;;) {
     auto control = next_answer(channel);
     if (control.has("end")) {
-      channel.put(std::move(Control().set("end", guint64{1})));
+      channel.put(Control().set("end", guint64{1}));
       channel.close();
       return worst;
     }
@@ -356,7 +356,7 @@ tell(Channel &channel, const Failure &failure)
 {
   auto why = failure.code == Exit::interrupted ? "the receiver was interrupted" : failure.message;
   try {
-    channel.put(std::move(Control().set("failed", why)));
+    channel.put(Control().set("failed", why));
     channel.drain();
   } catch (const Failure &) {
     // It has gone, too.

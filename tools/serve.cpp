@@ -55,7 +55,7 @@ report(const Measured &measured)
 static void
 serve_perf_run(Channel &channel, const Control &wanted)
 {
-  auto direction = wanted.text("direction");
+  auto direction = wanted.bytes("direction");
   auto size = wanted.number("size");
   auto seconds = wanted.real("seconds");
   bool possible = size > 0 && size <= message_limit && seconds <= 3600;
@@ -66,7 +66,7 @@ serve_perf_run(Channel &channel, const Control &wanted)
   if (direction != "receive" || !possible)
     fail(Exit::protocol, "%s wants a measurement that there is not", channel.peer().c_str());
   std::vector<char> data(size);
-  if (!make_data(wanted.text("data"), data))
+  if (!make_data(wanted.bytes("data"), data))
     fail(Exit::protocol, "%s wants data of a kind that there is not", channel.peer().c_str());
   channel.put(report(send_messages(channel, data, seconds, "")));
 }
