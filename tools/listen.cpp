@@ -6,11 +6,11 @@
 
 // Goes on after a peer that fails, but not if this side has failed.
 static Exit
-talk_to_all(const TalkOptions &options, Listener &listener)
+talk_to_all(const TalkOptions &options, const Stages &stages, Listener &listener)
 {
   for (;;) {
     try {
-      talk(options, listener.accept());
+      talk(options, stages, listener.accept());
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;
@@ -22,7 +22,7 @@ talk_to_all(const TalkOptions &options, Listener &listener)
 }
 
 Exit
-run_listen(const Command &command, int argc, char **argv)
+run_listen(CommandLine &line)
 {
   TalkOptions options;
   const GOptionEntry entries[] = {
@@ -31,14 +31,13 @@ run_listen(const Command &command, int argc, char **argv)
        "Answer each message with the output of this shell command", "COMMAND"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  CommandLine line(command);
   line.add(entries);
   options.add_to(line);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  auto arguments = line.parse(1, 1);
   options.check();
 
   Listener listener(Address::parse(arguments[0]));
   if (options.keep)
-    return talk_to_all(options, listener);
-  return talk(options, listener.accept_only());
+    return talk_to_all(options, line.stages, listener);
+  return talk(options, line.stages, listener.accept_only());
 }

@@ -25,7 +25,6 @@ namespace
 {
 struct Options {
   gboolean force = FALSE, resume = FALSE, keep = FALSE, json = FALSE;
-  int timeout = 30;
   int dir = -1;
   std::string dir_text;
 };
@@ -364,9 +363,9 @@ tell(Channel &channel, const Failure &failure)
 }
 
 static Exit
-serve_sender(GSocketConnection *connection, const Stages &stages, const Options &options)
+serve_sender(GSocketConnection *connection, const CommandLine &line, const Options &options)
 {
-  Channel channel(connection, stages, static_cast<guint>(options.timeout));
+  Channel channel(connection, line.stages, line.timeout);
   std::string service;
   auto wishes = channel.answer_greeting({files_service}, &service);
   channel.send_hello(files_service, Control());
@@ -390,11 +389,11 @@ open_directory(Options &options, const std::string &path)
 
 // One sender after another; what goes wrong with one is no reason not to serve the next.
 static Exit
-serve_senders(Listener &listener, const Stages &stages, const Options &options)
+serve_senders(Listener &listener, const CommandLine &line, const Options &options)
 {
   for (;;) {
     try {
-      serve_sender(listener.accept(), stages, options);
+      serve_sender(listener.accept(), line, options);
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;
@@ -404,7 +403,7 @@ serve_senders(Listener &listener, const Stages &stages, const Options &options)
 }
 
 Exit
-run_receive(const Command &command, int argc, char **argv)
+run_receive(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
@@ -416,17 +415,15 @@ run_receive(const Command &command, int argc, char **argv)
        nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&options.timeout);
-  auto arguments = line.parse(argc, argv, 2, 2);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(2, 2);
 
   auto address = Address::parse(arguments[0]);
   open_directory(options, arguments[1]);
   Listener listener(address);
   if (options.keep)
-    return serve_senders(listener, stages, options);
-  return serve_sender(listener.accept_only(), stages, options);
+    return serve_senders(listener, line, options);
+  return serve_sender(listener.accept_only(), line, options);
 }

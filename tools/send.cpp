@@ -217,26 +217,22 @@ send_file(Channel &channel, const std::string &path, bool json)
 }
 
 Exit
-run_send(const Command &command, int argc, char **argv)
+run_send(CommandLine &line)
 {
   gboolean resume = FALSE, json = FALSE;
-  int timeout = 30;
   const GOptionEntry entries[] = {
       {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
        "Go on where an interrupted transfer to this receiver ended", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&timeout);
-  auto arguments = line.parse(argc, argv, 2, G_MAXSIZE);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(2, G_MAXSIZE);
   auto address = Address::parse(arguments.front());
 
-  auto seconds = static_cast<guint>(timeout);
-  Channel channel(connect_to(address, seconds), stages, seconds);
+  Channel channel(connect_to(address, line.timeout), line.stages, line.timeout);
   channel.greet(files_service, Control().set("resume", guint64{resume ? 1u : 0u}));
 
   auto worst = Exit::ok;

@@ -84,9 +84,9 @@ serve_perf(Channel &channel)
 }
 
 static void
-serve_peer(GSocketConnection *connection, const Stages &stages, guint timeout)
+serve_peer(GSocketConnection *connection, const CommandLine &line)
 {
-  Channel channel(connection, stages, timeout);
+  Channel channel(connection, line.stages, line.timeout);
   std::string service;
   channel.answer_greeting({ping_service, perf_service}, &service);
   channel.send_hello(service.c_str(), Control());
@@ -100,7 +100,7 @@ serve_peer(GSocketConnection *connection, const Stages &stages, guint timeout)
 // A process for each peer: what it measures of itself is what this peer cost, and none can hold up
 // or bring down another.
 [[noreturn]] static void
-be_child(Listener &listener, GSocketConnection *connection, const Stages &stages, guint timeout)
+be_child(Listener &listener, GSocketConnection *connection, const CommandLine &line)
 {
   interrupt_restore();
   prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -108,7 +108,7 @@ be_child(Listener &listener, GSocketConnection *connection, const Stages &stages
 
   auto code = Exit::ok;
   try {
-    serve_peer(connection, stages, timeout);
+    serve_peer(connection, line);
   } catch (const Failure &failure) {
     complain(failure);
     code = failure.code;
@@ -117,14 +117,11 @@ be_child(Listener &listener, GSocketConnection *connection, const Stages &stages
 }
 
 Exit
-run_serve(const Command &command, int argc, char **argv)
+run_serve(CommandLine &line)
 {
-  int timeout = 30;
-  Stages stages;
-  CommandLine line(command);
-  line.add(&stages);
-  line.add_timeout(&timeout);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(1, 1);
 
   std::signal(SIGCHLD, on_child_ended);
   Listener listener(Address::parse(arguments[0]));
@@ -140,7 +137,7 @@ run_serve(const Command &command, int argc, char **argv)
     callers++;
     auto pid = fork();
     if (pid == 0)
-      be_child(listener, connection, stages, static_cast<guint>(timeout));
+      be_child(listener, connection, line);
     if (pid < 0) {
       callers--;
       complain("cannot start a process for %s: %s", name_of_peer(connection).c_str(),

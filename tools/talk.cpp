@@ -49,7 +49,8 @@ struct Input {
 class Session
 {
 public:
-  Session(const TalkOptions &options, Input &input, GSocketConnection *connection);
+  Session(const TalkOptions &options, Input &input, const Stages &stages,
+          GSocketConnection *connection);
   ~Session();
 
   // Throws if the channel fails.
@@ -184,8 +185,9 @@ cancel_too(GCancellable *, gpointer other)
   g_cancellable_cancel(static_cast<GCancellable *>(other));
 }
 
-Session::Session(const TalkOptions &options, Input &input, GSocketConnection *connection)
-    : options(options), input(input), link(connection, options.stages),
+Session::Session(const TalkOptions &options, Input &input, const Stages &stages,
+                 GSocketConnection *connection)
+    : options(options), input(input), link(connection, stages),
       strings(options.format.kind == MessageFormat::strings),
       strings_in(gvc_data_input_stream_new(G_INPUT_STREAM(link.meter.get()))),
       follows_interrupt(
@@ -650,11 +652,11 @@ Session::run()
 }
 
 Exit
-talk(const TalkOptions &options, GSocketConnection *connection)
+talk(const TalkOptions &options, const Stages &stages, GSocketConnection *connection)
 {
   // A source of the main loop refers to it, beyond the session.
   static auto *input = new Input(options.line_limit());
-  return Session(options, *input, connection).run();
+  return Session(options, *input, stages, connection).run();
 }
 
 void
@@ -674,7 +676,7 @@ TalkOptions::add_to(CommandLine &line)
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
   line.add(entries);
-  line.add(&stages);
+  line.add_stages();
 }
 
 // Digits and the text of a variant take more than what they stand for.

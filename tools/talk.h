@@ -8,7 +8,6 @@
 #include "stages.h"
 
 struct TalkOptions {
-  Stages stages;
   MessageFormat format;
   gboolean json = FALSE;
   gboolean keep = FALSE;
@@ -31,4 +30,4 @@ private:
 
 // Talks to one peer until both sides have ended, and takes over the reference to the connection.
 // Returns Exit::partly if some message could not be understood. Throws if the channel fails.
-Exit talk(const TalkOptions &options, GSocketConnection *connection);
+Exit talk(const TalkOptions &options, const Stages &stages, GSocketConnection *connection);
