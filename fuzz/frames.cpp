@@ -4,12 +4,13 @@
 // result is the one that the frame format asks for.
 #include "support.h"
 
+#include <zelgvc/gvcwire.h>
 #include <zelgvc/zelgvc.h>
 
 #include <algorithm>
-#include <cstring>
 
 using namespace fuzz;
+namespace frame = gvc::wire::frame;
 
 namespace
 {
@@ -40,11 +41,10 @@ expect(const Source &source, std::size_t *at, bool blocking)
       error(G_IO_ERROR, end == source.cancel_at ? int{G_IO_ERROR_CANCELLED} : source_error);
   const auto disconnected = error(GVC_ERROR, GVC_ERROR_DISCONNECTED);
 
-  if (end - *at < 4)
+  if (end - *at < frame::prefix_size)
     return breaks ? broken : disconnected;
-  std::int32_t size;
-  std::memcpy(&size, source.data.data() + *at, sizeof size);
-  *at += 4;
+  const auto size = frame::load_length(source.data.data() + *at);
+  *at += frame::prefix_size;
   if (size < 0)
     return error(G_IO_ERROR, G_IO_ERROR_INVALID_DATA);
   if (size == 0 && blocking)

@@ -5,6 +5,7 @@
 // is written by GIO's own asynchronous calls.
 #include "support.h"
 
+#include <zelgvc/gvcwire.h>
 #include <zelgvc/zelgvc.h>
 
 #include <array>
@@ -110,8 +111,9 @@ class Frame
 {
 public:
   explicit Frame(View message)
-      : prefix_(GUINT32_TO_LE(static_cast<std::uint32_t>(message.size()))),
-        vectors_{{&prefix_, sizeof prefix_}, {message.data(), message.size()}},
+      : prefix_(gvc::wire::frame::prefix(message.size())), vectors_{{&prefix_, sizeof prefix_},
+                                                                    {message.data(),
+                                                                     message.size()}},
         all_(sizeof prefix_ + message.size())
   {
   }

@@ -2,32 +2,18 @@
 #include "layers.h"
 #include "errors.h"
 
+#include <zelgvc/gvcwire.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <sys/mman.h>
 
-static constexpr gsize aes_block = 16;
-static constexpr gsize record_header = 8;
-static constexpr gsize iv_record = record_header + aes_block;
-static constexpr gsize block_header = 8;
-static constexpr gsize frame_header = 4;
-
-static guint32
-load_u32(const char *from)
-{
-  guint32 value;
-  std::memcpy(&value, from, sizeof value);
-  return GUINT32_FROM_LE(value);
-}
-
-static guint64
-load_u64(const char *from)
-{
-  guint64 value;
-  std::memcpy(&value, from, sizeof value);
-  return GUINT64_FROM_LE(value);
-}
+static constexpr gsize aes_block = gvc::wire::record::aes_block;
+static constexpr gsize record_header = gvc::wire::record::header_size;
+static constexpr gsize iv_record = gvc::wire::record::iv_record_size;
+static constexpr gsize block_header = gvc::wire::block::header_size;
+static constexpr gsize frame_header = gvc::wire::frame::prefix_size;
 
 static std::string
 bytes_text(guint64 count)
@@ -163,7 +149,7 @@ RecordLayer::unit_size(const char *bytes, gsize size) const
 {
   if (size < record_header)
     return 0;
-  auto length = load_u64(bytes);
+  auto length = gvc::wire::record::load_length(bytes);
   if (length == 0)
     return iv_record;
   return length % aes_block == 0 && length <= G_MAXINT32 ? record_header + length : 0;
@@ -177,10 +163,11 @@ RecordLayer::report_cut()
   if (size == 0)
     damaged("a record header of 8 bytes", bytes_text(present.size()));
   else
-    damaged(
-        (size == iv_record && load_u64(present.data()) == 0 ? "an IV record of " : "a record of ") +
-            bytes_text(size),
-        bytes_text(present.size()));
+    damaged((size == iv_record && gvc::wire::record::load_length(present.data()) == 0
+                 ? "an IV record of "
+                 : "a record of ") +
+                bytes_text(size),
+            bytes_text(present.size()));
 }
 
 // An IV record is the only way to set the chain of a decryptor.
@@ -204,7 +191,7 @@ RecordLayer::take()
   auto present = buffer();
   if (present.size() < record_header)
     return false;
-  auto length = load_u64(present.data());
+  auto length = gvc::wire::record::load_length(present.data());
   auto size = unit_size(present.data(), present.size());
   if (size == 0) {
     damaged("a record length that is a multiple of 16 and below 2 GiB", std::to_string(length));
@@ -298,9 +285,10 @@ plausible_block(guint32 payload, guint32 content)
 guint64
 BlockLayer::unit_size(const char *bytes, gsize size) const
 {
-  if (size < block_header || !plausible_block(load_u32(bytes), load_u32(bytes + 4)))
+  if (size < block_header || !plausible_block(gvc::wire::block::load_payload_size(bytes),
+                                              gvc::wire::block::load_decoded_size(bytes)))
     return 0;
-  return block_header + guint64{load_u32(bytes)};
+  return block_header + guint64{gvc::wire::block::load_payload_size(bytes)};
 }
 
 void
@@ -318,11 +306,12 @@ BlockLayer::take()
   auto present = buffer();
   if (present.size() < block_header)
     return false;
-  auto announced = load_u32(present.data() + 4);
+  auto announced = gvc::wire::block::load_decoded_size(present.data());
   auto size = unit_size(present.data(), present.size());
   if (size == 0) {
     damaged("the sizes of a block and of what it holds",
-            std::to_string(load_u32(present.data())) + " and " + std::to_string(announced));
+            std::to_string(gvc::wire::block::load_payload_size(present.data())) + " and " +
+                std::to_string(announced));
     lose_track();
     return false;
   }
@@ -482,9 +471,9 @@ FrameLayer::FrameLayer(Reporter &reporter, gsize keep) : MessageLayer("frame", r
 guint64
 FrameLayer::unit_size(const char *bytes, gsize size) const
 {
-  if (size < frame_header || load_u32(bytes) > G_MAXINT32)
+  if (size < frame_header || gvc::wire::frame::load_length(bytes) < 0)
     return 0;
-  return frame_header + guint64{load_u32(bytes)};
+  return frame_header + static_cast<guint64>(gvc::wire::frame::load_length(bytes));
 }
 
 void
@@ -502,7 +491,7 @@ FrameLayer::take_prefix()
   auto present = buffer();
   if (present.size() < frame_header)
     return false;
-  length = load_u32(present.data());
+  length = static_cast<guint32>(gvc::wire::frame::load_length(present.data()));
   if (unit_size(present.data(), present.size()) == 0) {
     damaged("a message length that is not negative", std::to_string(static_cast<gint32>(length)));
     lose_track();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesinputstream.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 #include "gvcerror.h"
 #include "gvcwire.h"
 
@@ -33,6 +33,12 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILT
                                               gvc::init_pollable_filter_input))
 
 static void
+set_disconnected(GError **error)
+{
+  g_set_error_literal(error, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+}
+
+static void
 set_no_memory(GError **error)
 {
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
@@ -59,7 +65,7 @@ prefer_huge_pages(void *block, gsize size)
 static void *
 allocate_payload(const void *prefix, gsize *size, GError **error)
 {
-  auto length = static_cast<gint32>(gvc::load_u32(prefix));
+  auto length = gvc::wire::frame::load_length(prefix);
   if (length < 0) {
     g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "Invalid frame length");
     return nullptr;
@@ -98,8 +104,7 @@ public:
   {
     type_ = type ? g_variant_type_copy(type) : nullptr;
     expect(&prefix_, sizeof prefix_);
-    if (gvc::check_input_stream(g_task_get_source_object(task_)))
-      start(io_priority);
+    start(io_priority);
   }
   ~FrameRead()
   {
@@ -108,28 +113,23 @@ public:
   }
 
 private:
-  Next
+  gvc::Next
   part_done() override
   {
     if (received() < (in_payload_ ? size_ : sizeof prefix_))
-      return fail(g_error_new_literal(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected"));
-    if (in_payload_)
-      return Next::done;
+      set_disconnected(&error_);
+    else if (!in_payload_)
+      payload_ = allocate_payload(&prefix_, &size_, &error_);
+    if (in_payload_ || error_)
+      return gvc::Next::done;
 
-    payload_ = allocate_payload(&prefix_, &size_, &error_);
-    if (error_)
-      return Next::done;
     in_payload_ = TRUE;
     expect(payload_, size_);
     return next_part();
   }
   void
-  deliver() override
+  succeed() override
   {
-    if (error_) {
-      g_task_return_error(task_, g_steal_pointer(&error_));
-      return;
-    }
     g_autoptr(GBytes) bytes = g_bytes_new_take(g_steal_pointer(&payload_), size_);
     if (type_)
       g_task_return_pointer(task_, g_variant_new_from_bytes(type_, bytes, FALSE),
@@ -179,7 +179,7 @@ read_frame(GInputStream *in, GCancellable *cancellable, GError **error)
   if (!g_input_stream_read_all(in, &prefix, sizeof prefix, &nread, cancellable, error))
     return nullptr;
   if (nread < sizeof prefix || prefix == 0) {
-    g_set_error_literal(error, GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+    set_disconnected(error);
     return nullptr;
   }
 
@@ -217,9 +217,9 @@ gvc_bytes_input_stream_init(GvcBytesInputStream *)
 GvcBytesInputStream *
 gvc_bytes_input_stream_new(GInputStream *base_stream)
 {
-  GVC_CHECK_VAL(G_IS_INPUT_STREAM(base_stream), nullptr);
+  g_return_val_if_fail(G_IS_INPUT_STREAM(base_stream), nullptr);
 
-  return static_cast<GvcBytesInputStream *>(
+  return GVC_BYTES_INPUT_STREAM(
       g_object_new(GVC_TYPE_BYTES_INPUT_STREAM, "base-stream", base_stream, nullptr));
 }
 
@@ -244,9 +244,9 @@ GBytes *
 gvc_bytes_input_stream_read_bytes(GvcBytesInputStream *stream, GCancellable *cancellable,
                                   GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
-  auto *in = reinterpret_cast<GInputStream *>(stream);
+  auto *in = G_INPUT_STREAM(stream);
   if (!passes_on(in))
     return read_frame(in, cancellable, error);
 
@@ -275,7 +275,7 @@ GVariant *
 gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *format,
                                     GCancellable *cancellable, GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
   // Before the read, so that a wrong format costs no message.
   auto *type = check_format(format, __func__);
@@ -305,9 +305,8 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
                                         GCancellable *cancellable, GAsyncReadyCallback callback,
                                         gpointer user_data)
 {
-  gvc::Operation::create<FrameRead>(
-      stream, cancellable, callback, user_data,
-      reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_bytes_async))
+  FrameRead::create<FrameRead>(stream, cancellable, callback, user_data,
+                               reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_bytes_async))
       ->begin(nullptr, io_priority);
 }
 
@@ -331,10 +330,10 @@ GBytes *
 gvc_bytes_input_stream_read_bytes_finish(GvcBytesInputStream *stream, GAsyncResult *result,
                                          GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), nullptr);
+  g_return_val_if_fail(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(g_task_is_valid(result, stream), nullptr);
 
-  return static_cast<GBytes *>(g_task_propagate_pointer(reinterpret_cast<GTask *>(result), error));
+  return static_cast<GBytes *>(g_task_propagate_pointer(G_TASK(result), error));
 }
 
 /**
@@ -366,7 +365,7 @@ gvc_bytes_input_stream_read_variant_async(GvcBytesInputStream *stream, const gch
                             G_IO_ERROR_INVALID_ARGUMENT, "Invalid variant type string");
     return;
   }
-  gvc::Operation::create<FrameRead>(stream, cancellable, callback, user_data, tag)
+  FrameRead::create<FrameRead>(stream, cancellable, callback, user_data, tag)
       ->begin(type, io_priority);
 }
 
@@ -387,9 +386,8 @@ GVariant *
 gvc_bytes_input_stream_read_variant_finish(GvcBytesInputStream *stream, GAsyncResult *result,
                                            GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), nullptr);
+  g_return_val_if_fail(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(g_task_is_valid(result, stream), nullptr);
 
-  return static_cast<GVariant *>(
-      g_task_propagate_pointer(reinterpret_cast<GTask *>(result), error));
+  return static_cast<GVariant *>(g_task_propagate_pointer(G_TASK(result), error));
 }

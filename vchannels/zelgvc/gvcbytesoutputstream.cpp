@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesoutputstream.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 #include "gvcwire.h"
 
 #include "engine/gvcpollable.h"
@@ -25,9 +25,9 @@ G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FI
                                               gvc::init_pollable_filter_output))
 
 static guint32
-wire_size(GBytes *bytes)
+prefix_of(GBytes *bytes)
 {
-  return GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(bytes)));
+  return gvc::wire::frame::prefix(g_bytes_get_size(bytes));
 }
 
 namespace
@@ -42,12 +42,11 @@ public:
   begin(GBytes *bytes, int io_priority)
   {
     payload_ = g_bytes_ref(bytes);
-    prefix_ = wire_size(bytes);
+    prefix_ = prefix_of(bytes);
     offer(&prefix_, sizeof prefix_);
     if (io_priority == G_PRIORITY_DEFAULT)
       offer_payload();
-    if (gvc::check_output_stream(g_task_get_source_object(task_)))
-      start(io_priority);
+    start(io_priority);
   }
   ~FrameWrite()
   {
@@ -63,21 +62,13 @@ private:
     offer(data, size);
     payload_offered_ = TRUE;
   }
-  Next
+  gvc::Next
   all_accepted() override
   {
     if (payload_offered_)
-      return drain();
+      return Writer::all_accepted();
     offer_payload();
     return next_part();
-  }
-  void
-  deliver() override
-  {
-    if (error_)
-      g_task_return_error(task_, g_steal_pointer(&error_));
-    else
-      g_task_return_boolean(task_, TRUE);
   }
 
   GBytes *payload_ = nullptr;
@@ -100,7 +91,7 @@ passes_on(GOutputStream *stream)
 static gboolean
 write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError **error)
 {
-  guint32 prefix = wire_size(bytes);
+  guint32 prefix = prefix_of(bytes);
   gsize size;
   auto *payload = g_bytes_get_data(bytes, &size);
 
@@ -137,9 +128,9 @@ gvc_bytes_output_stream_init(GvcBytesOutputStream *)
 GvcBytesOutputStream *
 gvc_bytes_output_stream_new(GOutputStream *base_stream)
 {
-  GVC_CHECK_VAL(G_IS_OUTPUT_STREAM (base_stream), nullptr);
+  g_return_val_if_fail(G_IS_OUTPUT_STREAM(base_stream), nullptr);
 
-  return static_cast<GvcBytesOutputStream *>(
+  return GVC_BYTES_OUTPUT_STREAM(
       g_object_new(GVC_TYPE_BYTES_OUTPUT_STREAM, "base-stream", base_stream, nullptr));
 }
 
@@ -163,10 +154,10 @@ gboolean
 gvc_bytes_output_stream_put_bytes(GvcBytesOutputStream *stream, GBytes *bytes,
                                   GCancellable *cancellable, GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_OUTPUT_STREAM (stream), FALSE);
-  GVC_CHECK_VAL(bytes != NULL, FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(bytes != NULL, FALSE);
 
-  auto *out = reinterpret_cast<GOutputStream *>(stream);
+  auto *out = G_OUTPUT_STREAM(stream);
   if (!passes_on(out))
     return write_frame(out, bytes, cancellable, error);
 
@@ -195,8 +186,8 @@ gboolean
 gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *variant,
                                     GCancellable *cancellable, GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_OUTPUT_STREAM (stream), FALSE);
-  GVC_CHECK_VAL(variant != NULL, FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(variant != NULL, FALSE);
 
   g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(variant);
   return gvc_bytes_output_stream_put_bytes(stream, bytes, cancellable, error);
@@ -222,7 +213,7 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  gvc::Operation::create<FrameWrite>(
+  FrameWrite::create<FrameWrite>(
       stream, cancellable, callback, user_data,
       reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_bytes_async))
       ->begin(bytes, io_priority);
@@ -244,10 +235,10 @@ gboolean
 gvc_bytes_output_stream_put_bytes_finish(GvcBytesOutputStream *stream, GAsyncResult *result,
                                          GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
-  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+  return g_task_propagate_boolean(G_TASK(result), error);
 }
 
 /**
@@ -272,7 +263,7 @@ gvc_bytes_output_stream_put_variant_async(GvcBytesOutputStream *stream, GVariant
 {
   g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(variant);
 
-  gvc::Operation::create<FrameWrite>(
+  FrameWrite::create<FrameWrite>(
       stream, cancellable, callback, user_data,
       reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_variant_async))
       ->begin(bytes, io_priority);
@@ -294,8 +285,8 @@ gboolean
 gvc_bytes_output_stream_put_variant_finish(GvcBytesOutputStream *stream, GAsyncResult *result,
                                            GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
-  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+  return g_task_propagate_boolean(G_TASK(result), error);
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the encryptor and the decryptor share: the stream format, the key with the AES context made
-// from it, and the two properties.
+// Shared by the encryptor and the decryptor: the key, the AES context made from it, the chain, and
+// the object's properties.
 #pragma once
+
+#include "gvcwire.h"
 
 #include <gio/gio.h>
 #include <platform/ipp/ipp.h>
@@ -9,37 +11,26 @@
 namespace gvc
 {
 
-inline constexpr gsize aes_block = 16;
-
-// A record is its length in 8 bytes and that many bytes of cipher text. A length of 0 marks an IV
-// record, whose IV follows.
-inline constexpr gsize record_header = 8;
-inline constexpr gsize iv_record = record_header + aes_block;
-
+// The instance of both types begins with this.
 struct Cipher {
+  GObject parent;
   GBytes *key;
   guint key_length; // in bits; 0 until the property is applied
   IppsRijndael128Spec *ipp_ctx;
-
-  // FALSE for an id that is not handled here; a new key length has to be checked first, so setting
-  // it is not.
-  gboolean set_property(guint prop_id, const GValue *value);
-  gboolean get_property(guint prop_id, GValue *value) const;
-  // Replaces the context by one for the present key and length. Where there is no key of 32 bytes
-  // the context stays uninitialised, and every cipher call on it fails.
-  void rebuild();
-  // Stores a new length, resets the converter that this cipher belongs to, and notifies.
-  void change_key_length(gpointer converter, guint new_length);
-  // Drops the key, wipes and frees the context.
-  void clear();
+  guint8 iv[wire::record::aes_block]; // the next block is chained to it
 };
 
-enum {
-  PROP_0,
-  PROP_KEY,
-  PROP_KEY_LENGTH,
-};
+// Fills what both classes have in common. The finalize() of a class calls clear_cipher().
+void init_cipher_class(GObjectClass *klass);
 
-void install_cipher_properties(GObjectClass *klass);
+// Replaces the context by one for the present key and length. Without a key of 32 bytes the context
+// stays uninitialised, and every cipher call on it fails.
+void rebuild_cipher(Cipher *cipher);
+
+// Stores a new length, resets the converter, and notifies.
+void change_key_length(Cipher *cipher, guint new_length);
+
+// Drops the key, wipes the chain, wipes and frees the context.
+void clear_cipher(Cipher *cipher);
 
 } // namespace gvc

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvccompressor.h"
-#include "gvcblock.h"
 #include "gvcconverter.h"
 #include "gvcwire.h"
 
 #include <platform/ipp/ipp.h>
 
-#include <cstddef>
 #include <cstring>
+
+namespace block = gvc::wire::block;
 
 /**
  * GvcCompressor:
@@ -53,32 +53,37 @@ gvc_compressor_init(GvcCompressor *)
 GvcCompressor *
 gvc_compressor_new(void)
 {
-  return static_cast<GvcCompressor *>(g_object_new(GVC_TYPE_COMPRESSOR, nullptr));
+  return GVC_COMPRESSOR(g_object_new(GVC_TYPE_COMPRESSOR, nullptr));
 }
 
-// What our own encoder needs at most.
-static constexpr gsize small_state_size = 16 * 1024 + 64;
+// The largest state of an encoder that goes on the stack.
+static constexpr gsize stack_limit = 32 * 1024;
 
-// Encodes all of `in` to `payload`, whose announced room is *payload_size on entry. NULL on
-// success, else what failed.
-static const char *
-encode(const guint8 *in, guint32 in_size, guint8 *payload, guint32 *payload_size)
+static gboolean
+fail(GError **error, const char *message)
+{
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, message);
+  return FALSE;
+}
+
+// Encodes all of `in` to `payload`, whose announced room is *payload_size on entry.
+static gboolean
+encode(const guint8 *in, guint32 in_size, guint8 *payload, guint32 *payload_size, GError **error)
 {
   constexpr auto lzo_method = IppLZO1XMT;
   Ipp32u lzo_state_size = 0;
   if (ippsEncodeLZOGetSize(lzo_method, in_size, &lzo_state_size) != ippStsNoErr)
-    return "Failed to get LZO size";
+    return fail(error, "Failed to get LZO size");
 
-  // For a small block an allocation takes longer than all else but the encoding.
-  alignas(std::max_align_t) guint8 small_state[small_state_size];
-  g_autofree void *large_state =
-      lzo_state_size > sizeof small_state ? g_malloc(lzo_state_size) : nullptr;
-  auto *lzo_state = static_cast<IppLZOState_8u *>(large_state ? large_state : small_state);
+  // For a small block, an allocation takes longer than everything but the encoding.
+  g_autofree void *large_state = lzo_state_size > stack_limit ? g_malloc(lzo_state_size) : nullptr;
+  auto *lzo_state =
+      static_cast<IppLZOState_8u *>(large_state ? large_state : g_alloca(lzo_state_size));
   if (ippsEncodeLZOInit_8u(lzo_method, in_size, lzo_state) != ippStsNoErr)
-    return "Failed to init LZO";
+    return fail(error, "Failed to init LZO");
   if (ippsEncodeLZO_8u(in, in_size, payload, payload_size, lzo_state) != ippStsNoErr)
-    return "Failed to encode LZO";
-  return nullptr;
+    return fail(error, "Failed to encode LZO");
+  return TRUE;
 }
 
 static GConverterResult
@@ -89,7 +94,7 @@ gvc_compressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void *
   if (flags & G_CONVERTER_FLUSH)
     return gvc::flushed(bytes_read, bytes_written);
 
-  if (outbuf_size < guint64{inbuf_size} + inbuf_size / 10 + gvc::block_header)
+  if (outbuf_size < guint64{inbuf_size} + inbuf_size / 10 + block::header_size)
     return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
 
   // The encoder is told the whole output although the header takes 8 bytes of it. From 40 bytes of
@@ -99,23 +104,21 @@ gvc_compressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void *
   guint8 scratch[128];
   auto *out = static_cast<guint8 *>(outbuf);
   gboolean short_output = outbuf_size <= sizeof scratch;
-  guint8 *payload = short_output ? scratch : out + gvc::block_header;
+  guint8 *payload = short_output ? scratch : out + block::header_size;
 
   auto src_size = static_cast<guint32>(outbuf_size);
   auto dest_size = static_cast<guint32>(inbuf_size);
-  const char *failure = encode(static_cast<const guint8 *>(inbuf), dest_size, payload, &src_size);
-  if (failure)
-    return gvc::failed(error, G_IO_ERROR_FAILED, failure);
+  if (!encode(static_cast<const guint8 *>(inbuf), dest_size, payload, &src_size, error))
+    return G_CONVERTER_ERROR;
 
-  gsize block_size = gvc::block_header + src_size;
+  gsize block_size = block::header_size + src_size;
   if (short_output) {
     if (block_size > outbuf_size)
       return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
-    std::memcpy(out + gvc::block_header, scratch, src_size);
+    std::memcpy(out + block::header_size, scratch, src_size);
     explicit_bzero(scratch, src_size);
   }
-  gvc::store_u32(out + gvc::block_src_size, src_size);
-  gvc::store_u32(out + gvc::block_dest_size, dest_size);
+  block::store_header(out, src_size, dest_size);
   return gvc::converted(flags, inbuf_size, block_size, bytes_read, bytes_written);
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcconnection.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 
 #include "engine/gvcinputstage.h"
 #include "engine/gvcoutputstage.h"
@@ -49,17 +49,14 @@ static GvcConnectionPrivate *
 get_private(gpointer self)
 {
   return static_cast<GvcConnectionPrivate *>(
-      gvc_connection_get_instance_private(static_cast<GvcConnection *>(self)));
+      gvc_connection_get_instance_private(GVC_CONNECTION(self)));
 }
 
-// g_io_stream_get_input_stream() and its sibling dereference what they are given unchecked.
+// g_io_stream_get_input_stream() and its sibling crash without a stream.
 static gboolean
 check_is_io_stream(GSocketConnection *connection, const char *getter)
 {
-  if (connection)
-    return TRUE;
-  g_return_if_fail_warning("GLib-GIO", getter, "G_IS_IO_STREAM (stream)");
-  return FALSE;
+  return gvc::check_as_gio(connection != nullptr, getter, "G_IS_IO_STREAM (stream)");
 }
 
 static gboolean
@@ -86,11 +83,11 @@ adopt_connection(GvcConnectionPrivate *priv, GSocketConnection *connection)
 {
   priv->connection = connection;
 
-  auto *stream = reinterpret_cast<GIOStream *>(connection);
+  auto *stream = G_IO_STREAM(connection);
   if (check_is_io_stream(connection, "g_io_stream_get_input_stream"))
-    priv->in = static_cast<GInputStream *>(g_object_ref(g_io_stream_get_input_stream(stream)));
+    priv->in = G_INPUT_STREAM(g_object_ref(g_io_stream_get_input_stream(stream)));
   if (check_is_io_stream(connection, "g_io_stream_get_output_stream"))
-    priv->out = static_cast<GOutputStream *>(g_object_ref(g_io_stream_get_output_stream(stream)));
+    priv->out = G_OUTPUT_STREAM(g_object_ref(g_io_stream_get_output_stream(stream)));
 
   if (connection)
     disable_nagle(connection);
@@ -105,7 +102,8 @@ gvc_connection_set_property(GObject *object, guint prop_id, const GValue *value,
                      static_cast<GSocketConnection *>(g_value_dup_object(value)));
     break;
   default:
-    gvc::warn_invalid_property({"vchannels/zelgvc/gvcconnection", 68}, object, prop_id, pspec);
+    gvc::warn_invalid_property(gvc::connection_file, gvc::connection_setter_line, object, prop_id,
+                               pspec);
     break;
   }
 }
@@ -118,7 +116,8 @@ gvc_connection_get_property(GObject *object, guint prop_id, GValue *value, GPara
     g_value_set_object(value, get_private(object)->connection);
     break;
   default:
-    gvc::warn_invalid_property({"vchannels/zelgvc/gvcconnection", 90}, object, prop_id, pspec);
+    gvc::warn_invalid_property(gvc::connection_file, gvc::connection_getter_line, object, prop_id,
+                               pspec);
     break;
   }
 }
@@ -175,7 +174,7 @@ gvc_connection_close_async(GIOStream *stream, int, GCancellable *cancellable,
 static gboolean
 gvc_connection_close_finish(GIOStream *, GAsyncResult *result, GError **error)
 {
-  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+  return g_task_propagate_boolean(G_TASK(result), error);
 }
 
 static void
@@ -226,8 +225,7 @@ gvc_connection_init(GvcConnection *)
 GvcConnection *
 gvc_connection_new(GSocketConnection *connection)
 {
-  return static_cast<GvcConnection *>(
-      g_object_new(GVC_TYPE_CONNECTION, "connection", connection, nullptr));
+  return GVC_CONNECTION(g_object_new(GVC_TYPE_CONNECTION, "connection", connection, nullptr));
 }
 
 /**
@@ -243,7 +241,7 @@ gvc_connection_new(GSocketConnection *connection)
 GSocketConnection *
 gvc_connection_get_connection(GvcConnection *connection)
 {
-  GVC_CHECK_VAL(GVC_IS_CONNECTION(connection), nullptr);
+  g_return_val_if_fail(GVC_IS_CONNECTION(connection), nullptr);
 
   return get_private(connection)->connection;
 }
@@ -266,9 +264,9 @@ gvc_connection_get_connection(GvcConnection *connection)
 void
 gvc_connection_add_converters(GvcConnection *connection, GConverter *in_conv, GConverter *out_conv)
 {
-  GVC_CHECK(GVC_IS_CONNECTION(connection));
-  GVC_CHECK(G_IS_CONVERTER(in_conv));
-  GVC_CHECK(G_IS_CONVERTER(out_conv));
+  g_return_if_fail(GVC_IS_CONNECTION(connection));
+  g_return_if_fail(G_IS_CONVERTER(in_conv));
+  g_return_if_fail(G_IS_CONVERTER(out_conv));
 
   auto *priv = get_private(connection);
   auto *in = gvc::input_stage_new(priv->in, in_conv);

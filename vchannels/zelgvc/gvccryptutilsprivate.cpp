@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvccryptutilsprivate.h"
+#include "gvcfixedtexts.h"
 
 // The host's logger. A host without one does not define it, so the reference is weak.
 extern "C" __attribute__((weak)) void zel_log(const char *log_domain, int log_level,
@@ -26,11 +27,10 @@ gvc_get_crypt_key_len(const GValue *value)
   if (key_len == 128 || key_len == 256)
     return key_len;
 
-  static constexpr char domain[] = "ZEL";
-  static constexpr char format[] = "Invalid key length %d";
   if (zel_log)
-    zel_log(domain, G_LOG_LEVEL_WARNING, __func__, 24, format, key_len);
+    zel_log(gvc::key_length_domain, G_LOG_LEVEL_WARNING, __func__, gvc::key_length_line,
+            gvc::key_length_format, key_len);
   else
-    g_log(domain, G_LOG_LEVEL_WARNING, format, key_len);
+    g_log(gvc::key_length_domain, G_LOG_LEVEL_WARNING, gvc::key_length_format, key_len);
   return 256;
 }

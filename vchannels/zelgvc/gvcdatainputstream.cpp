@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdatainputstream.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 
 #include "engine/gvcpollable.h"
 #include "engine/gvcreader.h"
+
+#include <utility>
 
 /**
  * GvcDataInputStream:
@@ -34,7 +36,7 @@ read_from(GInputStream *stream)
   auto *own = G_INPUT_STREAM_GET_CLASS(stream);
   auto *parent = static_cast<GInputStreamClass *>(gvc_data_input_stream_parent_class);
   return own->read_fn == parent->read_fn && own->read_async == parent->read_async
-             ? reinterpret_cast<GFilterInputStream *>(stream)->base_stream
+             ? G_FILTER_INPUT_STREAM(stream)->base_stream
              : stream;
 }
 
@@ -100,7 +102,7 @@ public:
   gchar *
   steal()
   {
-    return static_cast<gchar *>(g_steal_pointer(&buffer_));
+    return std::exchange(buffer_, nullptr);
   }
 
 private:
@@ -122,8 +124,7 @@ public:
   {
     string_.set_end(string_end);
     expect(string_.tail(), 1);
-    if (gvc::check_input_stream(g_task_get_source_object(task_)))
-      start(io_priority);
+    start(io_priority);
   }
   gsize
   length() const
@@ -132,11 +133,11 @@ public:
   }
 
 private:
-  Next
+  gvc::Next
   attempt() override
   {
     if (g_cancellable_set_error_if_cancelled(cancellable(), &error_))
-      return Next::done;
+      return gvc::Next::done;
     gssize ahead = gvc::look_ahead(polls_ ? target_ : read_from(stream_), string_.tail(),
                                    string_.room(), &error_);
     if (ahead < 0)
@@ -146,22 +147,19 @@ private:
     return Reader::attempt();
   }
   // The first read has the priority of the caller, the others the default priority.
-  Next
+  gvc::Next
   part_done() override
   {
     if (received() > 0 && string_.add(received()))
-      return Next::done;
+      return gvc::Next::done;
     auto next = next_part();
     // The end of the stream does not end the string.
-    return received() > 0 ? next : Next::turn;
+    return received() > 0 ? next : gvc::Next::turn;
   }
   void
-  deliver() override
+  succeed() override
   {
-    if (error_)
-      g_task_return_error(task_, g_steal_pointer(&error_));
-    else
-      g_task_return_pointer(task_, string_.steal(), g_free);
+    g_task_return_pointer(task_, string_.steal(), g_free);
   }
 
   static constexpr int attempts_ahead = 4;
@@ -196,9 +194,9 @@ gvc_data_input_stream_init(GvcDataInputStream *)
 GvcDataInputStream *
 gvc_data_input_stream_new(GInputStream *base_stream)
 {
-  GVC_CHECK_VAL(G_IS_INPUT_STREAM(base_stream), nullptr);
+  g_return_val_if_fail(G_IS_INPUT_STREAM(base_stream), nullptr);
 
-  return static_cast<GvcDataInputStream *>(
+  return GVC_DATA_INPUT_STREAM(
       g_object_new(GVC_TYPE_DATA_INPUT_STREAM, "base-stream", base_stream, nullptr));
 }
 
@@ -222,9 +220,9 @@ gchar *
 gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, gsize *length,
                                   GCancellable *cancellable, GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
 
-  auto *in = reinterpret_cast<GInputStream *>(stream);
+  auto *in = G_INPUT_STREAM(stream);
   auto *base = read_from(in);
   PartialString string(string_end);
 
@@ -267,7 +265,7 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  gvc::Operation::create<StringRead>(
+  StringRead::create<StringRead>(
       stream, cancellable, callback, user_data,
       reinterpret_cast<gpointer>(gvc_data_input_stream_read_string_async))
       ->begin(string_end, io_priority);
@@ -291,12 +289,11 @@ gchar *
 gvc_data_input_stream_read_string_finish(GvcDataInputStream *stream, GAsyncResult *result,
                                          gsize *length, GError **error)
 {
-  GVC_CHECK_VAL(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), nullptr);
+  g_return_val_if_fail(GVC_IS_DATA_INPUT_STREAM(stream), nullptr);
+  g_return_val_if_fail(g_task_is_valid(result, stream), nullptr);
 
-  auto *string =
-      static_cast<gchar *>(g_task_propagate_pointer(reinterpret_cast<GTask *>(result), error));
+  auto *string = static_cast<gchar *>(g_task_propagate_pointer(G_TASK(result), error));
   if (string && length)
-    *length = gvc::Operation::of<StringRead>(result)->length();
+    *length = StringRead::of<StringRead>(result)->length();
   return string;
 }

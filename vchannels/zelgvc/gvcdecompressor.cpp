@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdecompressor.h"
-#include "gvcblock.h"
 #include "gvcconverter.h"
 #include "gvcwire.h"
 
 #include <platform/ipp/ipp.h>
+
+namespace block = gvc::wire::block;
 
 /**
  * GvcDecompressor:
@@ -47,7 +48,7 @@ gvc_decompressor_init(GvcDecompressor *)
 GvcDecompressor *
 gvc_decompressor_new(void)
 {
-  return static_cast<GvcDecompressor *>(g_object_new(GVC_TYPE_DECOMPRESSOR, nullptr));
+  return GVC_DECOMPRESSOR(g_object_new(GVC_TYPE_DECOMPRESSOR, nullptr));
 }
 
 // A byte of LZO1X data stands for 255 bytes of output at most, the value of a length byte. A
@@ -68,12 +69,12 @@ gvc_decompressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void
   if (flags & G_CONVERTER_FLUSH)
     return gvc::flushed(bytes_read, bytes_written);
 
-  if (inbuf_size < gvc::block_header)
+  if (inbuf_size < block::header_size)
     return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial header");
 
-  guint32 src_size = gvc::load_u32(in + gvc::block_src_size);
-  guint32 dest_size = gvc::load_u32(in + gvc::block_dest_size);
-  if (inbuf_size - gvc::block_header < src_size)
+  guint32 src_size = block::load_payload_size(in);
+  guint32 dest_size = block::load_decoded_size(in);
+  if (inbuf_size - block::header_size < src_size)
     return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial data");
   if (dest_size > outbuf_size) {
     if (outbuf_size >= most_output(src_size))
@@ -82,12 +83,12 @@ gvc_decompressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void
   }
 
   auto status =
-      ippsDecodeLZO_8u(in + gvc::block_header, src_size, static_cast<Ipp8u *>(outbuf), &dest_size);
+      ippsDecodeLZO_8u(in + block::header_size, src_size, static_cast<Ipp8u *>(outbuf), &dest_size);
   if (status == ippStsDstSizeLessExpected)
     return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
   if (status != ippStsNoErr)
     return gvc::failed(error, G_IO_ERROR_FAILED, "Failed to decode LZO");
-  return gvc::converted(flags, gvc::block_header + src_size, dest_size, bytes_read, bytes_written);
+  return gvc::converted(flags, block::header_size + src_size, dest_size, bytes_read, bytes_written);
 }
 
 static void

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdecryptor.h"
-#include "gvcchecks.h"
 #include "gvccipher.h"
 #include "gvcconverter.h"
-#include "gvcwire.h"
+#include "gvcfixedtexts.h"
 
 #include <climits>
 #include <cstring>
+
+namespace record = gvc::wire::record;
 
 /**
  * GvcDecryptor:
@@ -23,9 +24,7 @@
  * Since: 0.1
  */
 struct _GvcDecryptor {
-  GObject parent;
   gvc::Cipher cipher;
-  guint8 iv[gvc::aes_block]; // the next block is chained to it
 };
 
 static void gvc_decryptor_converter_init(GConverterIface *iface);
@@ -34,51 +33,19 @@ G_DEFINE_TYPE_WITH_CODE(GvcDecryptor, gvc_decryptor, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, gvc_decryptor_converter_init))
 
 static void
-gvc_decryptor_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec)
-{
-  auto *self = GVC_DECRYPTOR(object);
-
-  if (prop_id == gvc::PROP_KEY_LENGTH)
-    gvc_decryptor_set_key_length(self, g_value_get_uint(value));
-  else if (!self->cipher.set_property(prop_id, value))
-    gvc::warn_invalid_property(GVC_LOCATION("gvcdecryptor"), object, prop_id, pspec);
-}
-
-static void
-gvc_decryptor_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
-{
-  if (!GVC_DECRYPTOR(object)->cipher.get_property(prop_id, value))
-    gvc::warn_invalid_property(GVC_LOCATION("gvcdecryptor"), object, prop_id, pspec);
-}
-
-static void
 gvc_decryptor_finalize(GObject *object)
 {
   auto *self = GVC_DECRYPTOR(object);
 
-  self->cipher.clear();
-  explicit_bzero(self->iv, sizeof self->iv);
+  gvc::clear_cipher(&self->cipher);
 
   G_OBJECT_CLASS(gvc_decryptor_parent_class)->finalize(object);
 }
 
 static void
-gvc_decryptor_constructed(GObject *object)
-{
-  GVC_DECRYPTOR(object)->cipher.rebuild();
-
-  G_OBJECT_CLASS(gvc_decryptor_parent_class)->constructed(object);
-}
-
-static void
 gvc_decryptor_class_init(GvcDecryptorClass *klass)
 {
-  auto *object_class = G_OBJECT_CLASS(klass);
-
-  object_class->set_property = gvc_decryptor_set_property;
-  object_class->get_property = gvc_decryptor_get_property;
-  object_class->finalize = gvc_decryptor_finalize;
-  object_class->constructed = gvc_decryptor_constructed;
+  G_OBJECT_CLASS(klass)->finalize = gvc_decryptor_finalize;
 
   /**
    * GvcDecryptor:key:
@@ -94,7 +61,7 @@ gvc_decryptor_class_init(GvcDecryptorClass *klass)
    *
    * Since: 0.1
    */
-  gvc::install_cipher_properties(object_class);
+  gvc::init_cipher_class(G_OBJECT_CLASS(klass));
 }
 
 static void
@@ -115,10 +82,10 @@ gvc_decryptor_init(GvcDecryptor *)
 GvcDecryptor *
 gvc_decryptor_new(GBytes *key)
 {
-  GVC_CHECK_VAL(key != NULL, nullptr);
-  GVC_CHECK_VAL(g_bytes_get_size(key) == (256 / 8), nullptr);
+  g_return_val_if_fail(key != NULL, nullptr);
+  g_return_val_if_fail(g_bytes_get_size(key) == (256 / 8), nullptr);
 
-  return static_cast<GvcDecryptor *>(g_object_new(GVC_TYPE_DECRYPTOR, "key", key, nullptr));
+  return GVC_DECRYPTOR(g_object_new(GVC_TYPE_DECRYPTOR, "key", key, nullptr));
 }
 
 /**
@@ -134,10 +101,10 @@ gvc_decryptor_new(GBytes *key)
 void
 gvc_decryptor_set_key_length(GvcDecryptor *decryptor, guint key_length)
 {
-  GVC_CHECK(GVC_IS_DECRYPTOR(decryptor));
-  GVC_CHECK(key_length == 128 || key_length == 256);
+  g_return_if_fail(GVC_IS_DECRYPTOR(decryptor));
+  g_return_if_fail(key_length == 128 || key_length == 256);
 
-  decryptor->cipher.change_key_length(decryptor, key_length);
+  gvc::change_key_length(&decryptor->cipher, key_length);
 }
 
 // Decrypts the record body of `length` bytes, a positive multiple of the block size, and carries
@@ -147,15 +114,15 @@ decrypt_record(GvcDecryptor *self, const guint8 *from, gsize length, guint8 *to,
 {
   if (length > INT_MAX)
     return FALSE;
-  if (ippsRijndael128DecryptCBC(from, to, static_cast<int>(length), self->cipher.ipp_ctx, self->iv,
-                                IppsCPPaddingNONE) != ippStsNoErr)
+  if (ippsRijndael128DecryptCBC(from, to, static_cast<int>(length), self->cipher.ipp_ctx,
+                                self->cipher.iv, IppsCPPaddingNONE) != ippStsNoErr)
     return FALSE;
 
   gsize padding = to[length - 1];
   if (padding > length)
     return FALSE;
 
-  std::memcpy(self->iv, from + length - gvc::aes_block, gvc::aes_block);
+  std::memcpy(self->cipher.iv, from + length - record::aes_block, record::aes_block);
   *plain = length - padding;
   return TRUE;
 }
@@ -165,29 +132,29 @@ gvc_decryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
                       gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
                       gsize *bytes_written, GError **error)
 {
-  auto *self = reinterpret_cast<GvcDecryptor *>(converter);
+  auto *self = GVC_DECRYPTOR(converter);
   auto *in = static_cast<const guint8 *>(inbuf);
 
   if (flags & G_CONVERTER_FLUSH)
     return gvc::flushed(bytes_read, bytes_written);
 
-  if (inbuf_size < gvc::record_header)
+  if (inbuf_size < record::header_size)
     return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial header");
 
-  guint64 length = gvc::load_u64(in);
-  auto *body = in + gvc::record_header;
+  guint64 length = record::load_length(in);
+  auto *body = in + record::header_size;
   if (length == 0) {
-    if (inbuf_size < gvc::iv_record)
+    if (inbuf_size < record::iv_record_size)
       return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial IV");
-    std::memcpy(self->iv, body, sizeof self->iv);
-    return gvc::converted(flags, gvc::iv_record, 0, bytes_read, bytes_written);
+    std::memcpy(self->cipher.iv, body, sizeof self->cipher.iv);
+    return gvc::converted(flags, record::iv_record_size, 0, bytes_read, bytes_written);
   }
 
-  if (length % gvc::aes_block != 0)
+  if (length % record::aes_block != 0)
     return gvc::failed(error, G_IO_ERROR_FAILED, "Not multiple of AES block");
   if (length > INT_MAX && inbuf_size >= gvc::hopeless_from)
     return gvc::failed(error, G_IO_ERROR_FAILED, "Decryption failed");
-  if (inbuf_size - gvc::record_header < length)
+  if (inbuf_size - record::header_size < length)
     return gvc::failed(error, G_IO_ERROR_PARTIAL_INPUT, "Partial data");
   if (outbuf_size < length)
     return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
@@ -195,13 +162,13 @@ gvc_decryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
   gsize plain;
   if (!decrypt_record(self, body, length, static_cast<guint8 *>(outbuf), &plain))
     return gvc::failed(error, G_IO_ERROR_FAILED, "Decryption failed");
-  return gvc::converted(flags, gvc::record_header + length, plain, bytes_read, bytes_written);
+  return gvc::converted(flags, record::header_size + length, plain, bytes_read, bytes_written);
 }
 
 static void
 gvc_decryptor_reset(GConverter *converter)
 {
-  GVC_DECRYPTOR(converter)->cipher.rebuild();
+  gvc::rebuild_cipher(&GVC_DECRYPTOR(converter)->cipher);
 }
 
 static void

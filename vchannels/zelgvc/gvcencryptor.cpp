@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcencryptor.h"
-#include "gvcchecks.h"
 #include "gvccipher.h"
 #include "gvcconverter.h"
+#include "gvcfixedtexts.h"
 #include "gvcrand.h"
-#include "gvcwire.h"
 
 #include <climits>
 #include <cstring>
+
+namespace record = gvc::wire::record;
 
 /**
  * GvcEncryptor:
@@ -27,11 +28,9 @@
  * Since: 0.1
  */
 struct _GvcEncryptor {
-  GObject parent;
   gvc::Cipher cipher;
   GvcRand *rand;
-  guint8 iv[gvc::aes_block]; // the next block is chained to it
-  gboolean send_initial_iv;  // the IV record is still to be emitted
+  gboolean send_initial_iv; // the IV record is still to be emitted
 };
 
 static void gvc_encryptor_converter_init(GConverterIface *iface);
@@ -43,26 +42,8 @@ static void
 draw_initial_iv(GvcEncryptor *self)
 {
   if (self->rand)
-    gvc_rand_array(self->rand, self->iv, sizeof self->iv);
+    gvc_rand_array(self->rand, self->cipher.iv, sizeof self->cipher.iv);
   self->send_initial_iv = TRUE;
-}
-
-static void
-gvc_encryptor_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec)
-{
-  auto *self = GVC_ENCRYPTOR(object);
-
-  if (prop_id == gvc::PROP_KEY_LENGTH)
-    gvc_encryptor_set_key_length(self, g_value_get_uint(value));
-  else if (!self->cipher.set_property(prop_id, value))
-    gvc::warn_invalid_property(GVC_LOCATION("gvcencryptor"), object, prop_id, pspec);
-}
-
-static void
-gvc_encryptor_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
-{
-  if (!GVC_ENCRYPTOR(object)->cipher.get_property(prop_id, value))
-    gvc::warn_invalid_property(GVC_LOCATION("gvcencryptor"), object, prop_id, pspec);
 }
 
 static void
@@ -70,30 +51,16 @@ gvc_encryptor_finalize(GObject *object)
 {
   auto *self = GVC_ENCRYPTOR(object);
 
-  self->cipher.clear();
+  gvc::clear_cipher(&self->cipher);
   g_clear_pointer(&self->rand, gvc_rand_free);
-  explicit_bzero(self->iv, sizeof self->iv);
 
   G_OBJECT_CLASS(gvc_encryptor_parent_class)->finalize(object);
 }
 
 static void
-gvc_encryptor_constructed(GObject *object)
-{
-  GVC_ENCRYPTOR(object)->cipher.rebuild();
-
-  G_OBJECT_CLASS(gvc_encryptor_parent_class)->constructed(object);
-}
-
-static void
 gvc_encryptor_class_init(GvcEncryptorClass *klass)
 {
-  auto *object_class = G_OBJECT_CLASS(klass);
-
-  object_class->set_property = gvc_encryptor_set_property;
-  object_class->get_property = gvc_encryptor_get_property;
-  object_class->finalize = gvc_encryptor_finalize;
-  object_class->constructed = gvc_encryptor_constructed;
+  G_OBJECT_CLASS(klass)->finalize = gvc_encryptor_finalize;
 
   /**
    * GvcEncryptor:key:
@@ -109,7 +76,7 @@ gvc_encryptor_class_init(GvcEncryptorClass *klass)
    *
    * Since: 0.1
    */
-  gvc::install_cipher_properties(object_class);
+  gvc::init_cipher_class(G_OBJECT_CLASS(klass));
 }
 
 static void
@@ -132,10 +99,10 @@ gvc_encryptor_init(GvcEncryptor *self)
 GvcEncryptor *
 gvc_encryptor_new(GBytes *key)
 {
-  GVC_CHECK_VAL(key != NULL, nullptr);
-  GVC_CHECK_VAL(g_bytes_get_size(key) == (256 / 8), nullptr);
+  g_return_val_if_fail(key != NULL, nullptr);
+  g_return_val_if_fail(g_bytes_get_size(key) == (256 / 8), nullptr);
 
-  return static_cast<GvcEncryptor *>(g_object_new(GVC_TYPE_ENCRYPTOR, "key", key, nullptr));
+  return GVC_ENCRYPTOR(g_object_new(GVC_TYPE_ENCRYPTOR, "key", key, nullptr));
 }
 
 /**
@@ -150,10 +117,10 @@ gvc_encryptor_new(GBytes *key)
 void
 gvc_encryptor_set_key_length(GvcEncryptor *encryptor, guint key_length)
 {
-  GVC_CHECK(GVC_IS_ENCRYPTOR(encryptor));
-  GVC_CHECK(key_length == 128 || key_length == 256);
+  g_return_if_fail(GVC_IS_ENCRYPTOR(encryptor));
+  g_return_if_fail(key_length == 128 || key_length == 256);
 
-  encryptor->cipher.change_key_length(encryptor, key_length);
+  gvc::change_key_length(&encryptor->cipher, key_length);
 }
 
 // Encrypts `size` bytes, whole blocks, and carries the chain on. FALSE leaves the chain as it was.
@@ -162,11 +129,11 @@ encrypt_blocks(GvcEncryptor *self, const guint8 *from, guint8 *to, gsize size)
 {
   if (size > INT_MAX)
     return FALSE;
-  if (ippsRijndael128EncryptCBC(from, to, static_cast<int>(size), self->cipher.ipp_ctx, self->iv,
-                                IppsCPPaddingNONE) != ippStsNoErr)
+  if (ippsRijndael128EncryptCBC(from, to, static_cast<int>(size), self->cipher.ipp_ctx,
+                                self->cipher.iv, IppsCPPaddingNONE) != ippStsNoErr)
     return FALSE;
 
-  std::memcpy(self->iv, to + size - gvc::aes_block, gvc::aes_block);
+  std::memcpy(self->cipher.iv, to + size - record::aes_block, record::aes_block);
   return TRUE;
 }
 
@@ -174,8 +141,8 @@ encrypt_blocks(GvcEncryptor *self, const guint8 *from, guint8 *to, gsize size)
 static gboolean
 encrypt_final_block(GvcEncryptor *self, const guint8 *from, gsize rest, guint8 *to)
 {
-  guint8 block[gvc::aes_block];
-  auto padding = gvc::aes_block - rest;
+  guint8 block[record::aes_block];
+  auto padding = record::aes_block - rest;
 
   // Lengths that the compiler knows; where there is no rest, the block holds nothing secret.
   std::memset(block, static_cast<int>(padding), sizeof block);
@@ -192,7 +159,7 @@ gvc_encryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
                       gsize outbuf_size, GConverterFlags flags, gsize *bytes_read,
                       gsize *bytes_written, GError **error)
 {
-  auto *self = reinterpret_cast<GvcEncryptor *>(converter);
+  auto *self = GVC_ENCRYPTOR(converter);
   auto *in = static_cast<const guint8 *>(inbuf);
   auto *out = static_cast<guint8 *>(outbuf);
 
@@ -202,30 +169,30 @@ gvc_encryptor_convert(GConverter *converter, const void *inbuf, gsize inbuf_size
   if (self->send_initial_iv) {
     if (!self->rand)
       return gvc::failed(error, G_IO_ERROR_FAILED, "Encryption failed");
-    if (outbuf_size < gvc::iv_record)
+    if (outbuf_size < record::iv_record_size)
       return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space for initial IV");
-    gvc::store_u64(out, 0);
-    std::memcpy(out + gvc::record_header, self->iv, sizeof self->iv);
+    record::store_length(out, 0);
+    std::memcpy(out + record::header_size, self->cipher.iv, sizeof self->cipher.iv);
     self->send_initial_iv = FALSE;
-    return gvc::converted(flags, 0, gvc::iv_record, bytes_read, bytes_written);
+    return gvc::converted(flags, 0, record::iv_record_size, bytes_read, bytes_written);
   }
 
   if (inbuf_size == 0)
     return gvc::converted(flags, 0, 0, bytes_read, bytes_written);
 
-  gsize rest = inbuf_size % gvc::aes_block;
+  gsize rest = inbuf_size % record::aes_block;
   gsize whole = inbuf_size - rest;
-  gsize length = whole + gvc::aes_block;
-  if (outbuf_size < gvc::record_header || length > outbuf_size - gvc::record_header)
+  gsize length = whole + record::aes_block;
+  if (outbuf_size < record::header_size || length > outbuf_size - record::header_size)
     return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
 
-  auto *body = out + gvc::record_header;
-  gvc::store_u64(out, length);
+  auto *body = out + record::header_size;
+  record::store_length(out, length);
   if (whole > 0 && !encrypt_blocks(self, in, body, whole))
     return gvc::failed(error, G_IO_ERROR_FAILED, "Encryption failed");
   if (!encrypt_final_block(self, in + whole, rest, body + whole))
     return gvc::failed(error, G_IO_ERROR_FAILED, "Encryption failed");
-  return gvc::converted(flags, inbuf_size, gvc::record_header + length, bytes_read, bytes_written);
+  return gvc::converted(flags, inbuf_size, record::header_size + length, bytes_read, bytes_written);
 }
 
 static void
@@ -234,7 +201,7 @@ gvc_encryptor_reset(GConverter *converter)
   auto *self = GVC_ENCRYPTOR(converter);
 
   draw_initial_iv(self);
-  self->cipher.rebuild();
+  gvc::rebuild_cipher(&self->cipher);
 }
 
 static void

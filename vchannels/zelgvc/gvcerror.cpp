@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcerror.h"
-
-#include <atomic>
+#include "gvcquark.h"
 
 /**
  * gvc_error_quark:
@@ -16,14 +15,7 @@
 GQuark
 gvc_error_quark(void)
 {
-  // As G_DEFINE_QUARK() has it, but with no data race: whoever comes first, the quark is the same,
-  // and nothing else is published by it.
-  static std::atomic<GQuark> quark;
+  static std::atomic<GQuark> cache;
 
-  GQuark known = quark.load(std::memory_order_relaxed);
-  if (known == 0) {
-    known = g_quark_from_static_string("gvc-error-quark");
-    quark.store(known, std::memory_order_relaxed);
-  }
-  return known;
+  return gvc::quark(cache, "gvc-error-quark");
 }

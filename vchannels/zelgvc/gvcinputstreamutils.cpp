@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcinputstreamutils.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 #include "engine/gvcreader.h"
 
 // The mirror image of gvcoutputstreamutils.cpp.
@@ -17,21 +17,6 @@ public:
     g_task_set_priority(task_, io_priority);
     expect(buffer, count);
     start(io_priority);
-  }
-
-private:
-  Next
-  part_done() override
-  {
-    return Next::done;
-  }
-  void
-  deliver() override
-  {
-    if (error_)
-      g_task_return_error(task_, g_steal_pointer(&error_));
-    else
-      g_task_return_boolean(task_, TRUE);
   }
 };
 
@@ -59,11 +44,11 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
                                      int io_priority, GCancellable *cancellable,
                                      GAsyncReadyCallback callback, gpointer user_data)
 {
-  GVC_CHECK(G_IS_INPUT_STREAM(stream));
-  GVC_CHECK(buffer != NULL || count == 0);
+  g_return_if_fail(G_IS_INPUT_STREAM(stream));
+  g_return_if_fail(buffer != NULL || count == 0);
 
-  gvc::Operation::create<ReadAll>(stream, cancellable, callback, user_data,
-                                  reinterpret_cast<gpointer>(gvc_input_stream_util_read_all_async))
+  ReadAll::create<ReadAll>(stream, cancellable, callback, user_data,
+                           reinterpret_cast<gpointer>(gvc_input_stream_util_read_all_async))
       ->begin(buffer, count, io_priority);
 }
 
@@ -86,10 +71,10 @@ gboolean
 gvc_input_stream_util_read_all_finish(GInputStream *stream, GAsyncResult *result, gsize *bytes_read,
                                       GError **error)
 {
-  GVC_CHECK_VAL(G_IS_INPUT_STREAM(stream), FALSE);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
+  g_return_val_if_fail(G_IS_INPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
   if (bytes_read)
-    *bytes_read = gvc::Operation::of<ReadAll>(result)->received();
-  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+    *bytes_read = ReadAll::of<ReadAll>(result)->received();
+  return g_task_propagate_boolean(G_TASK(result), error);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcoutputstreamutils.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 #include "engine/gvcwriter.h"
 
 // The mirror image of gvcinputstreamutils.cpp.
@@ -17,16 +17,6 @@ public:
     g_task_set_priority(task_, io_priority);
     offer(buffer, count);
     start(io_priority);
-  }
-
-private:
-  void
-  deliver() override
-  {
-    if (error_)
-      g_task_return_error(task_, g_steal_pointer(&error_));
-    else
-      g_task_return_boolean(task_, TRUE);
   }
 };
 
@@ -57,12 +47,11 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
                                        int io_priority, GCancellable *cancellable,
                                        GAsyncReadyCallback callback, gpointer user_data)
 {
-  GVC_CHECK(G_IS_OUTPUT_STREAM(stream));
-  GVC_CHECK(buffer != NULL || count == 0);
+  g_return_if_fail(G_IS_OUTPUT_STREAM(stream));
+  g_return_if_fail(buffer != NULL || count == 0);
 
-  gvc::Operation::create<WriteAll>(
-      stream, cancellable, callback, user_data,
-      reinterpret_cast<gpointer>(gvc_output_stream_util_write_all_async))
+  WriteAll::create<WriteAll>(stream, cancellable, callback, user_data,
+                             reinterpret_cast<gpointer>(gvc_output_stream_util_write_all_async))
       ->begin(buffer, count, io_priority);
 }
 
@@ -83,10 +72,10 @@ gboolean
 gvc_output_stream_util_write_all_finish(GOutputStream *stream, GAsyncResult *result,
                                         gsize *bytes_written, GError **error)
 {
-  GVC_CHECK_VAL(G_IS_OUTPUT_STREAM(stream), FALSE);
-  GVC_CHECK_VAL(g_task_is_valid(result, stream), FALSE);
+  g_return_val_if_fail(G_IS_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
   if (bytes_written)
-    *bytes_written = gvc::Operation::of<WriteAll>(result)->accepted();
-  return g_task_propagate_boolean(reinterpret_cast<GTask *>(result), error);
+    *bytes_written = WriteAll::of<WriteAll>(result)->accepted();
+  return g_task_propagate_boolean(G_TASK(result), error);
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcrand.h"
+#include "gvcfixedtexts.h"
 
 #include <platform/ipp/ipp.h>
 
@@ -27,47 +28,21 @@ struct _GvcRand {
 static constexpr int seed_bits = 64;
 static constexpr int seed_words = 16;
 
-namespace
+// NULL if the platform named no usable size.
+template <typename T>
+static T *
+allocate(int size)
 {
+  return size > 0 ? static_cast<T *>(std::calloc(static_cast<std::size_t>(size), 1)) : nullptr;
+}
 
-// Memory from calloc() for an engine object, wiped before it is freed. Empty where the engine named
-// no usable size.
-template <typename T> class EngineMemory
+static void
+wipe_and_free(void *memory, int size)
 {
-public:
-  explicit EngineMemory(int size)
-      : size_(size > 0 ? static_cast<std::size_t>(size) : 0),
-        memory_(size_ ? static_cast<T *>(std::calloc(size_, 1)) : nullptr)
-  {
-  }
-  ~EngineMemory()
-  {
-    if (memory_)
-      explicit_bzero(memory_, size_);
-    std::free(memory_);
-  }
-  EngineMemory(const EngineMemory &) = delete;
-  EngineMemory &operator=(const EngineMemory &) = delete;
-
-  T *
-  get() const
-  {
-    return memory_;
-  }
-  T *
-  release()
-  {
-    auto *memory = memory_;
-    memory_ = nullptr;
-    return memory;
-  }
-
-private:
-  std::size_t size_;
-  T *memory_;
-};
-
-} // namespace
+  if (memory)
+    explicit_bzero(memory, static_cast<std::size_t>(size));
+  std::free(memory);
+}
 
 static int
 prng_size()
@@ -84,7 +59,7 @@ report(const char *line)
   return FALSE;
 }
 
-// The words of the seed, the lowest first, with nothing of it left elsewhere.
+// The words of the seed, the lowest first. Leaves no copy of it behind.
 static void
 load_time_seed(Ipp32u *words)
 {
@@ -98,24 +73,33 @@ load_time_seed(Ipp32u *words)
 }
 
 static gboolean
-install_time_seed(IppsPRNGState *prng)
+install_time_seed(IppsPRNGState *prng, IppsBigNumState *number)
 {
-  int size = 0;
-  if (ippsBigNumGetSize(seed_words, &size) != ippStsNoErr)
-    return report("ippsBigNumGetSize return error\n");
-  EngineMemory<IppsBigNumState> seed_num(size);
-  if (ippsBigNumInit(seed_words, seed_num.get()) != ippStsNoErr)
-    return report("ippsBigNumInit return error\n");
-
   Ipp32u words[seed_words] = {};
+
+  if (ippsBigNumInit(seed_words, number) != ippStsNoErr)
+    return report(gvc::big_number_init_failed);
   load_time_seed(words);
-  auto status = ippsSet_BN(IppsBigNumPOS, seed_words, words, seed_num.get());
+  auto status = ippsSet_BN(IppsBigNumPOS, seed_words, words, number);
   explicit_bzero(words, sizeof words);
   if (status != ippStsNoErr)
-    return report("ippsSet_BN return error\n");
-  if (ippsPRNGSetSeed(seed_num.get(), prng) != ippStsNoErr)
-    return report("ippsPRNGSetSeed return error\n");
-  return TRUE;
+    return report(gvc::big_number_set_failed);
+  return ippsPRNGSetSeed(number, prng) == ippStsNoErr || report(gvc::prng_seed_failed);
+}
+
+static gboolean
+initialise(IppsPRNGState *prng)
+{
+  int size = 0;
+
+  if (ippsPRNGInit(seed_bits, prng) != ippStsNoErr)
+    return report(gvc::prng_init_failed);
+  if (ippsBigNumGetSize(seed_words, &size) != ippStsNoErr)
+    return report(gvc::big_number_size_failed);
+  auto *number = allocate<IppsBigNumState>(size);
+  gboolean done = install_time_seed(prng, number);
+  wipe_and_free(number, size);
+  return done;
 }
 
 /**
@@ -132,16 +116,14 @@ install_time_seed(IppsPRNGState *prng)
 GvcRand *
 gvc_rand_new(void)
 {
-  EngineMemory<IppsPRNGState> prng(prng_size());
-  if (ippsPRNGInit(seed_bits, prng.get()) != ippStsNoErr) {
-    report("ippsPRNGSetSeed return error\n");
+  auto *prng = allocate<IppsPRNGState>(prng_size());
+  if (!initialise(prng)) {
+    wipe_and_free(prng, prng_size());
     return nullptr;
   }
-  if (!install_time_seed(prng.get()))
-    return nullptr;
 
-  auto *rand = g_slice_new(GvcRand);
-  rand->prng = prng.release();
+  auto *rand = g_new(GvcRand, 1);
+  rand->prng = prng;
   return rand;
 }
 
@@ -176,7 +158,6 @@ gvc_rand_array(GvcRand *rand, guint8 *data, gsize len)
 void
 gvc_rand_free(GvcRand *rand)
 {
-  explicit_bzero(rand->prng, static_cast<std::size_t>(prng_size()));
-  std::free(rand->prng);
-  g_slice_free(GvcRand, rand);
+  wipe_and_free(rand->prng, prng_size());
+  g_free(rand);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcutils.h"
-#include "gvcchecks.h"
+#include "gvcfixedtexts.h"
 #include "gvcconnection.h"
 
 static GSocketConnection *
@@ -28,7 +28,7 @@ get_socket_connection(GIOStream *stream)
 gchar *
 gvc_io_stream_get_remote_address_string(GIOStream *stream)
 {
-  GVC_CHECK_VAL(G_IS_IO_STREAM(stream), nullptr);
+  g_return_val_if_fail(G_IS_IO_STREAM(stream), nullptr);
 
   auto *connection = get_socket_connection(stream);
   g_autoptr(GSocketAddress) address =

@@ -8,8 +8,8 @@
 namespace gvc
 {
 
-// A queue of bytes: appended at the end, taken from the front. A stage may hold plain text on its
-// way to a cipher, so the memory is wiped before it is given back.
+// A queue of bytes. A stage may hold plain text on its way to a cipher, so the memory is wiped
+// before it is freed.
 class Buffer
 {
 public:
@@ -38,24 +38,19 @@ public:
   void
   reserve(gsize room)
   {
-    if (tail_room() >= room)
-      return;
-    if (begin_ > 0) {
+    if (tail_room() < room && begin_ > 0) {
       std::memmove(memory_, data(), size());
       end_ -= begin_;
       begin_ = 0;
-      if (tail_room() >= room)
-        return;
     }
+    if (tail_room() >= room)
+      return;
     Buffer grown;
     grown.capacity_ = MAX(end_ + room, 2 * end_);
     grown.memory_ = static_cast<guint8 *>(g_malloc(grown.capacity_));
-    if (end_ > 0)
-      std::memcpy(grown.memory_, memory_, end_);
-    grown.end_ = end_;
+    grown.append(memory_, end_);
     release();
     *this = grown;
-    used_ = end_;
   }
   void
   produced(gsize count)
@@ -76,7 +71,7 @@ public:
   {
     end_ -= count;
   }
-  // A stage that has carried a large message does not keep the memory for it.
+  // Drops bytes at the front. An empty buffer gives back memory that a large message needed.
   void
   consume(gsize count)
   {
@@ -87,14 +82,21 @@ public:
     if (capacity_ > kept_capacity)
       release();
   }
+  // Copies up to `count` bytes at the front. Returns how many.
+  gsize
+  peek(void *to, gsize count) const
+  {
+    count = MIN(count, size());
+    if (count > 0)
+      std::memcpy(to, data(), count);
+    return count;
+  }
   gsize
   take(void *to, gsize count)
   {
-    count = MIN(count, size());
-    if (count > 0) {
-      std::memcpy(to, data(), count);
+    count = peek(to, count);
+    if (count > 0)
       consume(count);
-    }
     return count;
   }
   void

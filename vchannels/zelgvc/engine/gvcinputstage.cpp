@@ -3,14 +3,15 @@
 #include "gvcbuffer.h"
 #include "gvcpollable.h"
 
+#include <vchannels/zelgvc/gvcfixedtexts.h>
+
 using gvc::Buffer;
 
 // A unit is what the converter takes at once: a block or a record. Bytes go from the base stream to
 // `raw`, and from there straight to the reader if a unit fits, else to `converted`.
-namespace
-{
+G_DECLARE_FINAL_TYPE(GvcInputStage, gvc_input_stage, GVC, INPUT_STAGE, GConverterInputStream)
 
-struct GvcInputStage {
+struct _GvcInputStage {
   GConverterInputStream parent;
   GConverter *converter; // that of the parent
   GConverterIface *iface;
@@ -24,24 +25,25 @@ struct GvcInputStage {
   gboolean finished; // the converter has said so
 };
 
-struct GvcInputStageClass {
-  GConverterInputStreamClass parent_class;
-};
+static gssize gvc_input_stage_read_nonblocking(GPollableInputStream *stream, void *buffer,
+                                               gsize count, GError **error);
 
-} // namespace
-
-static GType gvc_input_stage_get_type();
-static void gvc_input_stage_pollable_init(GPollableInputStreamInterface *iface);
+static void
+gvc_input_stage_pollable_init(GPollableInputStreamInterface *iface)
+{
+  gvc::init_pollable_filter_input(iface);
+  iface->read_nonblocking = gvc_input_stage_read_nonblocking;
+}
 
 G_DEFINE_TYPE_WITH_CODE(GvcInputStage, gvc_input_stage, G_TYPE_CONVERTER_INPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc_input_stage_pollable_init))
 
-// A peer may send units that hold nothing for as long as it likes. After so many a read that must
-// not block lets the main loop turn.
-static constexpr int most_empty_units = 256;
+// A peer can send empty units for ever. After this many a non-blocking read returns to the main
+// loop.
+static constexpr int max_empty_units = 256;
 
-static constexpr gsize least_read = 4096;
+static constexpr gsize min_read = 4096;
 
 static GInputStream *
 base_stream(GvcInputStage *self)
@@ -73,9 +75,9 @@ read_base(GvcInputStage *self, void *to, gsize room, gboolean blocking, GCancell
 static gboolean
 fill(GvcInputStage *self, gboolean blocking, GCancellable *cancellable, GError **error)
 {
-  gsize have = self->raw.size(), likely = MAX(self->unit, least_read);
+  gsize have = self->raw.size(), likely = MAX(self->unit, min_read);
 
-  if (self->raw.tail_room() < (have == 0 ? likely : least_read))
+  if (self->raw.tail_room() < (have == 0 ? likely : min_read))
     self->raw.reserve(MAX(likely, have));
   gssize nread =
       read_base(self, self->raw.tail(), self->raw.tail_room(), blocking, cancellable, error);
@@ -120,7 +122,7 @@ convert_unit(GvcInputStage *self, void *to, gsize room, gsize *nread, GError **e
   GError *failure = nullptr;
   auto result = convert(self, to, room, nread, &failure);
 
-  for (gsize own_room = MAX(room, least_read);
+  for (gsize own_room = MAX(room, min_read);
        g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_NO_SPACE); own_room *= 2) {
     gsize produced;
     g_clear_error(&failure);
@@ -145,8 +147,8 @@ read_converted(GvcInputStage *self, void *to, gsize room, gboolean blocking,
   gsize nread = self->converted.take(to, room);
 
   for (int units = 0; nread == 0 && !self->finished; units++) {
-    if (!blocking && units == most_empty_units) {
-      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
+    if (!blocking && units == max_empty_units) {
+      gvc::set_would_block(error);
       return -1;
     }
     // A converter that has just taken all input and produced nothing may keep output of its own.
@@ -171,26 +173,32 @@ static gssize
 gvc_input_stage_read(GInputStream *stream, void *buffer, gsize count, GCancellable *cancellable,
                      GError **error)
 {
-  return read_converted(reinterpret_cast<GvcInputStage *>(stream), buffer, count, TRUE, cancellable,
-                        error);
+  return read_converted(GVC_INPUT_STAGE(stream), buffer, count, TRUE, cancellable, error);
+}
+
+static gssize
+gvc_input_stage_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize count,
+                                 GError **error)
+{
+  return read_converted(GVC_INPUT_STAGE(stream), buffer, count, FALSE, nullptr, error);
 }
 
 static void
 gvc_input_stage_constructed(GObject *object)
 {
-  auto *self = reinterpret_cast<GvcInputStage *>(object);
+  auto *self = GVC_INPUT_STAGE(object);
 
   G_OBJECT_CLASS(gvc_input_stage_parent_class)->constructed(object);
   self->converter = g_converter_input_stream_get_converter(&self->parent);
   self->iface = G_CONVERTER_GET_IFACE(self->converter);
-  if (gvc::stage_base(base_stream(self)))
-    self->below = reinterpret_cast<GvcInputStage *>(base_stream(self));
+  if (GVC_IS_INPUT_STAGE(base_stream(self)))
+    self->below = GVC_INPUT_STAGE(base_stream(self));
 }
 
 static void
 gvc_input_stage_finalize(GObject *object)
 {
-  auto *self = reinterpret_cast<GvcInputStage *>(object);
+  auto *self = GVC_INPUT_STAGE(object);
 
   self->raw.release();
   self->converted.release();
@@ -215,7 +223,24 @@ gvc_input_stage_init(GvcInputStage *)
 {
 }
 
-// ---- Polling ----
+// ---- For the engine ----
+
+GInputStream *
+gvc::input_stage_new(GInputStream *base_stream, GConverter *converter)
+{
+  if (!check_as_gio(G_IS_INPUT_STREAM(base_stream), "g_converter_input_stream_new",
+                    "G_IS_INPUT_STREAM (base_stream)"))
+    return nullptr;
+
+  return G_INPUT_STREAM(g_object_new(gvc_input_stage_get_type(), "base-stream", base_stream,
+                                     "converter", converter, nullptr));
+}
+
+GInputStream *
+gvc::stage_base(GInputStream *stream)
+{
+  return GVC_IS_INPUT_STAGE(stream) ? base_stream(GVC_INPUT_STAGE(stream)) : nullptr;
+}
 
 static gboolean
 holds_input(GvcInputStage *self)
@@ -224,85 +249,11 @@ holds_input(GvcInputStage *self)
          (self->raw.size() > 0 && !self->starved);
 }
 
-static gboolean
-gvc_input_stage_can_poll(GPollableInputStream *stream)
-{
-  auto *base = base_stream(reinterpret_cast<GvcInputStage *>(stream));
-  return G_IS_POLLABLE_INPUT_STREAM(base) &&
-         g_pollable_input_stream_can_poll(reinterpret_cast<GPollableInputStream *>(base));
-}
-
-static gboolean
-gvc_input_stage_is_readable(GPollableInputStream *stream)
-{
-  auto *self = reinterpret_cast<GvcInputStage *>(stream);
-  return holds_input(self) || g_pollable_input_stream_is_readable(
-                                  reinterpret_cast<GPollableInputStream *>(base_stream(self)));
-}
-
-static gssize
-gvc_input_stage_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize count,
-                                 GError **error)
-{
-  return read_converted(reinterpret_cast<GvcInputStage *>(stream), buffer, count, FALSE, nullptr,
-                        error);
-}
-
-static gboolean
-is_ready(gpointer stage)
-{
-  return holds_input(static_cast<GvcInputStage *>(stage)) ||
-         g_input_stream_is_closed(static_cast<GInputStream *>(stage));
-}
-
-static GSource *
-gvc_input_stage_create_source(GPollableInputStream *stream, GCancellable *cancellable)
-{
-  auto *base = base_stream(reinterpret_cast<GvcInputStage *>(stream));
-  return gvc::source_with(stream,
-                          g_pollable_input_stream_create_source(
-                              reinterpret_cast<GPollableInputStream *>(base), nullptr),
-                          is_ready, cancellable);
-}
-
-static void
-gvc_input_stage_pollable_init(GPollableInputStreamInterface *iface)
-{
-  iface->can_poll = gvc_input_stage_can_poll;
-  iface->is_readable = gvc_input_stage_is_readable;
-  iface->create_source = gvc_input_stage_create_source;
-  iface->read_nonblocking = gvc_input_stage_read_nonblocking;
-}
-
-// ---- For the engine ----
-
-GInputStream *
-gvc::input_stage_new(GInputStream *base_stream, GConverter *converter)
-{
-  // As GIO's constructor says it.
-  if (!G_IS_INPUT_STREAM(base_stream)) {
-    g_return_if_fail_warning("GLib-GIO", "g_converter_input_stream_new",
-                             "G_IS_INPUT_STREAM (base_stream)");
-    return nullptr;
-  }
-
-  return static_cast<GInputStream *>(g_object_new(gvc_input_stage_get_type(), "base-stream",
-                                                  base_stream, "converter", converter, nullptr));
-}
-
-GInputStream *
-gvc::stage_base(GInputStream *stream)
-{
-  return G_TYPE_CHECK_INSTANCE_TYPE(stream, gvc_input_stage_get_type())
-             ? base_stream(reinterpret_cast<GvcInputStage *>(stream))
-             : nullptr;
-}
-
 gboolean
 gvc::stages_hold_input(GInputStream *stream)
 {
-  for (; auto *below = stage_base(stream); stream = below)
-    if (holds_input(reinterpret_cast<GvcInputStage *>(stream)))
+  for (; GVC_IS_INPUT_STAGE(stream); stream = base_stream(GVC_INPUT_STAGE(stream)))
+    if (holds_input(GVC_INPUT_STAGE(stream)))
       return TRUE;
   return FALSE;
 }
@@ -310,9 +261,5 @@ gvc::stages_hold_input(GInputStream *stream)
 gsize
 gvc::peek_stage(GInputStream *stage, void *to, gsize room)
 {
-  auto *self = reinterpret_cast<GvcInputStage *>(stage);
-  gsize count = MIN(room, self->converted.size());
-  if (count > 0)
-    std::memcpy(to, self->converted.data(), count);
-  return count;
+  return GVC_INPUT_STAGE(stage)->converted.peek(to, room);
 }

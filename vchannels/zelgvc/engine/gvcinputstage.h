@@ -2,8 +2,8 @@
 // The input stage of a channel: a GConverterInputStream with buffers of its own, which the engine
 // can look into.
 //
-// GIO's own loops for as long as units hold nothing, waits for the socket while it has bytes, hands
-// a skip on to the stream below, and keeps its largest buffers for ever.
+// GIO's own class loops while units hold nothing, waits for the socket while it has bytes, hands a
+// skip on to its base stream, and never shrinks its buffers.
 #pragma once
 
 #include <gio/gio.h>

@@ -1,7 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcoperation.h"
+#include "gvcinputstage.h"
+#include "gvcoutputstage.h"
 #include "gvcsocketwait.h"
 
+#include <vchannels/zelgvc/gvcfixedtexts.h>
+
+#include <utility>
+
+using gvc::Next;
 using gvc::Operation;
 
 // The entry of a pure virtual function, which is never called. It usually comes from libstdc++.
@@ -11,19 +18,21 @@ __cxa_pure_virtual()
   g_assert_not_reached();
 }
 
-Operation::~Operation()
+template <class D> Operation<D>::~Operation()
 {
   g_clear_error(&error_);
 }
 
+template <class D>
 GCancellable *
-Operation::cancellable() const
+Operation<D>::cancellable() const
 {
   return g_task_get_cancellable(task_);
 }
 
-Operation::Next
-Operation::next_part()
+template <class D>
+Next
+Operation<D>::next_part()
 {
   // What the call that starts the operation has moved counts from the next turn on.
   changing_part_ = starting_ && (priority_ != G_PRIORITY_DEFAULT || cancellable());
@@ -36,23 +45,60 @@ Operation::next_part()
   return more_urgent ? Next::turn : Next::again;
 }
 
-Operation::Next
-Operation::fail(GError *error)
+// The socket does not become readable for input that a stage holds.
+static Next
+wait_for(GInputStream *stream)
 {
-  g_propagate_error(&error_, error);
+  return gvc::stages_hold_input(stream) ? Next::turn : Next::ready;
+}
+
+static Next
+wait_for(GOutputStream *)
+{
+  return Next::ready;
+}
+
+template <class D>
+Next
+Operation<D>::failed()
+{
+  error_ = or_unknown(error_);
   return Next::done;
 }
 
-void
-Operation::start(int io_priority)
+template <class D>
+Next
+Operation<D>::blocked_or_failed()
 {
+  if (!g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK))
+    return failed();
+  g_clear_error(&error_);
+  return g_cancellable_set_error_if_cancelled(cancellable(), &error_) ? Next::done
+                                                                      : wait_for(target_);
+}
+
+template <class D>
+void
+Operation<D>::start(int io_priority, gboolean moves_bytes)
+{
+  auto *source = g_task_get_source_object(task_);
+  if (!check_stream(source, D::stream_type()))
+    return;
+
+  stream_ = target_ = static_cast<Stream *>(source);
+  while (auto *below = forwards_to(target_))
+    target_ = below;
+  polls_ = can_poll<D>(target_) && can_poll<D>(stream_);
+  if (polls_ && moves_bytes && mark_busy(stream_))
+    lowest_busy_ = target_;
   priority_ = io_priority;
   starting_ = TRUE;
   run(error_ ? Next::done : Next::again);
 }
 
+template <class D>
 void
-Operation::run(Next next)
+Operation<D>::run(Next next)
 {
   for (int attempts = 0; next == Next::again && attempts < budget_; attempts++)
     next = attempt();
@@ -66,21 +112,62 @@ Operation::run(Next next)
     wait(next == Next::ready ? next : Next::turn);
 }
 
+template <class D>
 void
-Operation::finish()
+Operation<D>::finish()
 {
   auto *task = task_;
 
-  release();
-  deliver();
+  if (lowest_busy_)
+    D::clear_pending(stream_);
+  if (error_)
+    g_task_return_error(task, std::exchange(error_, nullptr));
+  else
+    succeed();
   g_object_unref(task);
+}
+
+template <class D>
+void
+Operation<D>::succeed()
+{
+  g_task_return_boolean(task_, TRUE);
+}
+
+// ---- Busy streams ----
+
+// Sets the pending flag from `stream` down to target_, so that nothing else uses or closes one of
+// the streams meanwhile.
+template <class D>
+gboolean
+Operation<D>::mark_busy(Stream *stream)
+{
+  if (!D::set_pending(stream, &error_))
+    return FALSE;
+  if (stream == target_ || mark_busy(forwards_to(stream)))
+    return TRUE;
+  D::clear_pending(stream);
+  return FALSE;
+}
+
+template <class D>
+void
+Operation<D>::release_base()
+{
+  for (auto *stream = stream_; lowest_busy_ && stream != lowest_busy_;) {
+    stream = forwards_to(stream);
+    D::clear_pending(stream);
+  }
+  if (lowest_busy_)
+    lowest_busy_ = stream_;
 }
 
 // ---- Waiting ----
 
 // A source that waited for the same is kept: making and attaching one costs more than a read.
+template <class D>
 void
-Operation::wait(Next what)
+Operation<D>::wait(Next what)
 {
   if (dispatched_ == what) {
     auto *source = g_main_current_source();
@@ -96,18 +183,22 @@ Operation::wait(Next what)
 }
 
 // The socket, or a source of GLib's, takes over the reference to the task.
+template <class D>
 void
-Operation::wait_ready()
+Operation<D>::wait_ready()
 {
-  auto *stream = bottom();
+  auto *bottom = target_;
+  while (auto *below = stage_base(bottom))
+    bottom = below;
 
-  if (!wait_for_socket(stream, ready_condition_, g_task_get_context(task_), priority_,
-                       cancellable(), {socket_ready, this}))
-    attach(ready_source(stream), G_SOURCE_FUNC(ready_callback));
+  if (!wait_for_socket(bottom, task_, priority_, {socket_ready, this}))
+    attach(D::create_source(reinterpret_cast<typename D::Pollable *>(bottom), cancellable()),
+           G_SOURCE_FUNC(ready_callback));
 }
 
+template <class D>
 void
-Operation::socket_ready(gpointer user_data)
+Operation<D>::socket_ready(gpointer user_data)
 {
   auto *self = static_cast<Operation *>(user_data);
 
@@ -116,8 +207,9 @@ Operation::socket_ready(gpointer user_data)
 }
 
 // The source takes over the reference to the task.
+template <class D>
 void
-Operation::attach(GSource *source, GSourceFunc callback)
+Operation<D>::attach(GSource *source, GSourceFunc callback)
 {
   g_source_set_priority(source, priority_);
   g_source_set_callback(source, callback, this, [](gpointer self) {
@@ -127,8 +219,9 @@ Operation::attach(GSource *source, GSourceFunc callback)
   g_source_unref(source);
 }
 
+template <class D>
 gboolean
-Operation::resume(Next what)
+Operation<D>::resume(Next what)
 {
   starting_ = FALSE;
   dispatched_ = what;
@@ -140,22 +233,29 @@ Operation::resume(Next what)
   return keep_source_;
 }
 
+template <class D>
 gboolean
-Operation::turn_callback(gpointer self)
+Operation<D>::turn_callback(gpointer self)
 {
   return static_cast<Operation *>(self)->resume(Next::turn);
 }
 
+template <class D>
 gboolean
-Operation::ready_callback(GObject *, gpointer self)
+Operation<D>::ready_callback(GObject *, gpointer self)
 {
   return static_cast<Operation *>(self)->resume(Next::ready);
 }
 
+template <class D>
 void
-Operation::gio_callback(GObject *, GAsyncResult *result, gpointer user_data)
+Operation<D>::gio_callback(GObject *, GAsyncResult *result, gpointer user_data)
 {
   auto *self = static_cast<Operation *>(user_data);
+
   self->starting_ = FALSE;
   self->run(self->ended(result));
 }
+
+template class gvc::Operation<gvc::Input>;
+template class gvc::Operation<gvc::Output>;

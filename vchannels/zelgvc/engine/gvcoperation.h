@@ -12,20 +12,25 @@
 // The operation is the data of its task and owns one reference to it from start() to finish(), so
 // both live until the result is delivered. The first attempts run within start(). An operation that
 // ends there still waits for a turn: its stream stays busy until the callback, which runs in the
-// main loop. The streams below are free as soon as no byte moves any more.
+// main loop. The base streams are free as soon as no more bytes move.
 //
-// Reader and Writer (gvcreader.h, gvcwriter.h) move bytes; the message streams derive from them
-// what a message is. Streams that cannot be polled are left to GIO's asynchronous functions.
+// Reader and Writer (gvcreader.h, gvcwriter.h) move bytes; the message streams derive from them.
+// Streams that cannot be polled are left to GIO's asynchronous functions.
+//
+// Members of classes end in an underscore; those of C structures do not.
 #pragma once
 
-#include <gio/gio.h>
+#include "gvcpollable.h"
 
 #include <new>
 
 namespace gvc
 {
 
-class Operation
+enum class Next { again, turn, ready, gio, done };
+
+// `Direction` is Input or Output.
+template <class Direction> class Operation
 {
 public:
   // Makes a task whose data is a new operation. The operation drops the task in finish().
@@ -34,12 +39,12 @@ public:
   create(gpointer source, GCancellable *cancellable, GAsyncReadyCallback callback,
          gpointer user_data, gpointer tag)
   {
-    auto *op = new (g_slice_alloc0(sizeof(Op))) Op();
+    auto *op = new (g_malloc(sizeof(Op))) Op();
     op->task_ = g_task_new(source, cancellable, callback, user_data);
     g_task_set_source_tag(op->task_, tag);
     g_task_set_task_data(op->task_, op, [](gpointer data) {
       static_cast<Op *>(data)->~Op();
-      g_slice_free1(sizeof(Op), data);
+      g_free(data);
     });
     return op;
   }
@@ -47,55 +52,58 @@ public:
   static Op *
   of(GAsyncResult *result)
   {
-    return static_cast<Op *>(g_task_get_task_data(reinterpret_cast<GTask *>(result)));
+    return static_cast<Op *>(g_task_get_task_data(G_TASK(result)));
   }
 
 protected:
-  enum class Next { again, turn, ready, gio, done };
+  using Stream = typename Direction::Stream;
 
   Operation() = default;
   ~Operation();
 
-  void start(int io_priority);
+  // Logs the critical of the read-all or write-all utility, and does nothing else, if the source of
+  // the task is no stream.
+  void start(int io_priority, gboolean moves_bytes);
   GCancellable *cancellable() const;
   // Goes on with another part, at the default priority: at once, unless something may come between
   // the two, a source of another priority or a cancellation after the call that starts both.
   Next next_part();
-  // Ends the operation.
-  Next fail(GError *error);
+  // Ends the operation with error_.
+  Next failed();
+  // The same, unless error_ says that the stream would block. Then the operation waits.
+  Next blocked_or_failed();
 
   virtual Next attempt() = 0;
-  // For `ready`: the stream at the bottom, and what it has to become.
-  virtual gpointer bottom() = 0;
-  virtual GSource *ready_source(gpointer bottom) = 0;
-  GIOCondition ready_condition_ = G_IO_IN;
   // For `gio`: GIO's asynchronous functions take gio_callback(), which asks what came of it.
   static void gio_callback(GObject *source, GAsyncResult *result, gpointer self);
   virtual Next ended(GAsyncResult *result) = 0;
-  // Give streams back: those below the one of the task when nothing moves any more, all of them
-  // before the callback.
-  virtual void release_base() = 0;
-  virtual void release() = 0;
-  virtual void deliver() = 0; // gives the task its result: error_, or what the operation was for
+  // Gives the task its result if there is no error: TRUE by default.
+  virtual void succeed();
 
   GTask *task_ = nullptr;
+  Stream *stream_ = nullptr; // the source of the task
+  Stream *target_ = nullptr; // the stream behind the filters over it, whose bytes are moved
+  gboolean polls_ = FALSE;
   GError *error_ = nullptr;
   int priority_ = G_PRIORITY_DEFAULT;
   int budget_ = 4; // attempts in one dispatch
 
 private:
   void run(Next next);
+  void finish();
+  gboolean mark_busy(Stream *stream);
+  void release_base();
   void wait(Next what);
   void wait_ready();
   void attach(GSource *source, GSourceFunc callback);
   gboolean resume(Next what);
-  void finish();
   static gboolean turn_callback(gpointer self);
   static gboolean ready_callback(GObject *, gpointer self);
   static void socket_ready(gpointer self);
 
-  Next dispatched_ = Next::done; // what the source that is running now has waited for
-  gboolean keep_source_ = FALSE; // the operation waits for the same again
+  Stream *lowest_busy_ = nullptr; // the pending flag is set from stream_ down to here
+  Next dispatched_ = Next::done;  // what the source that is running now has waited for
+  gboolean keep_source_ = FALSE;  // the operation waits for the same again
   gboolean starting_ = FALSE;
   gboolean changing_part_ = FALSE; // next_part() has yet to change the priority
   gboolean ended_ = FALSE;         // nothing is left but finish()

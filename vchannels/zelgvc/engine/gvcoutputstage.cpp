@@ -3,32 +3,28 @@
 #include "gvcbuffer.h"
 #include "gvcpollable.h"
 
+#include <vchannels/zelgvc/gvcfixedtexts.h>
+
+#include <utility>
+
 using gvc::Buffer;
+using gvc::Sending;
 
-namespace
-{
+G_DECLARE_FINAL_TYPE(GvcOutputStage, gvc_output_stage, GVC, OUTPUT_STAGE, GConverterOutputStream)
 
-struct GvcOutputStage {
+struct _GvcOutputStage {
   GConverterOutputStream parent;
   GConverter *converter; // that of the parent
   GConverterIface *iface;
-  Buffer unconverted;  // what the converter wants more input for
-  Buffer converted;    // what the base stream has not taken yet
-  gsize first_part;    // of `converted`: what the first of two vectors has become
-  Buffer retried;      // accepted by a write that failed: not accepted twice if it is tried again
-  GError *deferred;    // met after the bytes of a write had been accepted; for the next operation
-  gboolean finished;   // the converter has said so; nothing more is accepted
-  gboolean over_stage; // the base stream is a stage
-  gboolean gathered;   // by the base stream
+  Buffer unconverted; // what the converter wants more input for
+  Buffer converted;   // what the base stream has not taken yet
+  gsize first_part;   // of `converted`: what the first of two vectors has become
+  Buffer retried;     // accepted by a write that failed: not accepted twice if it is tried again
+  GError *deferred;   // met after the bytes of a write had been accepted; for the next operation
+  gboolean finished;  // the converter has said so; nothing more is accepted
+  gboolean gathered;  // by the base stream
 };
 
-struct GvcOutputStageClass {
-  GConverterOutputStreamClass parent_class;
-};
-
-} // namespace
-
-static GType gvc_output_stage_get_type();
 static void gvc_output_stage_pollable_init(GPollableOutputStreamInterface *iface);
 
 G_DEFINE_TYPE_WITH_CODE(GvcOutputStage, gvc_output_stage, G_TYPE_CONVERTER_OUTPUT_STREAM,
@@ -41,18 +37,18 @@ base_stream(GvcOutputStage *self)
   return self->parent.parent_instance.base_stream;
 }
 
-// The most of a write that is converted at once. It bounds the memory of both peers, who hold a
-// whole block or record at a time, and how long one step of a main loop takes.
-static constexpr gsize most_at_once = 1024 * 1024;
+// A larger write is converted in pieces. This bounds the memory of both peers, which hold a whole
+// block or record at a time, and the time of one dispatch.
+static constexpr gsize max_at_once = 1024 * 1024;
 
-// How much room `size` bytes of input most likely need: enough for each of the library's own
-// converters, and for others a first offer, with what is needed to end a flush in one call (zlib
-// begins it anew when it runs out of room).
+// The room that `size` bytes of input probably need: enough for the library's own converters. The
+// minimum lets other converters end a flush in one call: zlib starts again when it runs out of
+// room.
 static gsize
 likely_room(gsize size)
 {
-  constexpr gsize least = 4096;
-  return MAX(size + size / 10 + 64, least);
+  constexpr gsize minimum = 4096;
+  return MAX(size + size / 10 + 64, minimum);
 }
 
 // One call of the converter on `in`, repeated with more room for as long as it asks for that.
@@ -167,42 +163,27 @@ parts(GvcOutputStage *self, GOutputVector vectors[2])
   return self->gathered ? 2 : 1;
 }
 
-// What becomes of a write that a stage has accepted and not sent.
-enum class Held {
-  retried, // the write fails, and its bytes are not accepted twice when they are offered again
-  kept,    // the write succeeds, and the next operation sends them
-};
-
-static gssize write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors,
-                            gboolean blocking, Held held, GCancellable *cancellable,
-                            GError **error);
-
-// One write to the base stream, with the checks for a closed stream and for an operation in
-// progress that GIO's blocking functions make. Returns FALSE with an error, or with none if the
-// stream gave none.
-static gboolean
+// One write to the base stream.
+static gssize
 write_parts(GvcOutputStage *self, GOutputVector *vectors, gsize n_vectors, gboolean blocking,
-            GCancellable *cancellable, gsize *written, GError **error)
+            GCancellable *cancellable, GError **error)
 {
   auto *base = base_stream(self);
-  gssize result;
+  gsize written = 0;
 
-  if (blocking && !self->over_stage && n_vectors > 1)
-    return g_output_stream_writev(base, vectors, n_vectors, written, cancellable, error);
-  if (blocking && !self->over_stage) {
-    result = g_output_stream_write(base, vectors->buffer, vectors->size, cancellable, error);
-  } else {
-    if (!g_output_stream_set_pending(base, error))
-      return FALSE;
-    result =
-        self->over_stage
-            ? write_vectors(reinterpret_cast<GvcOutputStage *>(base), vectors, n_vectors, blocking,
-                            blocking ? Held::retried : Held::kept, cancellable, error)
-            : gvc::write_nonblocking(base, vectors, n_vectors, nullptr, error);
-    g_output_stream_clear_pending(base);
-  }
-  *written = static_cast<gsize>(MAX(result, 0));
-  return result >= 0;
+  if (blocking && n_vectors == 1)
+    return g_output_stream_write(base, vectors->buffer, vectors->size, cancellable, error);
+  if (blocking)
+    return g_output_stream_writev(base, vectors, n_vectors, &written, cancellable, error)
+               ? static_cast<gssize>(written)
+               : -1;
+  if (!g_output_stream_set_pending(base, error))
+    return -1;
+  gssize result = GVC_IS_OUTPUT_STAGE(base)
+                      ? gvc::write_to_stage(base, vectors, n_vectors, Sending::kept, error)
+                      : gvc::write_nonblocking(base, vectors, n_vectors, nullptr, error);
+  g_output_stream_clear_pending(base);
+  return result;
 }
 
 // Hands converted bytes to the base stream until there are none.
@@ -212,16 +193,17 @@ push(GvcOutputStage *self, gboolean blocking, GCancellable *cancellable, GError 
   GOutputVector vectors[2];
 
   if (self->deferred) {
-    g_propagate_error(error, g_steal_pointer(&self->deferred));
+    g_propagate_error(error, std::exchange(self->deferred, nullptr));
     return FALSE;
   }
   while (gsize n_vectors = parts(self, vectors)) {
     GError *failure = nullptr;
-    gsize written = 0;
-    if (!write_parts(self, vectors, n_vectors, blocking, cancellable, &written, &failure)) {
+    gssize result = write_parts(self, vectors, n_vectors, blocking, cancellable, &failure);
+    if (result < 0) {
       g_propagate_error(error, gvc::or_unknown(failure));
       return FALSE;
     }
+    auto written = static_cast<gsize>(result);
     self->converted.consume(written);
     self->first_part -= MIN(written, self->first_part);
     if (written > 0)
@@ -229,7 +211,7 @@ push(GvcOutputStage *self, gboolean blocking, GCancellable *cancellable, GError 
     // As GIO's own class, but without blocking the main loop gets its turn.
     g_log("GLib-GIO", G_LOG_LEVEL_WARNING, "Write returned zero without error");
     if (!blocking) {
-      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
+      gvc::set_would_block(error);
       return FALSE;
     }
   }
@@ -244,7 +226,7 @@ accept_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vecto
                GError **next_error)
 {
   auto accept_one = [self](const GOutputVector &vector, GError **failure) {
-    return accept(self, static_cast<const guint8 *>(vector.buffer), MIN(vector.size, most_at_once),
+    return accept(self, static_cast<const guint8 *>(vector.buffer), MIN(vector.size, max_at_once),
                   failure);
   };
   gssize first = accept_one(vectors[0], error);
@@ -285,18 +267,18 @@ remember_retry(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vecto
 }
 
 static gboolean
-send(GvcOutputStage *self, gboolean blocking, Held held, GCancellable *cancellable, GError **error)
+send(GvcOutputStage *self, Sending sending, GCancellable *cancellable, GError **error)
 {
-  return push(self, blocking, cancellable, error) &&
-         (blocking || held == Held::kept || gvc::drain_stages(base_stream(self), error));
+  return push(self, sending == Sending::blocking, cancellable, error) &&
+         (sending != Sending::until_sent || gvc::drain_stages(base_stream(self), error));
 }
 
 // Nothing is accepted before the last write has left, so a slow peer cannot make a stage grow.
 static gssize
-write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors,
-              gboolean blocking, Held held, GCancellable *cancellable, GError **error)
+write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vectors, Sending sending,
+              GCancellable *cancellable, GError **error)
 {
-  if (!send(self, blocking, held, cancellable, error))
+  if (!send(self, sending, cancellable, error))
     return -1;
   if (self->retried.size() > 0) {
     gssize again = count_retried(self, vectors, n_vectors);
@@ -314,8 +296,8 @@ write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
   if (taken < 0)
     return -1;
   // The second vector waits for the next operation to fail.
-  auto *next_error = g_steal_pointer(&self->deferred);
-  gboolean sent = send(self, blocking, held, cancellable, &failure);
+  auto *next_error = std::exchange(self->deferred, nullptr);
+  gboolean sent = send(self, sending, cancellable, &failure);
   self->deferred = next_error;
   if (sent)
     return taken;
@@ -323,15 +305,15 @@ write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
   // What failed first is told first; the other failure comes again.
   if (!would_block && self->deferred) {
     g_error_free(failure);
-    failure = g_steal_pointer(&self->deferred);
+    failure = std::exchange(self->deferred, nullptr);
   }
-  if (held == Held::retried) {
+  if (sending != Sending::kept) {
     remember_retry(self, vectors, n_vectors, static_cast<gsize>(taken));
     g_propagate_error(error, failure);
     return -1;
   }
   if (!would_block)
-    self->deferred = g_steal_pointer(&failure);
+    self->deferred = std::exchange(failure, nullptr);
   g_clear_error(&failure);
   return taken;
 }
@@ -341,16 +323,15 @@ gvc_output_stage_write(GOutputStream *stream, const void *buffer, gsize count,
                        GCancellable *cancellable, GError **error)
 {
   GOutputVector vector = {buffer, count};
-  return write_vectors(reinterpret_cast<GvcOutputStage *>(stream), &vector, 1, TRUE, Held::retried,
-                       cancellable, error);
+  return write_vectors(GVC_OUTPUT_STAGE(stream), &vector, 1, Sending::blocking, cancellable, error);
 }
 
 static gboolean
 gvc_output_stage_writev(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                         gsize *bytes_written, GCancellable *cancellable, GError **error)
 {
-  gssize written = write_vectors(reinterpret_cast<GvcOutputStage *>(stream), vectors, n_vectors,
-                                 TRUE, Held::retried, cancellable, error);
+  gssize written = write_vectors(GVC_OUTPUT_STAGE(stream), vectors, n_vectors, Sending::blocking,
+                                 cancellable, error);
   *bytes_written = static_cast<gsize>(MAX(written, 0));
   return written >= 0;
 }
@@ -358,7 +339,7 @@ gvc_output_stage_writev(GOutputStream *stream, const GOutputVector *vectors, gsi
 static gboolean
 gvc_output_stage_flush(GOutputStream *stream, GCancellable *cancellable, GError **error)
 {
-  auto *self = reinterpret_cast<GvcOutputStage *>(stream);
+  auto *self = GVC_OUTPUT_STAGE(stream);
   gboolean closing = g_output_stream_is_closing(stream);
   auto flags = closing ? G_CONVERTER_INPUT_AT_END : G_CONVERTER_FLUSH;
   auto result = G_CONVERTER_CONVERTED;
@@ -383,19 +364,18 @@ gvc_output_stage_flush(GOutputStream *stream, GCancellable *cancellable, GError 
 static void
 gvc_output_stage_constructed(GObject *object)
 {
-  auto *self = reinterpret_cast<GvcOutputStage *>(object);
+  auto *self = GVC_OUTPUT_STAGE(object);
 
   G_OBJECT_CLASS(gvc_output_stage_parent_class)->constructed(object);
   self->converter = g_converter_output_stream_get_converter(&self->parent);
   self->iface = G_CONVERTER_GET_IFACE(self->converter);
-  self->over_stage = gvc::stage_base(base_stream(self)) != nullptr;
   self->gathered = gvc::gathers(base_stream(self));
 }
 
 static void
 gvc_output_stage_finalize(GObject *object)
 {
-  auto *self = reinterpret_cast<GvcOutputStage *>(object);
+  auto *self = GVC_OUTPUT_STAGE(object);
 
   self->unconverted.release();
   self->converted.release();
@@ -420,13 +400,14 @@ gvc_output_stage_init(GvcOutputStage *)
 {
 }
 
-// As with the filters of gvcpollable.h, GIO's asynchronous writes end when the bytes have left.
+// GIO's asynchronous writes end when the bytes have left, as with the filters of gvcpollable.h.
 static gssize
 write_nonblocking(GPollableOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                   GError **error)
 {
-  auto *stage = reinterpret_cast<GOutputStream *>(stream);
-  return gvc::write_to_stage(stage, vectors, n_vectors, g_output_stream_has_pending(stage), error);
+  auto *stage = G_OUTPUT_STREAM(stream);
+  auto sending = g_output_stream_has_pending(stage) ? Sending::until_sent : Sending::kept;
+  return gvc::write_to_stage(stage, vectors, n_vectors, sending, error);
 }
 
 static gssize
@@ -466,39 +447,33 @@ gvc_output_stage_pollable_init(GPollableOutputStreamInterface *iface)
 GOutputStream *
 gvc::output_stage_new(GOutputStream *base_stream, GConverter *converter)
 {
-  // As GIO's constructor says it.
-  if (!G_IS_OUTPUT_STREAM(base_stream)) {
-    g_return_if_fail_warning("GLib-GIO", "g_converter_output_stream_new",
-                             "G_IS_OUTPUT_STREAM (base_stream)");
+  if (!check_as_gio(G_IS_OUTPUT_STREAM(base_stream), "g_converter_output_stream_new",
+                    "G_IS_OUTPUT_STREAM (base_stream)"))
     return nullptr;
-  }
 
-  return static_cast<GOutputStream *>(g_object_new(gvc_output_stage_get_type(), "base-stream",
-                                                   base_stream, "converter", converter, nullptr));
+  return G_OUTPUT_STREAM(g_object_new(gvc_output_stage_get_type(), "base-stream", base_stream,
+                                      "converter", converter, nullptr));
 }
 
 GOutputStream *
 gvc::stage_base(GOutputStream *stream)
 {
-  return G_TYPE_CHECK_INSTANCE_TYPE(stream, gvc_output_stage_get_type())
-             ? base_stream(reinterpret_cast<GvcOutputStage *>(stream))
-             : nullptr;
+  return GVC_IS_OUTPUT_STAGE(stream) ? base_stream(GVC_OUTPUT_STAGE(stream)) : nullptr;
 }
 
 gboolean
 gvc::drain_stages(GOutputStream *stream, GError **error)
 {
-  // From the caller down, since what one stage passes on lands in the next.
-  for (; auto *below = stage_base(stream); stream = below)
-    if (!push(reinterpret_cast<GvcOutputStage *>(stream), FALSE, nullptr, error))
+  // From the caller down, since the bytes that one stage passes on land in the next.
+  for (; GVC_IS_OUTPUT_STAGE(stream); stream = base_stream(GVC_OUTPUT_STAGE(stream)))
+    if (!push(GVC_OUTPUT_STAGE(stream), FALSE, nullptr, error))
       return FALSE;
   return TRUE;
 }
 
 gssize
 gvc::write_to_stage(GOutputStream *stage, const GOutputVector *vectors, gsize n_vectors,
-                    gboolean until_sent, GError **error)
+                    Sending sending, GError **error)
 {
-  return write_vectors(reinterpret_cast<GvcOutputStage *>(stage), vectors, n_vectors, FALSE,
-                       until_sent ? Held::retried : Held::kept, nullptr, error);
+  return write_vectors(GVC_OUTPUT_STAGE(stage), vectors, n_vectors, sending, nullptr, error);
 }

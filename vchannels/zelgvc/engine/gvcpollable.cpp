@@ -1,12 +1,32 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcpollable.h"
+#include "gvcinputstage.h"
 #include "gvcoutputstage.h"
 
 #include <cerrno>
-#include <cstring>
+
+using gvc::Input;
+using gvc::Output;
+using gvc::Sending;
+
+template <class D>
+static typename D::Stream *
+base_of(gpointer filter)
+{
+  return static_cast<typename D::Filter *>(filter)->base_stream;
+}
+
+// can_poll() has found the base stream to be pollable.
+template <class D>
+static typename D::Pollable *
+pollable_base(gpointer filter)
+{
+  return reinterpret_cast<typename D::Pollable *>(base_of<D>(filter));
+}
 
 // ---- Sources ----
 
+// GIO's sources look at the socket alone: neither at bytes in a stage nor at closed streams.
 namespace
 {
 struct ReadySource {
@@ -42,9 +62,10 @@ finalize(GSource *source)
   g_object_unref(reinterpret_cast<ReadySource *>(source)->stream);
 }
 
-GSource *
-gvc::source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
-                 GCancellable *cancellable)
+// A source for `stream` that is ready when `child` is, and as long as `ready` says so.
+static GSource *
+source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
+            GCancellable *cancellable)
 {
   static GSourceFuncs funcs = {prepare, check, dispatch, finalize, nullptr, nullptr};
 
@@ -57,180 +78,144 @@ gvc::source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer str
   return source;
 }
 
-// ---- Input ----
+// ---- Filters ----
 
-static GInputStream *
-base_of(GPollableInputStream *filter)
+static gboolean
+holds_input(GInputStream *stream)
 {
-  return reinterpret_cast<GFilterInputStream *>(filter)->base_stream;
-}
-
-// What can_poll() has found to be pollable before anything else is asked of it.
-static GPollableInputStream *
-pollable_base(GPollableInputStream *filter)
-{
-  return reinterpret_cast<GPollableInputStream *>(base_of(filter));
+  return gvc::stages_hold_input(stream);
 }
 
 static gboolean
-input_can_poll(GPollableInputStream *filter)
+holds_input(GOutputStream *)
 {
-  auto *base = base_of(filter);
-  return G_IS_POLLABLE_INPUT_STREAM(base) &&
-         g_pollable_input_stream_can_poll(pollable_base(filter));
+  return FALSE;
 }
 
+template <class D>
 static gboolean
-input_is_readable(GPollableInputStream *filter)
+filter_can_poll(typename D::Pollable *filter)
 {
-  return g_pollable_input_stream_is_readable(pollable_base(filter));
+  return G_TYPE_CHECK_INSTANCE_TYPE(base_of<D>(filter), D::pollable_type()) &&
+         D::can_poll(pollable_base<D>(filter));
 }
 
+template <class D>
 static gboolean
-input_base_is_closed(gpointer filter)
+filter_is_ready(typename D::Pollable *filter)
 {
-  return g_input_stream_is_closed(base_of(static_cast<GPollableInputStream *>(filter)));
+  return holds_input(reinterpret_cast<typename D::Stream *>(filter)) ||
+         D::is_ready(pollable_base<D>(filter));
 }
 
+template <class D>
+static gboolean
+needs_no_wait(gpointer filter)
+{
+  auto *stream = static_cast<typename D::Stream *>(filter);
+  return holds_input(stream) || D::is_closed(stream) || D::is_closed(base_of<D>(filter));
+}
+
+template <class D>
 static GSource *
-input_create_source(GPollableInputStream *filter, GCancellable *cancellable)
+filter_create_source(typename D::Pollable *filter, GCancellable *cancellable)
 {
-  return gvc::source_with(filter,
-                          g_pollable_input_stream_create_source(pollable_base(filter), nullptr),
-                          input_base_is_closed, cancellable);
+  return source_with(filter, D::create_source(pollable_base<D>(filter), nullptr), needs_no_wait<D>,
+                     cancellable);
 }
 
 static gssize
-input_read_nonblocking(GPollableInputStream *filter, void *buffer, gsize count, GError **error)
+filter_read_nonblocking(GPollableInputStream *filter, void *buffer, gsize count, GError **error)
 {
-  auto *base = base_of(filter);
+  auto *base = base_of<Input>(filter);
 
   if (!g_input_stream_set_pending(base, error))
     return -1;
-  gssize nread = g_pollable_input_stream_read_nonblocking(pollable_base(filter), buffer, count,
-                                                          nullptr, error);
+  gssize nread = g_pollable_input_stream_read_nonblocking(pollable_base<Input>(filter), buffer,
+                                                          count, nullptr, error);
   g_input_stream_clear_pending(base);
   return nread;
 }
 
-void
-gvc::init_pollable_filter_input(GPollableInputStreamInterface *iface)
-{
-  iface->can_poll = input_can_poll;
-  iface->is_readable = input_is_readable;
-  iface->create_source = input_create_source;
-  iface->read_nonblocking = input_read_nonblocking;
-}
-
-GInputStream *
-gvc::forwards_to(GInputStream *stream)
-{
-  if (!G_IS_POLLABLE_INPUT_STREAM(stream))
-    return nullptr;
-  auto *filter = reinterpret_cast<GPollableInputStream *>(stream);
-  auto *iface = G_POLLABLE_INPUT_STREAM_GET_INTERFACE(filter);
-  return iface->read_nonblocking == input_read_nonblocking ? base_of(filter) : nullptr;
-}
-
-gboolean
-gvc::can_poll(GInputStream *stream)
-{
-  if (!G_IS_POLLABLE_INPUT_STREAM(stream))
-    return FALSE;
-  auto *left_to_gio = static_cast<GInputStreamClass *>(g_type_class_peek(G_TYPE_INPUT_STREAM));
-  return G_INPUT_STREAM_GET_CLASS(stream)->read_async == left_to_gio->read_async &&
-         g_pollable_input_stream_can_poll(reinterpret_cast<GPollableInputStream *>(stream));
-}
-
-// ---- Output ----
-
-static GOutputStream *
-base_of(GPollableOutputStream *filter)
-{
-  return reinterpret_cast<GFilterOutputStream *>(filter)->base_stream;
-}
-
-static GPollableOutputStream *
-pollable_base(GPollableOutputStream *filter)
-{
-  return reinterpret_cast<GPollableOutputStream *>(base_of(filter));
-}
-
-static gboolean
-output_can_poll(GPollableOutputStream *filter)
-{
-  auto *base = base_of(filter);
-  return G_IS_POLLABLE_OUTPUT_STREAM(base) &&
-         g_pollable_output_stream_can_poll(pollable_base(filter));
-}
-
-static gboolean
-output_is_writable(GPollableOutputStream *filter)
-{
-  return g_pollable_output_stream_is_writable(pollable_base(filter));
-}
-
-static gboolean
-output_base_is_closed(gpointer filter)
-{
-  return g_output_stream_is_closed(base_of(static_cast<GPollableOutputStream *>(filter)));
-}
-
-static GSource *
-output_create_source(GPollableOutputStream *filter, GCancellable *cancellable)
-{
-  return gvc::source_with(filter,
-                          g_pollable_output_stream_create_source(pollable_base(filter), nullptr),
-                          output_base_is_closed, cancellable);
-}
-
-// Within an asynchronous write of GIO's, which ends with the bytes that this function takes, a
-// stage must have sent them.
+// GIO's asynchronous writes end when this function has taken their bytes, so within one of them a
+// stage must have sent the bytes.
 static gssize
-output_write_nonblocking(GPollableOutputStream *filter, const void *buffer, gsize count,
+filter_write_nonblocking(GPollableOutputStream *filter, const void *buffer, gsize count,
                          GError **error)
 {
-  gboolean within_async = g_output_stream_has_pending(reinterpret_cast<GOutputStream *>(filter));
-  auto *base = base_of(filter);
+  auto sending =
+      g_output_stream_has_pending(G_OUTPUT_STREAM(filter)) ? Sending::until_sent : Sending::kept;
+  auto *base = base_of<Output>(filter);
   GOutputVector vector = {buffer, count};
 
   if (!g_output_stream_set_pending(base, error))
     return -1;
   gssize nwritten = gvc::stage_base(base)
-                        ? gvc::write_to_stage(base, &vector, 1, within_async, error)
+                        ? gvc::write_to_stage(base, &vector, 1, sending, error)
                         : gvc::write_nonblocking(base, &vector, 1, nullptr, error);
   g_output_stream_clear_pending(base);
   return nwritten;
 }
 
+template <class D>
+static void
+init_filter(typename D::Interface *iface)
+{
+  iface->can_poll = filter_can_poll<D>;
+  iface->*D::ready_method = filter_is_ready<D>;
+  iface->create_source = filter_create_source<D>;
+}
+
+void
+gvc::init_pollable_filter_input(GPollableInputStreamInterface *iface)
+{
+  init_filter<Input>(iface);
+  iface->read_nonblocking = filter_read_nonblocking;
+}
+
 void
 gvc::init_pollable_filter_output(GPollableOutputStreamInterface *iface)
 {
-  iface->can_poll = output_can_poll;
-  iface->is_writable = output_is_writable;
-  iface->create_source = output_create_source;
-  iface->write_nonblocking = output_write_nonblocking;
+  init_filter<Output>(iface);
+  iface->write_nonblocking = filter_write_nonblocking;
+}
+
+template <class D, class Move>
+static typename D::Stream *
+base_if_moved_by(typename D::Stream *stream, Move move)
+{
+  auto *iface = static_cast<typename D::Interface *>(
+      g_type_interface_peek(G_OBJECT_GET_CLASS(stream), D::pollable_type()));
+  return iface && iface->*D::move_method == move ? base_of<D>(stream) : nullptr;
+}
+
+GInputStream *
+gvc::forwards_to(GInputStream *stream)
+{
+  return base_if_moved_by<Input>(stream, filter_read_nonblocking);
 }
 
 GOutputStream *
 gvc::forwards_to(GOutputStream *stream)
 {
-  if (!G_IS_POLLABLE_OUTPUT_STREAM(stream))
-    return nullptr;
-  auto *filter = reinterpret_cast<GPollableOutputStream *>(stream);
-  auto *iface = G_POLLABLE_OUTPUT_STREAM_GET_INTERFACE(filter);
-  return iface->write_nonblocking == output_write_nonblocking ? base_of(filter) : nullptr;
+  return base_if_moved_by<Output>(stream, filter_write_nonblocking);
 }
 
+// ---- Streams ----
+
+template <class D>
 gboolean
-gvc::can_poll(GOutputStream *stream)
+gvc::can_poll(typename D::Stream *stream)
 {
-  if (!G_IS_POLLABLE_OUTPUT_STREAM(stream))
-    return FALSE;
-  auto *left_to_gio = static_cast<GOutputStreamClass *>(g_type_class_peek(G_TYPE_OUTPUT_STREAM));
-  return G_OUTPUT_STREAM_GET_CLASS(stream)->write_async == left_to_gio->write_async &&
-         g_pollable_output_stream_can_poll(reinterpret_cast<GPollableOutputStream *>(stream));
+  auto *own = G_TYPE_INSTANCE_GET_CLASS(stream, G_TYPE_OBJECT, typename D::Class);
+  auto *of_gio = static_cast<typename D::Class *>(g_type_class_peek(D::stream_type()));
+  return G_TYPE_CHECK_INSTANCE_TYPE(stream, D::pollable_type()) &&
+         own->*D::move_async == of_gio->*D::move_async &&
+         D::can_poll(reinterpret_cast<typename D::Pollable *>(stream));
 }
+
+template gboolean gvc::can_poll<Input>(GInputStream *);
+template gboolean gvc::can_poll<Output>(GOutputStream *);
 
 gboolean
 gvc::gathers(GOutputStream *stream)
@@ -255,11 +240,17 @@ gvc::write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsiz
     return static_cast<gssize>(written);
   case G_POLLABLE_RETURN_WOULD_BLOCK:
     // The one failure that comes without an error.
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
+    set_would_block(error);
     return -1;
   default:
     return -1;
   }
+}
+
+void
+gvc::set_would_block(GError **error)
+{
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK, g_strerror(EAGAIN));
 }
 
 GError *
@@ -268,27 +259,4 @@ gvc::or_unknown(GError *error)
   return error
              ? error
              : g_error_new_literal(G_IO_ERROR, G_IO_ERROR_FAILED, "Stream failed without an error");
-}
-
-// ---- Sockets ----
-
-static G_DEFINE_QUARK(gvc - socket, socket);
-
-// The streams of GSocketConnection have no public type, but a property for their socket.
-GSocket *
-gvc::plain_socket(gpointer stream)
-{
-  auto *object = static_cast<GObject *>(stream);
-  auto *type = G_OBJECT_TYPE_NAME(object);
-  if (strcmp(type, "GSocketInputStream") != 0 && strcmp(type, "GSocketOutputStream") != 0)
-    return nullptr;
-
-  auto *known = static_cast<GSocket *>(g_object_get_qdata(object, socket_quark()));
-  if (known)
-    return known;
-  g_autoptr(GSocket) socket = nullptr;
-  g_object_get(object, "socket", &socket, nullptr);
-  // The stream keeps its socket for life.
-  g_object_set_qdata(object, socket_quark(), socket);
-  return socket;
 }

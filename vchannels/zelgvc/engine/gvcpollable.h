@@ -9,8 +9,47 @@
 namespace gvc
 {
 
+// The parameters of code that serves both directions.
+struct Input {
+  using Stream = GInputStream;
+  using Class = GInputStreamClass;
+  using Filter = GFilterInputStream;
+  using Pollable = GPollableInputStream;
+  using Interface = GPollableInputStreamInterface;
+  static constexpr auto stream_type = g_input_stream_get_type;
+  static constexpr auto pollable_type = g_pollable_input_stream_get_type;
+  static constexpr auto set_pending = g_input_stream_set_pending;
+  static constexpr auto clear_pending = g_input_stream_clear_pending;
+  static constexpr auto is_closed = g_input_stream_is_closed;
+  static constexpr auto can_poll = g_pollable_input_stream_can_poll;
+  static constexpr auto is_ready = g_pollable_input_stream_is_readable;
+  static constexpr auto create_source = g_pollable_input_stream_create_source;
+  static constexpr auto move_async = &GInputStreamClass::read_async;
+  static constexpr auto ready_method = &GPollableInputStreamInterface::is_readable;
+  static constexpr auto move_method = &GPollableInputStreamInterface::read_nonblocking;
+};
+
+struct Output {
+  using Stream = GOutputStream;
+  using Class = GOutputStreamClass;
+  using Filter = GFilterOutputStream;
+  using Pollable = GPollableOutputStream;
+  using Interface = GPollableOutputStreamInterface;
+  static constexpr auto stream_type = g_output_stream_get_type;
+  static constexpr auto pollable_type = g_pollable_output_stream_get_type;
+  static constexpr auto set_pending = g_output_stream_set_pending;
+  static constexpr auto clear_pending = g_output_stream_clear_pending;
+  static constexpr auto is_closed = g_output_stream_is_closed;
+  static constexpr auto can_poll = g_pollable_output_stream_can_poll;
+  static constexpr auto is_ready = g_pollable_output_stream_is_writable;
+  static constexpr auto create_source = g_pollable_output_stream_create_source;
+  static constexpr auto move_async = &GOutputStreamClass::write_async;
+  static constexpr auto ready_method = &GPollableOutputStreamInterface::is_writable;
+  static constexpr auto move_method = &GPollableOutputStreamInterface::write_nonblocking;
+};
+
 // Fill the pollable interface of a filter stream: each operation is that of the base stream. A
-// filter over a base that cannot be polled cannot be polled either.
+// filter over a base stream that cannot be polled cannot be polled either.
 void init_pollable_filter_input(GPollableInputStreamInterface *iface);
 void init_pollable_filter_output(GPollableOutputStreamInterface *iface);
 
@@ -18,15 +57,8 @@ void init_pollable_filter_output(GPollableOutputStreamInterface *iface);
 GInputStream *forwards_to(GInputStream *stream);
 GOutputStream *forwards_to(GOutputStream *stream);
 
-// A source for `stream` that is ready when `child` is, and as long as `ready` says so. GIO's
-// sources look at the socket alone: neither at what a stage holds nor at a stream that has been
-// closed.
-GSource *source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
-                     GCancellable *cancellable);
-
 // The stream can be polled, and its class leaves asynchronous operations to GIO.
-gboolean can_poll(GInputStream *stream);
-gboolean can_poll(GOutputStream *stream);
+template <class D> gboolean can_poll(typename D::Stream *stream);
 
 // The stream sends several vectors in one call. GIO's default writes them one by one.
 gboolean gathers(GOutputStream *stream);
@@ -36,11 +68,11 @@ gboolean gathers(GOutputStream *stream);
 gssize write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                          GCancellable *cancellable, GError **error);
 
+// Sets G_IO_ERROR_WOULD_BLOCK.
+void set_would_block(GError **error);
+
 // `error`, or one for a stream that failed without saying why: it must not look like one that has
 // done its work.
 GError *or_unknown(GError *error);
-
-// The socket of a stream of GSocketConnection, else NULL.
-GSocket *plain_socket(gpointer stream);
 
 } // namespace gvc

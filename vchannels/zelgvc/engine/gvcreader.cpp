@@ -1,40 +1,22 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcreader.h"
 #include "gvcinputstage.h"
-#include "gvcpollable.h"
+#include "gvcsocketwait.h"
 
-#include <vchannels/zelgvc/gvcchecks.h>
+#include <vchannels/zelgvc/gvcfixedtexts.h>
 
 #include <cerrno>
 #include <sys/socket.h>
 
-// The mirror image of gvcwriter.cpp.
+// The counterpart of gvcwriter.cpp.
 
+using gvc::Next;
 using gvc::Reader;
-
-// Sets the pending flag of every stream from `stream` down to `target`, so that nothing else reads
-// or closes one of them meanwhile.
-static gboolean
-mark_busy(GInputStream *stream, GInputStream *target, GError **error)
-{
-  if (!g_input_stream_set_pending(stream, error))
-    return FALSE;
-  if (stream == target || mark_busy(gvc::forwards_to(stream), target, error))
-    return TRUE;
-  g_input_stream_clear_pending(stream);
-  return FALSE;
-}
 
 void
 Reader::start(int io_priority)
 {
-  stream_ = target_ = static_cast<GInputStream *>(g_task_get_source_object(task_));
-  while (auto *below = forwards_to(target_))
-    target_ = below;
-  polls_ = can_poll(target_) && can_poll(stream_);
-  if (polls_ && missing_ > 0)
-    marked_ = base_marked_ = mark_busy(stream_, target_, &error_);
-  Operation::start(io_priority);
+  Operation::start(io_priority, missing_ > 0);
 }
 
 void
@@ -45,18 +27,22 @@ Reader::expect(void *to, gsize count)
   received_ = 0;
 }
 
-Reader::Next
+Next
+Reader::part_done()
+{
+  return Next::done;
+}
+
+Next
 Reader::moved(gssize nread)
 {
-  assert_not_more(nread, static_cast<gint64>(missing_),
-                  {"vchannels/zelgvc/gvcinputstreamutils", 49}, "read_all_callback",
-                  "nread <= data->to_read");
+  assert_not_more(read_assertion, nread, missing_);
   missing_ -= static_cast<gsize>(nread);
   received_ += static_cast<gsize>(nread);
   return nread == 0 || missing_ == 0 ? part_done() : Next::again;
 }
 
-Reader::Next
+Next
 Reader::attempt()
 {
   if (missing_ == 0)
@@ -68,63 +54,15 @@ Reader::attempt()
   }
 
   gssize nread = g_pollable_input_stream_read_nonblocking(
-      reinterpret_cast<GPollableInputStream *>(target_), buffer_ + received_, missing_,
-      cancellable(), &error_);
+      G_POLLABLE_INPUT_STREAM(target_), buffer_ + received_, missing_, cancellable(), &error_);
   return nread >= 0 ? moved(nread) : blocked_or_failed();
 }
 
-Reader::Next
-Reader::blocked_or_failed()
-{
-  if (!g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK))
-    return fail(or_unknown(g_steal_pointer(&error_)));
-  g_clear_error(&error_);
-  return stages_hold_input(target_) ? Next::turn : Next::ready;
-}
-
-gpointer
-Reader::bottom()
-{
-  auto *bottom = target_;
-  while (auto *below = stage_base(bottom))
-    bottom = below;
-  return bottom;
-}
-
-GSource *
-Reader::ready_source(gpointer bottom)
-{
-  return g_pollable_input_stream_create_source(static_cast<GPollableInputStream *>(bottom),
-                                               cancellable());
-}
-
-Reader::Next
+Next
 Reader::ended(GAsyncResult *result)
 {
   gssize nread = g_input_stream_read_finish(stream_, result, &error_);
-  return nread >= 0 ? moved(nread) : fail(or_unknown(g_steal_pointer(&error_)));
-}
-
-void
-Reader::release_base()
-{
-  auto *stream = stream_;
-
-  if (!base_marked_)
-    return;
-  while (stream != target_) {
-    stream = forwards_to(stream);
-    g_input_stream_clear_pending(stream);
-  }
-  base_marked_ = FALSE;
-}
-
-void
-Reader::release()
-{
-  release_base();
-  if (marked_)
-    g_input_stream_clear_pending(stream_);
+  return nread >= 0 ? moved(nread) : failed();
 }
 
 // A peek takes a pending error off the socket, so what it says must not be lost: it is reported in
@@ -155,14 +93,4 @@ gvc::look_ahead(GInputStream *stream, void *to, gsize room, GError **error)
     return static_cast<gssize>(
         g_buffered_input_stream_peek(G_BUFFERED_INPUT_STREAM(stream), to, 0, room));
   return 0;
-}
-
-gboolean
-gvc::check_input_stream(gpointer stream)
-{
-  if (G_IS_INPUT_STREAM(stream))
-    return TRUE;
-  g_return_if_fail_warning(nullptr, "gvc_input_stream_util_read_all_async",
-                           "G_IS_INPUT_STREAM(stream)");
-  return FALSE;
 }

@@ -11,14 +11,31 @@
 // - A place that fires while nothing waits in it is taken out of the set until the next wait, so a
 //   peer that sends to a channel that nobody reads wakes nobody twice.
 // - One lock protects everything. It is not held while a waiter or a handler of a host runs.
-// - A closed descriptor leaves an epoll set silently. A sweep over the places that wait, twice a
+// - A closed descriptor leaves an epoll set silently. A sweep over the waiting places, twice a
 //   second, finds closed sockets. A set in which nothing has waited between two sweeps is given up.
-// - The epoll instances of a process are none of its child's: after a fork a set makes its own.
+// - A child process must not use the epoll instances of its parent: after a fork a set makes its
+// own.
 #include "gvcsocketwait.h"
+
+#include <cstring>
+#include <utility>
+
+// The streams of GSocketConnection have no public type, but a property for their socket. A stream
+// keeps its socket for life.
+static GSocket *
+find_socket(gpointer stream)
+{
+  auto *type = G_OBJECT_TYPE_NAME(stream);
+  if (strcmp(type, "GSocketInputStream") != 0 && strcmp(type, "GSocketOutputStream") != 0)
+    return nullptr;
+  g_autoptr(GSocket) socket = nullptr;
+  g_object_get(stream, "socket", &socket, nullptr);
+  return socket;
+}
 
 #ifdef GVC_EPOLL
 
-#include "gvcpollable.h"
+#include <vchannels/zelgvc/gvcquark.h>
 
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -28,11 +45,11 @@ namespace
 {
 
 constexpr gint64 sweep_interval = 450 * G_TIME_SPAN_MILLISECOND;
-constexpr int most_events = 64;
+constexpr int max_events = 64;
 
 struct Set;
 
-// Referenced by its stream and, while it is a member, by its set.
+// Referenced by its stream, by its set while it is a member, and by a handler for cancellation.
 struct Place {
   gatomicrefcount references;
   Set *set;        // NULL if the place is in none
@@ -44,7 +61,7 @@ struct Place {
   gboolean waits;
   gboolean fired; // in the queue of the set
   gvc::SocketWaiter waiter;
-  GCancellable *cancellable;
+  GCancellable *cancellable; // kept by the waiter
   gulong cancelled_handler;
 };
 
@@ -62,19 +79,35 @@ struct Set {
   gboolean abandoned;
 };
 
-} // namespace
-
 // ThreadSanitizer knows this lock, but none of GLib's.
-static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-static GHashTable *sets; // of themselves, by context and priority
-static guint generation; // of the process: a child after a fork has a new one
-static guint64 last_number;
+pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+GHashTable *sets; // of themselves, by context and priority
+guint generation; // of the process: a child after a fork has a new one
+guint64 last_number;
+
+class Lock
+{
+public:
+  Lock()
+  {
+    pthread_mutex_lock(&mutex);
+  }
+  ~Lock()
+  {
+    pthread_mutex_unlock(&mutex);
+  }
+  Lock(const Lock &) = delete;
+};
+
+} // namespace
 
 // ---- Places ----
 
 static void
-place_unref(Place *place)
+place_unref(gpointer data, GClosure * = nullptr)
 {
+  auto *place = static_cast<Place *>(data);
+
   if (g_atomic_ref_count_dec(&place->references))
     g_free(place);
 }
@@ -99,42 +132,47 @@ leave(Place *place)
   leave_epoll(place);
   place->set = nullptr;
   g_hash_table_remove(set->places, &place->number);
-  place_unref(place);
 }
 
 static void
 stream_is_gone(gpointer data, GObject *)
 {
   auto *place = static_cast<Place *>(data);
-
-  pthread_mutex_lock(&lock);
-  leave(place);
-  pthread_mutex_unlock(&lock);
+  {
+    Lock lock;
+    leave(place);
+  }
   place_unref(place);
 }
 
-static G_DEFINE_QUARK(gvc - socket - wait, place);
-
-// NULL if the stream is none of a socket's.
+// NULL if the stream has no socket.
 static Place *
-place_of(gpointer stream, guint direction)
+place_of(gpointer stream)
 {
+  static std::atomic<GQuark> cache;
+  GQuark quark = gvc::quark(cache, "gvc-socket-wait");
   auto *object = static_cast<GObject *>(stream);
-  auto *place = static_cast<Place *>(g_object_get_qdata(object, place_quark()));
-
+  auto *place = static_cast<Place *>(g_object_get_qdata(object, quark));
   if (place)
     return place;
-  auto *socket = gvc::plain_socket(stream);
+  auto *socket = find_socket(stream);
   if (!socket)
     return nullptr;
   place = g_new0(Place, 1);
   g_atomic_ref_count_init(&place->references);
   place->socket = socket;
   place->fd = g_socket_get_fd(socket);
-  place->direction = direction;
-  g_object_set_qdata(object, place_quark(), place);
+  place->direction = G_IS_INPUT_STREAM(stream) ? 0 : 1;
+  g_object_set_qdata(object, quark, place);
   g_object_weak_ref(object, stream_is_gone, place);
   return place;
+}
+
+GSocket *
+gvc::plain_socket(gpointer stream)
+{
+  auto *place = place_of(stream);
+  return place ? place->socket : nullptr;
 }
 
 // Lets the epoll instance report the place. An edge comes at once if the socket is ready by now.
@@ -142,11 +180,11 @@ static gboolean
 enter_epoll(Place *place)
 {
   auto *set = place->set;
+  auto *epoll = &set->epoll[place->direction];
   epoll_event event = {};
   event.events = (place->direction == 0 ? EPOLLIN | EPOLLRDHUP : EPOLLOUT) | EPOLLET;
   event.data.u64 = place->number;
 
-  auto *epoll = &set->epoll[place->direction];
   if (epoll->fd < 0) {
     *epoll = {epoll_create1(EPOLL_CLOEXEC), G_IO_IN, 0};
     if (epoll->fd < 0)
@@ -184,87 +222,92 @@ static void
 cancelled(GCancellable *, gpointer data)
 {
   auto *place = static_cast<Place *>(data);
+  Lock lock;
 
-  pthread_mutex_lock(&lock);
   if (place->set && place->waits) {
     fire(place);
     g_main_context_wakeup(place->set->context);
   }
-  pthread_mutex_unlock(&lock);
 }
 
+// g_cancellable_disconnect() would wait for the host's handlers, which may wait for the operation.
+// The handler keeps the place instead. A cancellation that it misses shows when the wait begins.
 static void
-handler_is_gone(gpointer place, GClosure *)
+watch(Place *place, GCancellable *cancellable)
 {
-  place_unref(static_cast<Place *>(place));
+  if (!cancellable)
+    return;
+  g_atomic_ref_count_inc(&place->references);
+  place->cancellable = cancellable;
+  place->cancelled_handler =
+      g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(cancelled), place, place_unref,
+                            static_cast<GConnectFlags>(0));
 }
 
 // ---- Sets ----
 
-// Returns FALSE if there are no more events to take.
-static gboolean
-collect_some(Set *set, guint direction)
+template <class Function>
+static void
+for_each_place(Set *set, Function function)
 {
-  epoll_event events[most_events];
-  int count = epoll_wait(set->epoll[direction].fd, events, most_events, 0);
+  GHashTableIter places;
+  gpointer place;
 
-  for (int i = 0; i < count; i++) {
-    auto *place = static_cast<Place *>(g_hash_table_lookup(set->places, &events[i].data.u64));
-    if (!place)
-      continue;
-    if (place->waits)
-      fire(place);
-    else
-      leave_epoll(place);
-  }
-  return count == most_events;
+  g_hash_table_iter_init(&places, set->places);
+  while (g_hash_table_iter_next(&places, nullptr, &place))
+    function(static_cast<Place *>(place));
 }
 
 // Takes events of an epoll instance. The edges of places in which nothing waits are dropped, and so
-// are those of places that are gone. They must not hide what follows.
+// are those of places that are gone. They must not hide the events behind them.
 static void
 collect(Set *set, guint direction)
 {
-  while (collect_some(set, direction) && g_queue_is_empty(&set->fired))
-    ;
+  epoll_event events[max_events];
+  int count = max_events;
+
+  while (count == max_events && g_queue_is_empty(&set->fired)) {
+    count = epoll_wait(set->epoll[direction].fd, events, max_events, 0);
+    for (int i = 0; i < count; i++) {
+      auto *place = static_cast<Place *>(g_hash_table_lookup(set->places, &events[i].data.u64));
+      if (place && place->waits)
+        fire(place);
+      else if (place)
+        leave_epoll(place);
+    }
+  }
 }
 
 // In the child after a fork the epoll instances are those of the parent, and stay its own.
 static void
 renew_after_fork(Set *set)
 {
-  for (guint direction = 0; direction < 2; direction++) {
-    if (set->epoll[direction].fd < 0)
-      continue;
-    g_source_remove_poll(&set->source, &set->epoll[direction]);
-    close(set->epoll[direction].fd);
-    set->epoll[direction] = {-1, 0, 0};
-  }
+  if (set->generation == generation)
+    return;
   set->generation = generation;
-
-  GHashTableIter places;
-  gpointer place;
-  g_hash_table_iter_init(&places, set->places);
-  while (g_hash_table_iter_next(&places, nullptr, &place))
-    if (!enter_epoll(static_cast<Place *>(place)))
-      fire(static_cast<Place *>(place));
+  for (auto &epoll : set->epoll) {
+    if (epoll.fd < 0)
+      continue;
+    g_source_remove_poll(&set->source, &epoll);
+    close(epoll.fd);
+    epoll.fd = -1;
+  }
+  for_each_place(set, [](Place *place) {
+    if (!enter_epoll(place))
+      fire(place);
+  });
 }
 
 // Returns FALSE if the set is not used any more.
 static gboolean
 sweep(Set *set, gint64 now)
 {
-  GHashTableIter places;
-  gpointer data;
-
   if (set->waiting == 0 && !set->used)
     return FALSE;
-  g_hash_table_iter_init(&places, set->places);
-  while (g_hash_table_iter_next(&places, nullptr, &data)) {
-    auto *place = static_cast<Place *>(data);
+  for_each_place(set, [](Place *place) {
     if (place->waits && g_socket_is_closed(place->socket))
       fire(place);
-  }
+  });
   set->used = FALSE;
   set->sweep_at = now + sweep_interval;
   return TRUE;
@@ -273,21 +316,15 @@ sweep(Set *set, gint64 now)
 static void
 abandon(Set *set)
 {
-  GHashTableIter places;
-  gpointer data;
-
   if (set->abandoned)
     return;
   set->abandoned = TRUE;
   g_hash_table_remove(sets, set);
-  g_hash_table_iter_init(&places, set->places);
-  while (g_hash_table_iter_next(&places, nullptr, &data)) {
-    auto *place = static_cast<Place *>(data);
-    g_hash_table_iter_remove(&places);
+  for_each_place(set, [](Place *place) {
     place->set = nullptr;
     place->fires = FALSE;
-    place_unref(place);
-  }
+  });
+  g_hash_table_remove_all(set->places);
 }
 
 static gboolean
@@ -295,14 +332,15 @@ set_prepare(GSource *source, int *timeout)
 {
   auto *set = reinterpret_cast<Set *>(source);
   gint64 now = g_source_get_time(source);
-
-  pthread_mutex_lock(&lock);
-  if (set->generation != generation)
+  gboolean ready, abandoned;
+  {
+    Lock lock;
     renew_after_fork(set);
-  if (now >= set->sweep_at && !sweep(set, now))
-    abandon(set);
-  gboolean ready = !g_queue_is_empty(&set->fired), abandoned = set->abandoned;
-  pthread_mutex_unlock(&lock);
+    if (now >= set->sweep_at && !sweep(set, now))
+      abandon(set);
+    ready = !g_queue_is_empty(&set->fired);
+    abandoned = set->abandoned;
+  }
   if (abandoned)
     g_source_destroy(source);
   *timeout = static_cast<int>((set->sweep_at - now) / G_TIME_SPAN_MILLISECOND) + 1;
@@ -313,32 +351,35 @@ static gboolean
 set_check(GSource *source)
 {
   auto *set = reinterpret_cast<Set *>(source);
+  Lock lock;
 
-  pthread_mutex_lock(&lock);
   for (guint direction = 0; direction < 2; direction++)
     if (set->epoll[direction].fd >= 0 && set->epoll[direction].revents)
       collect(set, direction);
-  gboolean ready = !g_queue_is_empty(&set->fired);
-  pthread_mutex_unlock(&lock);
-  return ready;
+  return !g_queue_is_empty(&set->fired);
 }
 
-static void
+static gboolean
 call_next(Set *set)
 {
-  auto *place = static_cast<Place *>(g_queue_pop_head(&set->fired));
-  auto waiter = place->waiter;
-  auto *cancellable = static_cast<GCancellable *>(g_steal_pointer(&place->cancellable));
-  gulong handler = place->cancelled_handler;
-
-  place->fired = place->waits = FALSE;
-  set->waiting--;
-  pthread_mutex_unlock(&lock);
+  gvc::SocketWaiter waiter;
+  GCancellable *cancellable;
+  gulong handler;
+  {
+    Lock lock;
+    auto *place = static_cast<Place *>(g_queue_pop_head(&set->fired));
+    if (!place)
+      return FALSE;
+    waiter = place->waiter;
+    cancellable = std::exchange(place->cancellable, nullptr);
+    handler = place->cancelled_handler;
+    place->fired = place->waits = FALSE;
+    set->waiting--;
+  }
   if (cancellable)
     g_signal_handler_disconnect(cancellable, handler);
-  g_clear_object(&cancellable);
   waiter.ready(waiter.data);
-  pthread_mutex_lock(&lock);
+  return TRUE;
 }
 
 // Only the waiters that are there now get their turn: each may wait again.
@@ -346,11 +387,13 @@ static gboolean
 set_dispatch(GSource *source, GSourceFunc, gpointer)
 {
   auto *set = reinterpret_cast<Set *>(source);
-
-  pthread_mutex_lock(&lock);
-  for (guint left = set->fired.length; left > 0 && set->fired.length > 0; left--)
-    call_next(set);
-  pthread_mutex_unlock(&lock);
+  guint left;
+  {
+    Lock lock;
+    left = set->fired.length;
+  }
+  while (left > 0 && call_next(set))
+    left--;
   return G_SOURCE_CONTINUE;
 }
 
@@ -359,10 +402,10 @@ static void
 set_finalize(GSource *source)
 {
   auto *set = reinterpret_cast<Set *>(source);
-
-  pthread_mutex_lock(&lock);
-  abandon(set);
-  pthread_mutex_unlock(&lock);
+  {
+    Lock lock;
+    abandon(set);
+  }
   g_hash_table_unref(set->places);
   for (auto &epoll : set->epoll)
     if (epoll.fd >= 0)
@@ -383,52 +426,31 @@ set_equal(gconstpointer a, gconstpointer b)
   return one->context == other->context && one->priority == other->priority;
 }
 
-// No thread has the lock while the process is copied.
+// No thread holds the lock while the process is copied.
 static void
-before_fork()
+make_sets()
 {
-  pthread_mutex_lock(&lock);
-}
-
-static void
-parent_after_fork()
-{
-  pthread_mutex_unlock(&lock);
-}
-
-static void
-child_after_fork()
-{
-  generation++;
-  pthread_mutex_unlock(&lock);
+  sets = g_hash_table_new(set_hash, set_equal);
+  pthread_atfork([] { pthread_mutex_lock(&mutex); }, [] { pthread_mutex_unlock(&mutex); },
+                 [] {
+                   generation++;
+                   pthread_mutex_unlock(&mutex);
+                 });
 }
 
 static Set *
-set_of(GMainContext *context, int priority)
+make_set(GMainContext *context, int priority)
 {
   static GSourceFuncs funcs = {set_prepare,  set_check, set_dispatch,
                                set_finalize, nullptr,   nullptr};
 
-  if (!sets) {
-    sets = g_hash_table_new(set_hash, set_equal);
-    pthread_atfork(before_fork, parent_after_fork, child_after_fork);
-  }
-  Set key = {};
-  key.context = context;
-  key.priority = priority;
-  auto *set = static_cast<Set *>(g_hash_table_lookup(sets, &key));
-  if (set) {
-    if (set->generation != generation)
-      renew_after_fork(set);
-    return set;
-  }
-
   auto *source = g_source_new(&funcs, sizeof(Set));
-  set = reinterpret_cast<Set *>(source);
+  auto *set = reinterpret_cast<Set *>(source);
   set->context = context;
   set->priority = priority;
   set->epoll[0].fd = set->epoll[1].fd = -1;
-  set->places = g_hash_table_new(g_int64_hash, g_int64_equal);
+  set->places = g_hash_table_new_full(g_int64_hash, g_int64_equal, nullptr,
+                                      [](gpointer place) { place_unref(place); });
   g_queue_init(&set->fired);
   set->generation = generation;
   g_source_set_name(source, "GvcSocketWait");
@@ -442,24 +464,52 @@ set_of(GMainContext *context, int priority)
   return set;
 }
 
-// From here on the waiter may be called, in another thread, before this function has returned.
+static Set *
+set_of(GMainContext *context, int priority)
+{
+  if (!sets)
+    make_sets();
+  Set key = {};
+  key.context = context;
+  key.priority = priority;
+  auto *set = static_cast<Set *>(g_hash_table_lookup(sets, &key));
+  if (!set)
+    return make_set(context, priority);
+  renew_after_fork(set);
+  return set;
+}
+
 static gboolean
-wait_in_set(Place *place, GMainContext *context, int priority, const gvc::SocketWaiter &waiter)
+join(Place *place, GMainContext *context, int priority)
 {
   auto *set = place->set;
 
-  if (!set || set->context != context || set->priority != priority ||
-      set->generation != generation) {
+  if (!set || set->context != context || set->priority != priority || set->generation != generation)
     set = set_of(context, priority);
-    if (place->set != set)
-      leave(place);
-  }
-  if (place->set != set ? !enter(place, set) : !place->fires && !enter_epoll(place))
+  if (place->set == set)
+    return place->fires || enter_epoll(place);
+  leave(place);
+  return enter(place, set);
+}
+
+// Channels with stages may share a socket connection, and each of them waits for itself: a place
+// serves one waiter. From here on the waiter may be called, in another thread, before this function
+// has returned.
+gboolean
+gvc::wait_for_socket(gpointer stream, GTask *task, int priority, const SocketWaiter &waiter)
+{
+  auto *context = g_task_get_context(task);
+  auto *place = place_of(stream);
+  Lock lock;
+
+  if (!place || place->waits || g_socket_get_timeout(place->socket) > 0 ||
+      g_socket_is_closed(place->socket) || !join(place, context, priority))
     return FALSE;
+  watch(place, g_task_get_cancellable(task));
   place->waiter = waiter;
   place->waits = TRUE;
-  set->waiting++;
-  set->used = TRUE;
+  place->set->waiting++;
+  place->set->used = TRUE;
   if (g_cancellable_is_cancelled(place->cancellable)) {
     fire(place);
     g_main_context_wakeup(context);
@@ -467,55 +517,16 @@ wait_in_set(Place *place, GMainContext *context, int priority, const gvc::Socket
   return TRUE;
 }
 
-// Channels with stages may share a socket connection, and each of them waits for itself.
-static gboolean
-is_taken(Place *place)
-{
-  pthread_mutex_lock(&lock);
-  gboolean taken = place->waits;
-  pthread_mutex_unlock(&lock);
-  return taken;
-}
-
-// g_cancellable_disconnect() would wait for the host's handlers, which may wait for the operation.
-// The handler keeps the place instead. A cancellation that it misses shows when the wait begins.
-static void
-watch(Place *place, GCancellable *cancellable)
-{
-  if (!cancellable)
-    return;
-  g_atomic_ref_count_inc(&place->references);
-  place->cancelled_handler =
-      g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(cancelled), place, handler_is_gone,
-                            static_cast<GConnectFlags>(0));
-  place->cancellable = static_cast<GCancellable *>(g_object_ref(cancellable));
-}
-
-gboolean
-gvc::wait_for_socket(gpointer stream, GIOCondition condition, GMainContext *context, int priority,
-                     GCancellable *cancellable, const SocketWaiter &waiter)
-{
-  auto *place = place_of(stream, condition == G_IO_IN ? 0 : 1);
-  if (!place || is_taken(place) || g_socket_get_timeout(place->socket) > 0 ||
-      g_socket_is_closed(place->socket))
-    return FALSE;
-
-  watch(place, cancellable);
-  pthread_mutex_lock(&lock);
-  gboolean waits = wait_in_set(place, context, priority, waiter);
-  pthread_mutex_unlock(&lock);
-  if (!waits && cancellable) {
-    g_signal_handler_disconnect(cancellable, place->cancelled_handler);
-    g_clear_object(&place->cancellable);
-  }
-  return waits;
-}
-
 #else
 
+GSocket *
+gvc::plain_socket(gpointer stream)
+{
+  return find_socket(stream);
+}
+
 gboolean
-gvc::wait_for_socket(gpointer, GIOCondition, GMainContext *, int, GCancellable *,
-                     const SocketWaiter &)
+gvc::wait_for_socket(gpointer, GTask *, int, const SocketWaiter &)
 {
   return FALSE;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Writing from memory of the operation's owner: one or two vectors, each a write of its own to
-// whatever does not gather. The operation ends when the stages of a channel hold nothing of them.
+// Writing from memory of the operation's owner: one or two vectors, each a write of its own to a
+// stream that does not gather. The operation ends when the stages of a channel hold no byte of
+// them.
 #pragma once
 
 #include "gvcoperation.h"
@@ -8,7 +9,7 @@
 namespace gvc
 {
 
-class Writer : public Operation
+class Writer : public Operation<Output>
 {
 public:
   // Bytes that the stream has accepted.
@@ -21,19 +22,11 @@ public:
 protected:
   void start(int io_priority);
   void offer(const void *from, gsize count);
-  // All vectors are accepted. Offers more, or has the stages drained.
+  // All vectors are accepted. Offers more, or sends what the stages still hold.
   virtual Next all_accepted();
-  Next drain();
 
   Next attempt() override;
-  gpointer bottom() override;
-  GSource *ready_source(gpointer bottom) override;
   Next ended(GAsyncResult *result) override;
-  void release_base() override;
-  void release() override;
-
-  GOutputStream *stream_ = nullptr; // the source of the task
-  GOutputStream *target_ = nullptr; // what it forwards to, which is written to
 
 private:
   Next moved(gssize nwritten);
@@ -41,15 +34,8 @@ private:
 
   GOutputVector vectors_[2] = {};
   guint n_vectors_ = 0;
+  guint n_offered_ = 0; // by the current attempt
   gsize accepted_ = 0;
-  gboolean polls_ = FALSE;
-  gboolean gathers_ = FALSE;
-  gboolean marked_ = FALSE; // as busy
-  gboolean base_marked_ = FALSE;
 };
-
-// Logs the critical of gvc_output_stream_util_write_all_async() unless `stream` is an output
-// stream.
-gboolean check_output_stream(gpointer stream);
 
 } // namespace gvc
