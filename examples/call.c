@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-/* The calling side: exchanges messages of every kind with serve, checks every answer, and sends
- * files. It has only one thing to do at a time, so it uses the blocking calls where it can. */
+/* The client: exchanges messages of every kind with serve, checks every answer, and sends files. It
+ * does one thing at a time, so it uses the blocking calls. */
 #include "channel.h"
 
 #include <locale.h>
@@ -20,6 +20,9 @@ typedef struct {
 
 typedef struct {
   Channel *channel;
+  GCancellable *cancellable;
+  GMainContext *clock; /* of the thread that watches the deadlines */
+  int over;            /* ends this thread */
   guint timeout;
   guint64 frames;      /* sent and received */
   guint64 strings;     /* likewise */
@@ -28,23 +31,71 @@ typedef struct {
   gint64 file_time;    /* likewise, without the time for checksums */
 } Call;
 
+/* Deadlines. A blocking call ends early only if another thread cancels it. The timeout of a socket
+ * is no deadline: it starts again with each byte. */
+
+static gpointer
+run_clock(gpointer data)
+{
+  Call *call = data;
+
+  while (!g_atomic_int_get(&call->over))
+    g_main_context_iteration(call->clock, TRUE);
+  return NULL;
+}
+
+static gboolean
+on_late(gpointer cancellable)
+{
+  g_cancellable_cancel(cancellable);
+  return G_SOURCE_REMOVE;
+}
+
+/* Sets the deadline of the next blocking call. */
+static GSource *
+begin(Call *call)
+{
+  GSource *deadline = g_timeout_source_new_seconds(call->timeout);
+
+  g_source_set_callback(deadline, on_late, call->cancellable, NULL);
+  g_source_attach(deadline, call->clock);
+  return deadline;
+}
+
+static void
+end(GSource *deadline)
+{
+  g_source_destroy(deadline);
+  g_source_unref(deadline);
+}
+
+/* Messages. */
+
 static gboolean
 put_bytes(Call *call, GBytes *bytes, GError **error)
 {
+  GSource *deadline = begin(call);
+  gboolean done =
+      gvc_bytes_output_stream_put_bytes(call->channel->frames_out, bytes, call->cancellable, error);
+
+  end(deadline);
   call->frames++;
   call->payload += g_bytes_get_size(bytes);
-  return gvc_bytes_output_stream_put_bytes(call->channel->frames_out, bytes, NULL, error);
+  return done;
 }
 
 static GBytes *
 read_bytes(Call *call, GError **error)
 {
-  GBytes *bytes = gvc_bytes_input_stream_read_bytes(call->channel->frames_in, NULL, error);
+  GSource *deadline = begin(call);
+  GBytes *bytes =
+      gvc_bytes_input_stream_read_bytes(call->channel->frames_in, call->cancellable, error);
 
-  if (bytes != NULL) {
-    call->frames++;
-    call->payload += g_bytes_get_size(bytes);
-  }
+  end(deadline);
+  if (bytes == NULL)
+    return NULL;
+  call->frames++;
+  call->payload += g_bytes_get_size(bytes);
   return bytes;
 }
 
@@ -52,18 +103,24 @@ static gboolean
 put_variant(Call *call, GVariant *variant, GError **error)
 {
   g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
+  GSource *deadline = begin(call);
+  gboolean done = gvc_bytes_output_stream_put_variant(call->channel->frames_out, sunk,
+                                                      call->cancellable, error);
 
+  end(deadline);
   call->frames++;
   call->payload += g_variant_get_size(sunk);
-  return gvc_bytes_output_stream_put_variant(call->channel->frames_out, sunk, NULL, error);
+  return done;
 }
 
 static GVariant *
 read_variant(Call *call, const char *format, GError **error)
 {
-  GVariant *variant =
-      gvc_bytes_input_stream_read_variant(call->channel->frames_in, format, NULL, error);
+  GSource *deadline = begin(call);
+  GVariant *variant = gvc_bytes_input_stream_read_variant(call->channel->frames_in, format,
+                                                          call->cancellable, error);
 
+  end(deadline);
   if (variant == NULL)
     return NULL;
   call->frames++;
@@ -75,56 +132,31 @@ static gboolean
 put_string(Call *call, const char *string, GError **error)
 {
   g_autofree char *line = g_strdup_printf("%s%c", string, STRING_END);
+  GSource *deadline = begin(call);
+  gboolean done = g_output_stream_write_all(G_OUTPUT_STREAM(call->channel->frames_out), line,
+                                            strlen(line), NULL, call->cancellable, error);
 
+  end(deadline);
   call->strings++;
   call->payload += strlen(string);
-  return g_output_stream_write_all(G_OUTPUT_STREAM(call->channel->frames_out), line, strlen(line),
-                                   NULL, NULL, error);
+  return done;
 }
 
-static void
-on_string(GObject *object, GAsyncResult *result, gpointer data)
-{
-  *(GAsyncResult **)data = g_object_ref(result);
-}
-
-static gboolean
-on_late(gpointer cancellable)
-{
-  g_cancellable_cancel(cancellable);
-  return G_SOURCE_REMOVE;
-}
-
-/* The string reader looks for its terminator beyond the end of the stream, for ever. The blocking
- * call could only be stopped from another thread, so this waits for the asynchronous one, in a main
- * context of its own and with a time limit. */
+/* At the end of the stream, this reader waits for its terminator until the deadline. */
 static char *
 read_string(Call *call, GError **error)
 {
-  g_autoptr(GMainContext) context = g_main_context_new();
-  g_autoptr(GCancellable) cancellable = g_cancellable_new();
-  g_autoptr(GSource) limit = g_timeout_source_new_seconds(call->timeout);
-  g_autoptr(GAsyncResult) result = NULL;
-  char *string;
+  GSource *deadline = begin(call);
   gsize length;
+  char *string = gvc_data_input_stream_read_string(call->channel->strings_in, STRING_END, &length,
+                                                   call->cancellable, error);
 
-  g_main_context_push_thread_default(context);
-  g_source_set_callback(limit, on_late, cancellable, NULL);
-  g_source_attach(limit, context);
-  gvc_data_input_stream_read_string_async(call->channel->strings_in, STRING_END, G_PRIORITY_DEFAULT,
-                                          cancellable, on_string, &result);
-  while (result == NULL)
-    g_main_context_iteration(context, TRUE);
-  g_source_destroy(limit);
-  g_main_context_pop_thread_default(context);
-
-  string =
-      gvc_data_input_stream_read_string_finish(call->channel->strings_in, result, &length, error);
+  end(deadline);
   if (string == NULL)
     return NULL;
   call->strings++;
   call->payload += length - 1;
-  string[length - 1] = '\0'; /* where the terminator was */
+  string[length - 1] = '\0'; /* replaces the terminator */
   return string;
 }
 
@@ -135,7 +167,7 @@ fail_unequal(const char *what, GError **error)
   return FALSE;
 }
 
-/* Says what will follow, and hears whether the server takes it. */
+/* Announces what follows. FALSE if the server refuses it. */
 static gboolean
 request(Call *call, const char *kind, guint64 count, const char *name, GError **error)
 {
@@ -154,7 +186,7 @@ request(Call *call, const char *kind, guint64 count, const char *name, GError **
   return taken;
 }
 
-/* Never empty: to the blocking reader an empty frame is the end of the channel. */
+/* Never empty: the blocking reader takes an empty frame for the end of the channel. */
 static GBytes *
 some_bytes(guint number)
 {
@@ -167,71 +199,55 @@ some_bytes(guint number)
 }
 
 static gboolean
-exchange_bytes(Call *call, guint count, GError **error)
+exchange_bytes(Call *call, guint number, GError **error)
 {
-  if (!request(call, KIND_BYTES, count, "", error))
-    return FALSE;
-  for (guint i = 0; i < count; i++) {
-    g_autoptr(GBytes) bytes = some_bytes(i);
-    g_autoptr(GBytes) answer = NULL;
+  g_autoptr(GBytes) bytes = some_bytes(number);
+  g_autoptr(GBytes) answer = NULL;
 
-    if (!put_bytes(call, bytes, error))
-      return FALSE;
-    answer = read_bytes(call, error);
-    if (answer == NULL)
-      return FALSE;
-    if (!g_bytes_equal(bytes, answer))
-      return fail_unequal("a byte message", error);
-  }
+  if (!put_bytes(call, bytes, error))
+    return FALSE;
+  answer = read_bytes(call, error);
+  if (answer == NULL)
+    return FALSE;
+  return g_bytes_equal(bytes, answer) || fail_unequal("a byte message", error);
+}
+
+static gboolean
+exchange_variant(Call *call, guint number, GError **error)
+{
+  g_autofree char *text = g_strdup_printf("message %u", number);
+  g_autofree char *backwards = g_utf8_strreverse(text, -1);
+  g_autoptr(GVariant) answer = NULL;
+  const char *answer_text;
+  guint32 answer_number;
+
+  if (!put_variant(call, g_variant_new(VARIANT_FORMAT, text, number), error))
+    return FALSE;
+  answer = read_variant(call, VARIANT_FORMAT, error);
+  if (answer == NULL)
+    return FALSE;
+  g_variant_get(answer, "(&su)", &answer_text, &answer_number);
+  if (strcmp(answer_text, backwards) != 0 || answer_number != number + 1)
+    return fail_unequal("a variant", error);
   return TRUE;
 }
 
 static gboolean
-exchange_variants(Call *call, guint count, GError **error)
+exchange_string(Call *call, guint number, GError **error)
 {
-  if (!request(call, KIND_VARIANTS, count, "", error))
-    return FALSE;
-  for (guint i = 0; i < count; i++) {
-    g_autofree char *text = g_strdup_printf("message %u of %u", i, count);
-    g_autofree char *backwards = g_utf8_strreverse(text, -1);
-    g_autoptr(GVariant) answer = NULL;
-    const char *answer_text;
-    guint32 number;
+  g_autofree char *string = g_strdup_printf("line %u", number);
+  g_autofree char *capitals = g_ascii_strup(string, -1);
+  g_autofree char *answer = NULL;
 
-    if (!put_variant(call, g_variant_new(VARIANT_FORMAT, text, i), error))
-      return FALSE;
-    answer = read_variant(call, VARIANT_FORMAT, error);
-    if (answer == NULL)
-      return FALSE;
-    g_variant_get(answer, "(&su)", &answer_text, &number);
-    if (strcmp(answer_text, backwards) != 0 || number != i + 1)
-      return fail_unequal("a variant", error);
-  }
-  return TRUE;
+  if (!put_string(call, string, error))
+    return FALSE;
+  answer = read_string(call, error);
+  if (answer == NULL)
+    return FALSE;
+  return strcmp(answer, capitals) == 0 || fail_unequal("a string", error);
 }
 
-static gboolean
-exchange_strings(Call *call, guint count, GError **error)
-{
-  if (!request(call, KIND_STRINGS, count, "", error))
-    return FALSE;
-  for (guint i = 0; i < count; i++) {
-    g_autofree char *string = g_strdup_printf("line %u of %u", i, count);
-    g_autofree char *capitals = g_ascii_strup(string, -1);
-    g_autofree char *answer = NULL;
-
-    if (!put_string(call, string, error))
-      return FALSE;
-    answer = read_string(call, error);
-    if (answer == NULL)
-      return FALSE;
-    if (strcmp(answer, capitals) != 0)
-      return fail_unequal("a string", error);
-  }
-  return TRUE;
-}
-
-/* The parts share the file's memory; none is copied on its way to the stages. */
+/* The parts share the memory of the file. */
 static gboolean
 send_parts(Call *call, GBytes *bytes, gsize chunk, GError **error)
 {
@@ -308,14 +324,28 @@ send_file(Call *call, const char *path, gsize chunk, GError **error)
   return TRUE;
 }
 
+static const struct {
+  const char *kind;
+  gboolean (*exchange)(Call *call, guint number, GError **error);
+} kinds[] = {
+    {KIND_BYTES, exchange_bytes},
+    {KIND_VARIANTS, exchange_variant},
+    {KIND_STRINGS, exchange_string},
+};
+
 static gboolean
 exchange_messages(Call *call, guint count, GError **error)
 {
   gint64 start = g_get_monotonic_time();
 
-  if (!exchange_bytes(call, count, error) || !exchange_variants(call, count, error) ||
-      !exchange_strings(call, count, error))
-    return FALSE;
+  for (guint kind = 0; kind < G_N_ELEMENTS(kinds); kind++) {
+    if (!request(call, kinds[kind].kind, count, "", error))
+      return FALSE;
+    for (guint i = 0; i < count; i++) {
+      if (!kinds[kind].exchange(call, i, error))
+        return FALSE;
+    }
+  }
   call->message_time = g_get_monotonic_time() - start;
   g_print("%u byte messages, %u variants and %u strings sent and answered\n", count, count, count);
   return TRUE;
@@ -330,34 +360,72 @@ run(Call *call, const Options *options, GError **error)
     if (!send_file(call, *file, (gsize)options->chunk, error))
       return FALSE;
   }
-  /* What follows the last message looks the same to a reader whether the peer closed the channel or
-   * somebody cut it, so a conversation needs an end of its own. */
-  return request(call, KIND_BYE, 0, "", error) && channel_close(call->channel, error);
+  /* A reader cannot tell an orderly close from a lost connection. So the end is a message too. */
+  return request(call, KIND_BYE, 0, "", error);
 }
 
 static gboolean
-call_server(const Options *options, GError **error)
+close_call(Call *call, GError **error)
+{
+  GSource *deadline = begin(call);
+  gboolean closed = channel_close(call->channel, call->cancellable, error);
+
+  end(deadline);
+  return closed;
+}
+
+static GSocketConnection *
+connect_to_server(Call *call, const Options *options, GError **error)
 {
   g_autoptr(GSocketClient) client = g_socket_client_new();
-  g_autoptr(GSocketConnection) socket = NULL;
+  GSource *deadline = begin(call);
+  GSocketConnection *socket;
+
+  /* Proxies are for the internet; this server is near. */
+  g_socket_client_set_enable_proxy(client, FALSE);
+  socket = g_socket_client_connect_to_host(client, options->address, (guint16)options->port,
+                                           call->cancellable, error);
+  end(deadline);
+  return socket;
+}
+
+static gboolean
+call_server(Call *call, const Options *options, GError **error)
+{
+  g_autoptr(GSocketConnection) socket = connect_to_server(call, options, error);
   g_autofree char *stages = stages_describe(&options->stages);
-  Call call = {.timeout = (guint)options->timeout};
   gboolean done;
 
-  /* The system's proxies are for the way out into the world. */
-  g_socket_client_set_enable_proxy(client, FALSE);
-  socket = g_socket_client_connect_to_host(client, options->address, (guint16)options->port, NULL,
-                                           error);
   if (socket == NULL)
     return FALSE;
-  call.channel = channel_new(socket, &options->stages, call.timeout);
+  call->channel = channel_new(socket, &options->stages);
   g_print("connected to %s port %d, %s\n", options->address, options->port, stages);
-  done = run(&call, options, error);
+  done = run(call, options, error) && close_call(call, error);
   if (done && options->summary)
     g_print("frames=%" G_GUINT64_FORMAT " strings=%" G_GUINT64_FORMAT " payload=%" G_GUINT64_FORMAT
             " message_microseconds=%" G_GINT64_FORMAT " file_microseconds=%" G_GINT64_FORMAT "\n",
-            call.frames, call.strings, call.payload, call.message_time, call.file_time);
-  channel_free(call.channel);
+            call->frames, call->strings, call->payload, call->message_time, call->file_time);
+  channel_free(call->channel);
+  return done;
+}
+
+/* Runs the call beside the thread that watches its deadlines. */
+static gboolean
+call_within_deadlines(const Options *options, GError **error)
+{
+  g_autoptr(GMainContext) clock = g_main_context_new();
+  g_autoptr(GCancellable) cancellable = g_cancellable_new();
+  Call call = {.cancellable = cancellable, .clock = clock, .timeout = (guint)options->timeout};
+  GThread *thread = g_thread_new("clock", run_clock, &call);
+  gboolean done = call_server(&call, options, error);
+
+  if (!done && g_cancellable_is_cancelled(cancellable)) {
+    g_clear_error(error);
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT, "the server took too long");
+  }
+  g_atomic_int_set(&call.over, TRUE);
+  g_main_context_wakeup(clock);
+  g_thread_join(thread);
   return done;
 }
 
@@ -408,7 +476,7 @@ parse_arguments(Options *options, int *argc, char ***argv, GError **error)
   return g_option_context_parse(context, argc, argv, error) && check_options(options, error);
 }
 
-/* The exit status: 0 when every answer was right, 1 when something failed, 2 for wrong use. */
+/* Exits with 0 if every answer was right, 1 if something failed, 2 for a wrong command line. */
 int
 main(int argc, char **argv)
 {
@@ -420,7 +488,7 @@ main(int argc, char **argv)
   gvc_init();
   if (!parse_arguments(&options, &argc, &argv, &error))
     status = 2;
-  else if (!call_server(&options, &error))
+  else if (!call_within_deadlines(&options, &error))
     status = EXIT_FAILURE;
   if (error != NULL)
     g_printerr("%s: %s\n", g_get_prgname(), error->message);

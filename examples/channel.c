@@ -31,7 +31,7 @@ check_stages(GOptionContext *context, GOptionGroup *group, gpointer data, GError
   return TRUE;
 }
 
-/* Gives a context the options for the stages; add_main_entries can add further ones. */
+/* Adds the options for stages to a context, which may get further main entries. */
 void
 stages_add_options(Stages *stages, GOptionContext *context)
 {
@@ -66,9 +66,9 @@ stages_clear(Stages *stages)
   g_clear_pointer(&stages->key_file, g_free);
 }
 
-/* The stage that is added first is the one next to the socket. Encryption comes first, so that on
- * the way out the data is compressed before it is encrypted; the other way round there would be
- * nothing left to compress. The peer adds its stages in the same order. */
+/* The first stage that is added is next to the socket. Encryption goes first, so that data is
+ * compressed before it is encrypted; encrypted data does not compress. The peer adds its stages in
+ * the same order. */
 static void
 add_stages(GvcConnection *connection, const Stages *stages)
 {
@@ -88,16 +88,14 @@ add_stages(GvcConnection *connection, const Stages *stages)
   }
 }
 
-/* The streams of a connection are fetched after its stages were added, since every stage replaces
- * them. The message streams keep nothing back, so frames and strings can share one pair. */
+/* Gets the streams of the connection after all stages are added, because each stage replaces them.
+ * The message streams buffer nothing, so frames and strings can share one pair. */
 Channel *
-channel_new(GSocketConnection *socket, const Stages *stages, guint timeout)
+channel_new(GSocketConnection *socket, const Stages *stages)
 {
   Channel *channel = g_new0(Channel, 1);
   GIOStream *io;
 
-  /* A blocking call gives up on a peer that keeps silent, or does not take what it is sent. */
-  g_socket_set_timeout(g_socket_connection_get_socket(socket), timeout);
   channel->connection = gvc_connection_new(socket);
   add_stages(channel->connection, stages);
   io = G_IO_STREAM(channel->connection);
@@ -107,19 +105,19 @@ channel_new(GSocketConnection *socket, const Stages *stages, guint timeout)
   return channel;
 }
 
-/* Closing a channel closes its two streams, which may still send the end of a stage; the socket
- * below stays open until it is closed as well. */
+/* Closing a channel sends the end of its stages and closes its two streams. The socket stays open
+ * until it is closed too. */
 gboolean
-channel_close(Channel *channel, GError **error)
+channel_close(Channel *channel, GCancellable *cancellable, GError **error)
 {
   GIOStream *socket = G_IO_STREAM(gvc_connection_get_connection(channel->connection));
-  gboolean closed = g_io_stream_close(G_IO_STREAM(channel->connection), NULL, error);
+  gboolean closed = g_io_stream_close(G_IO_STREAM(channel->connection), cancellable, error);
 
   return g_io_stream_close(socket, NULL, closed ? error : NULL) && closed;
 }
 
-/* The socket goes first. Streams that are dropped while a peer does not read would wait until it
- * has taken the rest of a write that was cancelled. */
+/* Closes the socket first. Otherwise, after a cancelled write, freeing the streams would wait for a
+ * peer that does not read. */
 void
 channel_free(Channel *channel)
 {

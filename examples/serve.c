@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-/* The serving side: answers messages and takes files from any number of callers at once, in one
- * main loop: every read from a channel and every write to one is asynchronous. */
+/* The server: answers messages and stores files for many callers at once, in one main loop. Every
+ * read from a channel and every write to a channel is asynchronous. */
 #include "channel.h"
 
 #include <glib-unix.h>
@@ -8,7 +8,7 @@
 #include <signal.h>
 #include <stdlib.h>
 
-/* A GSocketService that runs out of descriptors tries again at once, and for ever. */
+/* Each caller costs a descriptor and memory. Further callers wait in the listen queue. */
 #define MOST_AT_ONCE 100
 
 typedef struct {
@@ -18,33 +18,37 @@ typedef struct {
   char *directory;
   int callers;
   int timeout;
-  GSocketService *service;
+  GSocketListener *listener;
   GMainLoop *loop;
   int served;
   int running;
+  gboolean accepting;
   gboolean failed;
 } Server;
 
 typedef struct Session Session;
+typedef void (*Step)(Session *session);
 
-/* One caller. Exactly one operation is under way for it at any time, so a session is freed by the
- * callback that finds it at its end. */
+/* One caller. Exactly one operation is pending for it at any time, so the callback that ends a
+ * session can free it. */
 struct Session {
   Server *server;
   Channel *channel;
   char *peer;
-  void (*read)(Session *session); /* starts to read what the last request announced */
-  guint64 remaining;              /* how much of that is still to come: messages or bytes */
-  char *string;                   /* an answer on its way */
-  char *path;                     /* the file on its way */
+  Step read;         /* starts to read what the last request announced */
+  Step next;         /* follows when the pending answer has been sent */
+  guint64 remaining; /* messages or bytes that the last request announced and are still to come */
+  char *string;      /* the pending answer to a string */
+  char *path;        /* the file that is being received */
   guint64 size;
   GOutputStream *file;
   GCancellable *cancellable;
-  guint watchdog;   /* cancels the operation that is under way */
-  gboolean refused; /* a request, which is logged once: a caller must not fill the log */
+  guint watchdog;   /* cancels the pending operation */
+  gboolean refused; /* logs one refused request per caller, so that nobody can fill the log */
 };
 
 static void read_request(Session *session);
+static void accept_next(Server *server);
 
 static gboolean
 on_watchdog(gpointer data)
@@ -56,14 +60,20 @@ on_watchdog(gpointer data)
   return G_SOURCE_REMOVE;
 }
 
-/* What cancels the next operation when its time is over. A timeout of the socket would start anew
- * with each byte, and a string never ends at the end of the stream. */
+/* Returns a cancellable that ends the next operation at a deadline. The timeout of a socket is no
+ * deadline: it starts again with each byte. */
 static GCancellable *
 limited(Session *session)
 {
   g_clear_handle_id(&session->watchdog, g_source_remove);
   session->watchdog = g_timeout_add_seconds((guint)session->server->timeout, on_watchdog, session);
   return session->cancellable;
+}
+
+static gboolean
+served_all(const Server *server)
+{
+  return server->callers > 0 && server->served >= server->callers;
 }
 
 static void
@@ -81,10 +91,8 @@ session_free(Session *session)
   g_free(session);
 
   server->running--;
-  if (server->running == MOST_AT_ONCE - 1 &&
-      (server->callers == 0 || server->served < server->callers))
-    g_socket_service_start(server->service);
-  if (server->running == 0 && server->callers > 0 && server->served >= server->callers)
+  accept_next(server);
+  if (server->running == 0 && served_all(server))
     g_main_loop_quit(server->loop);
 }
 
@@ -112,7 +120,8 @@ on_closed(GObject *object, GAsyncResult *result, gpointer data)
   session_free(session);
 }
 
-/* The end of the stages is sent as a message is: the caller may not read it. */
+/* Closing sends the end of the stages. A blocking close would wait for a caller that does not
+ * read. */
 static void
 session_end(Session *session)
 {
@@ -132,23 +141,25 @@ session_continue(Session *session)
 }
 
 static void
-put_variant(Session *session, GVariant *variant, GAsyncReadyCallback callback)
+on_variant_answered(GObject *object, GAsyncResult *result, gpointer data)
 {
-  g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
-
-  gvc_bytes_output_stream_put_variant_async(session->channel->frames_out, sunk, G_PRIORITY_DEFAULT,
-                                            limited(session), callback, session);
-}
-
-static gboolean
-put_variant_finish(Session *session, GAsyncResult *result)
-{
+  Session *session = data;
   g_autoptr(GError) error = NULL;
 
   if (gvc_bytes_output_stream_put_variant_finish(session->channel->frames_out, result, &error))
-    return TRUE;
-  session_fail(session, "answering", error);
-  return FALSE;
+    session->next(session);
+  else
+    session_fail(session, "answering", error);
+}
+
+static void
+answer(Session *session, GVariant *variant, Step next)
+{
+  g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
+
+  session->next = next;
+  gvc_bytes_output_stream_put_variant_async(session->channel->frames_out, sunk, G_PRIORITY_DEFAULT,
+                                            limited(session), on_variant_answered, session);
 }
 
 static GVariant *
@@ -164,8 +175,15 @@ read_variant_finish(Session *session, GAsyncResult *result)
   return NULL;
 }
 
+static void
+read_frame(Session *session, GAsyncReadyCallback callback)
+{
+  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
+                                          limited(session), callback, session);
+}
+
 static GBytes *
-read_bytes_finish(Session *session, GAsyncResult *result)
+read_frame_finish(Session *session, GAsyncResult *result)
 {
   g_autoptr(GError) error = NULL;
   GBytes *bytes =
@@ -194,7 +212,7 @@ static void
 on_bytes(GObject *object, GAsyncResult *result, gpointer data)
 {
   Session *session = data;
-  g_autoptr(GBytes) bytes = read_bytes_finish(session, result);
+  g_autoptr(GBytes) bytes = read_frame_finish(session, result);
 
   if (bytes == NULL)
     return;
@@ -206,18 +224,10 @@ on_bytes(GObject *object, GAsyncResult *result, gpointer data)
 static void
 read_bytes(Session *session)
 {
-  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
-                                          limited(session), on_bytes, session);
+  read_frame(session, on_bytes);
 }
 
 /* Variants. */
-
-static void
-on_variant_answered(GObject *object, GAsyncResult *result, gpointer data)
-{
-  if (put_variant_finish(data, result))
-    session_continue(data);
-}
 
 static void
 on_variant(GObject *object, GAsyncResult *result, gpointer data)
@@ -230,11 +240,11 @@ on_variant(GObject *object, GAsyncResult *result, gpointer data)
 
   if (variant == NULL)
     return;
-  /* Nobody has checked what arrived; GVariant gives default values for parts that are broken. */
+  /* The variant is not validated. GVariant returns default values for malformed parts. */
   g_variant_get(variant, "(&su)", &text, &number);
   backwards = g_utf8_strreverse(text, -1);
   session->remaining--;
-  put_variant(session, g_variant_new(VARIANT_FORMAT, backwards, number + 1), on_variant_answered);
+  answer(session, g_variant_new(VARIANT_FORMAT, backwards, number + 1), session_continue);
 }
 
 static void
@@ -273,7 +283,7 @@ on_string(GObject *object, GAsyncResult *result, gpointer data)
     session_fail(session, "reading a string", error);
     return;
   }
-  /* The terminator is the last byte, and no NUL follows it. */
+  /* The last byte is the terminator. No NUL follows. */
   for (gsize i = 0; i < length; i++)
     session->string[i] = g_ascii_toupper(session->string[i]);
   session->remaining--;
@@ -304,7 +314,7 @@ on_checksum(GObject *object, GAsyncResult *result, gpointer data)
   }
   g_print("%s: %s, %" G_GUINT64_FORMAT " bytes, SHA-256 %s\n", session->peer, session->path,
           session->size, checksum);
-  put_variant(session, g_variant_new(CHECKSUM_FORMAT, checksum), on_variant_answered);
+  answer(session, g_variant_new(CHECKSUM_FORMAT, checksum), session_continue);
 }
 
 static void
@@ -319,17 +329,13 @@ compute_checksum(GTask *task, gpointer source, gpointer path, GCancellable *canc
     g_task_return_error(task, error);
 }
 
-/* Reading the whole file once more would keep the other callers waiting, so a thread does it. */
+/* A thread reads the file again, so that other callers do not wait. */
 static void
-on_received_answered(GObject *object, GAsyncResult *result, gpointer data)
+answer_checksum(Session *session)
 {
-  Session *session = data;
-  g_autoptr(GTask) task = NULL;
+  g_autoptr(GTask) task = g_task_new(NULL, NULL, on_checksum, session);
 
-  if (!put_variant_finish(session, result))
-    return;
   g_clear_handle_id(&session->watchdog, g_source_remove);
-  task = g_task_new(NULL, NULL, on_checksum, session);
   g_task_set_task_data(task, g_strdup(session->path), g_free);
   g_task_run_in_thread(task, compute_checksum);
 }
@@ -344,7 +350,7 @@ finish_file(Session *session)
     return;
   }
   g_clear_object(&session->file);
-  put_variant(session, g_variant_new(RECEIVED_FORMAT, session->size), on_received_answered);
+  answer(session, g_variant_new(RECEIVED_FORMAT, session->size), answer_checksum);
 }
 
 static gboolean
@@ -366,7 +372,7 @@ static void
 on_file_bytes(GObject *object, GAsyncResult *result, gpointer data)
 {
   Session *session = data;
-  g_autoptr(GBytes) bytes = read_bytes_finish(session, result);
+  g_autoptr(GBytes) bytes = read_frame_finish(session, result);
   g_autoptr(GError) error = NULL;
 
   if (bytes == NULL)
@@ -383,11 +389,10 @@ read_file(Session *session)
   if (session->remaining == 0)
     finish_file(session);
   else
-    gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
-                                            limited(session), on_file_bytes, session);
+    read_frame(session, on_file_bytes);
 }
 
-/* The name comes from the caller and must not lead out of the directory, nor over an old file. */
+/* The caller chooses the name. It must not lead out of the directory or replace a file. */
 static gboolean
 open_file(Session *session, const char *name, guint64 size, GError **error)
 {
@@ -414,7 +419,7 @@ open_file(Session *session, const char *name, guint64 size, GError **error)
 
 static const struct {
   const char *kind;
-  void (*read)(Session *session);
+  Step read;
 } kinds[] = {
     {KIND_BYTES, read_bytes}, {KIND_VARIANTS, read_variant}, {KIND_STRINGS, read_string},
     {KIND_FILE, read_file},   {KIND_BYE, session_end},
@@ -439,19 +444,6 @@ take_request(Session *session, const char *kind, guint64 count, const char *name
 }
 
 static void
-on_taken(GObject *object, GAsyncResult *result, gpointer data)
-{
-  Session *session = data;
-
-  if (!put_variant_finish(session, result))
-    return;
-  if (session->read == read_file || session->read == session_end)
-    session->read(session);
-  else
-    session_continue(session);
-}
-
-static void
 on_request(GObject *object, GAsyncResult *result, gpointer data)
 {
   Session *session = data;
@@ -465,13 +457,16 @@ on_request(GObject *object, GAsyncResult *result, gpointer data)
     return;
   g_variant_get(request, "(&st&s)", &kind, &count, &name);
   if (take_request(session, kind, count, name, &error)) {
-    put_variant(session, g_variant_new(ANSWER_FORMAT, TRUE, ""), on_taken);
+    gboolean counts_messages = session->read != read_file && session->read != session_end;
+
+    answer(session, g_variant_new(ANSWER_FORMAT, TRUE, ""),
+           counts_messages ? session_continue : session->read);
   } else {
     if (!session->refused)
       g_printerr("%s: refused: %s\n", session->peer, error->message);
     session->refused = TRUE;
     session->remaining = 0;
-    put_variant(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message), on_variant_answered);
+    answer(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message), read_request);
   }
 }
 
@@ -485,24 +480,58 @@ read_request(Session *session)
 
 /* The server. */
 
-static gboolean
-on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source, gpointer data)
+static void
+session_start(Server *server, GSocketConnection *socket)
 {
-  Server *server = data;
   Session *session = g_new0(Session, 1);
 
   session->server = server;
-  session->channel = channel_new(socket, &server->stages, 0);
+  session->channel = channel_new(socket, &server->stages);
   session->peer =
       gvc_io_stream_get_remote_address_string(G_IO_STREAM(session->channel->connection));
   session->cancellable = g_cancellable_new();
   server->running++;
   server->served++;
-  if (server->running >= MOST_AT_ONCE || (server->callers > 0 && server->served >= server->callers))
-    g_socket_service_stop(service);
   g_print("%s: connected\n", session->peer);
   read_request(session);
-  return TRUE;
+}
+
+static gboolean
+on_pause_over(gpointer data)
+{
+  Server *server = data;
+
+  server->accepting = FALSE;
+  accept_next(server);
+  return G_SOURCE_REMOVE;
+}
+
+static void
+on_accepted(GObject *object, GAsyncResult *result, gpointer data)
+{
+  Server *server = data;
+  g_autoptr(GError) error = NULL;
+  g_autoptr(GSocketConnection) socket =
+      g_socket_listener_accept_finish(server->listener, result, NULL, &error);
+
+  if (socket == NULL) {
+    /* Without a pause this would spin while the system is out of descriptors. */
+    g_printerr("accepting: %s\n", error->message);
+    g_timeout_add_seconds(1, on_pause_over, server);
+    return;
+  }
+  server->accepting = FALSE;
+  session_start(server, socket);
+  accept_next(server);
+}
+
+static void
+accept_next(Server *server)
+{
+  if (server->accepting || server->running >= MOST_AT_ONCE || served_all(server))
+    return;
+  server->accepting = TRUE;
+  g_socket_listener_accept_async(server->listener, NULL, on_accepted, server);
 }
 
 static gboolean
@@ -525,14 +554,13 @@ listen_on(Server *server, GError **error)
                 server->address);
     return FALSE;
   }
-  server->service = g_socket_service_new();
-  g_signal_connect(server->service, "incoming", G_CALLBACK(on_incoming), server);
-  if (!g_socket_listener_add_address(G_SOCKET_LISTENER(server->service), asked,
-                                     G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, NULL, &given,
-                                     error))
+  server->listener = g_socket_listener_new();
+  if (!g_socket_listener_add_address(server->listener, asked, G_SOCKET_TYPE_STREAM,
+                                     G_SOCKET_PROTOCOL_TCP, NULL, &given, error))
     return FALSE;
   g_print("listening on %s port %u, %s\n", server->address,
           g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(given)), stages);
+  accept_next(server);
   return TRUE;
 }
 
@@ -569,7 +597,7 @@ parse_arguments(Server *server, int *argc, char ***argv, GError **error)
   return TRUE;
 }
 
-/* The exit status: 0 when every caller said good-bye, 1 when something failed, 2 for wrong use. */
+/* Exits with 0 if every caller said goodbye, 1 if something failed, 2 for a wrong command line. */
 int
 main(int argc, char **argv)
 {
@@ -594,7 +622,7 @@ main(int argc, char **argv)
     status = server.failed ? EXIT_FAILURE : EXIT_SUCCESS;
   }
 
-  g_clear_object(&server.service);
+  g_clear_object(&server.listener);
   g_main_loop_unref(server.loop);
   stages_clear(&server.stages);
   g_free(server.directory);

@@ -1,39 +1,28 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "capture.h"
 #include "errors.h"
+#include "files.h"
 #include "interrupt.h"
+#include "owners.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <map>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
 
-static void
-wait_for_input(int fd)
-{
-  GPollFD fds[2] = {{fd, G_IO_IN, 0}, {-1, 0, 0}};
-  if (!g_cancellable_make_pollfd(interrupt_soon(), &fds[1]))
-    return;
-  g_poll(fds, 2, -1);
-  g_cancellable_release_fd(interrupt_soon());
-  if (interrupted())
-    throw Failure{Exit::interrupted, ""};
-}
-
 gsize
 read_input(int fd, const std::string &shown, char *buffer, gsize size)
 {
-  for (;;) {
-    wait_for_input(fd);
-    auto got = read(fd, buffer, size);
-    if (got >= 0)
-      return static_cast<gsize>(got);
-    if (errno != EINTR)
-      fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
-  }
+  if (!wait_for(fd, POLLIN, interrupt_soon()))
+    throw Failure{Exit::interrupted, ""};
+  auto got = retry([&] { return read(fd, buffer, size); });
+  if (got < 0)
+    fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
+  return static_cast<gsize>(got);
 }
 
 // pcap begins with a magic number and version 2, in the byte order of the host that wrote it;
@@ -73,7 +62,7 @@ struct Segment {
   std::string bytes;
 };
 
-// tshark over the capture, from its start; over one stream of it, or all where that is -1.
+// Runs tshark over one stream of the capture, or over all if `stream` is -1.
 class Tshark
 {
 public:
@@ -82,17 +71,16 @@ public:
   Tshark(const Tshark &) = delete;
 
   bool next(Segment *segment);
-  // Why not all of the capture could be read, empty if it was.
+  // Why tshark could not read all of the capture; empty if it could.
   std::string failure();
 
 private:
   bool next_line(std::string *line);
 
   const std::string &shown;
-  GSubprocess *process;
-  int output = -1, log = -1;
-  std::string buffer;
-  gsize taken = 0;
+  const Descriptor log;
+  Owned<GSubprocess> process;
+  Owned<GDataInputStream> lines;
 };
 } // namespace
 
@@ -104,8 +92,8 @@ checked(int fd, const char *what)
   return fd;
 }
 
-// Nothing above TCP is of interest, so all ports are said to carry just data. A packet in a tunnel
-// shows several addresses, of which the last ones are the stream's.
+// Declares that all ports carry plain data, because only TCP is of interest. A packet in a tunnel
+// has several addresses; the last ones are the stream's.
 static const char *const command_line[] = {"tshark", "-n",
                                            "-r",     "-",
                                            "-d",     "tcp.port==0-65535,data",
@@ -122,9 +110,10 @@ static const char *const command_line[] = {"tshark", "-n",
                                            "-e",     "tcp.seq_raw",
                                            "-e",     "tcp.len"};
 
-Tshark::Tshark(int capture, const std::string &shown, int stream, bool payload) : shown(shown)
+Tshark::Tshark(int capture, const std::string &shown, int stream, bool payload)
+    : shown(shown), log(checked(memfd_create("log", MFD_CLOEXEC), "a file in memory"))
 {
-  // An ICMP error quotes a segment that was sent before.
+  // An ICMP error quotes an earlier segment.
   std::string filter = "tcp && !icmp && !icmpv6";
   if (stream >= 0)
     filter += " && tcp.stream==" + std::to_string(stream);
@@ -133,55 +122,39 @@ Tshark::Tshark(int capture, const std::string &shown, int stream, bool payload) 
     arguments.insert(arguments.end(), {"-e", "tcp.payload"});
   arguments.insert(arguments.end(), {"-Y", filter.c_str(), nullptr});
 
-  int ends[2];
-  checked(pipe2(ends, O_CLOEXEC), "a pipe");
-  output = ends[0];
-  log = checked(memfd_create("log", MFD_CLOEXEC), "a file in memory");
   lseek(capture, 0, SEEK_SET);
-  g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE);
-  g_subprocess_launcher_take_stdin_fd(launcher,
-                                      checked(fcntl(capture, F_DUPFD_CLOEXEC, 3), "a descriptor"));
-  g_subprocess_launcher_take_stdout_fd(launcher, ends[1]);
-  g_subprocess_launcher_take_stderr_fd(launcher,
-                                       checked(fcntl(log, F_DUPFD_CLOEXEC, 3), "a descriptor"));
+  Owned<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+  auto copy = [](int fd) { return checked(fcntl(fd, F_DUPFD_CLOEXEC, 3), "a descriptor"); };
+  g_subprocess_launcher_take_stdin_fd(launcher.get(), copy(capture));
+  g_subprocess_launcher_take_stderr_fd(launcher.get(), copy(log));
   g_autoptr(GError) error = nullptr;
-  process = g_subprocess_launcher_spawnv(launcher, arguments.data(), &error);
-  g_subprocess_launcher_close(launcher);
+  process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments.data(), &error));
   if (g_error_matches(error, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT))
     fail(Exit::local, "%s is a capture of packets, which takes tshark to read: install it",
          shown.c_str());
   if (!process)
     fail(Exit::local, "cannot run tshark: %s", error->message);
+  lines.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())));
 }
 
 Tshark::~Tshark()
 {
-  g_subprocess_force_exit(process);
-  g_object_unref(process);
-  close(output);
-  close(log);
+  if (process)
+    g_subprocess_force_exit(process.get());
 }
 
 bool
 Tshark::next_line(std::string *line)
 {
-  gsize searched = taken;
-  for (;;) {
-    auto end = buffer.find('\n', searched);
-    if (end != std::string::npos) {
-      line->assign(buffer, taken, end - taken);
-      taken = end + 1;
-      return true;
-    }
-    buffer.erase(0, taken);
-    taken = 0;
-    searched = buffer.size();
-    buffer.resize(searched + 64 * 1024);
-    auto got = read_input(output, "what tshark prints", buffer.data() + searched, 64 * 1024);
-    buffer.resize(searched + got);
-    if (got == 0)
-      return false;
-  }
+  g_autoptr(GError) error = nullptr;
+  g_autofree char *text =
+      g_data_input_stream_read_line(lines.get(), nullptr, interrupt_soon(), &error);
+  if (interrupted())
+    throw Failure{Exit::interrupted, ""};
+  if (error)
+    fail(Exit::local, "cannot read what tshark prints: %s", error->message);
+  *line = text ? text : "";
+  return text;
 }
 
 static std::string
@@ -196,7 +169,7 @@ from_hex(const char *digits)
   return bytes;
 }
 
-// Rows that lack something are of packets that are cut too short.
+// Skips the incomplete rows of packets that the capture has cut.
 bool
 Tshark::next(Segment *segment)
 {
@@ -225,8 +198,8 @@ Tshark::next(Segment *segment)
 std::string
 Tshark::failure()
 {
-  g_subprocess_wait(process, nullptr, nullptr);
-  if (g_subprocess_get_successful(process))
+  g_subprocess_wait(process.get(), nullptr, nullptr);
+  if (g_subprocess_get_successful(process.get()))
     return "";
   char text[4096];
   auto got = pread(log, text, sizeof text, 0);
@@ -238,8 +211,8 @@ Tshark::failure()
 
 namespace
 {
-// What a stream has, by side. The client is the side that asked for the connection; if the capture
-// does not show that, the side that sent first.
+// The sides of a stream. The client is the side that opened the connection or, if the capture does
+// not show that, the side that sent first.
 struct Flow {
   std::string names[2];
   guint64 bytes[2] = {0, 0};
@@ -325,8 +298,8 @@ private:
   Layer &bottom;
   bool begun = false;
   guint32 base = 0; // the sequence number of offset 0
-  gint64 next = 0;  // the offset up to which all has been pushed
-  gint64 end = 0;   // of all that was sent, as far as it is known
+  gint64 next = 0;  // the offset up to which all bytes have been pushed
+  gint64 end = 0;   // of all bytes that are known to have been sent
   std::map<gint64, std::string> waiting;
 };
 } // namespace
@@ -357,12 +330,12 @@ Assembly::add(Segment segment)
   if (!begun) {
     begun = true;
     base = seq;
-    // Without its beginning the stream is understood from a segment on that looks like a start.
+    // If the beginning is missing, decoding starts at a segment that looks like a start.
     if (!segment.syn)
       bottom.gap();
   }
   auto offset = next + static_cast<gint32>(seq - (base + static_cast<guint32>(next)));
-  if (segment.length == 0) // the end of a stream counts as a byte, and is none
+  if (segment.length == 0) // the end of a stream counts as a byte but is none
     return;
   end = std::max(end, offset + segment.length);
   if (offset <= next) {

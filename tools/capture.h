@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Captures of packets, pcap and pcapng: one direction of a TCP stream. tshark takes the packets
-// apart; the order of the segments is found here, so that missing ones are reported as such.
+// One direction of a TCP stream in a capture of packets, pcap or pcapng. tshark parses the packets.
+// This file puts the segments in order and reports missing ones.
 #pragma once
 
 #include "layers.h"
@@ -18,13 +18,13 @@ struct CaptureChoice {
   }
 };
 
-// Whether a file, or the start of one, is a capture of packets. A pipe is not looked into.
+// Whether a file, or the start of one, is a capture of packets. Never true for a pipe.
 bool is_capture(int fd);
 bool is_capture(const char *bytes, gsize size);
 
-// Feeds the bytes of one direction to the layer. Throws where no stream can be chosen. False if
-// tshark could not read all of the file, which has been said then.
+// Feeds the bytes of one direction to the layer. Throws if no stream can be chosen. Complains and
+// returns false if tshark could not read all of the file.
 bool read_capture(int fd, const std::string &shown, const CaptureChoice &choice, Layer &bottom);
 
-// Waits for input and reads it; 0 at its end. A signal throws.
+// Waits for input and reads it. Returns 0 at the end. Throws if the user interrupts.
 gsize read_input(int fd, const std::string &shown, char *buffer, gsize size);

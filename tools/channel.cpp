@@ -7,52 +7,23 @@
 static constexpr const char *magic = "zelgvc";
 static constexpr guint32 protocol_version = 1;
 static constexpr guint32 hello_limit = 4096;
-static constexpr guint32 control_limit = 64 * 1024;
 static constexpr const char *hello_type = "(susa{sv})";
 static constexpr guint64 prefix_size = 4;
-
-// Values travel little-endian.
-static GVariant *
-wire_order(GVariant *value)
-{
-  if (G_BYTE_ORDER == G_LITTLE_ENDIAN)
-    return value;
-  auto *swapped = g_variant_byteswap(value);
-  g_variant_unref(value);
-  return swapped;
-}
-
-Control &
-Control::operator=(Control &&other)
-{
-  std::swap(dict, other.dict);
-  return *this;
-}
-
-Control::~Control()
-{
-  if (dict)
-    g_variant_dict_unref(dict);
-}
+// A stage passes on nothing of a unit until all of it has arrived.
+static constexpr guint32 largest_unit = 1024 * 1024;
 
 Control &
 Control::set(const char *name, GVariant *value)
 {
-  g_variant_dict_insert_value(dict, name, value);
+  g_variant_dict_insert_value(dict.get(), name, value);
   return *this;
 }
 
-// Strings travel as bytes: a file name or a message of the system need not be UTF-8.
+// Strings travel as bytes, because a file name need not be UTF-8.
 Control &
-Control::set_bytes(const char *name, const std::string &bytes)
+Control::set(const char *name, const std::string &bytes)
 {
   return set(name, g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, bytes.data(), bytes.size(), 1));
-}
-
-Control &
-Control::set(const char *name, const std::string &text)
-{
-  return set_bytes(name, text);
 }
 
 Control &
@@ -70,99 +41,59 @@ Control::set(const char *name, double number)
 bool
 Control::has(const char *name) const
 {
-  return g_variant_dict_contains(dict, name);
+  return g_variant_dict_contains(dict.get(), name);
 }
 
 std::string
 Control::bytes(const char *name) const
 {
-  g_autoptr(GVariant) value = g_variant_dict_lookup_value(dict, name, G_VARIANT_TYPE_BYTESTRING);
+  Variant value(g_variant_dict_lookup_value(dict.get(), name, G_VARIANT_TYPE_BYTESTRING));
   if (!value)
     return "";
   gsize size;
-  auto *data = static_cast<const char *>(g_variant_get_fixed_array(value, &size, 1));
+  auto *data = static_cast<const char *>(g_variant_get_fixed_array(value.get(), &size, 1));
   return std::string(data, size);
-}
-
-std::string
-Control::text(const char *name) const
-{
-  return bytes(name);
 }
 
 guint64
 Control::number(const char *name, guint64 fallback) const
 {
-  guint64 number;
-  return g_variant_dict_lookup(dict, name, "t", &number) ? number : fallback;
+  g_variant_dict_lookup(dict.get(), name, "t", &fallback);
+  return fallback;
 }
 
 gint64
 Control::integer(const char *name) const
 {
-  gint64 number;
-  return g_variant_dict_lookup(dict, name, "x", &number) ? number : 0;
+  gint64 number = 0;
+  g_variant_dict_lookup(dict.get(), name, "x", &number);
+  return number;
 }
 
 double
 Control::real(const char *name) const
 {
-  double number;
-  return g_variant_dict_lookup(dict, name, "d", &number) ? number : 0;
+  double number = 0;
+  g_variant_dict_lookup(dict.get(), name, "d", &number);
+  return number;
 }
 
 GVariant *
-Control::end()
+Control::end() const
 {
-  return g_variant_ref_sink(g_variant_dict_end(dict));
-}
-
-std::string
-name_of_peer(GSocketConnection *connection)
-{
-  g_autofree char *name = gvc_io_stream_get_remote_address_string(G_IO_STREAM(connection));
-  return g_str_equal(name, "UNKNOWN") ? "the peer" : std::string("the peer ") + name;
-}
-
-bool
-is_gone(const GError *error)
-{
-  return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED) ||
-         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE);
+  return g_variant_dict_end(dict.get());
 }
 
 Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
-    : connection(connection), staged(!stages.list.empty()), channel(gvc_connection_new(connection)),
-      timeout(timeout), deadline(socket()), peer_name(name_of_peer(connection))
+    : link(connection, stages), timeout(timeout), deadline(link.socket())
 {
-  g_socket_set_timeout(socket(), hello_timeout());
+  g_socket_set_timeout(link.socket(), hello_timeout());
   deadline.set(hello_timeout());
-  add_stages(channel, stages, &counts);
-  counts.set_limit(hello_limit);
-  auto *io = G_IO_STREAM(channel);
-  meter = meter_new(g_io_stream_get_input_stream(io));
-  in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
-  out = gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io));
+  link.counts.set_limit(hello_limit);
+  meter_set_deadline(link.meter.get(), &deadline);
 }
 
-Channel::~Channel()
-{
-  // Closing the streams would write the end of the stages; here it is too late for that.
-  g_io_stream_close(G_IO_STREAM(connection), nullptr, nullptr);
-  g_object_unref(out);
-  g_object_unref(in);
-  g_object_unref(meter);
-  g_object_unref(channel);
-  g_object_unref(connection);
-}
-
-GSocket *
-Channel::socket()
-{
-  return g_socket_connection_get_socket(connection);
-}
-
-// A hello takes no work; whoever has not sent it by then will not.
+// A hello takes no work, so a longer wait would not help.
 guint
 Channel::hello_timeout() const
 {
@@ -173,7 +104,7 @@ void
 Channel::fail_read(GError *error)
 {
   [[maybe_unused]] g_autoptr(GError) owned = error;
-  auto *peer = peer_name.c_str();
+  auto *peer = link.peer.c_str();
   bool late = deadline.passed();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
@@ -207,7 +138,7 @@ void
 Channel::fail_write(GError *error)
 {
   [[maybe_unused]] g_autoptr(GError) owned = error;
-  auto *peer = peer_name.c_str();
+  auto *peer = link.peer.c_str();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
@@ -222,7 +153,7 @@ void
 Channel::put(GBytes *bytes)
 {
   GError *error = nullptr;
-  if (!gvc_bytes_output_stream_put_bytes(out, bytes, interrupt_now(), &error))
+  if (!gvc_bytes_output_stream_put_bytes(link.frames_out.get(), bytes, interrupt_now(), &error))
     fail_write(error);
   sent += prefix_size + g_bytes_get_size(bytes);
 }
@@ -235,28 +166,35 @@ Channel::put(const void *data, gsize size)
 }
 
 void
-Channel::put(Control control)
+Channel::put_variant(const Variant &variant)
 {
-  g_autoptr(GVariant) value = wire_order(control.end());
   GError *error = nullptr;
-  if (!gvc_bytes_output_stream_put_variant(out, value, interrupt_now(), &error))
+  if (!gvc_bytes_output_stream_put_variant(link.frames_out.get(), variant.get(), interrupt_now(),
+                                           &error))
     fail_write(error);
-  sent += prefix_size + g_variant_get_size(value);
+  sent += prefix_size + g_variant_get_size(variant.get());
 }
 
-// The blocking reader fails alike on an empty message and at the end, and fills up what a message
-// lacks; the meter knows better.
+void
+Channel::put(const Control &control)
+{
+  put_variant(wire_order(control.end()));
+}
+
+// The blocking reader reports an empty message and the end alike, and fills a short message with
+// zeros. The meter tells them apart.
 Bytes
 Channel::get(guint32 limit)
 {
   GError *error = nullptr;
+  auto *meter = link.meter.get();
   auto before = meter_total(meter);
 
-  // The hello has its time from the beginning of the channel on.
+  // The hello has a deadline of its own, which began with the connection.
   if (greeted && timeout > 0)
-    deadline.set(timeout + limit / (32 * 1024));
+    deadline.set(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
   meter_set_limit(meter, limit);
-  Bytes bytes(gvc_bytes_input_stream_read_bytes(in, interrupt_soon(), &error));
+  Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), interrupt_soon(), &error));
   if (greeted)
     deadline.set(0);
   auto arrived = meter_total(meter) - before;
@@ -270,10 +208,8 @@ Channel::get(guint32 limit)
     fail_end();
   if (meter_at_end(meter) && arrived > 0 && !meter_at_boundary(meter))
     fail(greeted ? Exit::peer : Exit::protocol, "%s went away in the middle of a message",
-         peer_name.c_str());
-  if (arrived > 0)
-    return Bytes(g_bytes_new_static("", 0));
-  return nullptr;
+         peer().c_str());
+  return Bytes(arrived > 0 ? g_bytes_new_static("", 0) : nullptr);
 }
 
 void
@@ -291,16 +227,12 @@ Channel::need(guint32 limit)
   fail_end();
 }
 
-static GVariant *
+// NULL if the bytes are no such value.
+static Variant
 value_of(const Bytes &bytes, const char *type)
 {
-  auto *value =
-      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes.get(), FALSE));
-  value = wire_order(value);
-  if (g_variant_is_normal_form(value))
-    return value;
-  g_variant_unref(value);
-  return nullptr;
+  auto value = wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes.get(), FALSE));
+  return g_variant_is_normal_form(value.get()) ? std::move(value) : nullptr;
 }
 
 std::optional<Control>
@@ -309,12 +241,12 @@ Channel::get_control()
   auto bytes = get(control_limit);
   if (!bytes)
     return {};
-  g_autoptr(GVariant) value = value_of(bytes, "a{sv}");
+  auto value = value_of(bytes, "a{sv}");
   if (!value)
     fail_read(g_error_new(G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
                           "no control message in %" G_GSIZE_FORMAT " bytes",
                           g_bytes_get_size(bytes.get())));
-  return Control(value);
+  return Control(value.get());
 }
 
 Control
@@ -326,54 +258,49 @@ Channel::need_control()
 }
 
 void
-Channel::send_hello(const char *service, Control options)
+Channel::send_hello(const char *service, const Control &options)
 {
-  g_autoptr(GVariant) dict = options.end();
-  g_autoptr(GVariant) hello = wire_order(
-      g_variant_ref_sink(g_variant_new("(sus@a{sv})", magic, protocol_version, service, dict)));
-  GError *error = nullptr;
-  if (!gvc_bytes_output_stream_put_variant(out, hello, interrupt_soon(), &error))
-    fail_write(error);
-  sent += prefix_size + g_variant_get_size(hello);
+  put_variant(
+      wire_order(g_variant_new("(sus@a{sv})", magic, protocol_version, service, options.end())));
 }
 
 Control
-Channel::check_hello(Bytes bytes, std::string *service)
+Channel::check_hello(const Bytes &bytes, std::string *service)
 {
-  g_autoptr(GVariant) hello = value_of(bytes, hello_type);
+  auto hello = value_of(bytes, hello_type);
   const char *their_magic = "";
   const char *their_service = "";
   guint32 version = 0;
   g_autoptr(GVariant) options = nullptr;
 
   if (hello)
-    g_variant_get(hello, "(&su&s@a{sv})", &their_magic, &version, &their_service, &options);
+    g_variant_get(hello.get(), "(&su&s@a{sv})", &their_magic, &version, &their_service, &options);
   if (!g_str_equal(their_magic, magic))
     fail_read(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "no hello"));
   if (version != protocol_version)
     fail(Exit::protocol, "%s speaks version %u of the protocol, this program version %u",
-         peer_name.c_str(), version, protocol_version);
+         peer().c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
   deadline.set(0);
-  counts.set_limit(message_limit);
-  g_socket_set_timeout(socket(), timeout);
+  link.counts.set_limit(message_limit);
+  g_socket_set_timeout(link.socket(), timeout);
 
   Control control(options);
   if (control.has("refused"))
-    fail(Exit::protocol, "%s refuses: %s", peer_name.c_str(),
-         printable(control.text("refused")).c_str());
+    fail(Exit::protocol, "%s refuses: %s", peer().c_str(),
+         printable(control.bytes("refused")).c_str());
   return control;
 }
 
 Control
-Channel::greet(const char *service, Control options)
+Channel::greet(const char *service, const Control &options)
 {
-  send_hello(service, std::move(options));
+  send_hello(service, options);
   std::string theirs;
   auto answer = check_hello(need(hello_limit), &theirs);
   if (theirs != service)
-    fail(Exit::protocol, "%s offers \"%s\" and not \"%s\"", peer_name.c_str(),
+    fail(Exit::protocol, "%s offers \"%s\" and not \"%s\"", peer().c_str(),
          printable(theirs).c_str(), service);
   return answer;
 }
@@ -390,56 +317,56 @@ Channel::answer_greeting(const std::vector<std::string> &services, std::string *
   for (gsize i = 1; i < services.size(); i++)
     offered += ", " + services[i];
   auto why = "\"" + wanted + "\" is not what runs here (" + offered + ")";
-  send_hello(service->c_str(), std::move(Control().set("refused", why)));
+  send_hello(service->c_str(), Control().set("refused", why));
   close();
-  fail(Exit::protocol, "%s wants \"%s\", which is not what runs here", peer_name.c_str(),
+  fail(Exit::protocol, "%s wants \"%s\", which is not what runs here", peer().c_str(),
        wanted.c_str());
 }
 
 bool
 Channel::readable()
 {
-  return g_socket_condition_check(socket(), G_IO_IN) != 0;
+  return g_socket_condition_check(link.socket(), G_IO_IN) != 0;
 }
 
 void
 Channel::drain()
 {
-  auto deadline = g_get_monotonic_time() + 2 * G_USEC_PER_SEC;
-  g_autofree char *buffer = static_cast<char *>(g_malloc(64 * 1024));
+  auto *socket = link.socket();
+  auto end = g_get_monotonic_time() + 2 * G_USEC_PER_SEC;
+  std::vector<char> buffer(64 * 1024);
 
-  g_socket_shutdown(socket(), FALSE, TRUE, nullptr);
-  while (g_get_monotonic_time() < deadline) {
-    auto left = deadline - g_get_monotonic_time();
-    if (!g_socket_condition_timed_wait(socket(), G_IO_IN, left, interrupt_now(), nullptr))
-      return;
-    if (g_socket_receive(socket(), buffer, 64 * 1024, interrupt_now(), nullptr) <= 0)
+  g_socket_shutdown(socket, FALSE, TRUE, nullptr);
+  while (g_get_monotonic_time() < end) {
+    auto left = end - g_get_monotonic_time();
+    if (!g_socket_condition_timed_wait(socket, G_IO_IN, left, interrupt_now(), nullptr) ||
+        g_socket_receive(socket, buffer.data(), buffer.size(), interrupt_now(), nullptr) <= 0)
       return;
   }
 }
 
-// Sends the end of the stages, then the end of the connection. All has been said by then, and the
-// peer may have closed first.
+// Sends the end of the stages, then the end of the connection. The peer may have closed first.
 void
 Channel::close()
 {
   GError *error = nullptr;
-  if (!g_io_stream_close(G_IO_STREAM(channel), interrupt_now(), &error)) {
+  if (!g_io_stream_close(G_IO_STREAM(link.channel.get()), interrupt_now(), &error)) {
     if (!is_gone(error))
       fail_write(error);
     g_clear_error(&error);
   }
-  g_socket_shutdown(socket(), FALSE, TRUE, nullptr);
+  g_socket_shutdown(link.socket(), FALSE, TRUE, nullptr);
 }
 
 guint64
 Channel::wire_sent() const
 {
-  return staged ? counts.outgoing.back().out : sent;
+  return link.counts.outgoing.empty() ? sent : link.counts.outgoing.back().out;
 }
 
 guint64
 Channel::wire_received() const
 {
-  return staged ? counts.incoming.back().in : meter_total(meter);
+  auto &incoming = link.counts.incoming;
+  return incoming.empty() ? meter_total(link.meter.get()) : incoming.back().in;
 }

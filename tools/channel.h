@@ -1,133 +1,98 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// A channel in blocking use: frames, control messages, and the hello by which two peers find out
-// that they mean the same. What goes wrong is thrown as a Failure that names the cause.
+// A channel in blocking use: frames, control messages, and the hello that tells each peer what the
+// other wants. Failures are thrown with a message that names the cause.
 #pragma once
 
 #include "deadline.h"
 #include "errors.h"
-#include "meter.h"
-#include "stages.h"
+#include "link.h"
 
-#include <memory>
 #include <optional>
 #include <string>
-#include <utility>
+#include <vector>
 
-// No message of the protocols of this program is longer.
+// No message of the program's protocols is longer.
 inline constexpr guint32 message_limit = 64 * 1024 * 1024;
+inline constexpr guint32 control_limit = 64 * 1024;
 
-struct BytesUnref {
-  void
-  operator()(GBytes *bytes) const
-  {
-    g_bytes_unref(bytes);
-  }
-};
-using Bytes = std::unique_ptr<GBytes, BytesUnref>;
-
-// A dictionary of named values, an a{sv}: the control messages of the protocols of this program.
+// A dictionary of named values, an a{sv}: a control message.
 class Control
 {
 public:
   Control() : dict(g_variant_dict_new(nullptr)) {}
-  explicit Control(GVariant *variant) : dict(g_variant_dict_new(variant)) {}
-  Control(Control &&other) : dict(std::exchange(other.dict, nullptr)) {}
-  Control &operator=(Control &&other);
-  ~Control();
+  explicit Control(GVariant *values) : dict(g_variant_dict_new(values)) {}
 
   Control &set(const char *name, GVariant *value);
-  Control &set(const char *name, const std::string &text);
-  Control &set_bytes(const char *name, const std::string &bytes);
+  Control &set(const char *name, const std::string &bytes);
   Control &set(const char *name, guint64 number);
   Control &set(const char *name, double number);
 
   bool has(const char *name) const;
-  std::string text(const char *name) const;  // empty where there is none
-  std::string bytes(const char *name) const; // empty where there are none
+  std::string bytes(const char *name) const; // empty if missing
   guint64 number(const char *name, guint64 fallback = 0) const;
   gint64 integer(const char *name) const;
   double real(const char *name) const;
 
-  // The value that goes into a message, in the byte order of the wire; leaves the dictionary empty.
-  GVariant *end();
+  // Returns the dictionary and leaves this one empty.
+  GVariant *end() const;
 
 private:
-  GVariantDict *dict;
+  Owned<GVariantDict, g_variant_dict_unref> dict;
 };
 
 class Channel
 {
 public:
-  // Takes over the reference to the connection. A peer that keeps silent for `timeout` seconds, or
-  // whose message is not complete by then and a second for each 32 KiB, is given up (0: never).
+  // Takes over the reference to the connection. Gives up a peer that is silent for `timeout`
+  // seconds (0: never), and a message that takes longer than that and its size allow.
   Channel(GSocketConnection *connection, const Stages &stages, guint timeout);
-  ~Channel();
-  Channel(const Channel &) = delete;
 
-  // Says hello and waits for the peer's, or the other way round. `service` is what both must want.
-  Control greet(const char *service, Control options);
+  // Sends a hello, then waits for the peer's. Both must name the same service.
+  Control greet(const char *service, const Control &options);
+  // Waits for the peer's hello, which must name one of the services. Sends none.
   Control answer_greeting(const std::vector<std::string> &services, std::string *service);
-  void send_hello(const char *service, Control options);
+  void send_hello(const char *service, const Control &options);
 
   void put(const void *data, gsize size);
   void put(GBytes *bytes);
-  void put(Control control);
+  void put(const Control &control);
 
-  // The next message, NULL at the end of the channel, empty for an empty message.
+  // The next message: NULL at the end of the channel, empty for an empty message.
   Bytes get(guint32 limit);
-  // The next message, which has to be there.
+  // The same, but the end is a failure.
   Bytes need(guint32 limit);
   Control need_control();
-  // The same, or nothing at the end of the channel.
+  // Nothing at the end of the channel.
   std::optional<Control> get_control();
 
-  // Whether bytes of the peer wait, or its end.
+  // Whether bytes of the peer wait, or the end.
   bool readable();
 
-  // Takes what the peer still sends and forgets it, for a short time only: what this side has sent
-  // last is lost where a socket is closed with bytes unread.
+  // Discards what the peer still sends, for two seconds at most. Closing a socket with unread bytes
+  // would destroy what was just sent.
   void drain();
 
   void close();
 
   guint64 wire_sent() const;
   guint64 wire_received() const;
-  guint64
-  payload_sent() const
-  {
-    return sent;
-  }
-
-  std::string
+  const std::string &
   peer() const
   {
-    return peer_name;
+    return link.peer;
   }
-  GSocket *socket();
 
 private:
   guint hello_timeout() const;
+  void put_variant(const Variant &variant);
   [[noreturn]] void fail_read(GError *error);
   [[noreturn]] void fail_end();
   [[noreturn]] void fail_write(GError *error);
-  Control check_hello(Bytes bytes, std::string *service);
+  Control check_hello(const Bytes &bytes, std::string *service);
 
-  GSocketConnection *connection;
-  StageCounts counts;
-  bool staged;
-  GvcConnection *channel;
-  ToolMeter *meter;
-  GvcBytesInputStream *in;
-  GvcBytesOutputStream *out;
-  guint timeout;
+  Link link;
+  const guint timeout;
   Deadline deadline;
   guint64 sent = 0;
   bool greeted = false;
-  std::string peer_name;
 };
-
-// What a peer is called in messages.
-std::string name_of_peer(GSocketConnection *connection);
-
-// Whether an error says that the peer has gone.
-bool is_gone(const GError *error);

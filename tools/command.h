@@ -1,29 +1,32 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The subcommands, and how each reads its command line.
+// The subcommands and their command lines.
 #pragma once
 
 #include "errors.h"
+#include "owners.h"
 #include "stages.h"
 
 #include <string>
 #include <vector>
 
+class CommandLine;
+
 struct Command {
   const char *name;
   const char *arguments;
   const char *summary;
-  Exit (*run)(const Command &command, int argc, char **argv);
+  Exit (*run)(CommandLine &line);
 };
 
-Exit run_keygen(const Command &command, int argc, char **argv);
-Exit run_listen(const Command &command, int argc, char **argv);
-Exit run_connect(const Command &command, int argc, char **argv);
-Exit run_send(const Command &command, int argc, char **argv);
-Exit run_receive(const Command &command, int argc, char **argv);
-Exit run_serve(const Command &command, int argc, char **argv);
-Exit run_ping(const Command &command, int argc, char **argv);
-Exit run_perf(const Command &command, int argc, char **argv);
-Exit run_decode(const Command &command, int argc, char **argv);
+Exit run_keygen(CommandLine &line);
+Exit run_listen(CommandLine &line);
+Exit run_connect(CommandLine &line);
+Exit run_send(CommandLine &line);
+Exit run_receive(CommandLine &line);
+Exit run_serve(CommandLine &line);
+Exit run_ping(CommandLine &line);
+Exit run_perf(CommandLine &line);
+Exit run_decode(CommandLine &line);
 
 // A string that an option sets.
 struct OptionText {
@@ -44,25 +47,24 @@ struct OptionText {
 class CommandLine
 {
 public:
-  explicit CommandLine(const Command &command);
-  ~CommandLine()
-  {
-    g_option_context_free(context);
-  }
+  CommandLine(const Command &command, int argc, char **argv);
   CommandLine(const CommandLine &) = delete;
 
   void add(const GOptionEntry *entries);
-  void add(Stages *stages);
-  // --timeout, with its default.
-  void add_timeout(int *seconds);
+  // Each fills in the member of its name.
+  void add_stages();
+  void add_timeout();
 
-  // What is left when the options have been taken out: at least `least` arguments and at most
-  // `most`. Throws with the usage otherwise.
-  std::vector<std::string> parse(int argc, char **argv, gsize least, gsize most);
+  // Parses the options. Returns at least `least` and at most `most` arguments, or throws.
+  std::vector<std::string> parse(gsize least, gsize most);
+
+  Stages stages;
+  guint timeout = 30; // seconds
 
 private:
-  std::string name;
-  std::string usage;
-  GOptionContext *context;
-  int *timeout = nullptr;
+  const Command &command;
+  int timeout_option = 30;
+  int argc;
+  char **argv;
+  Owned<GOptionContext, g_option_context_free> context;
 };

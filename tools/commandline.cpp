@@ -3,50 +3,39 @@
 #include "interrupt.h"
 #include "output.h"
 
-CommandLine::CommandLine(const Command &command)
-    : name(command.name), usage("zelgvc " + name + " [OPTION...] " + command.arguments),
-      context(g_option_context_new(command.arguments))
+CommandLine::CommandLine(const Command &command, int argc, char **argv)
+    : command(command), argc(argc), argv(argv), context(g_option_context_new(command.arguments))
 {
-  g_set_prgname(("zelgvc " + name).c_str());
-  g_option_context_set_summary(context, command.summary);
+  g_set_prgname((std::string("zelgvc ") + command.name).c_str());
+  g_option_context_set_summary(context.get(), command.summary);
 }
 
 void
 CommandLine::add(const GOptionEntry *entries)
 {
-  g_option_context_add_main_entries(context, entries, nullptr);
+  g_option_context_add_main_entries(context.get(), entries, nullptr);
 }
 
 void
-CommandLine::add(Stages *stages)
+CommandLine::add_stages()
 {
-  auto *group = stages->option_group();
-  g_option_context_add_group(context, group);
+  auto *group = stages.option_group();
+  g_option_context_add_group(context.get(), group);
 }
 
 void
-CommandLine::add_timeout(int *seconds)
+CommandLine::add_timeout()
 {
   const GOptionEntry entries[] = {
-      {"timeout", 0, 0, G_OPTION_ARG_INT, seconds,
-       "Give up a peer that keeps silent this long, 0 for never (default 30)", "SECONDS"},
+      {"timeout", 0, 0, G_OPTION_ARG_INT, &timeout_option,
+       "Give up a peer that is silent this long, 0 for never (default 30)", "SECONDS"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  timeout = seconds;
   add(entries);
 }
 
-// The help of GOption describes a group only behind an option of its own. The stages belong to the
-// plain help.
-static void
-print_help(GOptionContext *context)
-{
-  g_autofree char *help = g_option_context_get_help(context, FALSE, nullptr);
-  output(help);
-}
-
 std::vector<std::string>
-CommandLine::parse(int argc, char **argv, gsize least, gsize most)
+CommandLine::parse(gsize least, gsize most)
 {
   gboolean help = FALSE;
   const GOptionEntry help_entry[] = {
@@ -54,29 +43,32 @@ CommandLine::parse(int argc, char **argv, gsize least, gsize most)
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
   add(help_entry);
-  g_option_context_set_help_enabled(context, FALSE);
+  // GLib's own --help leaves out the group of the stages.
+  g_option_context_set_help_enabled(context.get(), FALSE);
 
   g_autoptr(GError) error = nullptr;
-  if (!g_option_context_parse(context, &argc, &argv, &error)) {
+  if (!g_option_context_parse(context.get(), &argc, &argv, &error)) {
     if (interrupted())
       throw Failure{Exit::interrupted, "interrupted"};
     if (error->domain == G_FILE_ERROR)
       fail(Exit::local, "%s", error->message);
-    fail(Exit::usage, "%s; see zelgvc %s --help", error->message, name.c_str());
+    fail(Exit::usage, "%s; see zelgvc %s --help", error->message, command.name);
   }
   if (help) {
-    print_help(context);
+    g_autofree char *text = g_option_context_get_help(context.get(), FALSE, nullptr);
+    output(text);
     throw Failure{Exit::ok, ""};
   }
-  if (timeout && (*timeout < 0 || *timeout > 86400))
+  if (timeout_option < 0 || timeout_option > 86400)
     fail(Exit::usage, "--timeout is a number of seconds up to 86400");
+  timeout = static_cast<guint>(timeout_option);
 
   std::vector<std::string> arguments(argv + 1, argv + argc);
   if (!arguments.empty() && arguments.front() == "--")
     arguments.erase(arguments.begin());
-  if (arguments.size() < least)
-    fail(Exit::usage, "an argument is missing; usage: %s", usage.c_str());
-  if (arguments.size() > most)
-    fail(Exit::usage, "too many arguments; usage: %s", usage.c_str());
+  if (arguments.size() < least || arguments.size() > most)
+    fail(Exit::usage, "%s; usage: zelgvc %s [OPTION...] %s",
+         arguments.size() < least ? "an argument is missing" : "too many arguments", command.name,
+         command.arguments);
   return arguments;
 }

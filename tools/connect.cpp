@@ -4,16 +4,13 @@
 #include "talk.h"
 
 Exit
-run_connect(const Command &command, int argc, char **argv)
+run_connect(CommandLine &line)
 {
   TalkOptions options;
-  CommandLine line(command);
   options.add_to(line);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  auto arguments = line.parse(1, 1);
   options.check();
   options.tell_end = true;
 
-  auto address = Address::parse(arguments[0]);
-  Talk talk(options);
-  return talk.with(connect_to(address, 30));
+  return talk(options, line.stages, connect_to(Address::parse(arguments[0]), 30));
 }

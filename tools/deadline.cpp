@@ -1,19 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "deadline.h"
 
-Deadline::Deadline(GSocket *socket) : socket(socket), thread(&Deadline::watch, this) {}
-
-Deadline::~Deadline()
+Deadline::Deadline(GSocket *socket)
+    : socket(socket), thread([this](std::stop_token stop) { watch(stop); })
 {
-  {
-    std::lock_guard lock(mutex);
-    ended = true;
-  }
-  changed.notify_one();
-  thread.join();
 }
 
-// The thread is woken only where it would sleep too long: there is a deadline for each message.
+// Wakes the thread only if it would sleep too long, because each message sets a deadline.
 void
 Deadline::set(guint64 seconds)
 {
@@ -24,6 +17,14 @@ Deadline::set(guint64 seconds)
     changed.notify_one();
 }
 
+void
+Deadline::arrived(gsize bytes)
+{
+  std::lock_guard lock(mutex);
+  if (due != never)
+    due += static_cast<gint64>(bytes) * G_USEC_PER_SEC / least_rate;
+}
+
 bool
 Deadline::passed()
 {
@@ -32,16 +33,17 @@ Deadline::passed()
 }
 
 void
-Deadline::watch()
+Deadline::watch(std::stop_token stop)
 {
   std::unique_lock lock(mutex);
-  while (!ended && !over) {
+  while (!stop.stop_requested() && !over) {
     auto left = due - g_get_monotonic_time();
+    auto earlier = [this] { return due < wake; };
     wake = due;
     if (due == never) {
-      changed.wait(lock);
+      changed.wait(lock, stop, earlier);
     } else if (left > 0) {
-      changed.wait_for(lock, std::chrono::microseconds(left));
+      changed.wait_for(lock, stop, std::chrono::microseconds(left), earlier);
     } else {
       over = true;
       g_socket_shutdown(socket, TRUE, TRUE, nullptr);

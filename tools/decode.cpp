@@ -17,7 +17,6 @@ static constexpr gsize variant_limit = 64 * 1024 * 1024;
 namespace
 {
 struct Options {
-  Stages stages;
   gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
   OptionText variant, strings, from;
   int limit = 256;
@@ -293,8 +292,7 @@ namespace
 class Stack
 {
 public:
-  Stack(const Options &options, Printer &printer);
-  ~Stack();
+  Stack(const Options &options, const Stages &stages, Printer &printer);
   Stack(const Stack &) = delete;
 
   Layer &
@@ -308,7 +306,7 @@ private:
 
   Printer &printer;
   std::vector<std::unique_ptr<Layer>> layers;
-  std::vector<GConverter *> converters;
+  std::vector<Owned<GConverter>> converters;
 };
 } // namespace
 
@@ -323,16 +321,15 @@ Stack::add(const char *name, std::unique_ptr<Layer> layer)
 }
 
 // The stage that is last on the way out is the first one on the way in.
-Stack::Stack(const Options &options, Printer &printer) : printer(printer)
+Stack::Stack(const Options &options, const Stages &stages, Printer &printer) : printer(printer)
 {
   if (options.encrypted) {
     add("record", std::make_unique<RecordLayer>(printer, nullptr));
     return;
   }
-  auto &stages = options.stages.list;
-  for (auto stage = stages.rbegin(); stage != stages.rend(); ++stage) {
-    auto *converter = new_decoder(*stage, options.stages.key_length);
-    converters.push_back(converter);
+  for (auto stage = stages.list.rbegin(); stage != stages.list.rend(); ++stage) {
+    auto *converter = new_decoder(*stage, stages.key_length);
+    converters.emplace_back(converter);
     if (stage->kind == Stage::encrypt)
       add("record", std::make_unique<RecordLayer>(printer, converter));
     else
@@ -347,12 +344,6 @@ Stack::Stack(const Options &options, Printer &printer) : printer(printer)
   } else {
     add("frame", std::make_unique<FrameLayer>(printer, keep));
   }
-}
-
-Stack::~Stack()
-{
-  for (auto *converter : converters)
-    g_object_unref(converter);
 }
 
 // A file has no pieces: where one read ends and the next begins says nothing.
@@ -371,11 +362,11 @@ feed(int fd, const std::string &shown, Layer &bottom)
 }
 
 static void
-check(const Options &options)
+check(const Options &options, const Stages &stages)
 {
   if (options.hex + options.text + (options.variant.value != nullptr) > 1)
     fail(Exit::usage, "--hex, --text and --variant exclude each other");
-  if (options.encrypted && !options.stages.list.empty())
+  if (options.encrypted && !stages.list.empty())
     fail(Exit::usage, "--encrypted takes no stages: what lies under an unknown key is not seen");
   if (options.encrypted && options.strings)
     fail(Exit::usage, "--encrypted shows no strings: what lies under an unknown key is not seen");
@@ -388,7 +379,7 @@ check(const Options &options)
 }
 
 static Exit
-decode(const Options &options, const std::string *path)
+decode(const Options &options, const Stages &stages, const std::string *path)
 {
   auto shown = path ? printable(*path) : "standard input";
   int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
@@ -396,7 +387,7 @@ decode(const Options &options, const std::string *path)
     fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
 
   Printer printer(options);
-  Stack stack(options, printer);
+  Stack stack(options, stages, printer);
   bool whole = true;
   CaptureChoice choice{options.stream, options.from.value ? options.from.value : ""};
   if (is_capture(fd))
@@ -412,7 +403,7 @@ decode(const Options &options, const std::string *path)
 }
 
 Exit
-run_decode(const Command &command, int argc, char **argv)
+run_decode(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
@@ -436,14 +427,13 @@ run_decode(const Command &command, int argc, char **argv)
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  CommandLine line(command);
   line.add(entries);
-  line.add(&options.stages);
-  auto arguments = line.parse(argc, argv, 0, 1);
-  check(options);
+  line.add_stages();
+  auto arguments = line.parse(0, 1);
+  check(options, line.stages);
   bool standard_input = arguments.empty() || arguments[0] == "-";
   try {
-    return decode(options, standard_input ? nullptr : &arguments[0]);
+    return decode(options, line.stages, standard_input ? nullptr : &arguments[0]);
   } catch (const std::bad_alloc &) {
     fail(Exit::local, "not enough memory");
   }

@@ -30,6 +30,10 @@ wait_for_signals()
   auto signals = waited_for();
   int signal;
 
+  // A handler that runs in this thread would end the waits below.
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
   if (sigwait(&signals, &signal) != 0)
     return;
   first_signal = signal;

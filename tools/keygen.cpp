@@ -22,10 +22,9 @@ fill_with_random(guint8 *bytes, gsize size)
 }
 
 Exit
-run_keygen(const Command &command, int argc, char **argv)
+run_keygen(CommandLine &line)
 {
-  CommandLine line(command);
-  auto path = line.parse(argc, argv, 1, 1).front();
+  auto path = line.parse(1, 1).front();
   auto shown = printable(path);
 
   guint8 key[32];

@@ -4,14 +4,13 @@
 #include "interrupt.h"
 #include "talk.h"
 
-// One peer after another; what goes wrong with one is no reason not to serve the next, except where
-// it is this side that cannot go on.
+// Goes on after a peer that fails, but not if this side has failed.
 static Exit
-talk_to_all(Listener &listener, Talk &talk)
+talk_to_all(const TalkOptions &options, const Stages &stages, Listener &listener)
 {
   for (;;) {
     try {
-      talk.with(listener.accept());
+      talk(options, stages, listener.accept());
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;
@@ -23,7 +22,7 @@ talk_to_all(Listener &listener, Talk &talk)
 }
 
 Exit
-run_listen(const Command &command, int argc, char **argv)
+run_listen(CommandLine &line)
 {
   TalkOptions options;
   const GOptionEntry entries[] = {
@@ -32,15 +31,13 @@ run_listen(const Command &command, int argc, char **argv)
        "Answer each message with the output of this shell command", "COMMAND"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  CommandLine line(command);
   line.add(entries);
   options.add_to(line);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  auto arguments = line.parse(1, 1);
   options.check();
 
   Listener listener(Address::parse(arguments[0]));
-  Talk talk(options);
   if (options.keep)
-    return talk_to_all(listener, talk);
-  return talk.with(listener.accept_only());
+    return talk_to_all(options, line.stages, listener);
+  return talk(options, line.stages, listener.accept_only());
 }

@@ -58,8 +58,10 @@ run(int argc, char **argv)
     return Exit::ok;
   }
   for (auto &command : commands)
-    if (std::strcmp(argv[1], command.name) == 0)
-      return command.run(command, argc - 1, argv + 1);
+    if (std::strcmp(argv[1], command.name) == 0) {
+      CommandLine line(command, argc - 1, argv + 1);
+      return command.run(line);
+    }
   fail(Exit::usage, "there is no command \"%s\"; see zelgvc --help",
        printable(std::string(argv[1])).c_str());
 }

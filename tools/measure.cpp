@@ -119,14 +119,14 @@ send_messages(Channel &channel, const std::vector<char> &data, double seconds,
 }
 
 Measured
-receive_messages(Channel &channel, const std::string &label)
+receive_messages(Channel &channel, guint64 size, const std::string &label)
 {
   Meter meter(label, channel.wire_received());
   for (;;) {
-    auto bytes = channel.need(message_limit);
-    auto size = g_bytes_get_size(bytes.get());
-    if (size == 0)
+    auto bytes = channel.need(static_cast<guint32>(size));
+    auto arrived = g_bytes_get_size(bytes.get());
+    if (arrived == 0)
       return meter.end(channel.wire_received());
-    meter.count(size);
+    meter.count(arrived);
   }
 }

@@ -32,6 +32,7 @@ bool make_data(const std::string &kind, std::vector<char> &data);
 // unless it is empty.
 Measured send_messages(Channel &channel, const std::vector<char> &data, double seconds,
                        const std::string &label);
-Measured receive_messages(Channel &channel, const std::string &label);
+// Receives messages of up to `size` bytes until an empty one.
+Measured receive_messages(Channel &channel, guint64 size, const std::string &label);
 
 double cpu_seconds();

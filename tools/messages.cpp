@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "messages.h"
 #include "errors.h"
+#include "link.h"
 
 #include <cstring>
 
@@ -75,17 +76,6 @@ read_hex(const std::string &line, std::string *message, std::string *why)
   return high < 0;
 }
 
-// Values travel little-endian.
-static GVariant *
-wire_order(GVariant *value)
-{
-  if (G_BYTE_ORDER == G_LITTLE_ENDIAN)
-    return value;
-  auto *swapped = g_variant_byteswap(value);
-  g_variant_unref(value);
-  return swapped;
-}
-
 static bool
 read_variant(const std::string &type, const std::string &line, std::string *message,
              std::string *why)
@@ -97,8 +87,9 @@ read_variant(const std::string &type, const std::string &line, std::string *mess
     *why = "no value of type " + type + ": " + printable(std::string(error->message));
     return false;
   }
-  g_autoptr(GVariant) value = wire_order(parsed);
-  message->assign(static_cast<const char *>(g_variant_get_data(value)), g_variant_get_size(value));
+  auto value = wire_order(parsed);
+  message->assign(static_cast<const char *>(g_variant_get_data(value.get())),
+                  g_variant_get_size(value.get()));
   return true;
 }
 
@@ -127,12 +118,12 @@ MessageFormat::read_line(const std::string &line, std::string *message, std::str
 bool
 variant_text(const std::string &type, const void *bytes, gsize size, std::string *text)
 {
-  g_autoptr(GBytes) copy = g_bytes_new(bytes, size);
-  g_autoptr(GVariant) value = wire_order(
-      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy, FALSE)));
-  if (!g_variant_is_normal_form(value))
+  Bytes copy(g_bytes_new(bytes, size));
+  auto value =
+      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), FALSE));
+  if (!g_variant_is_normal_form(value.get()))
     return false;
-  g_autofree char *printed = g_variant_print(value, FALSE);
+  g_autofree char *printed = g_variant_print(value.get(), FALSE);
   *text = printed;
   return true;
 }

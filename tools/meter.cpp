@@ -13,6 +13,7 @@ struct ToolMeter {
   bool strings;
   guint8 terminator; // of strings
   bool at_end;
+  Deadline *deadline;
 };
 
 struct ToolMeterClass {
@@ -94,6 +95,8 @@ account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **
   }
   auto size = static_cast<gsize>(got);
   self->total += size;
+  if (self->deadline)
+    self->deadline->arrived(size);
   auto *bytes = static_cast<const guint8 *>(buffer);
   bool good =
       self->strings ? follow_string(self, bytes, size, error) : follow(self, bytes, size, error);
@@ -169,6 +172,12 @@ void
 meter_set_limit(ToolMeter *meter, guint32 limit)
 {
   meter->limit = limit;
+}
+
+void
+meter_set_deadline(ToolMeter *meter, Deadline *deadline)
+{
+  meter->deadline = deadline;
 }
 
 void

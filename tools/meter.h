@@ -4,6 +4,8 @@
 // end, and refuses a message that is longer than its reader can accept before memory is taken.
 #pragma once
 
+#include "deadline.h"
+
 #include <gio/gio.h>
 
 struct ToolMeter;
@@ -14,6 +16,9 @@ ToolMeter *meter_new(GInputStream *base);
 
 // Frames and strings longer than this fail with G_IO_ERROR_MESSAGE_TOO_LARGE. No limit at first.
 void meter_set_limit(ToolMeter *meter, guint32 limit);
+
+// Tells the deadline of the bytes that arrive.
+void meter_set_deadline(ToolMeter *meter, Deadline *deadline);
 
 // For strings that end with this byte instead of frames. Makes the end of the stream an error,
 // G_IO_ERROR_CLOSED, since a reader of strings does not stop at an end.

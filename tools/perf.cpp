@@ -14,7 +14,6 @@ struct Options {
   double seconds = 1;
   OptionText sizes, direction, data;
   gboolean json = FALSE;
-  int timeout = 30;
 };
 
 struct Run {
@@ -74,13 +73,13 @@ measure(Channel &channel, const Options &options, const std::string &kind, const
   Control wanted;
   wanted.set("direction", std::string(direction)).set("size", size);
   wanted.set("seconds", options.seconds).set("data", kind);
-  channel.put(std::move(wanted));
+  channel.put(wanted);
 
   auto label = std::string(direction) + " " + std::to_string(size);
   if (std::strcmp(direction, "send") == 0)
     run.here = send_messages(channel, data, options.seconds, label);
   else
-    run.here = receive_messages(channel, label);
+    run.here = receive_messages(channel, size, label);
   run.there = read_report(channel);
   if (run.here.messages != run.there.messages || run.here.bytes != run.there.bytes)
     fail(Exit::protocol,
@@ -120,7 +119,7 @@ print_row(const Run &run)
 }
 
 Exit
-run_perf(const Command &command, int argc, char **argv)
+run_perf(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
@@ -136,12 +135,10 @@ run_perf(const Command &command, int argc, char **argv)
        nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&options.timeout);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(1, 1);
   auto sizes = parse_sizes(options.sizes);
   auto directions = parse_direction(options.direction);
   std::string kind = options.data.value ? options.data.value : "text";
@@ -151,20 +148,19 @@ run_perf(const Command &command, int argc, char **argv)
   if (!(options.seconds > 0 && options.seconds <= 3600))
     fail(Exit::usage, "--seconds is a number above 0 and up to 3600");
 
-  auto timeout = static_cast<guint>(options.timeout);
   auto address = Address::parse(arguments[0]);
-  Channel channel(connect_to(address, timeout), stages, timeout);
+  Channel channel(connect_to(address, line.timeout), line.stages, line.timeout);
   channel.greet(perf_service, Control());
   if (!options.json)
     output_line("%s, %s, %s data, %g s each\n%-9s %9s %10s %9s %15s %6s %9s %9s",
-                address.text().c_str(), stages.text().c_str(), kind.c_str(), options.seconds,
+                address.text().c_str(), line.stages.text().c_str(), kind.c_str(), options.seconds,
                 "direction", "size", "messages", "MB/s", "bytes on wire", "ratio", "CPU here",
                 "CPU there");
   for (auto *direction : directions)
     for (auto size : sizes) {
       auto run = measure(channel, options, kind, direction, size);
       if (options.json)
-        print_json(run, stages, kind);
+        print_json(run, line.stages, kind);
       else
         print_row(run);
     }

@@ -18,7 +18,6 @@ struct Options {
   int size = 32;
   double interval = 0.1;
   gboolean json = FALSE;
-  int timeout = 30;
 };
 } // namespace
 
@@ -30,7 +29,7 @@ round_trip(Channel &channel, std::vector<char> &message, guint64 number)
     std::memcpy(message.data(), &number, std::min(message.size(), sizeof number));
   auto begun = g_get_monotonic_time();
   channel.put(message.data(), message.size());
-  auto answer = channel.need(message_limit);
+  auto answer = channel.need(std::max(static_cast<guint32>(message.size()), control_limit));
   auto ended = g_get_monotonic_time();
 
   gsize size;
@@ -116,7 +115,7 @@ measure(Channel &channel, const Options &options)
 }
 
 Exit
-run_ping(const Command &command, int argc, char **argv)
+run_ping(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
@@ -129,22 +128,20 @@ run_ping(const Command &command, int argc, char **argv)
        nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&options.timeout);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(1, 1);
   if (options.count < 0 || options.size < 0 || options.size > static_cast<int>(message_limit) ||
       !(options.interval >= 0) || options.interval > 86400)
     fail(Exit::usage, "a count, a size (up to 64 MiB) and an interval are not negative");
 
-  auto seconds = static_cast<guint>(options.timeout);
-  Channel channel(connect_to(Address::parse(arguments[0]), seconds), stages, seconds);
+  Channel channel(connect_to(Address::parse(arguments[0]), line.timeout), line.stages,
+                  line.timeout);
   channel.greet(ping_service, Control());
   auto times = measure(channel, options);
   if (!interrupted())
     channel.close();
-  print_summary(options, stages, channel, times);
+  print_summary(options, line.stages, channel, times);
   return interrupted() ? Exit::interrupted : Exit::ok;
 }

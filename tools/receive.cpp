@@ -25,7 +25,6 @@ namespace
 {
 struct Options {
   gboolean force = FALSE, resume = FALSE, keep = FALSE, json = FALSE;
-  int timeout = 30;
   int dir = -1;
   std::string dir_text;
 };
@@ -219,11 +218,11 @@ agree_on_offset(Channel &channel, Part &part, const Announced &file, bool resume
     have = 0;
     sha.reset();
   }
-  channel.put(std::move(Control().set("have", have).set_bytes("sha256", sha.digest())));
+  channel.put(Control().set("have", have).set("sha256", sha.digest()));
 
   auto answer = next_answer(channel);
   if (answer.has("failed"))
-    throw Refusal{printable(answer.text("failed"))};
+    throw Refusal{printable(answer.bytes("failed"))};
   auto offset = answer.number("offset", G_MAXUINT64);
   if (offset != 0 && offset != have)
     fail(Exit::protocol, "%s starts in the middle of the file", channel.peer().c_str());
@@ -245,7 +244,7 @@ receive_data(Channel &channel, Part &part, const Announced &file, guint64 offset
     gsize size;
     auto *data = g_bytes_get_data(bytes.get(), &size);
     if (size == 0) {
-      auto why = next_answer(channel).text("failed");
+      auto why = next_answer(channel).bytes("failed");
       throw Refusal{"the sender gave up: " + printable(why)};
     }
     if (size > file.size - offset)
@@ -295,7 +294,7 @@ receive_into(Channel &channel, Part &part, const Announced &file, const Options 
   receive_data(channel, part, file, result.resumed_at, sha);
   check_sum(channel, part, sha);
   part.commit(file, options.force);
-  channel.put(std::move(Control().set("stored", guint64{1})));
+  channel.put(Control().set("stored", guint64{1}));
 
   result.name = printable(file.name);
   result.size = file.size;
@@ -326,7 +325,7 @@ receive_file(Channel &channel, const Announced &file, const Options &options, bo
     complain("%s %s: %s", answered ? "did not get" : "refused", printable(file.name).c_str(),
              refusal.why.c_str());
     if (!answered)
-      channel.put(std::move(Control().set("refused", refusal.why)));
+      channel.put(Control().set("refused", refusal.why));
     return Exit::partly;
   }
 }
@@ -338,7 +337,7 @@ receive_files(Channel &channel, const Options &options, bool resume)
   for (;;) {
     auto control = next_answer(channel);
     if (control.has("end")) {
-      channel.put(std::move(Control().set("end", guint64{1})));
+      channel.put(Control().set("end", guint64{1}));
       channel.close();
       return worst;
     }
@@ -356,7 +355,7 @@ tell(Channel &channel, const Failure &failure)
 {
   auto why = failure.code == Exit::interrupted ? "the receiver was interrupted" : failure.message;
   try {
-    channel.put(std::move(Control().set("failed", why)));
+    channel.put(Control().set("failed", why));
     channel.drain();
   } catch (const Failure &) {
     // It has gone, too.
@@ -364,9 +363,9 @@ tell(Channel &channel, const Failure &failure)
 }
 
 static Exit
-serve_sender(GSocketConnection *connection, const Stages &stages, const Options &options)
+serve_sender(GSocketConnection *connection, const CommandLine &line, const Options &options)
 {
-  Channel channel(connection, stages, static_cast<guint>(options.timeout));
+  Channel channel(connection, line.stages, line.timeout);
   std::string service;
   auto wishes = channel.answer_greeting({files_service}, &service);
   channel.send_hello(files_service, Control());
@@ -390,11 +389,11 @@ open_directory(Options &options, const std::string &path)
 
 // One sender after another; what goes wrong with one is no reason not to serve the next.
 static Exit
-serve_senders(Listener &listener, const Stages &stages, const Options &options)
+serve_senders(Listener &listener, const CommandLine &line, const Options &options)
 {
   for (;;) {
     try {
-      serve_sender(listener.accept(), stages, options);
+      serve_sender(listener.accept(), line, options);
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;
@@ -404,7 +403,7 @@ serve_senders(Listener &listener, const Stages &stages, const Options &options)
 }
 
 Exit
-run_receive(const Command &command, int argc, char **argv)
+run_receive(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
@@ -416,17 +415,15 @@ run_receive(const Command &command, int argc, char **argv)
        nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&options.timeout);
-  auto arguments = line.parse(argc, argv, 2, 2);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(2, 2);
 
   auto address = Address::parse(arguments[0]);
   open_directory(options, arguments[1]);
   Listener listener(address);
   if (options.keep)
-    return serve_senders(listener, stages, options);
-  return serve_sender(listener.accept_only(), stages, options);
+    return serve_senders(listener, line, options);
+  return serve_sender(listener.accept_only(), line, options);
 }

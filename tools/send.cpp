@@ -66,7 +66,7 @@ announcement(const File &file, const std::string &path)
   g_autofree char *name = g_path_get_basename(path.c_str());
   auto &mtime = file.status.st_mtim;
   Control control;
-  control.set_bytes("name", name).set("size", file.size());
+  control.set("name", name).set("size", file.size());
   control.set("mode", guint64{file.status.st_mode & 07777u});
   control.set("mtime", g_variant_new_int64(mtime.tv_sec));
   control.set("mtime-nsec", static_cast<guint64>(mtime.tv_nsec));
@@ -76,7 +76,7 @@ announcement(const File &file, const std::string &path)
 [[noreturn]] static void
 receiver_failed(const Channel &channel, const File &file, const Control &answer)
 {
-  auto why = printable(answer.text("failed"));
+  auto why = printable(answer.bytes("failed"));
   if (why.empty())
     fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
   fail(Exit::partly, "%s gave up on %s: %s", channel.peer().c_str(), file.path.c_str(),
@@ -105,7 +105,7 @@ static void
 break_off(Channel &channel, const std::string &why)
 {
   channel.put("", 0);
-  channel.put(std::move(Control().set("failed", why)));
+  channel.put(Control().set("failed", why));
 }
 
 static gsize
@@ -172,7 +172,7 @@ transfer(Channel &channel, const File &file, const std::string &path)
     receiver_failed(channel, file, answer);
   if (answer.has("refused"))
     throw FileFailure{Exit::partly, channel.peer() + " refuses " + file.path + ": " +
-                                        printable(answer.text("refused"))};
+                                        printable(answer.bytes("refused"))};
   if (!answer.has("have"))
     fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
 
@@ -180,7 +180,7 @@ transfer(Channel &channel, const File &file, const std::string &path)
   auto begun = g_get_monotonic_time();
   auto wire = channel.wire_sent();
   auto offset = agree_on_offset(channel, file, answer, sha);
-  channel.put(std::move(Control().set("offset", offset)));
+  channel.put(Control().set("offset", offset));
   try {
     send_data(channel, file, offset, sha);
   } catch (const FileFailure &failure) {
@@ -188,7 +188,7 @@ transfer(Channel &channel, const File &file, const std::string &path)
     throw;
   }
   result.sha256 = sha.digest();
-  channel.put(std::move(Control().set_bytes("sha256", result.sha256)));
+  channel.put(Control().set("sha256", result.sha256));
   result.wire = channel.wire_sent() - wire;
   answer = next_answer(channel);
   if (!answer.has("stored"))
@@ -217,27 +217,23 @@ send_file(Channel &channel, const std::string &path, bool json)
 }
 
 Exit
-run_send(const Command &command, int argc, char **argv)
+run_send(CommandLine &line)
 {
   gboolean resume = FALSE, json = FALSE;
-  int timeout = 30;
   const GOptionEntry entries[] = {
       {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
        "Go on where an interrupted transfer to this receiver ended", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
-  Stages stages;
-  CommandLine line(command);
   line.add(entries);
-  line.add(&stages);
-  line.add_timeout(&timeout);
-  auto arguments = line.parse(argc, argv, 2, G_MAXSIZE);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(2, G_MAXSIZE);
   auto address = Address::parse(arguments.front());
 
-  auto seconds = static_cast<guint>(timeout);
-  Channel channel(connect_to(address, seconds), stages, seconds);
-  channel.greet(files_service, std::move(Control().set("resume", guint64{resume ? 1u : 0u})));
+  Channel channel(connect_to(address, line.timeout), line.stages, line.timeout);
+  channel.greet(files_service, Control().set("resume", guint64{resume ? 1u : 0u}));
 
   auto worst = Exit::ok;
   for (gsize i = 1; i < arguments.size(); i++) {
@@ -245,7 +241,7 @@ run_send(const Command &command, int argc, char **argv)
     if (worst == Exit::ok)
       worst = code;
   }
-  channel.put(std::move(Control().set("end", guint64{1})));
+  channel.put(Control().set("end", guint64{1}));
   if (!next_answer(channel).has("end"))
     fail(Exit::protocol, "%s answers what is no answer", channel.peer().c_str());
   channel.close();

@@ -5,12 +5,35 @@
 #include "measure.h"
 #include "output.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+// Each caller costs a process. Further callers wait in the listen queue.
+static constexpr int most_at_once = 100;
+static std::atomic<int> callers;
+
+static void
+on_child_ended(int)
+{
+  auto code = errno;
+  while (waitpid(-1, nullptr, WNOHANG) > 0)
+    callers--;
+  errno = code;
+}
+
+// Waits until another caller may come. False if the user interrupts.
+static bool
+wait_for_room()
+{
+  while (callers >= most_at_once)
+    if (!wait_for(-1, 0, interrupt_soon(), 50))
+      return false;
+  return !interrupted();
+}
 
 static void
 serve_ping(Channel &channel)
@@ -32,17 +55,18 @@ report(const Measured &measured)
 static void
 serve_perf_run(Channel &channel, const Control &wanted)
 {
-  auto direction = wanted.text("direction");
-  if (direction == "send") {
-    channel.put(report(receive_messages(channel, "")));
-    return;
-  }
+  auto direction = wanted.bytes("direction");
   auto size = wanted.number("size");
   auto seconds = wanted.real("seconds");
-  if (direction != "receive" || size == 0 || size > message_limit || !(seconds <= 3600))
+  bool possible = size > 0 && size <= message_limit && seconds <= 3600;
+  if (direction == "send" && possible) {
+    channel.put(report(receive_messages(channel, size, "")));
+    return;
+  }
+  if (direction != "receive" || !possible)
     fail(Exit::protocol, "%s wants a measurement that there is not", channel.peer().c_str());
   std::vector<char> data(size);
-  if (!make_data(wanted.text("data"), data))
+  if (!make_data(wanted.bytes("data"), data))
     fail(Exit::protocol, "%s wants data of a kind that there is not", channel.peer().c_str());
   channel.put(report(send_messages(channel, data, seconds, "")));
 }
@@ -60,9 +84,9 @@ serve_perf(Channel &channel)
 }
 
 static void
-serve_peer(GSocketConnection *connection, const Stages &stages, guint timeout)
+serve_peer(GSocketConnection *connection, const CommandLine &line)
 {
-  Channel channel(connection, stages, timeout);
+  Channel channel(connection, line.stages, line.timeout);
   std::string service;
   channel.answer_greeting({ping_service, perf_service}, &service);
   channel.send_hello(service.c_str(), Control());
@@ -76,7 +100,7 @@ serve_peer(GSocketConnection *connection, const Stages &stages, guint timeout)
 // A process for each peer: what it measures of itself is what this peer cost, and none can hold up
 // or bring down another.
 [[noreturn]] static void
-be_child(Listener &listener, GSocketConnection *connection, const Stages &stages, guint timeout)
+be_child(Listener &listener, GSocketConnection *connection, const CommandLine &line)
 {
   interrupt_restore();
   prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -84,7 +108,7 @@ be_child(Listener &listener, GSocketConnection *connection, const Stages &stages
 
   auto code = Exit::ok;
   try {
-    serve_peer(connection, stages, timeout);
+    serve_peer(connection, line);
   } catch (const Failure &failure) {
     complain(failure);
     code = failure.code;
@@ -93,19 +117,15 @@ be_child(Listener &listener, GSocketConnection *connection, const Stages &stages
 }
 
 Exit
-run_serve(const Command &command, int argc, char **argv)
+run_serve(CommandLine &line)
 {
-  int timeout = 30;
-  Stages stages;
-  CommandLine line(command);
-  line.add(&stages);
-  line.add_timeout(&timeout);
-  auto arguments = line.parse(argc, argv, 1, 1);
+  line.add_stages();
+  line.add_timeout();
+  auto arguments = line.parse(1, 1);
 
-  // The system takes away the children that have ended.
-  std::signal(SIGCHLD, SIG_IGN);
+  std::signal(SIGCHLD, on_child_ended);
   Listener listener(Address::parse(arguments[0]));
-  for (;;) {
+  while (wait_for_room()) {
     GSocketConnection *connection;
     try {
       connection = listener.accept();
@@ -114,13 +134,17 @@ run_serve(const Command &command, int argc, char **argv)
         return Exit::ok;
       throw;
     }
+    callers++;
     auto pid = fork();
     if (pid == 0)
-      be_child(listener, connection, stages, static_cast<guint>(timeout));
-    if (pid < 0)
+      be_child(listener, connection, line);
+    if (pid < 0) {
+      callers--;
       complain("cannot start a process for %s: %s", name_of_peer(connection).c_str(),
                g_strerror(errno));
+    }
     // Only this process's copy is closed, the connection stays with the child.
     g_object_unref(connection);
   }
+  return Exit::ok;
 }

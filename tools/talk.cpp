@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "talk.h"
-#include "channel.h"
 #include "interrupt.h"
+#include "link.h"
 
 #include <glib-unix.h>
 
@@ -9,15 +9,19 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
-#include <memory>
 #include <mutex>
+#include <optional>
 #include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
 
-// The lines of standard input, read one ahead, so that they outlast a peer.
-struct Talk::Input {
+namespace
+{
+class Session;
+
+// The lines of standard input. One line is read ahead, so that it outlasts a peer.
+struct Input {
   char chunk[64 * 1024];
   gsize taken = 0, filled = 0; // bytes of the chunk
   std::string part;            // of a line whose end has not come yet
@@ -25,14 +29,14 @@ struct Talk::Input {
   guint64 number = 0;
   const gsize limit;
   bool has_line = false;
-  bool too_long = false; // so is the line, of which only the beginning is there
-  bool skipping = false; // the rest of such a line
+  bool too_long = false; // `line` is cut
+  bool skipping = false; // the remainder of a line that is too long
   bool reading = false;
   bool at_end = false;
-  bool used = false; // at least one line was there
+  bool used = false; // there was a line
   bool terminal = isatty(STDIN_FILENO);
   std::string failure;
-  Session *session = nullptr; // which is told about new input
+  Session *session = nullptr; // is told about new input
 
   explicit Input(gsize limit) : limit(limit) {}
   void next();
@@ -41,20 +45,60 @@ struct Talk::Input {
   static gboolean readable(int fd, GIOCondition condition, gpointer data);
 };
 
-struct Talk::Session {
+// One peer, from the connection to the end.
+class Session
+{
+public:
+  Session(const TalkOptions &options, Input &input, const Stages &stages,
+          GSocketConnection *connection);
+  ~Session();
+
+  // Throws if the channel fails.
+  Exit run();
+  // Called if there is a new line, a message has been sent, or a side has come to its end.
+  void input_changed();
+
+private:
+  // A callback of GIO that ends a pending operation.
+  template <void (Session::*finish)(GObject *source, GAsyncResult *result)>
+  static void
+  finished(GObject *source, GAsyncResult *result, gpointer data)
+  {
+    auto *self = static_cast<Session *>(data);
+    self->pending--;
+    (self->*finish)(source, result);
+  }
+
+  void wait_until_done();
+  void read_next();
+  void frame_read(GObject *, GAsyncResult *result);
+  void string_read(GObject *, GAsyncResult *result);
+  void received(const std::string &message);
+  void read_failed(const GError *error);
+  void print(const std::string &message);
+  void printed(GObject *, GAsyncResult *result);
+  void execute(const std::string &message);
+  void executed(GObject *process, GAsyncResult *result);
+  void answer(GBytes *output);
+  void send_line();
+  void send(const std::string &message);
+  void frame_sent(GObject *, GAsyncResult *result);
+  void string_sent(GObject *stream, GAsyncResult *result);
+  void sent(const GError *error);
+  void send_end();
+  void end_sent(GObject *, GAsyncResult *result);
+  void end_with(Exit code, const std::string &message);
+  void mishap(const std::string &message);
+  void check_done();
+
   const TalkOptions &options;
   Input &input;
-  GSocketConnection *socket_connection;
-  GvcConnection *channel;
-  StageCounts counts;
-  ToolMeter *meter;
-  GvcBytesInputStream *frames_in;
-  GvcBytesOutputStream *frames_out;
-  GvcDataInputStream *strings_in;
-  GCancellable *cancellable; // of all that only reads
-  GCancellable *leaving;     // of what is sent
-  gulong follows_interrupt;  // by which an interrupt reaches the latter
-  std::string peer;
+  Link link;
+  const bool strings; // instead of frames
+  Owned<GvcDataInputStream> strings_in;
+  Owned<GCancellable> reading{g_cancellable_new()};
+  Owned<GCancellable> leaving{g_cancellable_new()}; // for what is being sent
+  gulong follows_interrupt;                         // by which an interrupt cancels `leaving`
 
   int pending = 0; // operations that will still call back
   bool done = false;
@@ -62,43 +106,17 @@ struct Talk::Session {
   bool closing = false;        // the end of our messages is being sent, or was
   bool peer_has_ended = false; // no more messages will come
   guint64 strings_taken = 0;   // bytes of complete strings
-  std::string outgoing;        // the message or line that is on its way
-  pid_t command = 0;           // that --exec runs
+  std::string outgoing;        // the message or line that is being sent
+  pid_t command = 0;           // the command of --exec
   Failure failure = {Exit::ok, ""};
   Exit worst = Exit::ok;
   bool output_closed = false;
-
-  Session(const TalkOptions &options, Input &input, GSocketConnection *connection);
-  ~Session();
-
-  void run();
-  void read_next();
-  void received(const std::string &message);
-  void read_failed(GError *error);
-  void print(const std::string &message);
-  void execute(const std::string &message);
-  void answer(GBytes *output);
-  void send_line();
-  void send(const std::string &message);
-  void sent(GError *error);
-  void input_changed();
-  void send_end();
-  void end_with(Exit code, const std::string &message);
-  void mishap(const std::string &message);
-  void check_done();
-
-  static void frame_read(GObject *source, GAsyncResult *result, gpointer data);
-  static void string_read(GObject *source, GAsyncResult *result, gpointer data);
-  static void printed(GObject *source, GAsyncResult *result, gpointer data);
-  static void executed(GObject *source, GAsyncResult *result, gpointer data);
-  static void frame_sent(GObject *source, GAsyncResult *result, gpointer data);
-  static void string_sent(GObject *source, GAsyncResult *result, gpointer data);
-  static void end_sent(GObject *source, GAsyncResult *result, gpointer data);
 };
+} // namespace
 
-// Makes the next line available if it is there, and starts to read otherwise.
+// Makes the next line available if it has arrived. Starts to read otherwise.
 void
-Talk::Input::next()
+Input::next()
 {
   if (!has_line)
     take_line();
@@ -110,7 +128,7 @@ Talk::Input::next()
 }
 
 void
-Talk::Input::take_line()
+Input::take_line()
 {
   while (taken < filled && !has_line) {
     auto *from = chunk + taken;
@@ -130,7 +148,7 @@ Talk::Input::take_line()
 }
 
 void
-Talk::Input::finish_line()
+Input::finish_line()
 {
   line.swap(part);
   part.clear();
@@ -139,7 +157,7 @@ Talk::Input::finish_line()
 }
 
 gboolean
-Talk::Input::readable(int fd, GIOCondition, gpointer data)
+Input::readable(int fd, GIOCondition, gpointer data)
 {
   auto *self = static_cast<Input *>(data);
   auto got = read(fd, self->chunk, sizeof self->chunk);
@@ -167,135 +185,110 @@ cancel_too(GCancellable *, gpointer other)
   g_cancellable_cancel(static_cast<GCancellable *>(other));
 }
 
-Talk::Session::Session(const TalkOptions &options, Input &input, GSocketConnection *connection)
-    : options(options), input(input), socket_connection(connection),
-      channel(gvc_connection_new(connection)), peer(name_of_peer(connection))
+Session::Session(const TalkOptions &options, Input &input, const Stages &stages,
+                 GSocketConnection *connection)
+    : options(options), input(input), link(connection, stages),
+      strings(options.format.kind == MessageFormat::strings),
+      strings_in(gvc_data_input_stream_new(G_INPUT_STREAM(link.meter.get()))),
+      follows_interrupt(
+          g_cancellable_connect(interrupt_now(), G_CALLBACK(cancel_too), leaving.get(), nullptr))
 {
-  // People take their time.
-  g_socket_set_timeout(g_socket_connection_get_socket(connection), 0);
-  add_stages(channel, options.stages, &counts);
-  auto *io = G_IO_STREAM(channel);
-  meter = meter_new(g_io_stream_get_input_stream(io));
-  if (options.format.kind == MessageFormat::strings)
-    meter_set_strings(meter, options.format.terminator);
-  meter_set_limit(meter, options.limit);
-  counts.set_limit(options.limit);
-  frames_in = gvc_bytes_input_stream_new(G_INPUT_STREAM(meter));
-  frames_out = gvc_bytes_output_stream_new(g_io_stream_get_output_stream(io));
-  strings_in = gvc_data_input_stream_new(G_INPUT_STREAM(meter));
-  cancellable = g_cancellable_new();
-  leaving = g_cancellable_new();
-  follows_interrupt =
-      g_cancellable_connect(interrupt_now(), G_CALLBACK(cancel_too), leaving, nullptr);
+  // People may be silent for any time.
+  g_socket_set_timeout(link.socket(), 0);
+  if (strings)
+    meter_set_strings(link.meter.get(), options.format.terminator);
+  meter_set_limit(link.meter.get(), options.limit);
+  link.counts.set_limit(options.limit);
   input.session = this;
 }
 
-Talk::Session::~Session()
+Session::~Session()
 {
   input.session = nullptr;
-  g_io_stream_close(G_IO_STREAM(socket_connection), nullptr, nullptr);
   g_cancellable_disconnect(interrupt_now(), follows_interrupt);
-  g_object_unref(leaving);
-  g_object_unref(cancellable);
-  g_object_unref(strings_in);
-  g_object_unref(frames_out);
-  g_object_unref(frames_in);
-  g_object_unref(meter);
-  g_object_unref(channel);
-  g_object_unref(socket_connection);
 }
 
 void
-Talk::Session::end_with(Exit code, const std::string &message)
+Session::end_with(Exit code, const std::string &message)
 {
   if (!done)
     failure = {code, message};
   done = true;
 }
 
-// Something that is no reason to stop.
+// Complains about a message. The session goes on.
 void
-Talk::Session::mishap(const std::string &message)
+Session::mishap(const std::string &message)
 {
   complain("%s", message.c_str());
   worst = Exit::partly;
 }
 
 void
-Talk::Session::read_next()
+Session::read_next()
 {
   pending++;
-  if (options.format.kind == MessageFormat::strings)
-    gvc_data_input_stream_read_string_async(strings_in, options.format.terminator,
-                                            G_PRIORITY_DEFAULT, cancellable, string_read, this);
+  if (strings)
+    gvc_data_input_stream_read_string_async(strings_in.get(), options.format.terminator,
+                                            G_PRIORITY_DEFAULT, reading.get(),
+                                            finished<&Session::string_read>, this);
   else
-    gvc_bytes_input_stream_read_bytes_async(frames_in, G_PRIORITY_DEFAULT, cancellable, frame_read,
-                                            this);
+    gvc_bytes_input_stream_read_bytes_async(link.frames_in.get(), G_PRIORITY_DEFAULT, reading.get(),
+                                            finished<&Session::frame_read>, this);
 }
 
 void
-Talk::Session::frame_read(GObject *, GAsyncResult *result, gpointer data)
+Session::frame_read(GObject *, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
-  GError *error = nullptr;
-
-  self->pending--;
-  auto *bytes = gvc_bytes_input_stream_read_bytes_finish(self->frames_in, result, &error);
-  if (!bytes) {
-    self->read_failed(error);
-    return;
-  }
+  g_autoptr(GError) error = nullptr;
+  Bytes bytes(gvc_bytes_input_stream_read_bytes_finish(link.frames_in.get(), result, &error));
+  if (!bytes)
+    return read_failed(error);
   gsize size;
-  auto *from = static_cast<const char *>(g_bytes_get_data(bytes, &size));
-  self->received(std::string(from ? from : "", size));
-  g_bytes_unref(bytes);
+  auto *from = static_cast<const char *>(g_bytes_get_data(bytes.get(), &size));
+  received(std::string(from ? from : "", size));
 }
 
 void
-Talk::Session::string_read(GObject *, GAsyncResult *result, gpointer data)
+Session::string_read(GObject *, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
-  GError *error = nullptr;
+  g_autoptr(GError) error = nullptr;
   gsize length = 0;
-
-  self->pending--;
   g_autofree char *text =
-      gvc_data_input_stream_read_string_finish(self->strings_in, result, &length, &error);
-  if (!text) {
-    self->read_failed(error);
-    return;
-  }
-  self->strings_taken += length;
-  self->received(std::string(text, length - 1));
+      gvc_data_input_stream_read_string_finish(strings_in.get(), result, &length, &error);
+  if (!text)
+    return read_failed(error);
+  strings_taken += length;
+  received(std::string(text, length - 1));
 }
 
 void
-Talk::Session::read_failed(GError *owned)
+Session::read_failed(const GError *error)
 {
-  g_autoptr(GError) error = owned;
   if (done || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     return;
 
-  bool strings = options.format.kind == MessageFormat::strings;
+  auto *meter = link.meter.get();
+  bool at_end = meter_at_end(meter);
   bool whole = strings ? meter_total(meter) == strings_taken : meter_at_boundary(meter);
-  if (meter_at_end(meter) && whole) {
+  bool partial = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+  if (at_end && whole) {
     peer_has_ended = true;
     input_changed();
-  } else if (meter_at_end(meter) || is_gone(error) ||
-             g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT)) {
-    const char *what = strings ? "string, before its terminator" : "message";
-    bool between = whole && !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-    end_with(Exit::peer, between ? peer + " went away: " + error->message
-                                 : peer + " went away in the middle of a " + what);
+  } else if (whole && !partial && is_gone(error)) {
+    end_with(Exit::peer, link.peer + " went away: " + error->message);
+  } else if (at_end || partial || is_gone(error)) {
+    end_with(Exit::peer, link.peer + " went away in the middle of a " +
+                             (strings ? "string, before its terminator" : "message"));
   } else {
-    end_with(Exit::protocol, peer + " sends what cannot be understood (" + error->message +
+    end_with(Exit::protocol, link.peer + " sends what cannot be understood (" + error->message +
                                  "): it may speak something else, or use another key or other "
                                  "stages");
   }
 }
 
 void
-Talk::Session::received(const std::string &message)
+Session::received(const std::string &message)
 {
   if (done)
     return;
@@ -305,9 +298,11 @@ Talk::Session::received(const std::string &message)
     print(message);
 }
 
-// A thread waits for the reader of standard output. Whether a write would block cannot be known
-// before, and neither the peer nor standard input shall wait for it. GLib's own threads would not
-// do: work waits for ever where the system refuses another one.
+namespace
+{
+// Writes lines to standard output in a thread. Whether a write would block cannot be known before,
+// and neither direction of the channel may wait for a slow reader. GLib's own threads will not do:
+// their work is never started if the system refuses another thread.
 class Printer
 {
 public:
@@ -346,9 +341,10 @@ private:
   std::condition_variable wanted;
   GTask *task = nullptr;
 };
+} // namespace
 
 void
-Talk::Session::print(const std::string &message)
+Session::print(const std::string &message)
 {
   std::string why;
   auto line = std::make_unique<std::string>();
@@ -361,18 +357,18 @@ Talk::Session::print(const std::string &message)
     *line = json.text();
   } else {
     understood = options.format.write_line(message, line.get(), &why);
-    // A peer does not get to control the terminal.
+    // A peer must not control the terminal.
     if (isatty(STDOUT_FILENO))
       *line = printable(*line);
     *line += '\n';
   }
   if (!understood) {
-    mishap(peer + " sent what is no message here: " + why);
+    mishap(link.peer + " sent what is no message here: " + why);
     read_next();
     return;
   }
   pending++;
-  auto *task = g_task_new(nullptr, interrupt_now(), printed, this);
+  auto *task = g_task_new(nullptr, interrupt_now(), finished<&Session::printed>, this);
   g_task_set_task_data(task, line.release(),
                        [](gpointer text) { delete static_cast<std::string *>(text); });
   static auto *printer = new Printer;
@@ -380,24 +376,21 @@ Talk::Session::print(const std::string &message)
 }
 
 void
-Talk::Session::printed(GObject *, GAsyncResult *result, gpointer data)
+Session::printed(GObject *, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
   g_autoptr(GError) error = nullptr;
-
-  self->pending--;
   if (g_task_propagate_boolean(G_TASK(result), &error)) {
-    if (!self->done)
-      self->read_next();
+    if (!done)
+      read_next();
   } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE)) {
-    self->output_closed = self->done = true;
+    output_closed = done = true;
   } else {
-    self->end_with(Exit::local, std::string("cannot write to standard output: ") + error->message);
+    end_with(Exit::local, std::string("cannot write to standard output: ") + error->message);
   }
 }
 
-// The command gets signals as any program does. It and its children are a process group, which ends
-// with this program.
+// Gives the command the signals of any program. The command and its children are a process group,
+// so that they can be ended together.
 static void
 prepare_command(gpointer)
 {
@@ -409,14 +402,13 @@ prepare_command(gpointer)
   prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
 
-// The command reads the line that would be printed, and what it writes is taken like a line of
-// standard input.
+// The command reads the line that would be printed. Its output is sent like a line of input.
 void
-Talk::Session::execute(const std::string &message)
+Session::execute(const std::string &message)
 {
   std::string line, why;
   if (!options.format.write_line(message, &line, &why)) {
-    mishap(peer + " sent what is no message here: " + why);
+    mishap(link.peer + " sent what is no message here: " + why);
     read_next();
     return;
   }
@@ -428,44 +420,38 @@ Talk::Session::execute(const std::string &message)
   g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
   g_autoptr(GSubprocess) process =
       g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
-  if (!process) {
-    end_with(Exit::local, std::string("cannot run the command: ") + error->message);
-    return;
-  }
+  if (!process)
+    return end_with(Exit::local, std::string("cannot run the command: ") + error->message);
   auto *identifier = g_subprocess_get_identifier(process);
   command = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
-  g_autoptr(GBytes) bytes = g_bytes_new(line.data(), line.size());
+  Bytes bytes(g_bytes_new(line.data(), line.size()));
   pending++;
-  g_subprocess_communicate_async(process, bytes, cancellable, executed, this);
+  g_subprocess_communicate_async(process, bytes.get(), reading.get(), finished<&Session::executed>,
+                                 this);
 }
 
 void
-Talk::Session::executed(GObject *source, GAsyncResult *result, gpointer data)
+Session::executed(GObject *process, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
-  auto *process = G_SUBPROCESS(source);
   g_autoptr(GBytes) output = nullptr;
   g_autoptr(GError) error = nullptr;
-
-  self->pending--;
-  // A command that does not read what it is given is no failure.
-  bool finished = g_subprocess_communicate_finish(process, result, &output, nullptr, &error) ||
-                  g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE);
-  if (!finished && self->command > 0)
-    kill(-self->command, SIGTERM);
-  if (self->done)
+  // A command need not read its input.
+  bool ended =
+      g_subprocess_communicate_finish(G_SUBPROCESS(process), result, &output, nullptr, &error) ||
+      g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE);
+  if (!ended && command > 0)
+    kill(-command, SIGTERM);
+  if (done)
     return;
-  if (!finished) {
-    self->end_with(Exit::local, std::string("cannot talk to the command: ") + error->message);
-    return;
-  }
+  if (!ended)
+    return end_with(Exit::local, std::string("cannot talk to the command: ") + error->message);
   if (error)
     output = g_bytes_new_static("", 0);
-  self->answer(output);
+  answer(output);
 }
 
 void
-Talk::Session::answer(GBytes *output)
+Session::answer(GBytes *output)
 {
   gsize size;
   auto *text = static_cast<const char *>(g_bytes_get_data(output, &size));
@@ -481,7 +467,7 @@ Talk::Session::answer(GBytes *output)
 }
 
 void
-Talk::Session::send_line()
+Session::send_line()
 {
   std::string message, why;
   bool good = !input.too_long && options.format.read_line(input.line, &message, &why);
@@ -495,65 +481,57 @@ Talk::Session::send_line()
 }
 
 void
-Talk::Session::send(const std::string &message)
+Session::send(const std::string &message)
 {
-  if (message.size() > G_MAXINT32) {
-    end_with(Exit::local, "a message has less than 2 GiB");
-    return;
-  }
+  if (message.size() > G_MAXINT32)
+    return end_with(Exit::local, "a message has less than 2 GiB");
   sending = true;
   pending++;
   outgoing = message;
-  if (options.format.kind == MessageFormat::strings) {
+  if (strings) {
     outgoing += options.format.terminator;
-    auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel));
-    gvc_output_stream_util_write_all_async(out, outgoing.data(), outgoing.size(),
-                                           G_PRIORITY_DEFAULT, leaving, string_sent, this);
+    gvc_output_stream_util_write_all_async(link.output(), outgoing.data(), outgoing.size(),
+                                           G_PRIORITY_DEFAULT, leaving.get(),
+                                           finished<&Session::string_sent>, this);
     return;
   }
-  g_autoptr(GBytes) bytes = g_bytes_new_static(outgoing.data(), outgoing.size());
-  gvc_bytes_output_stream_put_bytes_async(frames_out, bytes, G_PRIORITY_DEFAULT, leaving,
-                                          frame_sent, this);
+  Bytes bytes(g_bytes_new_static(outgoing.data(), outgoing.size()));
+  gvc_bytes_output_stream_put_bytes_async(link.frames_out.get(), bytes.get(), G_PRIORITY_DEFAULT,
+                                          leaving.get(), finished<&Session::frame_sent>, this);
 }
 
 void
-Talk::Session::frame_sent(GObject *, GAsyncResult *result, gpointer data)
+Session::frame_sent(GObject *, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
-  GError *error = nullptr;
-  gvc_bytes_output_stream_put_bytes_finish(self->frames_out, result, &error);
-  self->sent(error);
+  g_autoptr(GError) error = nullptr;
+  gvc_bytes_output_stream_put_bytes_finish(link.frames_out.get(), result, &error);
+  sent(error);
 }
 
 void
-Talk::Session::string_sent(GObject *source, GAsyncResult *result, gpointer data)
+Session::string_sent(GObject *stream, GAsyncResult *result)
 {
-  GError *error = nullptr;
-  gvc_output_stream_util_write_all_finish(G_OUTPUT_STREAM(source), result, nullptr, &error);
-  static_cast<Session *>(data)->sent(error);
+  g_autoptr(GError) error = nullptr;
+  gvc_output_stream_util_write_all_finish(G_OUTPUT_STREAM(stream), result, nullptr, &error);
+  sent(error);
 }
 
 void
-Talk::Session::sent(GError *owned)
+Session::sent(const GError *error)
 {
-  g_autoptr(GError) error = owned;
-
-  pending--;
   sending = false;
   if (error) {
     if (!interrupted())
-      end_with(Exit::peer, peer + " went away and did not get " +
+      end_with(Exit::peer, link.peer + " went away and did not get " +
                                (options.exec ? std::string("the answer")
                                              : "line " + std::to_string(input.number)) +
                                ": " + error->message);
-    return;
+  } else if (!done) {
+    if (options.exec)
+      read_next();
+    else
+      input_changed();
   }
-  if (done)
-    return;
-  if (options.exec)
-    read_next();
-  else
-    input_changed();
 }
 
 static void
@@ -568,42 +546,36 @@ close_stream(GTask *task)
   g_object_unref(task);
 }
 
-// Half of the channel is closed, and the peer learns that no more messages will come. What the
-// stages send then is written in a thread, as GIO would do it.
+// Closes our direction of the channel. A thread does it, because the end of the stages may block.
 void
-Talk::Session::send_end()
+Session::send_end()
 {
   closing = true;
   pending++;
-  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel));
-  std::thread(close_stream, g_task_new(out, leaving, end_sent, this)).detach();
+  auto *task = g_task_new(link.output(), leaving.get(), finished<&Session::end_sent>, this);
+  std::thread(close_stream, task).detach();
 }
 
 void
-Talk::Session::end_sent(GObject *, GAsyncResult *result, gpointer data)
+Session::end_sent(GObject *, GAsyncResult *result)
 {
-  auto *self = static_cast<Session *>(data);
   g_autoptr(GError) error = nullptr;
-
-  self->pending--;
-  auto *socket = g_socket_connection_get_socket(self->socket_connection);
   if (g_task_propagate_boolean(G_TASK(result), &error))
-    g_socket_shutdown(socket, FALSE, TRUE, nullptr);
-  else if (!self->peer_has_ended && !interrupted())
-    self->end_with(Exit::peer, self->peer + " went away: " + error->message);
-  self->check_done();
+    g_socket_shutdown(link.socket(), FALSE, TRUE, nullptr);
+  else if (!peer_has_ended && !interrupted())
+    end_with(Exit::peer, link.peer + " went away: " + error->message);
+  check_done();
 }
 
 void
-Talk::Session::check_done()
+Session::check_done()
 {
   if (peer_has_ended && closing && pending == 0)
     done = true;
 }
 
-// Called whenever there is a new line, a message has left, or either side has come to its end.
 void
-Talk::Session::input_changed()
+Session::input_changed()
 {
   if (done || sending || closing)
     return check_done();
@@ -616,8 +588,8 @@ Talk::Session::input_changed()
   if (done || sending)
     return;
 
-  // A terminal is at its end with the peer, and so is every input where the next peer waits.
-  // Without a single line to send there is no end to tell the peer of, and only connect does.
+  // A terminal has no end of its own: it ends with the peer. With --keep, so does every input. If
+  // no line was sent, only connect tells the peer of the end.
   bool nothing_to_send = options.exec || (input.at_end && !input.has_line);
   bool worth_telling = input.used && !options.keep && !options.exec;
   if (peer_has_ended && (nothing_to_send || input.terminal || options.keep))
@@ -641,50 +613,50 @@ on_grace(gpointer cancellable)
 }
 
 void
-Talk::Session::run()
+Session::wait_until_done()
 {
-  g_autoptr(GSource) source = g_cancellable_source_new(interrupt_soon());
-  g_source_set_callback(source, G_SOURCE_FUNC(on_interrupt), &done, nullptr);
-  g_source_attach(source, nullptr);
-
-  read_next();
-  input_changed();
+  Owned<GSource, g_source_unref> interrupt(g_cancellable_source_new(interrupt_soon()));
+  g_source_set_callback(interrupt.get(), G_SOURCE_FUNC(on_interrupt), &done, nullptr);
+  g_source_attach(interrupt.get(), nullptr);
   while (!done)
     g_main_context_iteration(nullptr, TRUE);
-
-  // Nothing of this session may call back after it. What is on its way has two seconds to leave,
-  // and none where the channel has failed.
-  g_cancellable_cancel(cancellable);
-  g_autoptr(GSource) grace = g_timeout_source_new(failure.code == Exit::ok ? 2000 : 0);
-  g_source_set_callback(grace, on_grace, leaving, nullptr);
-  g_source_attach(grace, nullptr);
-  while (pending > 0)
-    g_main_context_iteration(nullptr, TRUE);
-  g_source_destroy(grace);
-  g_source_destroy(source);
-}
-
-// The source of standard input outlasts a session.
-Talk::Talk(const TalkOptions &options) : options(options)
-{
-  static auto *standard_input = new Input(options.line_limit());
-  input = standard_input;
+  g_source_destroy(interrupt.get());
 }
 
 Exit
-Talk::with(GSocketConnection *connection)
+Session::run()
 {
-  Session session(options, *input, connection);
-  session.run();
-  if (session.output_closed)
+  read_next();
+  input_changed();
+  wait_until_done();
+
+  // No operation may call back after the session. Pending messages have two seconds to leave, or
+  // none if the channel has failed.
+  g_cancellable_cancel(reading.get());
+  Owned<GSource, g_source_unref> grace(g_timeout_source_new(failure.code == Exit::ok ? 2000 : 0));
+  g_source_set_callback(grace.get(), on_grace, leaving.get(), nullptr);
+  g_source_attach(grace.get(), nullptr);
+  while (pending > 0)
+    g_main_context_iteration(nullptr, TRUE);
+  g_source_destroy(grace.get());
+
+  if (output_closed)
     throw OutputClosed();
   if (interrupted())
     throw Failure{Exit::interrupted, ""};
-  if (session.failure.code != Exit::ok)
-    throw session.failure;
-  if (!input->failure.empty())
-    fail(Exit::local, "cannot read standard input: %s", input->failure.c_str());
-  return session.worst;
+  if (failure.code != Exit::ok)
+    throw failure;
+  if (!input.failure.empty())
+    fail(Exit::local, "cannot read standard input: %s", input.failure.c_str());
+  return worst;
+}
+
+Exit
+talk(const TalkOptions &options, const Stages &stages, GSocketConnection *connection)
+{
+  // A source of the main loop refers to it, beyond the session.
+  static auto *input = new Input(options.line_limit());
+  return Session(options, *input, stages, connection).run();
 }
 
 void
@@ -704,7 +676,7 @@ TalkOptions::add_to(CommandLine &line)
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
   line.add(entries);
-  line.add(&stages);
+  line.add_stages();
 }
 
 // Digits and the text of a variant take more than what they stand for.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What listen and connect do once there is a peer: lines of standard input become messages and
-// messages become lines of standard output, both at once in one main loop.
+// The conversation of listen and connect: lines of standard input become messages, and messages
+// become lines of standard output, in both directions at once.
 #pragma once
 
 #include "command.h"
@@ -8,11 +8,10 @@
 #include "stages.h"
 
 struct TalkOptions {
-  Stages stages;
   MessageFormat format;
   gboolean json = FALSE;
   gboolean keep = FALSE;
-  bool tell_end = false; // half-close at the end of the input even where it held no line
+  bool tell_end = false; // half-close at the end of the input even if there was no line
   OptionText exec;
   guint limit = 64 * 1024 * 1024;
 
@@ -20,7 +19,7 @@ struct TalkOptions {
   void add_to(CommandLine &line);
   void check();
 
-  // The bytes that a line of standard input may have.
+  // The most bytes in a line of standard input.
   gsize line_limit() const;
 
 private:
@@ -29,21 +28,6 @@ private:
   int limit_option = 64 * 1024 * 1024;
 };
 
-class Talk
-{
-public:
-  explicit Talk(const TalkOptions &options);
-  Talk(const Talk &) = delete;
-
-  // Talks to one peer until both sides are done; takes over the reference to the connection.
-  // Returns Exit::partly where something could not be understood but the rest went well. Throws
-  // where the channel fails.
-  Exit with(GSocketConnection *connection);
-
-private:
-  struct Session;
-  struct Input;
-
-  const TalkOptions &options;
-  Input *input;
-};
+// Talks to one peer until both sides have ended, and takes over the reference to the connection.
+// Returns Exit::partly if some message could not be understood. Throws if the channel fails.
+Exit talk(const TalkOptions &options, const Stages &stages, GSocketConnection *connection);

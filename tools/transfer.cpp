@@ -35,7 +35,7 @@ hash_beginning(int fd, guint64 size, Sha256 &sha, Channel &channel)
     sha.update(buffer.data(), static_cast<gsize>(got));
     done += static_cast<guint64>(got);
     if (g_get_monotonic_time() - last > G_USEC_PER_SEC) {
-      channel.put(std::move(Control().set("busy", guint64{1})));
+      channel.put(Control().set("busy", guint64{1}));
       last = g_get_monotonic_time();
     }
   }

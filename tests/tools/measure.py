@@ -2,12 +2,14 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """ping and perf against serve, as real processes."""
 
+import contextlib
 import json
 import signal
 import socket
 import struct
+import time
 
-from support import PAIRS, STAGES, Process, case, each, key, listening_address, main, run
+from support import PAIRS, STAGES, Process, case, each, frame, key, listening_address, main, run
 
 
 @each(*PAIRS)
@@ -109,8 +111,6 @@ def a_peer_gone_in_the_middle_is_named():
     # Both are past their hello when the processes that serve them end with serve.
     perf.until(lambda: b"direction" in perf.output, "table")
     ping.until(lambda: len(children(serve)) == 2, "second child")
-    import time
-
     time.sleep(0.2)
     serve.kill()
     serve.wait(-9)
@@ -129,27 +129,61 @@ def an_interrupted_ping_still_sums_up():
     serve = Process("serve", "unix:socket")
     ping = Process("ping", serve.address(), "-c", "0", "-i", "0.01", "--json")
     ping.until(lambda: children(serve), "child")
-    import time
-
     time.sleep(0.2)
     ping.kill(signal.SIGINT)
     ping.wait(130)
     assert json.loads(ping.output)["count"] > 0 and not ping.complaints
 
 
+def after_hello(command, *options):
+    """The program and the socket of a peer by hand that has returned its hello."""
+    server = socket.create_server(("127.0.0.1", 0))
+    process = Process(command, f"127.0.0.1:{server.getsockname()[1]}", *options)
+    peer = server.accept()[0]
+    peer.sendall(frame(message_from(peer)))
+    return process, peer
+
+
+def message_from(peer):
+    size = struct.unpack("<i", peer.recv(4, socket.MSG_WAITALL))[0]
+    return peer.recv(size, socket.MSG_WAITALL)
+
+
 @case
 def an_answer_that_differs_is_noticed():
-    server = socket.create_server(("127.0.0.1", 0))
-    ping = Process("ping", f"127.0.0.1:{server.getsockname()[1]}")
-    peer = server.accept()[0]
-    size = struct.unpack("<i", peer.recv(4, socket.MSG_WAITALL))[0]
-    hello = peer.recv(size, socket.MSG_WAITALL)
-    peer.sendall(struct.pack("<i", size) + hello)
-    size = struct.unpack("<i", peer.recv(4, socket.MSG_WAITALL))[0]
-    message = bytearray(peer.recv(size, socket.MSG_WAITALL))
+    ping, peer = after_hello("ping")
+    message = bytearray(message_from(peer))
     message[-1] ^= 1
-    peer.sendall(struct.pack("<i", size) + message)
+    peer.sendall(frame(message))
     ping.wait(5).complained("answers with something else than it was sent")
+
+
+@each(("ping", "ping"), ("perf", "perf", "-d", "receive"))
+def a_message_that_drips_is_given_up(command, *options):
+    process, peer = after_hello(command, *options, "--timeout", "1", "-s", "30000")
+    message_from(peer)
+    peer.sendall(struct.pack("<i", 30000))
+    with contextlib.suppress(OSError):
+        for _ in range(100):
+            peer.sendall(b".")
+            time.sleep(0.2)
+    process.wait(4).complained("took too long to send a message")
+
+
+@case
+def a_crowd_gets_no_more_than_100_processes():
+    serve = Process("serve", "unix:socket", "--timeout", "2")
+    serve.address()
+    crowd = [socket.socket(socket.AF_UNIX) for _ in range(120)]
+    for sock in crowd:
+        sock.connect("socket")
+    # The listen queue is in order, so all of the crowd is before the ping.
+    ping, peak = Process("ping", "unix:socket", "-c", "1", "--timeout", "60"), 0
+    while not ping.output:
+        peak = max(peak, len(children(serve)))
+        time.sleep(0.002)
+    assert peak == 100, peak
+    ping.wait()
 
 
 @case
