@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the C++ server and the C++ client share: a reference that counts itself, and the channel.
+// What the C++ server and the C++ client share: owners of C objects, and the channel.
 #pragma once
 
 #include <zelgvc/zelgvc.h>
@@ -16,11 +16,6 @@ struct Unref {
   operator()(GBytes *bytes) const
   {
     g_bytes_unref(bytes);
-  }
-  void
-  operator()(GError *error) const
-  {
-    g_error_free(error);
   }
 };
 
@@ -65,6 +60,17 @@ public:
 private:
   GError *error_ = nullptr;
 };
+
+// A callback that calls a member function of its user data.
+template <auto method> struct Forward;
+template <typename T, void (T::*method)(GAsyncResult *)> struct Forward<method> {
+  static void
+  call(GObject *, GAsyncResult *result, gpointer self)
+  {
+    (static_cast<T *>(self)->*method)(result);
+  }
+};
+template <auto method> constexpr GAsyncReadyCallback forward = Forward<method>::call;
 
 class Channel
 {

@@ -14,12 +14,11 @@ make_messages()
   for (std::size_t i = 0; i < big.size(); i++)
     big[i] = static_cast<char>(i * i / 251);
 
-  GVariant *variant = g_variant_ref_sink(g_variant_new("(su)", "answer", 42));
+  g_autoptr(GVariant) variant = g_variant_ref_sink(g_variant_new("(su)", "answer", 42));
   std::vector<Ref<GBytes>> messages;
   messages.emplace_back(g_bytes_new_static("hello", 5));
   messages.emplace_back(g_bytes_new(big.data(), big.size()));
   messages.emplace_back(g_variant_get_data_as_bytes(variant));
-  g_variant_unref(variant);
   return messages;
 }
 
@@ -63,26 +62,18 @@ public:
   }
 
 private:
-  // The answer is awaited while the message is still on its way: one message in each direction may
-  // be in progress.
+  // Writes and reads at the same time: one operation per direction may be in progress.
   void
   send()
   {
     if (next_ == messages_.size())
       return g_main_loop_quit(loop_);
 
-    gvc_bytes_output_stream_put_bytes_async(
-        channel_.writer(), messages_[next_].get(), G_PRIORITY_DEFAULT, nullptr,
-        [](GObject *, GAsyncResult *result, gpointer self) {
-          static_cast<Client *>(self)->on_sent(result);
-        },
-        this);
-    gvc_bytes_input_stream_read_bytes_async(
-        channel_.reader(), G_PRIORITY_DEFAULT, nullptr,
-        [](GObject *, GAsyncResult *result, gpointer self) {
-          static_cast<Client *>(self)->on_echo(result);
-        },
-        this);
+    gvc_bytes_output_stream_put_bytes_async(channel_.writer(), messages_[next_].get(),
+                                            G_PRIORITY_DEFAULT, nullptr, forward<&Client::on_sent>,
+                                            this);
+    gvc_bytes_input_stream_read_bytes_async(channel_.reader(), G_PRIORITY_DEFAULT, nullptr,
+                                            forward<&Client::on_echo>, this);
   }
 
   void

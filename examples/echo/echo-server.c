@@ -72,58 +72,81 @@ on_message(GObject *source, GAsyncResult *result, gpointer user_data)
                                           on_sent, session);
 }
 
-static gboolean
-on_incoming(GSocketService *service, GSocketConnection *socket, GObject *source, gpointer data)
+static void
+session_start(GSocketConnection *socket)
 {
-  (void)service;
-  (void)source;
-  (void)data;
-
   Session *session = g_new0(Session, 1);
+
   session->channel = echo_channel_new(socket);
   session->reader = echo_reader_new(session->channel);
   session->writer = echo_writer_new(session->channel);
   gvc_bytes_input_stream_read_bytes_async(session->reader, G_PRIORITY_DEFAULT, NULL, on_message,
                                           session);
-  return TRUE;
 }
 
-static GSocketAddress *
-listen_address(void)
-{
-  g_autoptr(GInetAddress) loopback = g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4);
+static void on_accepted(GObject *source, GAsyncResult *result, gpointer user_data);
 
-  return g_inet_socket_address_new(loopback, 0);
+static gboolean
+accept_next(gpointer listener)
+{
+  g_socket_listener_accept_async(listener, NULL, on_accepted, NULL);
+  return G_SOURCE_REMOVE;
+}
+
+/* Without descriptors every accept fails at once, so the next one waits. GSocketService does not.
+ */
+static void
+on_accepted(GObject *source, GAsyncResult *result, gpointer user_data)
+{
+  GSocketListener *listener = G_SOCKET_LISTENER(source);
+  g_autoptr(GError) error = NULL;
+  g_autoptr(GSocketConnection) socket =
+      g_socket_listener_accept_finish(listener, result, NULL, &error);
+
+  (void)user_data;
+  if (socket) {
+    session_start(socket);
+    accept_next(listener);
+  } else {
+    g_printerr("echo-server: %s\n", error->message);
+    g_timeout_add_seconds(1, accept_next, listener);
+  }
+}
+
+static guint16
+listen_on_loopback(GSocketListener *listener, GError **error)
+{
+  g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new_from_string("127.0.0.1", 0);
+  g_autoptr(GSocketAddress) actual = NULL;
+
+  if (!g_socket_listener_add_address(listener, wanted, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP,
+                                     NULL, &actual, error))
+    return 0;
+  return g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(actual));
 }
 
 int
 main(int argc, char **argv)
 {
-  gboolean async = argc > 1 && strcmp(argv[1], "--async") == 0;
-  g_autoptr(GSocketService) service = g_socket_service_new();
-  g_autoptr(GSocketAddress) wanted = listen_address();
-  g_autoptr(GSocketAddress) actual = NULL;
+  g_autoptr(GSocketListener) listener = g_socket_listener_new();
   g_autoptr(GError) error = NULL;
+  guint16 port = 0;
 
   gvc_init();
-  g_socket_service_stop(service);
-  if (!g_socket_listener_add_address(G_SOCKET_LISTENER(service), wanted, G_SOCKET_TYPE_STREAM,
-                                     G_SOCKET_PROTOCOL_TCP, NULL, &actual, &error)) {
-    g_printerr("echo-server: %s\n", error->message);
-    return 1;
-  }
-  g_print("%d\n", g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(actual)));
+  port = listen_on_loopback(listener, &error);
+  if (port != 0)
+    g_print("%d\n", port);
 
-  if (async) {
+  if (port != 0 && argc > 1 && strcmp(argv[1], "--async") == 0) {
     g_autoptr(GMainLoop) loop = g_main_loop_new(NULL, FALSE);
-    g_signal_connect(service, "incoming", G_CALLBACK(on_incoming), NULL);
-    g_socket_service_start(service);
+    accept_next(listener);
     g_main_loop_run(loop);
   }
-  for (;;) {
-    g_autoptr(GSocketConnection) socket =
-        g_socket_listener_accept(G_SOCKET_LISTENER(service), NULL, NULL, NULL);
+  while (!error) {
+    g_autoptr(GSocketConnection) socket = g_socket_listener_accept(listener, NULL, NULL, &error);
     if (socket)
       serve(socket);
   }
+  g_printerr("echo-server: %s\n", error->message);
+  return 1;
 }

@@ -28,7 +28,7 @@ serve(GSocketConnection *socket)
   }
 }
 
-// Reads and sends in turn until the channel ends, and then goes away.
+// Reads and sends in turn until the channel ends. Deletes itself then.
 class Session
 {
 public:
@@ -44,12 +44,8 @@ private:
   void
   read()
   {
-    gvc_bytes_input_stream_read_bytes_async(
-        channel_.reader(), G_PRIORITY_DEFAULT, nullptr,
-        [](GObject *, GAsyncResult *result, gpointer self) {
-          static_cast<Session *>(self)->on_message(result);
-        },
-        this);
+    gvc_bytes_input_stream_read_bytes_async(channel_.reader(), G_PRIORITY_DEFAULT, nullptr,
+                                            forward<&Session::on_message>, this);
   }
 
   void
@@ -60,12 +56,8 @@ private:
         gvc_bytes_input_stream_read_bytes_finish(channel_.reader(), result, failure.slot()));
     if (!message)
       return end(failure);
-    gvc_bytes_output_stream_put_bytes_async(
-        channel_.writer(), message.get(), G_PRIORITY_DEFAULT, nullptr,
-        [](GObject *, GAsyncResult *sent, gpointer self) {
-          static_cast<Session *>(self)->on_sent(sent);
-        },
-        this);
+    gvc_bytes_output_stream_put_bytes_async(channel_.writer(), message.get(), G_PRIORITY_DEFAULT,
+                                            nullptr, forward<&Session::on_sent>, this);
   }
 
   void
@@ -87,42 +79,67 @@ private:
   Channel channel_;
 };
 
-static gboolean
-on_incoming(GSocketService *, GSocketConnection *socket, GObject *, gpointer)
+static gboolean accept_next(gpointer listener);
+
+// Without descriptors every accept fails at once, so the next one waits. GSocketService does not.
+static void
+on_accepted(GObject *source, GAsyncResult *result, gpointer)
 {
-  Session::start(socket);
-  return TRUE;
+  auto *listener = G_SOCKET_LISTENER(source);
+  Failure failure;
+  Ref<GSocketConnection> socket(
+      g_socket_listener_accept_finish(listener, result, nullptr, failure.slot()));
+
+  if (socket) {
+    Session::start(socket.get());
+    accept_next(listener);
+  } else {
+    report(failure);
+    g_timeout_add_seconds(1, accept_next, listener);
+  }
+}
+
+static gboolean
+accept_next(gpointer listener)
+{
+  g_socket_listener_accept_async(G_SOCKET_LISTENER(listener), nullptr, on_accepted, nullptr);
+  return G_SOURCE_REMOVE;
+}
+
+static guint16
+listen_on_loopback(GSocketListener *listener, Failure &failure)
+{
+  Ref<GSocketAddress> wanted(g_inet_socket_address_new_from_string("127.0.0.1", 0));
+  GSocketAddress *actual = nullptr;
+
+  if (!g_socket_listener_add_address(listener, wanted.get(), G_SOCKET_TYPE_STREAM,
+                                     G_SOCKET_PROTOCOL_TCP, nullptr, &actual, failure.slot()))
+    return 0;
+  Ref<GInetSocketAddress> address(G_INET_SOCKET_ADDRESS(actual));
+  return g_inet_socket_address_get_port(address.get());
 }
 
 int
 main(int argc, char **argv)
 {
-  bool async = argc > 1 && std::string_view(argv[1]) == "--async";
-  Ref<GSocketService> service(g_socket_service_new());
-  Ref<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
-  Ref<GSocketAddress> wanted(g_inet_socket_address_new(loopback.get(), 0));
-  auto *listener = G_SOCKET_LISTENER(service.get());
-  GSocketAddress *actual = nullptr;
+  Ref<GSocketListener> listener(g_socket_listener_new());
   Failure failure;
 
   gvc_init();
-  g_socket_service_stop(service.get());
-  if (!g_socket_listener_add_address(listener, wanted.get(), G_SOCKET_TYPE_STREAM,
-                                     G_SOCKET_PROTOCOL_TCP, nullptr, &actual, failure.slot())) {
-    g_printerr("echo-server: %s\n", failure.message());
-    return 1;
-  }
-  g_print("%d\n", g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(actual)));
-  g_object_unref(actual);
+  auto port = listen_on_loopback(listener.get(), failure);
+  if (!failure)
+    g_print("%d\n", port);
 
-  if (async) {
-    g_signal_connect(service.get(), "incoming", G_CALLBACK(on_incoming), nullptr);
-    g_socket_service_start(service.get());
+  if (!failure && argc > 1 && std::string_view(argv[1]) == "--async") {
+    accept_next(listener.get());
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
   }
-  for (;;) {
-    Ref<GSocketConnection> socket(g_socket_listener_accept(listener, nullptr, nullptr, nullptr));
+  while (!failure) {
+    Ref<GSocketConnection> socket(
+        g_socket_listener_accept(listener.get(), nullptr, nullptr, failure.slot()));
     if (socket)
       serve(socket.get());
   }
+  report(failure);
+  return 1;
 }

@@ -38,23 +38,35 @@ async function serveAsync(socket) {
     channel.close();
 }
 
+async function acceptAll(listener) {
+    for (;;) {
+        try {
+            const [socket] = await listener.accept_async(null);
+            serveAsync(socket).catch(logError);
+        } catch (error) {
+            // Without descriptors every accept fails at once, so the next one waits.
+            // Gio.SocketService does not.
+            report(error);
+            await new Promise(resolve => GLib.timeout_add_seconds(GLib.PRIORITY_DEFAULT, 1, () => {
+                resolve();
+                return GLib.SOURCE_REMOVE;
+            }));
+        }
+    }
+}
+
 ZelGvc.init();
-const service = Gio.SocketService.new();
-service.stop();
-const wanted = Gio.InetSocketAddress.new(Gio.InetAddress.new_loopback(Gio.SocketFamily.IPV4), 0);
-const [, actual] = service.add_address(wanted, Gio.SocketType.STREAM, Gio.SocketProtocol.TCP, null);
+const listener = new Gio.SocketListener();
+const wanted = Gio.InetSocketAddress.new_from_string('127.0.0.1', 0);
+const [, actual] = listener.add_address(wanted, Gio.SocketType.STREAM, Gio.SocketProtocol.TCP, null);
 print(actual.get_port());
 
 if (System.programArgs.includes('--async')) {
-    service.connect('incoming', (_service, socket) => {
-        serveAsync(socket).catch(logError);
-        return true;
-    });
-    service.start();
+    acceptAll(listener).catch(logError);
     new GLib.MainLoop(null, false).run();
 } else {
     for (;;) {
-        const [socket] = service.accept(null);
+        const [socket] = listener.accept(null);
         serve(socket);
     }
 }

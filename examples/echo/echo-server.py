@@ -27,7 +27,6 @@ class Session:
 
     def __init__(self, socket):
         self.channel = EchoChannel(socket)
-        self.read()
 
     def read(self):
         self.channel.reader.read_bytes_async(GLib.PRIORITY_DEFAULT, None, self.on_message)
@@ -53,24 +52,38 @@ class Session:
         self.channel.close()
 
 
+def accept_next(listener):
+    listener.accept_async(None, on_accepted)
+    return GLib.SOURCE_REMOVE
+
+
+def on_accepted(listener, result):
+    try:
+        socket, _source = listener.accept_finish(result)
+    except GLib.Error as error:
+        # Without descriptors every accept fails at once, so the next one waits. Gio.SocketService
+        # does not.
+        report(error)
+        GLib.timeout_add_seconds(1, accept_next, listener)
+        return
+    Session(socket).read()
+    accept_next(listener)
+
+
 def main():
     ZelGvc.init()
-    service = Gio.SocketService.new()
-    service.stop()
-    wanted = Gio.InetSocketAddress.new(
-        Gio.InetAddress.new_loopback(Gio.SocketFamily.IPV4), 0
-    )
-    _, actual = service.add_address(
+    listener = Gio.SocketListener.new()
+    wanted = Gio.InetSocketAddress.new_from_string("127.0.0.1", 0)
+    _, actual = listener.add_address(
         wanted, Gio.SocketType.STREAM, Gio.SocketProtocol.TCP, None
     )
     print(actual.get_port(), flush=True)
 
     if "--async" in sys.argv:
-        service.connect("incoming", lambda _service, socket, _source: Session(socket) and True)
-        service.start()
+        accept_next(listener)
         GLib.MainLoop().run()
     while True:
-        socket, _source = service.accept(None)
+        socket, _source = listener.accept(None)
         serve(socket)
 
 

@@ -35,29 +35,42 @@ async void serve_async (SocketConnection socket) {
   channel.close ();
 }
 
+async void accept_all (SocketListener listener) {
+  while (true) {
+    try {
+      var socket = yield listener.accept_async ();
+      serve_async.begin (socket);
+    } catch (Error error) {
+      // Without descriptors every accept fails at once, so the next one waits. SocketService does
+      // not.
+      report (error);
+      Timeout.add_seconds (1, () => {
+        accept_all.callback ();
+        return Source.REMOVE;
+      });
+      yield;
+    }
+  }
+}
+
 int main (string[] args) {
-  var service = new SocketService ();
+  var listener = new SocketListener ();
   SocketAddress actual;
 
   ZelGvc.init ();
-  service.stop ();
   try {
-    var wanted = new InetSocketAddress (new InetAddress.loopback (SocketFamily.IPV4), 0);
-    service.add_address (wanted, SocketType.STREAM, SocketProtocol.TCP, null, out actual);
+    var wanted = new InetSocketAddress.from_string ("127.0.0.1", 0);
+    listener.add_address (wanted, SocketType.STREAM, SocketProtocol.TCP, null, out actual);
     print ("%u\n", ((InetSocketAddress) actual).port);
 
     if (args.length > 1 && args[1] == "--async") {
-      service.incoming.connect ((socket) => {
-        serve_async.begin (socket);
-        return true;
-      });
-      service.start ();
+      accept_all.begin (listener);
       new MainLoop ().run ();
     }
     while (true)
-      serve (service.accept (null));
+      serve (listener.accept (null));
   } catch (Error error) {
-    printerr ("echo-server: %s\n", error.message);
+    report (error);
     return 1;
   }
 }

@@ -5,11 +5,9 @@ import GLib from 'gi://GLib';
 import ZelGvc from 'gi://ZelGvc?version=1.0';
 
 // After this the asynchronous functions can be awaited.
+Gio._promisify(Gio.SocketListener.prototype, 'accept_async');
 Gio._promisify(ZelGvc.BytesInputStream.prototype, 'read_bytes_async');
-Gio._promisify(ZelGvc.BytesInputStream.prototype, 'read_variant_async');
 Gio._promisify(ZelGvc.BytesOutputStream.prototype, 'put_bytes_async');
-Gio._promisify(ZelGvc.BytesOutputStream.prototype, 'put_variant_async');
-Gio._promisify(ZelGvc.DataInputStream.prototype, 'read_string_async');
 
 // A demonstration key. Real peers agree on 32 random bytes by a way of their own.
 const key = new GLib.Bytes(Uint8Array.from({length: 32}, (_, i) => i));

@@ -3,9 +3,10 @@
 """Compiles or runs every code sample of the pages.
 
 A block marked c is compiled with warnings fatal, and run where it has a main function. Blocks marked
-python and js are run. A text block right behind one is what it must print. Shell blocks are parsed.
+python, js and vala are run. A text block right behind one is what it must print. Shell blocks are
+parsed.
 
-Usage: samples.py CC CFLAGS LIBS GJS PAGE...   (GJS may be empty)
+Usage: samples.py CC CFLAGS LIBS GJS VALAC PAGE...   (GJS and VALAC may be empty)
 """
 
 import pathlib
@@ -18,7 +19,7 @@ import unittest
 
 import unittap
 
-CC, CFLAGS, LIBS, GJS, *PAGES = sys.argv[1:]
+CC, CFLAGS, LIBS, GJS, VALAC, *PAGES = sys.argv[1:]
 WATCHDOG = 120  # seconds, against a hang only
 FENCE = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 WARNINGS = ["-std=gnu99", "-Wall", "-Wextra", "-Werror", "-Wno-unused-function"]
@@ -62,12 +63,21 @@ def check_js(directory, code):
     return run([GJS, "-m", directory / "sample.js"])
 
 
+def check_vala(directory, code):
+    if not VALAC:
+        raise unittest.SkipTest("no valac")
+    (directory / "sample.vala").write_text(code)
+    flags = [word for flag in shlex.split(CFLAGS + " -w " + LIBS) for word in ("-X", flag)]
+    run(shlex.split(VALAC) + ["--pkg", "gio-2.0", "--pkg", "zelgvc", *flags, "sample.vala"], cwd=directory)
+    return run([directory / "sample"])
+
+
 def check_sh(directory, code):
     (directory / "sample.sh").write_text(code)
     run(["sh", "-n", directory / "sample.sh"])
 
 
-CHECKS = {"c": check_c, "python": check_python, "js": check_js, "sh": check_sh}
+CHECKS = {"c": check_c, "python": check_python, "js": check_js, "vala": check_vala, "sh": check_sh}
 
 
 class Samples(unittest.TestCase):
