@@ -7,7 +7,15 @@
 namespace bench
 {
 
-// ---- What all ends share ----
+// ---- Ends ----
+
+static std::string_view
+viewOf(GBytes *bytes)
+{
+  gsize size;
+  auto *data = static_cast<const char *>(g_bytes_get_data(bytes, &size));
+  return {data, size};
+}
 
 AsyncEnd::AsyncEnd(GIOStream *stream)
     : _in(share(g_io_stream_get_input_stream(stream))),
@@ -16,105 +24,70 @@ AsyncEnd::AsyncEnd(GIOStream *stream)
 }
 
 void
-AsyncEnd::send(GBytes *message, Sent sent, void *user_data)
+AsyncEnd::send(GBytes *message)
 {
-  _sent = sent;
-  _sentData = user_data;
-  startSending(message);
+  auto bytes = viewOf(message);
+  g_output_stream_write_all_async(_out.get(), bytes.data(), bytes.size(), G_PRIORITY_DEFAULT,
+                                  nullptr, bytesWritten, this);
 }
 
 void
-AsyncEnd::receive(Received received, void *user_data)
-{
-  _received = received;
-  _receivedData = user_data;
-  startReceiving();
-}
-
-void
-AsyncEnd::end()
-{
-  _ending = true;
-}
-
-void
-AsyncEnd::startSending(GBytes *message)
-{
-  gsize size;
-  auto *data = g_bytes_get_data(message, &size);
-  g_output_stream_write_all_async(_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr, bytesWritten,
-                                  this);
-}
-
-void
-AsyncEnd::checkSent(bool success, GError *error)
-{
-  must(success, error, "write");
-  _sent(_sentData);
-}
-
-bool
-AsyncEnd::checkReceived(bool success, GError *error)
-{
-  must(success || _ending, error, "read");
-  g_clear_error(&error);
-  if (!success)
-    tellReceived(nullptr, 0);
-  return success;
-}
-
-void
-AsyncEnd::tellReceived(const void *message, gsize size)
-{
-  _received(message, size, _receivedData);
-}
-
-void
-AsyncEnd::bytesWritten(GObject *out, GAsyncResult *result, gpointer user_data)
+AsyncEnd::bytesWritten(GObject *out, GAsyncResult *result, gpointer self)
 {
   GError *error = nullptr;
-  bool success =
-      g_output_stream_write_all_finish(G_OUTPUT_STREAM(out), result, nullptr, &error) != FALSE;
-  static_cast<AsyncEnd *>(user_data)->checkSent(success, error);
+  must(g_output_stream_write_all_finish(G_OUTPUT_STREAM(out), result, nullptr, &error), error,
+       "write");
+  static_cast<AsyncEnd *>(self)->sent();
 }
 
 namespace
 {
 
-// ---- Frames ----
+// Streams that take turns on one base stream must not close it.
+template <typename Stream>
+Ref<Stream>
+keepingBaseOpen(Stream *stream)
+{
+  gpointer filter = stream;
+  if (G_IS_FILTER_INPUT_STREAM(filter))
+    g_filter_input_stream_set_close_base_stream(G_FILTER_INPUT_STREAM(filter), FALSE);
+  else
+    g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(filter), FALSE);
+  return Ref<Stream>(stream);
+}
 
 class ZelgvcFrames : public AsyncEnd
 {
 public:
   explicit ZelgvcFrames(GIOStream *stream)
-      : AsyncEnd(stream), _frames_in(keepingBaseOpen(gvc_bytes_input_stream_new(_in.get()))),
-        _frames_out(keepingBaseOpen(gvc_bytes_output_stream_new(_out.get())))
+      : AsyncEnd(stream), _reader(keepingBaseOpen(gvc_bytes_input_stream_new(_in.get()))),
+        _writer(keepingBaseOpen(gvc_bytes_output_stream_new(_out.get())))
   {
   }
 
-private:
   void
-  startSending(GBytes *message) override
+  send(GBytes *message) override
   {
-    gvc_bytes_output_stream_put_bytes_async(_frames_out.get(), message, G_PRIORITY_DEFAULT, nullptr,
+    gvc_bytes_output_stream_put_bytes_async(_writer.get(), message, G_PRIORITY_DEFAULT, nullptr,
                                             written, this);
   }
 
   void
-  startReceiving() override
+  receive() override
   {
-    gvc_bytes_input_stream_read_bytes_async(_frames_in.get(), G_PRIORITY_DEFAULT, nullptr, arrived,
+    gvc_bytes_input_stream_read_bytes_async(_reader.get(), G_PRIORITY_DEFAULT, nullptr, arrived,
                                             this);
   }
 
+private:
   static void
   written(GObject *, GAsyncResult *result, gpointer user_data)
   {
     auto *self = static_cast<ZelgvcFrames *>(user_data);
     GError *error = nullptr;
-    bool success =
-        gvc_bytes_output_stream_put_bytes_finish(self->_frames_out.get(), result, &error) != FALSE;
-    self->checkSent(success, error);
+    must(gvc_bytes_output_stream_put_bytes_finish(self->_writer.get(), result, &error), error,
+         "write");
+    self->sent();
   }
 
   static void
@@ -122,126 +95,116 @@ private:
   {
     auto *self = static_cast<ZelgvcFrames *>(user_data);
     GError *error = nullptr;
-    SharedBytes message(
-        gvc_bytes_input_stream_read_bytes_finish(self->_frames_in.get(), result, &error));
-    if (!self->checkReceived(message != nullptr, error))
-      return;
-    gsize size;
-    auto *data = g_bytes_get_data(message.get(), &size);
-    self->tellReceived(data, size);
+    Ref<GBytes> message(
+        gvc_bytes_input_stream_read_bytes_finish(self->_reader.get(), result, &error));
+    must(message != nullptr, error, "read");
+    self->received(viewOf(message.get()));
   }
 
-  Object<GvcBytesInputStream> _frames_in;
-  Object<GvcBytesOutputStream> _frames_out;
+  Ref<GvcBytesInputStream> _reader;
+  Ref<GvcBytesOutputStream> _writer;
 };
 
-class GioFrames : public AsyncEnd
+class HandFrames : public AsyncEnd
 {
 public:
   using AsyncEnd::AsyncEnd;
 
-private:
   void
-  startSending(GBytes *message) override
+  send(GBytes *message) override
   {
     _sending = message;
-    _out_prefix = GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(message)));
-    g_output_stream_write_all_async(_out.get(), &_out_prefix, sizeof _out_prefix,
-                                    G_PRIORITY_DEFAULT, nullptr, prefixWritten, this);
+    _outPrefix = GUINT32_TO_LE(static_cast<guint32>(g_bytes_get_size(message)));
+    g_output_stream_write_all_async(_out.get(), &_outPrefix, sizeof _outPrefix, G_PRIORITY_DEFAULT,
+                                    nullptr, prefixWritten, this);
   }
 
   void
-  startReceiving() override
+  receive() override
   {
-    g_input_stream_read_all_async(_in.get(), &_in_prefix, sizeof _in_prefix, G_PRIORITY_DEFAULT,
+    g_input_stream_read_all_async(_in.get(), &_inPrefix, sizeof _inPrefix, G_PRIORITY_DEFAULT,
                                   nullptr, prefixArrived, this);
   }
 
+private:
   static void
   prefixWritten(GObject *out, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioFrames *>(user_data);
+    auto *self = static_cast<HandFrames *>(user_data);
     GError *error = nullptr;
     must(g_output_stream_write_all_finish(G_OUTPUT_STREAM(out), result, nullptr, &error), error,
          "write");
-    self->AsyncEnd::startSending(self->_sending);
+    self->AsyncEnd::send(self->_sending);
   }
 
   static void
   prefixArrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioFrames *>(user_data);
-    if (!self->finishRead(result, sizeof self->_in_prefix))
-      return;
-    self->_size = GUINT32_FROM_LE(self->_in_prefix);
-    self->_message = g_malloc(self->_size);
-    g_input_stream_read_all_async(self->_in.get(), self->_message, self->_size, G_PRIORITY_DEFAULT,
+    auto *self = static_cast<HandFrames *>(user_data);
+    self->finishRead(result, sizeof self->_inPrefix);
+    self->_size = GUINT32_FROM_LE(self->_inPrefix);
+    self->_data = g_malloc(self->_size);
+    g_input_stream_read_all_async(self->_in.get(), self->_data, self->_size, G_PRIORITY_DEFAULT,
                                   nullptr, arrived, self);
   }
 
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
-    auto *self = static_cast<GioFrames *>(user_data);
-    if (!self->finishRead(result, self->_size))
-      return;
-    SharedBytes message(g_bytes_new_take(self->_message, self->_size));
-    gsize size;
-    auto *data = g_bytes_get_data(message.get(), &size);
-    self->tellReceived(data, size);
+    auto *self = static_cast<HandFrames *>(user_data);
+    self->finishRead(result, self->_size);
+    Ref<GBytes> message(g_bytes_new_take(self->_data, self->_size));
+    self->received(viewOf(message.get()));
   }
 
-  bool
+  void
   finishRead(GAsyncResult *result, gsize wanted)
   {
     GError *error = nullptr;
     gsize nread;
     bool success = g_input_stream_read_all_finish(_in.get(), result, &nread, &error) != FALSE;
-    return checkReceived(success && nread == wanted, error);
+    must(success && nread == wanted, error, "read");
   }
 
   GBytes *_sending = nullptr;
-  guint32 _out_prefix = 0;
-  guint32 _in_prefix = 0;
-  void *_message = nullptr;
+  guint32 _outPrefix = 0;
+  guint32 _inPrefix = 0;
+  void *_data = nullptr;
   gsize _size = 0;
 };
-
-// ---- Strings ----
 
 class ZelgvcStrings : public AsyncEnd
 {
 public:
   explicit ZelgvcStrings(GIOStream *stream)
-      : AsyncEnd(stream), _strings(keepingBaseOpen(gvc_data_input_stream_new(_in.get())))
+      : AsyncEnd(stream), _reader(keepingBaseOpen(gvc_data_input_stream_new(_in.get())))
   {
   }
 
-private:
   void
-  startSending(GBytes *message) override
+  send(GBytes *message) override
   {
-    gsize size;
-    auto *data = g_bytes_get_data(message, &size);
-    gvc_output_stream_util_write_all_async(_out.get(), data, size, G_PRIORITY_DEFAULT, nullptr,
-                                           written, this);
+    auto bytes = viewOf(message);
+    gvc_output_stream_util_write_all_async(_out.get(), bytes.data(), bytes.size(),
+                                           G_PRIORITY_DEFAULT, nullptr, written, this);
   }
 
   void
-  startReceiving() override
+  receive() override
   {
-    gvc_data_input_stream_read_string_async(_strings.get(), '\n', G_PRIORITY_DEFAULT, nullptr,
+    gvc_data_input_stream_read_string_async(_reader.get(), '\n', G_PRIORITY_DEFAULT, nullptr,
                                             arrived, this);
   }
 
+private:
   static void
   written(GObject *, GAsyncResult *result, gpointer user_data)
   {
     auto *self = static_cast<ZelgvcStrings *>(user_data);
     GError *error = nullptr;
-    bool success =
-        gvc_output_stream_util_write_all_finish(self->_out.get(), result, nullptr, &error) != FALSE;
-    self->checkSent(success, error);
+    must(gvc_output_stream_util_write_all_finish(self->_out.get(), result, nullptr, &error), error,
+         "write");
+    self->sent();
   }
 
   static void
@@ -251,29 +214,29 @@ private:
     GError *error = nullptr;
     gsize length;
     g_autofree gchar *string =
-        gvc_data_input_stream_read_string_finish(self->_strings.get(), result, &length, &error);
-    if (self->checkReceived(string != nullptr, error))
-      self->tellReceived(string, length);
+        gvc_data_input_stream_read_string_finish(self->_reader.get(), result, &length, &error);
+    must(string != nullptr, error, "read");
+    self->received({string, length});
   }
 
-  Object<GvcDataInputStream> _strings;
+  Ref<GvcDataInputStream> _reader;
 };
 
 class GDataInputStreamStrings : public AsyncEnd
 {
 public:
   explicit GDataInputStreamStrings(GIOStream *stream)
-      : AsyncEnd(stream), _lines(keepingBaseOpen(g_data_input_stream_new(_in.get())))
+      : AsyncEnd(stream), _reader(keepingBaseOpen(g_data_input_stream_new(_in.get())))
   {
+  }
+
+  void
+  receive() override
+  {
+    g_data_input_stream_read_line_async(_reader.get(), G_PRIORITY_DEFAULT, nullptr, arrived, this);
   }
 
 private:
-  void
-  startReceiving() override
-  {
-    g_data_input_stream_read_line_async(_lines.get(), G_PRIORITY_DEFAULT, nullptr, arrived, this);
-  }
-
   static void
   arrived(GObject *, GAsyncResult *result, gpointer user_data)
   {
@@ -281,41 +244,47 @@ private:
     GError *error = nullptr;
     gsize length;
     g_autofree char *line =
-        g_data_input_stream_read_line_finish(self->_lines.get(), result, &length, &error);
-    if (!self->checkReceived(line != nullptr, error))
-      return;
-    // The line has lost its end; the NUL there makes room for it.
+        g_data_input_stream_read_line_finish(self->_reader.get(), result, &length, &error);
+    must(line != nullptr, error, "read");
+    // GIO removed the line feed; its place is the NUL.
     line[length] = '\n';
-    self->tellReceived(line, length + 1);
+    self->received({line, length + 1});
   }
 
-  Object<GDataInputStream> _lines;
+  Ref<GDataInputStream> _reader;
 };
+
+template <typename Kind>
+std::unique_ptr<AsyncEnd>
+make(GIOStream *stream)
+{
+  return std::make_unique<Kind>(stream);
+}
 
 } // namespace
 
 std::unique_ptr<AsyncEnd>
 framesZelgvc(GIOStream *stream)
 {
-  return std::make_unique<ZelgvcFrames>(stream);
+  return make<ZelgvcFrames>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
-framesGio(GIOStream *stream)
+framesByHand(GIOStream *stream)
 {
-  return std::make_unique<GioFrames>(stream);
+  return make<HandFrames>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
 stringsZelgvc(GIOStream *stream)
 {
-  return std::make_unique<ZelgvcStrings>(stream);
+  return make<ZelgvcStrings>(stream);
 }
 
 std::unique_ptr<AsyncEnd>
 stringsGDataInputStream(GIOStream *stream)
 {
-  return std::make_unique<GDataInputStreamStrings>(stream);
+  return make<GDataInputStreamStrings>(stream);
 }
 
 // ---- Driving a pair ----
@@ -335,16 +304,15 @@ AsyncPair::AsyncPair(Streams streams, MakeAsyncEnd make)
 }
 
 void
-AsyncPair::checkArrived(const void *message, gsize size) const
+AsyncPair::checkArrived(std::string_view message) const
 {
-  gsize wanted_size;
-  auto *wanted = g_bytes_get_data(_message, &wanted_size);
-  must(size == wanted_size, nullptr, "a message of another length arrived");
+  must(message.size() == g_bytes_get_size(_message), nullptr,
+       "a message of another length arrived");
   if (_checkContent)
-    must(std::memcmp(message, wanted, size) == 0, nullptr, "a message arrived changed");
+    must(message == viewOf(_message), nullptr, "a message arrived changed");
 }
 
-// No operation may be left in flight when a run ends, so the end of a send counts as well.
+// A run must leave no operation in flight, so the end of a send counts as well.
 void
 AsyncPair::sendNext()
 {
@@ -352,28 +320,27 @@ AsyncPair::sendNext()
   if (!_sending)
     return;
   _toSend--;
-  _near->send(
-      _message, [](void *self) { static_cast<AsyncPair *>(self)->sendNext(); }, this);
+  _near->send(_message);
 }
 
 void
-AsyncPair::receiveNext()
+AsyncPair::prepare(GBytes *message, std::size_t times)
 {
-  auto arrived = [](const void *message, gsize size, void *user_data) {
-    auto *self = static_cast<AsyncPair *>(user_data);
-    self->checkArrived(message, size);
-    if (--self->_toReceive > 0)
-      self->receiveNext();
+  _message = message;
+  _toSend = _toReceive = times;
+  _near->sent = [this] { sendNext(); };
+  _far->received = [this](std::string_view arrived) {
+    checkArrived(arrived);
+    if (--_toReceive > 0)
+      _far->receive();
   };
-  _far->receive(arrived, this);
 }
 
 void
 AsyncPair::oneWay(GBytes *message, std::size_t times)
 {
-  _message = message;
-  _toSend = _toReceive = times;
-  receiveNext();
+  prepare(message, times);
+  _far->receive();
   sendNext();
   iterateUntil([this] { return _toReceive == 0 && !_sending; });
 }
@@ -381,11 +348,10 @@ AsyncPair::oneWay(GBytes *message, std::size_t times)
 void
 AsyncPair::burst(GBytes *message, std::size_t times)
 {
-  _message = message;
-  _toSend = _toReceive = times;
+  prepare(message, times);
   sendNext();
   iterateUntil([this] { return !_sending; });
-  receiveNext();
+  _far->receive();
   iterateUntil([this] { return _toReceive == 0; });
 }
 
@@ -414,6 +380,7 @@ AsyncPair::start(GBytes *message, std::size_t times, std::size_t *unfinished)
   _message = message;
   _toSend = times;
   _unfinished = unfinished;
+  _near->sent = _far->sent = [this] { stepDone(); };
   nextRoundTrip();
 }
 
@@ -424,19 +391,18 @@ AsyncPair::nextRoundTrip()
   _steps = 3;
   armFar();
   armNear();
-  _near->send(_message, stepDone, this);
+  _near->send(_message);
 }
 
 void
-AsyncPair::stepDone(void *user_data)
+AsyncPair::stepDone()
 {
-  auto *self = static_cast<AsyncPair *>(user_data);
-  if (--self->_steps > 0)
+  if (--_steps > 0)
     return;
-  if (--self->_toSend > 0)
-    self->nextRoundTrip();
+  if (--_toSend > 0)
+    nextRoundTrip();
   else
-    --*self->_unfinished;
+    --*_unfinished;
 }
 
 void
@@ -444,17 +410,14 @@ AsyncPair::armNear()
 {
   if (std::exchange(_nearArmed, true))
     return;
-  auto answered = [](const void *message, gsize size, void *user_data) {
-    auto *self = static_cast<AsyncPair *>(user_data);
-    self->_nearArmed = false;
-    if (!message)
-      return;
-    self->checkArrived(message, size);
-    if (self->_staysArmed)
-      self->armNear();
-    stepDone(self);
+  _near->received = [this](std::string_view message) {
+    _nearArmed = false;
+    checkArrived(message);
+    if (_staysArmed)
+      armNear();
+    stepDone();
   };
-  _near->receive(answered, this);
+  _near->receive();
 }
 
 void
@@ -462,17 +425,14 @@ AsyncPair::armFar()
 {
   if (std::exchange(_farArmed, true))
     return;
-  auto requested = [](const void *message, gsize size, void *user_data) {
-    auto *self = static_cast<AsyncPair *>(user_data);
-    self->_farArmed = false;
-    if (!message)
-      return;
-    self->checkArrived(message, size);
-    if (self->_staysArmed)
-      self->armFar();
-    self->_far->send(self->_message, stepDone, self);
+  _far->received = [this](std::string_view message) {
+    _farArmed = false;
+    checkArrived(message);
+    if (_staysArmed)
+      armFar();
+    _far->send(_message);
   };
-  _far->receive(requested, this);
+  _far->receive();
 }
 
 void
@@ -481,15 +441,6 @@ AsyncPair::arm()
   _staysArmed = true;
   armNear();
   armFar();
-}
-
-void
-AsyncPair::shutDown(const SocketPair &sockets)
-{
-  _near->end();
-  _far->end();
-  // Ends both directions of both ends.
-  g_socket_shutdown(g_socket_connection_get_socket(sockets.near.get()), TRUE, TRUE, nullptr);
 }
 
 } // namespace bench

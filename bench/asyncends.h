@@ -4,43 +4,30 @@
 
 #include "links.h"
 
+#include <string_view>
+
 namespace bench
 {
 
-// One operation a direction may be in flight. Callbacks come from the main loop.
+// One operation per direction may be in flight. Callbacks come from the main loop.
 class AsyncEnd
 {
 public:
-  using Sent = void (*)(void *user_data);
-  using Received = void (*)(const void *message, gsize size, void *user_data);
-
   explicit AsyncEnd(GIOStream *stream);
   virtual ~AsyncEnd() = default;
 
-  void send(GBytes *message, Sent sent, void *user_data);
-  void receive(Received received, void *user_data);
-  // From now on a receive may fail: it is then reported as no message.
-  void end();
+  // By default sends the bytes alone, with GIO's write_all_async().
+  virtual void send(GBytes *message);
+  virtual void receive() = 0;
+
+  std::function<void()> sent;
+  std::function<void(std::string_view message)> received;
 
 protected:
-  // By default the bytes of the message alone, with GIO's write_all_async().
-  virtual void startSending(GBytes *message);
-  virtual void startReceiving() = 0;
+  static void bytesWritten(GObject *out, GAsyncResult *result, gpointer self);
 
-  void checkSent(bool success, GError *error);
-  bool checkReceived(bool success, GError *error);
-  void tellReceived(const void *message, gsize size);
-  static void bytesWritten(GObject *out, GAsyncResult *result, gpointer user_data);
-
-  Object<GInputStream> _in;
-  Object<GOutputStream> _out;
-
-private:
-  Sent _sent = nullptr;
-  void *_sentData = nullptr;
-  Received _received = nullptr;
-  void *_receivedData = nullptr;
-  bool _ending = false;
+  Ref<GInputStream> _in;
+  Ref<GOutputStream> _out;
 };
 
 using MakeAsyncEnd = std::unique_ptr<AsyncEnd> (*)(GIOStream *stream);
@@ -48,7 +35,7 @@ using MakeAsyncEnd = std::unique_ptr<AsyncEnd> (*)(GIOStream *stream);
 // The library's message streams on any stream.
 std::unique_ptr<AsyncEnd> framesZelgvc(GIOStream *stream);
 // Frames by hand with g_output_stream_write_all_async() and g_input_stream_read_all_async().
-std::unique_ptr<AsyncEnd> framesGio(GIOStream *stream);
+std::unique_ptr<AsyncEnd> framesByHand(GIOStream *stream);
 // Strings that end in a line feed; the message is the string.
 std::unique_ptr<AsyncEnd> stringsZelgvc(GIOStream *stream);
 // GDataInputStream reads ahead into a buffer of its own.
@@ -62,34 +49,26 @@ public:
 
   // Ends the program unless messages arrive as they were sent.
   void check(GBytes *message);
-  // Writes each message once the one before is written, until all have arrived.
+  // Writes each message after the one before, until all have arrived.
   void oneWay(GBytes *message, std::size_t times);
   // Receives only when all messages are written; they must fit into the socket's buffers.
   void burst(GBytes *message, std::size_t times);
   // The far end sends a message back before the next one is sent.
   void roundTrips(GBytes *message, std::size_t times);
 
-  // For many pairs in one main loop: from now on both ends always have a receive in flight.
+  // For many pairs in one main loop. arm(): from now on both ends always have a receive in flight.
   void arm();
   // Starts round trips, and takes one off `unfinished` when they are done.
   void start(GBytes *message, std::size_t times, std::size_t *unfinished);
-  // Starts to end the receives of an armed pair; armed() tells when they have ended.
-  void shutDown(const SocketPair &sockets);
-
-  bool
-  armed() const
-  {
-    return _nearArmed || _farArmed;
-  }
 
 private:
   void armNear();
   void armFar();
+  void prepare(GBytes *message, std::size_t times);
   void sendNext();
-  void receiveNext();
   void nextRoundTrip();
-  static void stepDone(void *pair);
-  void checkArrived(const void *message, gsize size) const;
+  void stepDone();
+  void checkArrived(std::string_view message) const;
 
   Streams _streams;
   std::unique_ptr<AsyncEnd> _near;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-#include "codecs.h"
+// The LZO1X codec beside liblzo2 and LZ4, and the converters beside the bare codec.
+#include "corpora.h"
+#include "groups.h"
+#include "refs.h"
 
 #include "codec/lzo1x/lzo1x.h"
 
-#include <glib.h>
 #include <lz4.h>
 #include <lzo/lzo1x.h>
+#include <zelgvc/zelgvc.h>
 
 #include <algorithm>
 
@@ -15,7 +18,16 @@ namespace bench
 namespace
 {
 
-// Large enough for the encoder state of each of the three.
+// Both functions return the bytes they made.
+struct Codec {
+  const char *name;
+  std::size_t (*encode)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
+                        std::size_t room);
+  std::size_t (*decode)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
+                        std::size_t room);
+};
+
+// Large enough for the encoder state of each codec.
 alignas(16) std::uint8_t workMemory[1 << 17];
 
 std::size_t
@@ -62,75 +74,159 @@ lz4Decode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size
                           static_cast<int>(size), static_cast<int>(room)));
 }
 
+// The converters hold no state between blocks, so one of each is enough.
 std::size_t
-sizeAt(std::size_t at, std::size_t total, std::size_t blockSize)
+compress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
 {
-  return std::min(blockSize, total - at);
+  static auto *compressor = G_CONVERTER(gvc_compressor_new());
+  return convert(compressor, in, size, out, room);
 }
+
+std::size_t
+decompress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
+{
+  static auto *decompressor = G_CONVERTER(gvc_decompressor_new());
+  return convert(decompressor, in, size, out, room);
+}
+
+constexpr Codec bare = {"codec", bareEncode, bareDecode};
+constexpr Codec lzo = {"lzo", lzoEncode, lzoDecode};
+constexpr Codec lz4 = {"lz4", lz4Encode, lz4Decode};
+constexpr Codec converters = {"converter", compress, decompress};
+
+// ---- Blocks of a corpus ----
+
+// Room for the output of every codec, a converter's header included.
+constexpr std::size_t
+roomFor(std::size_t size)
+{
+  return size + size / 8 + 128;
+}
+
+// Contenders for one corpus in blocks of one size. An operation is a block, and each turn goes
+// through the whole corpus: over the rounds, a branch predictor learns smaller samples by heart.
+struct Blocks {
+  const Bytes &corpus;
+  std::size_t blockSize;
+  Bytes scratch = Bytes(roomFor(std::max(corpus.size(), blockSize)));
+
+  std::size_t
+  sizeAt(std::size_t at) const
+  {
+    return std::min(blockSize, corpus.size() - at);
+  }
+
+  Contender
+  encoding(const Codec &codec)
+  {
+    auto pass = [this, &codec] {
+      for (std::size_t at = 0; at < corpus.size(); at += blockSize)
+        codec.encode(corpus.data() + at, sizeAt(at), scratch.data(), roomFor(sizeAt(at)));
+    };
+    return {codec.name, repeat(pass), (corpus.size() + blockSize - 1) / blockSize};
+  }
+
+  struct Encoded {
+    Bytes bytes; // the blocks, one after the other
+    std::vector<std::size_t> sizes;
+  };
+
+  Encoded
+  encoded(const Codec &codec) const
+  {
+    Encoded all;
+    Bytes room(roomFor(blockSize));
+    for (std::size_t at = 0; at < corpus.size(); at += blockSize) {
+      auto written = codec.encode(corpus.data() + at, sizeAt(at), room.data(), room.size());
+      all.bytes.insert(all.bytes.end(), room.data(), room.data() + written);
+      all.sizes.push_back(written);
+    }
+    return all;
+  }
+
+  // Ends the program unless the decoder restores the corpus.
+  Contender
+  decoding(const char *name, const Codec &codec, const Encoded &blocks)
+  {
+    auto pass = [this, &codec, &blocks] {
+      auto *in = blocks.bytes.data();
+      std::size_t to = 0;
+      for (auto size : blocks.sizes) {
+        codec.decode(in, size, scratch.data() + to, sizeAt(to));
+        in += size;
+        to += blockSize;
+      }
+    };
+    std::fill(scratch.begin(), scratch.end(), std::uint8_t{0});
+    pass();
+    must(std::equal(corpus.begin(), corpus.end(), scratch.begin()), nullptr, name);
+    return {name, repeat(pass), blocks.sizes.size()};
+  }
+};
+
+Parameters
+parametersOf(const char *direction, const Corpus &corpus, std::size_t size)
+{
+  return {{"direction", direction},
+          {"half", corpus.half},
+          {"corpus", corpus.name},
+          {"size", static_cast<std::int64_t>(size)}};
+}
+
+constexpr std::size_t allSizes[] = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
+constexpr std::size_t quickSizes[] = {64, 4096, 65536};
+constexpr std::size_t quickConverterSizes[] = {4, 4096, 65536};
 
 } // namespace
 
-const Codec bareCodec = {"codec", bareEncode, bareDecode};
-const Codec lzoCodec = {"lzo", lzoEncode, lzoDecode};
-const Codec lz4Codec = {"lz4", lz4Encode, lz4Decode};
-
-Encoded
-encodeAll(const Codec &codec, const Bytes &corpus, std::size_t blockSize)
+void
+measureConverters(const Report &report)
 {
-  Encoded encoded;
-  Bytes room(roomFor(blockSize));
-  for (std::size_t at = 0; at < corpus.size(); at += blockSize) {
-    auto written = codec.encode(corpus.data() + at, sizeAt(at, corpus.size(), blockSize),
-                                room.data(), room.size());
-    encoded.bytes.insert(encoded.bytes.end(), room.data(), room.data() + written);
-    encoded.sizes.push_back(written);
-  }
-  return encoded;
+  std::span<const std::size_t> sizes = allSizes;
+  if (report.effort().quick)
+    sizes = quickConverterSizes;
+  for (const auto &corpus : corpora())
+    for (auto size : sizes) {
+      if (!isTypical(corpus))
+        continue;
+      Blocks blocks{corpus.bytes, size};
+      auto byConverter = blocks.encoded(converters);
+      auto byCodec = blocks.encoded(bare);
+      if (auto parameters = parametersOf("compress", corpus, size); report.wants(parameters))
+        report.race(parameters, {blocks.encoding(converters), blocks.encoding(bare)});
+      if (auto parameters = parametersOf("decompress", corpus, size); report.wants(parameters))
+        report.race(parameters, {blocks.decoding("converter", converters, byConverter),
+                                 blocks.decoding("codec", bare, byCodec)});
+    }
 }
 
 void
-checkDecoding(const Codec &codec, const Encoded &encoded, const Corpus &corpus,
-              std::size_t blockSize)
+measureCodec(const Report &report)
 {
-  Bytes decoded(corpus.bytes.size());
-  std::size_t from = 0;
-  std::size_t to = 0;
-  for (auto size : encoded.sizes) {
-    to += codec.decode(encoded.bytes.data() + from, size, decoded.data() + to,
-                       sizeAt(to, decoded.size(), blockSize));
-    from += size;
-  }
-  if (decoded != corpus.bytes)
-    g_error("%s, %s in blocks of %zu: decoded to something else", codec.name, corpus.name.c_str(),
-            blockSize);
-}
-
-Contender
-encoding(const Codec &codec, const Bytes &corpus, std::size_t blockSize, Bytes &scratch)
-{
-  auto pass = [&, blockSize] {
-    for (std::size_t at = 0; at < corpus.size(); at += blockSize) {
-      auto size = sizeAt(at, corpus.size(), blockSize);
-      codec.encode(corpus.data() + at, size, scratch.data(), roomFor(size));
+  must(lzo_init() == LZO_E_OK, nullptr, "liblzo2");
+  std::span<const std::size_t> sizes = allSizes;
+  if (report.effort().quick)
+    sizes = quickSizes;
+  for (const auto &corpus : corpora())
+    for (auto size : sizes) {
+      Blocks blocks{corpus.bytes, size};
+      auto byUs = blocks.encoded(bare);
+      auto byLzo = blocks.encoded(lzo);
+      auto byLz4 = blocks.encoded(lz4);
+      auto percent = [&](const Blocks::Encoded &encoded) {
+        return 100.0 * static_cast<double>(encoded.bytes.size()) /
+               static_cast<double>(corpus.bytes.size());
+      };
+      if (auto parameters = parametersOf("encode", corpus, size); report.wants(parameters))
+        report.race(parameters, {blocks.encoding(bare), blocks.encoding(lzo), blocks.encoding(lz4)},
+                    {{"codec", percent(byUs)}, {"lzo", percent(byLzo)}, {"lz4", percent(byLz4)}});
+      if (auto parameters = parametersOf("decode", corpus, size); report.wants(parameters))
+        report.race(parameters,
+                    {blocks.decoding("codec", bare, byUs), blocks.decoding("lzo", lzo, byUs),
+                     blocks.decoding("codec on lzo's", bare, byLzo),
+                     blocks.decoding("lzo on lzo's", lzo, byLzo),
+                     blocks.decoding("lz4", lz4, byLz4)});
     }
-  };
-  return {codec.name, repeat(pass), (corpus.size() + blockSize - 1) / blockSize};
-}
-
-Contender
-decoding(const Codec &codec, const Encoded &encoded, std::size_t corpusSize, std::size_t blockSize,
-         Bytes &scratch)
-{
-  auto pass = [&, corpusSize, blockSize] {
-    auto *in = encoded.bytes.data();
-    std::size_t to = 0;
-    for (auto size : encoded.sizes) {
-      codec.decode(in, size, scratch.data() + to, sizeAt(to, corpusSize, blockSize));
-      in += size;
-      to += blockSize;
-    }
-  };
-  return {codec.name, repeat(pass), encoded.sizes.size()};
 }
 
 } // namespace bench

@@ -2,32 +2,23 @@
 // The groups of measurements.
 #pragma once
 
-#include "report.h"
+#include "measure.h"
 
 namespace bench
 {
 
-void measureBlocking(Report &report);
-void measureAsync(Report &report);
-void measureStrings(Report &report);
-void measureChannels(Report &report);
-void measureStages(Report &report);
-void measureCrowd(Report &report);
-void measureMemory(Report &report);
-void measureCalls(Report &report);
-void measureInstructions(Report &report);
-// Measures only if there is another build.
-void measureBuilds(Report &report);
-void measurePerByte(Report &report);
-void measureCiphers(Report &report);
-void measureConverters(Report &report);
-void measureCodec(Report &report);
+void measureBlocking(const Report &report);
+void measureChannels(const Report &report);
+void measureStages(const Report &report);
+void measureAsync(const Report &report);
+void measureStrings(const Report &report);
+void measureCiphers(const Report &report);
+void measureConverters(const Report &report);
+void measureCodec(const Report &report);
 
-// What these groups run in a process of its own: called as `zelgvc-bench --worker NAME
-// ARGUMENT...`.
-int memoryWorker(int argc, char **argv);
-int workWorker(int argc, char **argv);
-
-std::vector<Goal> goalsOf(const Report &report);
+// Rows that need a fresh process each: run.py starts them, with their parameters.
+void measureCrowd(const Report &report, const std::vector<std::string> &arguments);
+void measureMemory(const Report &report, const std::vector<std::string> &arguments);
+void measureWork(const Report &report, const std::vector<std::string> &arguments);
 
 } // namespace bench

@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "links.h"
-#include "certificate.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <vector>
 
 namespace bench
 {
@@ -22,13 +18,13 @@ transportName(Transport transport)
   return transport == Transport::tcp ? "tcp" : "unix";
 }
 
-static Object<GSocketConnection>
+static Ref<GSocketConnection>
 wrapSocket(int fd)
 {
   GError *error = nullptr;
-  Object<GSocket> socket(g_socket_new_from_fd(fd, &error));
+  Ref<GSocket> socket(g_socket_new_from_fd(fd, &error));
   must(socket != nullptr, error, "socket");
-  return Object<GSocketConnection>(g_socket_connection_factory_create_connection(socket.get()));
+  return Ref<GSocketConnection>(g_socket_connection_factory_create_connection(socket.get()));
 }
 
 static SocketPair
@@ -39,19 +35,10 @@ connectUnix()
   return {wrapSocket(fds[0]), wrapSocket(fds[1])};
 }
 
-static void
-setNoDelay(GSocketConnection *connection)
-{
-  GError *error = nullptr;
-  must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
-                           TRUE, &error),
-       error, "TCP_NODELAY");
-}
-
-// A port carries so many connections: those that are closed keep theirs for a minute.
+// A listener's port carries this many connections: a closed connection keeps its port for a minute.
 struct Listening {
-  Object<GSocketListener> listener;
-  Object<GSocketAddress> address;
+  Ref<GSocketListener> listener;
+  Ref<GSocketAddress> address;
   unsigned left = 4096;
 };
 
@@ -59,9 +46,9 @@ static Listening
 startListening()
 {
   GError *error = nullptr;
-  Listening made{Object<GSocketListener>(g_socket_listener_new()), nullptr};
-  Object<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
-  Object<GSocketAddress> wanted(g_inet_socket_address_new(loopback.get(), 0));
+  Listening made{Ref<GSocketListener>(g_socket_listener_new()), nullptr};
+  Ref<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
+  Ref<GSocketAddress> wanted(g_inet_socket_address_new(loopback.get(), 0));
   GSocketAddress *address = nullptr;
   must(g_socket_listener_add_address(made.listener.get(), wanted.get(), G_SOCKET_TYPE_STREAM,
                                      G_SOCKET_PROTOCOL_TCP, nullptr, &address, &error),
@@ -78,7 +65,7 @@ connectTcp()
     listening = startListening();
 
   GError *error = nullptr;
-  Object<GSocketClient> client(g_socket_client_new());
+  Ref<GSocketClient> client(g_socket_client_new());
   g_socket_client_set_enable_proxy(client.get(), FALSE);
   SocketPair pair;
   pair.near.reset(g_socket_client_connect(
@@ -86,8 +73,10 @@ connectTcp()
   must(pair.near != nullptr, error, "connect");
   pair.far.reset(g_socket_listener_accept(listening.listener.get(), nullptr, nullptr, &error));
   must(pair.far != nullptr, error, "accept");
-  setNoDelay(pair.near.get());
-  setNoDelay(pair.far.get());
+  for (auto *connection : {pair.near.get(), pair.far.get()})
+    must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
+                             TRUE, &error),
+         error, "TCP_NODELAY");
   return pair;
 }
 
@@ -102,42 +91,30 @@ connectSockets(Transport transport)
 const char *
 stagesName(Stages stages)
 {
-  switch (stages) {
-  case Stages::bare:
-    return "gio";
-  case Stages::none:
-    return "plain";
-  case Stages::compression:
-    return "compressed";
-  case Stages::encryption:
-    return "encrypted";
-  case Stages::both:
-    return "both";
-  }
-  return "";
+  const char *const names[] = {"by hand", "plain", "compressed", "encrypted", "both"};
+  return names[static_cast<int>(stages)];
 }
 
-static Object<GIOStream>
+static Ref<GIOStream>
 makeStream(GSocketConnection *connection, Stages stages)
 {
   if (stages == Stages::bare)
     return share(G_IO_STREAM(connection));
 
-  static const guint8 key_data[32] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
-  Object<GvcConnection> channel(gvc_connection_new(connection));
-
+  static const guint8 keyData[32] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
+  Ref<GvcConnection> channel(gvc_connection_new(connection));
   if (stages == Stages::encryption || stages == Stages::both) {
-    SharedBytes key(g_bytes_new_static(key_data, sizeof key_data));
-    Object<GvcDecryptor> in(gvc_decryptor_new(key.get()));
-    Object<GvcEncryptor> out(gvc_encryptor_new(key.get()));
+    Ref<GBytes> key(g_bytes_new_static(keyData, sizeof keyData));
+    Ref<GvcDecryptor> in(gvc_decryptor_new(key.get()));
+    Ref<GvcEncryptor> out(gvc_encryptor_new(key.get()));
     gvc_connection_add_converters(channel.get(), G_CONVERTER(in.get()), G_CONVERTER(out.get()));
   }
   if (stages == Stages::compression || stages == Stages::both) {
-    Object<GvcDecompressor> in(gvc_decompressor_new());
-    Object<GvcCompressor> out(gvc_compressor_new());
+    Ref<GvcDecompressor> in(gvc_decompressor_new());
+    Ref<GvcCompressor> out(gvc_compressor_new());
     gvc_connection_add_converters(channel.get(), G_CONVERTER(in.get()), G_CONVERTER(out.get()));
   }
-  return Object<GIOStream>(G_IO_STREAM(channel.release()));
+  return Ref<GIOStream>(G_IO_STREAM(channel.release()));
 }
 
 Streams
@@ -167,27 +144,27 @@ public:
     must(gvc_bytes_output_stream_put_bytes(_out.get(), message, nullptr, &error), error, "send");
   }
 
-  SharedBytes
+  Ref<GBytes>
   receive() override
   {
     GError *error = nullptr;
-    SharedBytes message(gvc_bytes_input_stream_read_bytes(_in.get(), nullptr, &error));
+    Ref<GBytes> message(gvc_bytes_input_stream_read_bytes(_in.get(), nullptr, &error));
     must(message != nullptr, error, "receive");
     return message;
   }
 
 private:
-  Object<GIOStream> _channel;
-  Object<GvcBytesInputStream> _in;
-  Object<GvcBytesOutputStream> _out;
+  Ref<GIOStream> _channel;
+  Ref<GvcBytesInputStream> _in;
+  Ref<GvcBytesOutputStream> _out;
 };
 
 // ---- Frames by hand, on any pair of streams ----
 
-class GioEnd : public End
+class HandEnd : public End
 {
 public:
-  explicit GioEnd(GIOStream *stream)
+  explicit HandEnd(GIOStream *stream)
       : _stream(share(stream)), _in(g_io_stream_get_input_stream(stream)),
         _out(g_io_stream_get_output_stream(stream))
   {
@@ -199,11 +176,10 @@ public:
     gsize size;
     auto *data = g_bytes_get_data(message, &size);
     auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
-    write(&prefix, sizeof prefix);
-    write(data, size);
+    sendFrame(&prefix, data, size);
   }
 
-  SharedBytes
+  Ref<GBytes>
   receive() override
   {
     guint32 prefix;
@@ -211,10 +187,17 @@ public:
     gsize size = GUINT32_FROM_LE(prefix);
     void *data = g_malloc(size);
     read(data, size);
-    return SharedBytes(g_bytes_new_take(data, size));
+    return Ref<GBytes>(g_bytes_new_take(data, size));
   }
 
 protected:
+  virtual void
+  sendFrame(const guint32 *prefix, const void *data, gsize size)
+  {
+    write(prefix, sizeof *prefix);
+    write(data, size);
+  }
+
   void
   write(const void *data, gsize size)
   {
@@ -231,23 +214,21 @@ protected:
          "read");
   }
 
-  Object<GIOStream> _stream;
+  Ref<GIOStream> _stream;
   GInputStream *_in;
   GOutputStream *_out;
 };
 
-class GatheringEnd : public GioEnd
+class GatheringEnd : public HandEnd
 {
 public:
-  using GioEnd::GioEnd;
+  using HandEnd::HandEnd;
 
+protected:
   void
-  send(GBytes *message) override
+  sendFrame(const guint32 *prefix, const void *data, gsize size) override
   {
-    gsize size;
-    auto *data = g_bytes_get_data(message, &size);
-    auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
-    GOutputVector vectors[] = {{&prefix, sizeof prefix}, {data, size}};
+    GOutputVector vectors[] = {{prefix, sizeof *prefix}, {data, size}};
     GError *error = nullptr;
     must(g_output_stream_writev_all(_out, vectors, 2, nullptr, nullptr, &error), error, "writev");
   }
@@ -255,38 +236,28 @@ public:
 
 // ---- Frames over TLS ----
 
-class TlsEnd : public GioEnd
+class TlsEnd : public HandEnd
 {
 public:
-  using GioEnd::GioEnd;
-
-  void
-  send(GBytes *message) override
-  {
-    gsize size;
-    auto *data = g_bytes_get_data(message, &size);
-    auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
-    // Beyond some records a copy costs more than a record saved.
-    if (size > most_copied) {
-      write(&prefix, sizeof prefix);
-      write(data, size);
-    } else {
-      _frame.resize(sizeof prefix + size);
-      std::memcpy(_frame.data(), &prefix, sizeof prefix);
-      std::memcpy(_frame.data() + sizeof prefix, data, size);
-      write(_frame.data(), _frame.size());
-    }
-    finishMessage();
-  }
+  using HandEnd::HandEnd;
 
 protected:
-  virtual void
-  finishMessage()
+  // For large messages, copying them would cost more than the record that it saves.
+  void
+  sendFrame(const guint32 *prefix, const void *data, gsize size) override
   {
+    constexpr gsize mostCopied = 64 << 10;
+    if (size > mostCopied) {
+      HandEnd::sendFrame(prefix, data, size);
+      return;
+    }
+    _frame.resize(sizeof *prefix + size);
+    std::memcpy(_frame.data(), prefix, sizeof *prefix);
+    std::memcpy(_frame.data() + sizeof *prefix, data, size);
+    write(_frame.data(), _frame.size());
   }
 
 private:
-  static constexpr gsize most_copied = 64 << 10;
   std::vector<guint8> _frame;
 };
 
@@ -295,8 +266,8 @@ class TlsZlibEnd : public TlsEnd
 public:
   explicit TlsZlibEnd(GIOStream *stream) : TlsEnd(stream)
   {
-    Object<GZlibDecompressor> inflate(g_zlib_decompressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW));
-    Object<GZlibCompressor> deflate(g_zlib_compressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW, 1));
+    Ref<GZlibDecompressor> inflate(g_zlib_decompressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW));
+    Ref<GZlibCompressor> deflate(g_zlib_compressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW, 1));
     _inflating.reset(g_converter_input_stream_new(_in, G_CONVERTER(inflate.get())));
     _deflating.reset(g_converter_output_stream_new(_out, G_CONVERTER(deflate.get())));
     _in = _inflating.get();
@@ -305,47 +276,47 @@ public:
 
 protected:
   void
-  finishMessage() override
+  sendFrame(const guint32 *prefix, const void *data, gsize size) override
   {
+    TlsEnd::sendFrame(prefix, data, size);
     GError *error = nullptr;
     must(g_output_stream_flush(_out, nullptr, &error), error, "flush");
   }
 
 private:
-  Object<GInputStream> _inflating;
-  Object<GOutputStream> _deflating;
+  Ref<GInputStream> _inflating;
+  Ref<GOutputStream> _deflating;
 };
 
 std::string lastTls;
 
-gboolean
-acceptAny(GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags, gpointer)
+void
+shakeHands(GIOStream *stream)
 {
-  return TRUE;
+  GError *error = nullptr;
+  must(g_tls_connection_handshake(G_TLS_CONNECTION(stream), nullptr, &error), error,
+       "TLS handshake");
 }
 
 StreamPair
 startTls(const SocketPair &sockets)
 {
-  PeerThread peer;
   GError *error = nullptr;
-  Object<GTlsCertificate> certificate(makeCertificate());
+  Ref<GTlsCertificate> certificate(g_tls_certificate_new_from_file(CERTIFICATE, &error));
+  must(certificate != nullptr, error, "certificate (is glib-networking installed?)");
   StreamPair pair;
   pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets.near.get()), nullptr, &error));
-  must(pair.near != nullptr, error, "TLS (is glib-networking installed?)");
+  must(pair.near != nullptr, error, "TLS");
   pair.far.reset(
       g_tls_server_connection_new(G_IO_STREAM(sockets.far.get()), certificate.get(), &error));
   must(pair.far != nullptr, error, "TLS");
+  auto acceptAny = +[](GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags,
+                       gpointer) -> gboolean { return TRUE; };
   g_signal_connect(pair.near.get(), "accept-certificate", G_CALLBACK(acceptAny), nullptr);
 
-  auto shakeHands = [](GIOStream *stream) {
-    GError *failure = nullptr;
-    must(g_tls_connection_handshake(G_TLS_CONNECTION(stream), nullptr, &failure), failure,
-         "TLS handshake");
-  };
-  peer.start([&] { shakeHands(pair.far.get()); });
+  std::thread peer(shakeHands, pair.far.get());
   shakeHands(pair.near.get());
-  peer.wait();
+  peer.join();
 
   auto *tls = G_TLS_CONNECTION(pair.near.get());
   g_autofree gchar *suite = g_tls_connection_get_ciphersuite_name(tls);
@@ -355,14 +326,11 @@ startTls(const SocketPair &sockets)
 }
 
 template <typename Kind>
-std::unique_ptr<Link>
+SharedLink
 linkOver(const Sockets &sockets, const StreamPair &streams)
 {
-  auto link = std::make_unique<Link>();
-  link->sockets = sockets;
-  link->near = std::make_unique<Kind>(streams.near.get());
-  link->far = std::make_unique<Kind>(streams.far.get());
-  return link;
+  return std::make_shared<Link>(Link{sockets, std::make_unique<Kind>(streams.near.get()),
+                                     std::make_unique<Kind>(streams.far.get())});
 }
 
 } // namespace
@@ -373,223 +341,134 @@ tlsDescription()
   return lastTls;
 }
 
-std::unique_ptr<Link>
+SharedLink
 linkZelgvc(const Sockets &sockets, Stages stages)
 {
   return linkOver<ZelgvcEnd>(sockets, *streamsOn(sockets, stages));
 }
 
-std::unique_ptr<Link>
-linkGio(const Sockets &sockets)
+SharedLink
+linkByHand(const Sockets &sockets)
 {
-  return linkOver<GioEnd>(sockets, *streamsOn(sockets, Stages::bare));
+  return linkOver<HandEnd>(sockets, *streamsOn(sockets, Stages::bare));
 }
 
-std::unique_ptr<Link>
+SharedLink
 linkGathering(const Sockets &sockets)
 {
   return linkOver<GatheringEnd>(sockets, *streamsOn(sockets, Stages::bare));
 }
 
-std::unique_ptr<Link>
+SharedLink
 linkTls(const Sockets &sockets)
 {
   return linkOver<TlsEnd>(sockets, startTls(*sockets));
 }
 
-std::unique_ptr<Link>
+SharedLink
 linkTlsZlib(const Sockets &sockets)
 {
   return linkOver<TlsZlibEnd>(sockets, startTls(*sockets));
 }
 
-// ---- The second thread ----
-
-PeerThread::PeerThread() : _thread([this] { loop(); }) {}
-
-PeerThread::~PeerThread()
-{
-  {
-    std::lock_guard lock(_mutex);
-    _ending = true;
-  }
-  _changed.notify_all();
-  _thread.join();
-}
-
-void
-PeerThread::loop()
-{
-  std::unique_lock lock(_mutex);
-  for (;;) {
-    _changed.wait(lock, [this] { return _busy || _ending; });
-    if (!_busy)
-      return;
-    lock.unlock();
-    _task();
-    lock.lock();
-    _busy = false;
-    _changed.notify_all();
-  }
-}
-
-void
-PeerThread::start(std::function<void()> task)
-{
-  std::lock_guard lock(_mutex);
-  _task = std::move(task);
-  _busy = true;
-  _changed.notify_all();
-}
-
-void
-PeerThread::wait()
-{
-  std::unique_lock lock(_mutex);
-  _changed.wait(lock, [this] { return !_busy; });
-}
-
 // ---- Moving messages ----
 
-static void
+namespace
+{
+
+void
 receiveOne(End &end, gsize size)
 {
   auto message = end.receive();
   must(g_bytes_get_size(message.get()) == size, nullptr, "a message of another length arrived");
 }
 
-namespace
+// The far end of a link in a second thread. It answers the last of each `batch` messages: with
+// `answer`, or with the message itself. A message of one byte ends it.
+class Answering
 {
-
-double
-now()
-{
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-// What both threads of a duel go by: who is on when.
-struct Schedule {
-  const std::vector<Entrant> &entrants;
-  std::size_t batches;
-  std::size_t first;
-
-  template <typename Turn>
-  void
-  follow(Turn turn) const
+public:
+  Answering(SharedLink link, std::size_t batch, GBytes *answer)
+      : _link(std::move(link)), _thread([=, this] { loop(batch, answer); })
   {
-    for (std::size_t batch = 0; batch < batches; batch++)
-      for (std::size_t i = 0; i < entrants.size(); i++)
-        turn((first + i) % entrants.size());
   }
+
+  ~Answering()
+  {
+    Ref<GBytes> goodbye(g_bytes_new_static(".", 1));
+    _link->near->send(goodbye.get());
+    _thread.join();
+  }
+
+private:
+  void
+  loop(std::size_t batch, GBytes *answer) const
+  {
+    for (std::size_t received = 1;; received++) {
+      auto message = _link->far->receive();
+      if (g_bytes_get_size(message.get()) == 1)
+        return;
+      if (received % batch == 0)
+        _link->far->send(answer ? answer : message.get());
+    }
+  }
+
+  SharedLink _link;
+  std::thread _thread;
 };
 
-// near(link) does a batch of `operations`, and is timed; far(link), its other end, runs in the
-// second thread.
-template <typename Near, typename Far>
-Duel
-makeDuel(const std::vector<Entrant> &entrants, std::size_t operations, Near near, Far far)
+Contender
+answered(const std::string &name, const SharedLink &link, GBytes *message, std::size_t batch,
+         GBytes *answer)
 {
-  Duel duel{{}, operations, {}};
-  for (const auto &entrant : entrants)
-    duel.names.push_back(entrant.name);
-  duel.run = [=](std::size_t batches, std::size_t first,
-                 std::vector<std::vector<double>> &seconds) {
-    Schedule schedule{entrants, batches, first};
-    auto &peer = entrants[0].link->peer;
-    peer.start([&] { schedule.follow([&](std::size_t i) { far(*entrants[i].link); }); });
-    schedule.follow([&](std::size_t i) {
-      double before = now();
-      near(*entrants[i].link);
-      seconds[i].push_back((now() - before) / static_cast<double>(operations));
-    });
-    peer.wait();
+  auto peer = std::make_shared<Answering>(link, batch, answer);
+  auto size = g_bytes_get_size(answer ? answer : message);
+  auto once = [=] {
+    for (std::size_t i = 0; i < batch; i++)
+      link->near->send(message);
+    receiveOne(*link->near, size);
+    (void)peer; // its thread must live as long as this
   };
-  return duel;
+  return {name, repeat(once), batch};
 }
 
 } // namespace
 
+void
+checkLink(const SharedLink &link, GBytes *message)
+{
+  Answering peer(link, 1, nullptr);
+  link->near->send(message);
+  must(g_bytes_equal(link->near->receive().get(), message), nullptr, "a message came back changed");
+}
+
 Contender
-inOneThread(const std::string &name, Link &link, const std::vector<GBytes *> &messages)
+burst(const std::string &name, const SharedLink &link, const std::vector<GBytes *> &messages,
+      std::size_t count)
 {
-  auto move = [&link, next = cycle(messages)]() mutable {
-    auto *message = next();
-    link.near->send(message);
-    receiveOne(*link.far, g_bytes_get_size(message));
+  auto once = [=, at = std::size_t{0}]() mutable {
+    auto *message = messages[at++ % messages.size()];
+    for (std::size_t i = 0; i < count; i++)
+      link->near->send(message);
+    for (std::size_t i = 0; i < count; i++)
+      receiveOne(*link->far, g_bytes_get_size(message));
   };
-  return {name, repeat(move)};
+  return {name, repeat(once), count};
 }
 
-void
-runBurst(Link &link, GBytes *message, std::size_t times)
+Contender
+oneWay(const std::string &name, const SharedLink &link, GBytes *message)
 {
-  for (std::size_t i = 0; i < times; i++)
-    link.near->send(message);
-  for (std::size_t i = 0; i < times; i++)
-    receiveOne(*link.far, g_bytes_get_size(message));
+  // Enough messages that both threads are busy, and that one answer does not count for much.
+  static GBytes *const answer = g_bytes_new_static("done", 4);
+  std::size_t batch = CLAMP((4U << 20) / g_bytes_get_size(message), 4, 128);
+  return answered(name, link, message, batch, answer);
 }
 
-Duel
-duelBurst(const std::vector<Entrant> &entrants, GBytes *message)
+Contender
+roundTrip(const std::string &name, const SharedLink &link, GBytes *message)
 {
-  constexpr std::size_t batch = 16;
-  auto near = [=](Link &link) { runBurst(link, message, batch); };
-  return makeDuel(entrants, batch, near, [](Link &) {});
-}
-
-Duel
-duelOneWay(const std::vector<Entrant> &entrants, GBytes *message)
-{
-  // Enough that the one answer does not count for much, in messages of every size.
-  static const guint8 answer_data[4] = {};
-  gsize size = g_bytes_get_size(message);
-  std::size_t batch = CLAMP((1U << 20) / size, 1, 128);
-  auto near = [=](Link &link) {
-    for (std::size_t i = 0; i < batch; i++)
-      link.near->send(message);
-    receiveOne(*link.near, sizeof answer_data);
-  };
-  auto far = [=](Link &link) {
-    for (std::size_t i = 0; i < batch; i++)
-      receiveOne(*link.far, size);
-    SharedBytes answer(g_bytes_new_static(answer_data, sizeof answer_data));
-    link.far->send(answer.get());
-  };
-  return makeDuel(entrants, batch, near, far);
-}
-
-Duel
-duelRoundTrip(const std::vector<Entrant> &entrants, GBytes *message)
-{
-  auto near = [=, size = g_bytes_get_size(message)](Link &link) {
-    link.near->send(message);
-    receiveOne(*link.near, size);
-  };
-  auto far = [](Link &link) { link.far->send(link.far->receive().get()); };
-  return makeDuel(entrants, 1, near, far);
-}
-
-void
-runOneWay(Link &link, const std::vector<SharedBytes> &messages, std::size_t times)
-{
-  link.peer.start([&] {
-    for (std::size_t i = 0; i < times; i++)
-      for (const auto &message : messages)
-        receiveOne(*link.far, g_bytes_get_size(message.get()));
-  });
-  for (std::size_t i = 0; i < times; i++)
-    for (const auto &message : messages)
-      link.near->send(message.get());
-  link.peer.wait();
-}
-
-void
-checkLink(Link &link, GBytes *message)
-{
-  link.peer.start([&] { link.far->send(link.far->receive().get()); });
-  link.near->send(message);
-  must(g_bytes_equal(link.near->receive().get(), message), nullptr, "a message came back changed");
-  link.peer.wait();
+  return answered(name, link, message, 1, nullptr);
 }
 
 } // namespace bench

@@ -4,28 +4,18 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <numeric>
 
 namespace bench
 {
 
-// Between neighbours where the place falls between two values.
-static double
-quantile(const std::vector<double> &sorted, double place)
+double
+medianOf(std::vector<double> values)
 {
-  double at = place * static_cast<double>(sorted.size() - 1);
-  auto below = static_cast<std::size_t>(at);
-  auto above = std::min(below + 1, sorted.size() - 1);
-  return sorted[below] + (at - static_cast<double>(below)) * (sorted[above] - sorted[below]);
-}
-
-Spread
-spreadOf(std::vector<double> values)
-{
-  if (values.empty())
-    return {NAN, NAN, NAN};
-  std::sort(values.begin(), values.end());
-  return {quantile(values, 0.25), quantile(values, 0.5), quantile(values, 0.75)};
+  auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
 }
 
 static double
@@ -45,7 +35,7 @@ struct Turn {
 static Turn
 fillSlice(const Contender &contender, double slice)
 {
-  // The first one warms up; of what takes very long it is enough of a measure.
+  // The first run warms up. If it takes very long, it is enough of a measure.
   if (double first = timed(contender, 1); first > 32 * slice)
     return {1, first};
   for (std::size_t times = 1;;) {
@@ -59,20 +49,10 @@ fillSlice(const Contender &contender, double slice)
   }
 }
 
-// Some turns are longer than a slice because one operation is; they get fewer rounds.
-static unsigned
-affordableRounds(double roundSeconds, std::size_t contenders, const Effort &effort)
-{
-  double wanted = effort.slice * static_cast<double>(contenders) * effort.rounds;
-  double affordable = std::clamp(1.5 * wanted / roundSeconds, 0.0, 1e6);
-  return std::clamp(static_cast<unsigned>(affordable), std::min(effort.leastRounds, effort.rounds),
-                    effort.rounds);
-}
-
-// Every contender's batches of one round, contender `first` beginning each time.
-static std::vector<double>
+// All batches of one round; contender `first` begins each of them.
+static void
 playRound(const std::vector<Contender> &contenders, const std::vector<Turn> &turns,
-          std::size_t first, unsigned batches)
+          std::size_t first, unsigned batches, std::vector<std::vector<double>> &rounds)
 {
   std::vector<std::vector<double>> seconds(contenders.size());
   for (unsigned batch = 0; batch < batches; batch++)
@@ -81,84 +61,108 @@ playRound(const std::vector<Contender> &contenders, const std::vector<Turn> &tur
       auto operations = static_cast<double>(turns[i].times * contenders[i].operations);
       seconds[i].push_back(timed(contenders[i], turns[i].times) / operations);
     }
-
-  std::vector<double> medians;
-  for (auto &of : seconds)
-    medians.push_back(spreadOf(std::move(of)).median);
-  return medians;
+  for (std::size_t i = 0; i < contenders.size(); i++)
+    rounds[i].push_back(medianOf(std::move(seconds[i])));
 }
 
-std::vector<Timing>
+std::vector<std::vector<double>>
 takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 {
-  std::vector<Timing> timings;
   std::vector<Turn> turns;
-  double batchSeconds = 0;
-  for (const auto &contender : contenders) {
-    timings.push_back({contender.name, {}});
+  for (const auto &contender : contenders)
     turns.push_back(fillSlice(contender, effort.slice / effort.batches));
-    batchSeconds += turns.back().seconds;
-  }
+  auto add = [](double sum, const Turn &turn) { return sum + turn.seconds; };
+  double batchSeconds = std::accumulate(turns.begin(), turns.end(), 0.0, add);
 
   double wanted = effort.slice * static_cast<double>(contenders.size());
-  auto batches = static_cast<unsigned>(
-      std::clamp(std::round(wanted / batchSeconds), 1.0, static_cast<double>(effort.batches)));
-  auto rounds = affordableRounds(batchSeconds * batches, contenders.size(), effort);
-  for (unsigned round = 0; round < rounds; round++) {
-    auto medians = playRound(contenders, turns, round % contenders.size(), batches);
-    for (std::size_t i = 0; i < contenders.size(); i++)
-      timings[i].seconds.push_back(medians[i]);
-  }
-  return timings;
+  double batches = std::clamp(std::round(wanted / batchSeconds), 1.0, 1.0 * effort.batches);
+  double affordable = std::min(1.5 * wanted * effort.rounds / (batchSeconds * batches), 1e6);
+  auto count = std::clamp(static_cast<unsigned>(affordable), std::min(leastRounds, effort.rounds),
+                          effort.rounds);
+  std::vector<std::vector<double>> rounds(contenders.size());
+  for (unsigned round = 0; round < count; round++)
+    playRound(contenders, turns, round % contenders.size(), static_cast<unsigned>(batches), rounds);
+  return rounds;
 }
 
-std::vector<Timing>
-takeTurns(const Duel &duel, const Effort &effort)
+// ---- Rows ----
+
+// Names and values hold nothing that JSON would have to escape.
+static std::string
+quoted(const std::string &text)
 {
-  auto contenders = duel.names.size();
-  double wanted = effort.slice * static_cast<double>(contenders);
-  std::vector<std::vector<double>> seconds;
-  auto run = [&](std::size_t batches, std::size_t first) {
-    seconds.assign(contenders, {});
-    duel.run(batches, first, seconds);
-    double total = 0;
-    for (const auto &of : seconds)
-      total = std::accumulate(of.begin(), of.end(), total);
-    return total * static_cast<double>(duel.operations);
-  };
-
-  // The first one warms up; of what takes very long it is enough of a measure.
-  std::size_t batches = 1;
-  double taken = run(batches, 0);
-  if (taken <= 32 * wanted)
-    taken = run(batches, 0);
-  while (taken < wanted / 4) {
-    double more = std::min(wanted / taken, 16.0);
-    batches = static_cast<std::size_t>(std::ceil(static_cast<double>(batches) * more));
-    taken = run(batches, 0);
-  }
-  double fitting = std::max(1.0, std::round(static_cast<double>(batches) * wanted / taken));
-  taken *= fitting / static_cast<double>(batches);
-
-  std::vector<Timing> timings;
-  for (const auto &name : duel.names)
-    timings.push_back({name, {}});
-  auto rounds = affordableRounds(taken, contenders, effort);
-  for (unsigned round = 0; round < rounds; round++) {
-    run(static_cast<std::size_t>(fitting), round % contenders);
-    for (std::size_t i = 0; i < contenders; i++)
-      timings[i].seconds.push_back(spreadOf(seconds[i]).median);
-  }
-  return timings;
+  return "\"" + text + "\"";
 }
 
-Spread
-timesFaster(const Timing &mine, const Timing &other)
+static std::string
+number(double value)
 {
-  std::vector<double> ratios;
-  for (std::size_t i = 0; i < mine.seconds.size(); i++)
-    ratios.push_back(other.seconds[i] / mine.seconds[i]);
-  return spreadOf(ratios);
+  char text[32];
+  std::snprintf(text, sizeof text, "%.6g", value);
+  return text;
+}
+
+static std::string
+textOf(const Value &value)
+{
+  const auto *text = std::get_if<std::string>(&value);
+  return text ? *text : std::to_string(std::get<std::int64_t>(value));
+}
+
+static std::string
+joined(const std::vector<std::string> &items)
+{
+  std::string text;
+  for (const auto &item : items)
+    text += (text.empty() ? "" : ", ") + item;
+  return text;
+}
+
+bool
+Report::wants(const Parameters &parameters) const
+{
+  return std::all_of(_only.begin(), _only.end(), [&](const std::string &wanted) {
+    return std::any_of(parameters.begin(), parameters.end(),
+                       [&](const auto &parameter) { return textOf(parameter.second) == wanted; });
+  });
+}
+
+void
+Report::race(const Parameters &parameters, const std::vector<Contender> &contenders,
+             const Figures &figures) const
+{
+  auto rounds = takeTurns(contenders, _effort);
+  std::vector<std::string> seconds;
+  for (std::size_t i = 0; i < contenders.size(); i++) {
+    std::vector<std::string> values;
+    for (double each : rounds[i])
+      values.push_back(number(each));
+    seconds.push_back(quoted(contenders[i].name) + ": [" + joined(values) + "]");
+  }
+  printRow(parameters, joined(seconds), figures);
+}
+
+void
+Report::print(const Parameters &parameters, const Figures &figures) const
+{
+  printRow(parameters, "", figures);
+}
+
+void
+Report::printRow(const Parameters &parameters, const std::string &seconds,
+                 const Figures &figures) const
+{
+  std::vector<std::string> fields = {"\"group\": " + quoted(_group)};
+  for (const auto &[name, value] : parameters) {
+    auto text = textOf(value);
+    fields.push_back(quoted(name) + ": " + (value.index() == 0 ? text : quoted(text)));
+  }
+  std::vector<std::string> values;
+  for (const auto &[name, value] : figures)
+    values.push_back(quoted(name) + ": " + number(value));
+  std::printf("{%s, \"seconds\": {%s}, \"figures\": {%s}}\n", joined(fields).c_str(),
+              seconds.c_str(), joined(values).c_str());
+  std::fflush(stdout);
 }
 
 } // namespace bench

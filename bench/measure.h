@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// How everything here is measured: the contenders take turns, round by round, in one process, and
-// what is compared is what they took in the same round.
+// How everything here is measured: contenders take turns in one process, round by round. Results
+// are rows of JSON on standard output, with the time of each round, so that report.py can compare
+// contenders within a round.
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace bench
@@ -14,20 +18,14 @@ namespace bench
 // How much work goes into a figure.
 struct Effort {
   bool quick = false;
-  unsigned rounds = 31; // fewer, but not fewer than leastRounds, where a turn takes longer
-  double slice = 0.002; // seconds of a round that each contender is meant to have
-  unsigned leastRounds = 7;
-  unsigned batches = 8; // in which it has them, taking turns
-
-  // For contenders that start and stop a second thread at each turn, which must not count for much.
-  Effort
-  withLongTurns() const
-  {
-    return {quick, quick ? rounds : rounds / 2, slice * 6, leastRounds, 1};
-  }
+  unsigned rounds = 31; // fewer if a turn takes longer than its slice
+  double slice = 0.002; // seconds of a round for each contender
+  unsigned batches = 8; // in which contenders take turns within a round
 };
 
-// One way to do what is measured; run(n) does it n times, or n times as many operations as it says.
+constexpr unsigned leastRounds = 7;
+
+// One way to do what is measured. run(n) does it n times, each with this many operations.
 struct Contender {
   std::string name;
   std::function<void(std::size_t)> run;
@@ -45,41 +43,48 @@ repeat(Once once)
   };
 }
 
-// Seconds per operation, round by round.
-struct Timing {
-  std::string name;
-  std::vector<double> seconds;
+double medianOf(std::vector<double> values);
+
+// Seconds per operation of each contender, round by round. Every contender warms up and finds how
+// often it must run to fill its slice. A round counts as the median of its batches, which leaves
+// out interruptions by other programs.
+std::vector<std::vector<double>> takeTurns(const std::vector<Contender> &contenders,
+                                           const Effort &effort);
+
+using Value = std::variant<std::int64_t, std::string>;
+using Parameters = std::vector<std::pair<std::string, Value>>;
+using Figures = std::map<std::string, double>;
+
+// The rows of one group.
+class Report
+{
+public:
+  Report(std::string group, const Effort &effort, std::vector<std::string> only)
+      : _group(std::move(group)), _effort(effort), _only(std::move(only))
+  {
+  }
+
+  const Effort &
+  effort() const
+  {
+    return _effort;
+  }
+
+  // False for a row that was not asked for.
+  bool wants(const Parameters &parameters) const;
+
+  // Measures and prints a row. `figures` are further values that are not times.
+  void race(const Parameters &parameters, const std::vector<Contender> &contenders,
+            const Figures &figures = {}) const;
+  void print(const Parameters &parameters, const Figures &figures) const;
+
+private:
+  void printRow(const Parameters &parameters, const std::string &seconds,
+                const Figures &figures) const;
+
+  std::string _group;
+  Effort _effort;
+  std::vector<std::string> _only;
 };
-
-// The quartiles of a series.
-struct Spread {
-  double low;
-  double median;
-  double high;
-};
-
-Spread spreadOf(std::vector<double> values);
-
-// Contenders of which each turn takes two threads that go by one plan. What they take depends on
-// where the scheduler happens to have put the threads at that time.
-// run(batches, first, seconds) lets each do that many batches, contender `first` beginning, and
-// adds what each batch took for an operation to seconds[contender].
-struct Duel {
-  std::vector<std::string> names;
-  std::size_t operations; // of a batch
-  std::function<void(std::size_t batches, std::size_t first,
-                     std::vector<std::vector<double>> &seconds)>
-      run;
-};
-
-// Warms every contender up, finds how often it must run to fill a slice, and then lets them take
-// turns, a batch of operations each, several in a round. A round counts for a contender as the
-// median of its batches, so that what else the machine does in between is left out.
-std::vector<Timing> takeTurns(const std::vector<Contender> &contenders, const Effort &effort);
-
-std::vector<Timing> takeTurns(const Duel &duel, const Effort &effort);
-
-// How many times faster `mine` was than `other`.
-Spread timesFaster(const Timing &mine, const Timing &other);
 
 } // namespace bench

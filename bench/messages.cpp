@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
+// Blocking messages: beside frames by hand, beside TLS, and beside the conversions alone.
+#include "corpora.h"
+#include "groups.h"
+#include "links.h"
+
+#include <cstring>
+
+namespace bench
+{
+
+static Ref<GBytes>
+messageOf(const Bytes &data, std::int64_t size)
+{
+  return Ref<GBytes>(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+}
+
+void
+measureBlocking(const Report &report)
+{
+  auto data = source(1 << 16);
+  for (auto transport : transports) {
+    auto sockets = connectSockets(transport);
+    const std::pair<const char *, SharedLink> links[] = {
+        {"plain", linkZelgvc(sockets, Stages::none)},
+        {"both", linkZelgvc(sockets, Stages::both)},
+        {"gathering", linkGathering(sockets)},
+        {"two writes", linkByHand(sockets)}};
+    for (std::int64_t size : {64, 1024, 65536}) {
+      Parameters parameters = {{"transport", transportName(transport)}, {"size", size}};
+      if (!report.wants(parameters))
+        continue;
+      auto message = messageOf(data, size);
+      std::vector<Contender> contenders;
+      for (const auto &[name, link] : links) {
+        checkLink(link, message.get());
+        contenders.push_back(burst(name, link, {message.get()}, 1));
+      }
+      report.race(parameters, contenders);
+    }
+  }
+}
+
+// ---- Whole channels ----
+
+namespace
+{
+
+Contender
+burstOf16(const std::string &name, const SharedLink &link, GBytes *message)
+{
+  return burst(name, link, {message}, 16);
+}
+
+struct Mode {
+  const char *name;
+  Contender (*contender)(const std::string &, const SharedLink &, GBytes *);
+  std::int64_t most; // bytes of message
+};
+
+constexpr Mode modes[] = {
+    {"one way", oneWay, INT64_MAX}, {"round trip", roundTrip, 1 << 20}, {"burst", burstOf16, 4096}};
+
+using NamedLinks = std::vector<std::pair<const char *, SharedLink>>;
+
+NamedLinks
+makeLinks()
+{
+  auto tcp = [] { return connectSockets(Transport::tcp); };
+  NamedLinks links = {{"by hand", linkByHand(tcp())}};
+  for (auto stages : {Stages::none, Stages::compression, Stages::encryption, Stages::both})
+    links.emplace_back(stagesName(stages), linkZelgvc(tcp(), stages));
+  links.emplace_back("tls", linkTls(tcp()));
+  links.emplace_back("tls+zlib", linkTlsZlib(tcp()));
+  return links;
+}
+
+} // namespace
+
+void
+measureChannels(const Report &report)
+{
+  // zlib is too slow for larger messages.
+  constexpr std::int64_t mostForZlib = 1 << 20;
+  std::vector<std::int64_t> sizes = {16,    64,      256,     1024,    4096,
+                                     65536, 1 << 20, 8 << 20, 64 << 20};
+  if (report.effort().quick)
+    sizes = {64, 1024, 65536, 1 << 20, 8 << 20};
+  auto data = source(static_cast<std::size_t>(sizes.back()));
+  auto links = makeLinks();
+  for (const auto &mode : modes)
+    for (auto size : sizes) {
+      Parameters parameters = {{"mode", mode.name}, {"size", size}};
+      if (size > mode.most || !report.wants(parameters))
+        continue;
+      auto message = messageOf(data, size);
+      std::vector<Contender> contenders;
+      for (const auto &[name, link] : links)
+        if (size <= mostForZlib || std::strcmp(name, "tls+zlib") != 0) {
+          checkLink(link, message.get());
+          contenders.push_back(mode.contender(name, link, message.get()));
+        }
+      report.race(parameters, contenders);
+    }
+}
+
+// ---- Both stages and their conversions alone ----
+
+namespace
+{
+
+constexpr std::size_t largest = 64 << 10;
+
+// The four conversions of a message through both stages, without a channel.
+class Conversions
+{
+public:
+  Conversions()
+  {
+    Ref<GBytes> key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
+    _converters[0].reset(G_CONVERTER(gvc_compressor_new()));
+    _converters[1].reset(G_CONVERTER(gvc_encryptor_new(key.get())));
+    _converters[2].reset(G_CONVERTER(gvc_decryptor_new(key.get())));
+    _converters[3].reset(G_CONVERTER(gvc_decompressor_new()));
+    // The record of the initial IV.
+    fill(2, _buffers[1].data(), fill(1, _buffers[0].data(), 1));
+  }
+
+  void
+  run(GBytes *message)
+  {
+    gsize size;
+    auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(message, &size));
+    auto left = fill(0, data, size);
+    for (std::size_t i = 1; i < std::size(_converters); i++)
+      left = fill(i, _buffers[i - 1].data(), left);
+    must(left == size, nullptr, "the conversions made a message of another length");
+  }
+
+  // Ends the program unless the message comes out as it was.
+  void
+  check(GBytes *message)
+  {
+    run(message);
+    must(std::memcmp(_buffers[3].data(), g_bytes_get_data(message, nullptr),
+                     g_bytes_get_size(message)) == 0,
+         nullptr, "the conversions changed a message");
+  }
+
+private:
+  // Returns how much of its buffer the converter filled.
+  std::size_t
+  fill(std::size_t i, const std::uint8_t *in, std::size_t size)
+  {
+    return convert(_converters[i].get(), in, size, _buffers[i].data(), _buffers[i].size());
+  }
+
+  Ref<GConverter> _converters[4];
+  std::vector<Bytes> _buffers{4, Bytes(2 * largest)};
+};
+
+} // namespace
+
+void
+measureStages(const Report &report)
+{
+  auto link = linkZelgvc(connectSockets(Transport::unixSocket), Stages::both);
+  for (std::size_t size : {std::size_t{64}, std::size_t{1024}, largest})
+    for (const auto &corpus : corpora()) {
+      Parameters parameters = {{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}};
+      bool shown = size == largest ? isTypical(corpus) : corpus.name == "source";
+      if (!shown || !report.wants(parameters))
+        continue;
+      std::vector<Ref<GBytes>> owned;
+      std::vector<GBytes *> messages;
+      for (std::size_t at = 0; at + size <= corpus.bytes.size() && owned.size() < 64; at += size) {
+        owned.emplace_back(g_bytes_new_static(corpus.bytes.data() + at, size));
+        messages.push_back(owned.back().get());
+      }
+      Conversions conversions;
+      conversions.check(messages.front());
+      checkLink(link, messages.front());
+      auto convertNext = [&, at = std::size_t{0}]() mutable {
+        conversions.run(messages[at++ % messages.size()]);
+      };
+      report.race(parameters, {burst("both", link, messages, 1),
+                               {"conversions", repeat(convertNext)}});
+    }
+}
+
+} // namespace bench
