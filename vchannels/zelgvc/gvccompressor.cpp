@@ -6,7 +6,6 @@
 
 #include <platform/ipp/ipp.h>
 
-#include <cstddef>
 #include <cstring>
 
 /**
@@ -56,8 +55,8 @@ gvc_compressor_new(void)
   return static_cast<GvcCompressor *>(g_object_new(GVC_TYPE_COMPRESSOR, nullptr));
 }
 
-// What our own encoder needs at most.
-static constexpr gsize small_state_size = 16 * 1024 + 64;
+// The largest state of an encoder that goes on the stack.
+static constexpr gsize stack_limit = 32 * 1024;
 
 // Encodes all of `in` to `payload`, whose announced room is *payload_size on entry. NULL on
 // success, else what failed.
@@ -69,11 +68,10 @@ encode(const guint8 *in, guint32 in_size, guint8 *payload, guint32 *payload_size
   if (ippsEncodeLZOGetSize(lzo_method, in_size, &lzo_state_size) != ippStsNoErr)
     return "Failed to get LZO size";
 
-  // For a small block an allocation takes longer than all else but the encoding.
-  alignas(std::max_align_t) guint8 small_state[small_state_size];
-  g_autofree void *large_state =
-      lzo_state_size > sizeof small_state ? g_malloc(lzo_state_size) : nullptr;
-  auto *lzo_state = static_cast<IppLZOState_8u *>(large_state ? large_state : small_state);
+  // For a small block, an allocation takes longer than everything but the encoding.
+  g_autofree void *large_state = lzo_state_size > stack_limit ? g_malloc(lzo_state_size) : nullptr;
+  auto *lzo_state =
+      static_cast<IppLZOState_8u *>(large_state ? large_state : g_alloca(lzo_state_size));
   if (ippsEncodeLZOInit_8u(lzo_method, in_size, lzo_state) != ippStsNoErr)
     return "Failed to init LZO";
   if (ippsEncodeLZO_8u(in, in_size, payload, payload_size, lzo_state) != ippStsNoErr)
