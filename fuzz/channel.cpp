@@ -1,16 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes sent in any pieces to a channel with up to two stages, as they are or as what a peer
-// who knows the keys has put through its own stages, and read as messages, blocking and
-// asynchronously. Both readers come to the same messages and the same end, as far as they promise.
-// A source that stays attached delivers each byte that a blocking reader gets.
+// Sends any bytes in any pieces to a channel with up to two stages, raw or as a peer with the same
+// keys would convert them, and reads messages, blocking and asynchronously. Both readers get the
+// same messages and the same end, as far as they promise. A source that stays attached delivers
+// every byte that a blocking reader gets.
 #include "support.h"
 
-#include <zelgvc/zelgvc.h>
-
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
 
 using namespace fuzz;
 
@@ -32,65 +27,39 @@ struct Outcome {
 
 struct Plan {
   unsigned stages[2]; // the first is nearest to the socket
-  bool split;         // what the first stage reads
+  bool split;         // the input of the first stage
   Script pieces;
   Bytes wire;
 };
 
-// A channel as the plan says it.
-class Channel
+// A channel with the end of the stream behind the bytes on the wire.
+class Line : public Channel
 {
 public:
-  explicit Channel(const Plan &plan)
-      : pieces_(plan.pieces), pair_(new_pair()),
-        connection_(own(gvc_connection_new(pair_.connection.get())))
+  explicit Line(const Plan &plan)
+      : Channel(plan.stages, plan.split, plan.pieces), wire(plan.wire),
+        stream(own(gvc_bytes_input_stream_new(in())))
   {
-    if (plan.split)
-      add(new_splitter(&pieces_), new_splitter(&pieces_));
-    for (auto kind : plan.stages)
-      if (kind != 0)
-        add(new_in_stage(kind), new_out_stage(kind));
-    stream_ = own(
-        gvc_bytes_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()))));
+    if (wire.empty())
+      shutdown(peer, SHUT_WR);
   }
-  ~Channel()
-  {
-    // The output side has an end to send; nobody needs to take it.
-    close(pair_.peer);
-  }
-  Channel(const Channel &) = delete;
-  Channel &operator=(const Channel &) = delete;
-
-  GvcBytesInputStream *
-  stream() const
-  {
-    return stream_.get();
-  }
-  GInputStream *
-  in() const
-  {
-    return g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()));
-  }
-  // Sends up to `size` bytes of `wire`, the end of the channel behind them.
   void
-  feed(View *wire, std::size_t size)
+  send(std::size_t size)
   {
-    *wire = wire->subspan(send_some(pair_.peer, wire->first(std::min(size, wire->size()))));
-    if (wire->empty())
-      shutdown(pair_.peer, SHUT_WR);
+    feed(&wire, size == 0 ? wire.size() : size);
+    if (wire.empty())
+      shutdown(peer, SHUT_WR);
   }
-
-private:
+  // For a blocking reader, which cannot feed the channel while it waits.
   void
-  add(Ref<GConverter> in, Ref<GConverter> out)
+  send_all()
   {
-    gvc_connection_add_converters(connection_.get(), in.get(), out.get());
+    send(0);
+    FUZZ_CHECK(wire.empty());
   }
 
-  Script pieces_;
-  Pair pair_;
-  Ref<GvcConnection> connection_;
-  Ref<GvcBytesInputStream> stream_;
+  View wire; // unsent
+  Ref<GvcBytesInputStream> stream;
 };
 
 bool
@@ -110,19 +79,19 @@ outcome(GBytes *message, GError *error)
 }
 
 Outcome
-read_async(Channel *channel, View *wire, Script *script)
+read_async(Line *line, Script *script)
 {
   Waiter waiter;
-  gvc_bytes_input_stream_read_bytes_async(channel->stream(), 0, nullptr, Waiter::ready, &waiter);
+  auto *stream = line->stream.get();
+  start_read(stream, false, 0, nullptr, &waiter);
   FUZZ_CHECK(!waiter.done());
   run_ready();
-  while (!waiter.done() && !wire->empty()) {
-    const auto decision = script->byte();
-    channel->feed(wire, decision == 0 ? wire->size() : decision);
+  while (!waiter.done() && !line->wire.empty()) {
+    line->send(script->byte());
     run_ready();
   }
   GError *error = nullptr;
-  auto *bytes = gvc_bytes_input_stream_read_bytes_finish(channel->stream(), waiter.wait(), &error);
+  auto *bytes = finish_read(stream, waiter.wait(), false, &error);
   run_ready(); // no second call
   return outcome(bytes, error);
 }
@@ -130,37 +99,32 @@ read_async(Channel *channel, View *wire, Script *script)
 std::vector<Outcome>
 read_all_async(const Plan &plan)
 {
-  Channel channel(plan);
+  Line line(plan);
   auto script = plan.pieces;
-  View wire = plan.wire;
-  if (wire.empty())
-    channel.feed(&wire, 0);
   std::vector<Outcome> outcomes;
   do
-    outcomes.push_back(read_async(&channel, &wire, &script));
+    outcomes.push_back(read_async(&line, &script));
   while (outcomes.back().message);
   return outcomes;
 }
 
-// A message of no bytes ends nothing.
+// An empty message does not end the stream.
 std::vector<Outcome>
 read_all_blocking(const Plan &plan, std::size_t most)
 {
-  Channel channel(plan);
-  View wire = plan.wire;
-  channel.feed(&wire, wire.size());
-  FUZZ_CHECK(wire.empty());
+  Line line(plan);
+  line.send_all();
   std::vector<Outcome> outcomes;
   do {
     GError *error = nullptr;
-    auto *bytes = gvc_bytes_input_stream_read_bytes(channel.stream(), nullptr, &error);
+    auto *bytes = gvc_bytes_input_stream_read_bytes(line.stream.get(), nullptr, &error);
     outcomes.push_back(outcome(bytes, error));
   } while (outcomes.size() < most && (outcomes.back().message || is_disconnected(outcomes.back())));
   return outcomes;
 }
 
-// A message of no bytes is one of these to the blocking reader, and so is the end of the stream
-// within a length; the end within a payload it does not notice.
+// The blocking reader reports an empty message, and the end of the stream within a prefix, as
+// disconnected. It does not notice the end within a payload.
 void
 check_same(const Outcome &async, const Outcome &blocking)
 {
@@ -195,16 +159,15 @@ take(Stream *stream, View piece, gssize count, GError *error)
 Stream
 read_stream_blocking(const Plan &plan, std::size_t piece_size)
 {
-  Channel channel(plan);
-  View wire = plan.wire;
-  channel.feed(&wire, wire.size());
+  Line line(plan);
+  line.send_all();
   Stream stream;
   Bytes piece(piece_size);
   gssize count;
   GError *error;
   do {
     error = nullptr;
-    count = g_input_stream_read(channel.in(), piece.data(), piece.size(), nullptr, &error);
+    count = g_input_stream_read(line.in(), piece.data(), piece.size(), nullptr, &error);
   } while (take(&stream, piece, count, error));
   return stream;
 }
@@ -234,26 +197,23 @@ readable(GObject *, gpointer data)
   return watch->ended ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
-// One source for all of the stream. What it wakes up for in vain is a piece that has come without
-// the rest of its unit, or units that hold nothing.
+// Reads with one source for the whole stream. Partial units and empty units wake it in vain.
 Stream
 read_stream_watched(const Plan &plan, std::size_t piece_size)
 {
-  Channel channel(plan);
+  Line line(plan);
   auto script = plan.pieces;
-  View wire = plan.wire;
-  Watch watch{channel.in(), Bytes(piece_size), {}, 0, false};
+  Watch watch{line.in(), Bytes(piece_size), {}, 0, false};
   g_autoptr(GSource) source =
-      g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(channel.in()), nullptr);
+      g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(line.in()), nullptr);
   g_source_set_callback(source, G_SOURCE_FUNC(readable), &watch, nullptr);
   g_source_attach(source, nullptr);
   std::size_t pieces = 1;
   do {
-    const auto decision = script.byte();
-    channel.feed(&wire, decision == 0 ? wire.size() : decision);
+    line.send(script.byte());
     run_ready();
     pieces++;
-  } while (!wire.empty() && !watch.ended);
+  } while (!line.wire.empty() && !watch.ended);
   FUZZ_CHECK(watch.ended);
   FUZZ_CHECK(watch.in_vain <= 4 * pieces + plan.wire.size());
   return std::move(watch.stream);
@@ -270,7 +230,7 @@ check_same(const Stream &watched, const Stream &blocking)
 
 } // namespace
 
-// The script: the stages, how many of them the peer has put the bytes through, and pieces.
+// The script: the stages, how many of them the peer converts for, and pieces.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -281,7 +241,6 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
             (decision & 4) != 0,
             script,
             Bytes(payload.begin(), payload.end())};
-  // From the caller's side down, as far as the peer can.
   for (unsigned i = 2; i-- > 0;)
     if (plan.stages[i] != 0 && i < decision % 4)
       plan.wire = convert_all(new_out_stage(plan.stages[i]).get(), plan.wire, &script);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes as a compressed payload, plain or in the chunked layout, raw or put together from
-// chunks whose number, sizes and total may lie. The result is that of a plain reading of the layout
-// over the reference decoder.
+// Decodes any bytes as a payload, raw or assembled from chunks whose number, sizes and total may be
+// wrong. The result equals a simple reading of the chunk layout over the reference decoder.
 #include "support.h"
 
 #include "codec/lzo1x/lzo1x.h"
@@ -33,8 +32,8 @@ decode_plainly(View stream, std::size_t room)
   return referenceDecode(stream.data(), stream.size(), room);
 }
 
-// The chunks of a payload that starts like the layout; nothing where the first one's end marker
-// does not stand where its size says, so that it is no such payload.
+// The chunks of a payload with the magic bytes. Nothing if the first chunk does not end with the
+// end marker, so that the payload is a plain stream; no chunks if a size is wrong.
 std::optional<std::vector<View>>
 chunks_of(View payload)
 {
@@ -112,7 +111,7 @@ put_number(Bytes *to, std::size_t value)
     to->push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
-// A small lie for every decision but most.
+// Some decisions change the value a little.
 std::size_t
 perhaps_wrong(std::size_t truth, Script *script)
 {
@@ -120,7 +119,7 @@ perhaps_wrong(std::size_t truth, Script *script)
   return decision < 0xe0 ? truth : truth + decision - 0xf0;
 }
 
-// `plain` in the chunked layout.
+// `plain` in the chunk layout.
 Bytes
 put_together(View plain, Script *script)
 {
@@ -145,7 +144,7 @@ put_together(View plain, Script *script)
 void
 check(View payload, std::size_t room)
 {
-  // Of exactly these sizes, so that the sanitizer sees every access outside.
+  // Of exactly these sizes, so that the sanitizer sees every overrun.
   const Bytes in(payload.begin(), payload.end());
   const std::unique_ptr<Ipp8u[]> out(new Ipp8u[room]);
   auto size = static_cast<Ipp32u>(room);
@@ -160,7 +159,7 @@ check(View payload, std::size_t room)
 
 } // namespace
 
-// The script: whether the bytes are the payload or what is in it, the room, and the lies.
+// The script: whether the bytes are the payload or the data in it, the room, and wrong values.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes decompressed and decrypted: in calls of the converter with any part of the bytes and
-// any room, and in a converter stream over any pieces. Every call does as its header says, each
-// step moves on, and neither output nor room grow beyond what the bytes can stand for.
+// Decompresses and decrypts any bytes, in calls of the converter with any part of the bytes and any
+// room, and in a converter stream over any pieces. Every call keeps the converter's contract,
+// progress never stops, and output and room stay within what the bytes can mean.
 #include "support.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ load(View from, std::size_t size)
   return value;
 }
 
-// How long the block or record at the start of `in` is, if its header is there.
+// The size of the block or record at the start of `in`, if its header is complete.
 std::optional<std::uint64_t>
 announced(unsigned kind, View in)
 {
@@ -39,15 +39,14 @@ announced(unsigned kind, View in)
   return length == 0 ? 24 : length > UINT64_MAX - 8 ? UINT64_MAX : 8 + length;
 }
 
-// How much room it asks for.
+// The room that it asks for.
 std::uint64_t
 announced_room(unsigned kind, View in)
 {
   return is_decompressor(kind) ? load(in.subspan(4), 4) : load(in, 8);
 }
 
-// A block that announces more than its payload can hold may be refused, and may be taken where
-// there happens to be room for what it announces.
+// A block that announces more than its payload can hold may fail, or succeed if the room is enough.
 bool
 exaggerates(unsigned kind, View in)
 {
@@ -69,14 +68,14 @@ convert(GConverter *converter, View in, std::uint8_t *out, std::size_t room, GCo
 {
   Call call{G_CONVERTER_ERROR, untouched, untouched, nullptr};
   GError *error = nullptr;
-  // Not through GIO's function, which sets the counts to 0 beforehand.
+  // Not g_converter_convert(), which sets the counts to 0 first.
   call.result = G_CONVERTER_GET_IFACE(converter)->convert(
       converter, in.data(), in.size(), out, room, flags, &call.nread, &call.nwritten, &error);
   call.error.reset(error);
   return call;
 }
 
-// What holds for every call, as far as the header says it.
+// Checks the contract of every call.
 void
 check_call(const Call &call, unsigned kind, View in, std::size_t room, GConverterFlags flags)
 {
@@ -112,7 +111,7 @@ convert_growing(GConverter *converter, unsigned kind, View in, std::size_t room,
 {
   const auto most = std::max<std::size_t>(in.size() * 255, 1024 * 1024);
   for (;;) {
-    // Of exactly this size, so that the sanitizer sees every access outside.
+    // Of exactly this size, so that the sanitizer sees every overrun.
     const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[room]);
     auto call = convert(converter, in, buffer.get(), room, flags);
     check_call(call, kind, in, room, flags);
@@ -127,7 +126,7 @@ convert_growing(GConverter *converter, unsigned kind, View in, std::size_t room,
 
 enum class End { partial, broken, exaggerated };
 
-// Everything in calls of the converter. Returns what came out before the end, and which it was.
+// Converts everything in calls of the converter. Returns the output and the kind of its end.
 Bytes
 convert_directly(unsigned kind, View in, Script script, End *end)
 {
@@ -141,12 +140,12 @@ convert_directly(unsigned kind, View in, Script script, End *end)
                        : decision == 0xfe ? G_CONVERTER_INPUT_AT_END
                                           : G_CONVERTER_NO_FLAGS;
     const auto room = decision & 0x80 ? std::size_t{decision} * 64 : std::size_t{decision} + 1;
-    // A copy of its own, so that the sanitizer sees every access outside.
+    // A separate copy, so that the sanitizer sees every overrun.
     const Bytes part(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(offered));
     const auto before = out.size();
     const auto call = convert_growing(converter.get(), kind, part, room, flags, &out);
     if (exaggerates(kind, part) && !matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
-      // Whether this block is taken depends on the room, which is another one in a stream.
+      // The result depends on the room, which differs in a stream.
       out.resize(before);
       *end = End::exaggerated;
       return out;
@@ -183,7 +182,7 @@ read_some(GInputStream *stream, std::uint8_t *buffer, std::size_t size, bool blo
   return nread;
 }
 
-// The same bytes through GIO's stream: it delivers what the calls have, and then fails.
+// Converts the same bytes in GIO's stream, which delivers the same output and then fails.
 void
 convert_in_stream(unsigned kind, View in, Script script, bool blocking, View expected, End end)
 {
@@ -215,7 +214,7 @@ convert_in_stream(unsigned kind, View in, Script script, bool blocking, View exp
 
 } // namespace
 
-// The script: the converter, how to read its stream, and pieces and rooms.
+// The script: the converter, how to read the stream, and pieces and rooms.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

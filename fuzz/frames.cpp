@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes read as frames, blocking and asynchronously, as bytes and as variants, from a stream
-// that delivers them in any pieces, makes a reader wait, fails, ends or cancels at any place. Each
-// result is the one that the frame format asks for.
+// Reads any bytes as frames, blocking and asynchronously, as bytes and as variants, from a stream
+// that delivers pieces, blocks, fails, ends or cancels at any position. Each result follows from
+// the frame format.
 #include "support.h"
 
 #include <zelgvc/gvcwire.h>
-#include <zelgvc/zelgvc.h>
 
 #include <algorithm>
 
@@ -20,7 +19,7 @@ constexpr const char *types[] = {"ay", "s", "(su)", "a{sv}", "v", "as", "b", "(y
 struct Expected {
   bool is_message;
   View received;    // of a message
-  std::size_t size; // with what never arrived
+  std::size_t size; // of a message, with bytes that never arrived
   GQuark domain;
   int code;
 };
@@ -31,7 +30,7 @@ error(GQuark domain, int code)
   return {false, {}, 0, domain, code};
 }
 
-// What a reader has to make of the frame at `*at`, which is moved on behind it.
+// The result of reading the frame at `*at`, which moves behind the frame.
 Expected
 expect(const Source &source, std::size_t *at, bool blocking)
 {
@@ -62,7 +61,7 @@ expect(const Source &source, std::size_t *at, bool blocking)
   return {true, received, wanted, 0, 0};
 }
 
-// The rest of a message that broke off: all zeros, of which a few are looked at.
+// Whether a missing part of a message reads as zeros; checks the first and last bytes.
 bool
 zeros(View rest)
 {
@@ -182,7 +181,7 @@ read_all(Source source, unsigned form, bool blocking)
 
 } // namespace
 
-// The script: the form of the messages, where the stream breaks, and the pieces.
+// The script: the form of the messages, where the stream fails, and the pieces.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -197,7 +196,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   else if (breaks == 2)
     source.cancel_at = std::min(where, payload.size());
 
-  // Seldom as much as it may be: it takes its time.
+  // A large limit is slow.
   memory_limit = kind == 0xef ? 64 * 1024 * 1024 : default_memory_limit;
 
   read_all(source, form, true);

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Messages of any sizes in both directions between two channels with any stages, up to four of
-// them, blocking and asynchronously, with key changes and resets in between and with pieces of any
-// size between the stages. What comes out is what went in, and then the end. A part of the messages
-// is written by GIO's own asynchronous calls.
+// Sends messages of any sizes in both directions between two channels with up to four stages,
+// blocking and asynchronously, with key changes, resets and splits in between. Every message
+// arrives as sent, and then the end. GIO's own asynchronous calls write some of the messages.
 #include "support.h"
 
 #include <zelgvc/gvcwire.h>
-#include <zelgvc/zelgvc.h>
 
 #include <array>
 
@@ -17,7 +15,7 @@ namespace
 
 constexpr std::size_t stages_most = 4;
 
-// More than this could fill the socket while nobody reads.
+// A larger message could fill the socket while nobody reads.
 constexpr std::size_t blocking_most = 16 * 1024;
 
 struct Stage {
@@ -28,7 +26,7 @@ struct Stage {
 class End
 {
 public:
-  // The pieces are used up by both ends of both directions.
+  // Both ends and both directions share the pieces.
   End(GSocketConnection *socket, View stages, Script *pieces)
       : connection_(own(gvc_connection_new(socket)))
   {
@@ -72,7 +70,7 @@ private:
 // More than a stage converts at once.
 constexpr std::size_t largest = longest_pattern;
 
-// Mostly small. A message of the largest size takes as long as hundreds of others, so it is rare.
+// Mostly small. A message of the largest size takes as long as hundreds of others.
 std::size_t
 message_size(Script *script, bool may_be_largest)
 {
@@ -96,17 +94,11 @@ check_message(GBytes *message, const GError *error, View sent, bool blocking)
   FUZZ_CHECK(equal(view(message), sent));
 }
 
-GVariant *
-as_variant(GBytes *bytes)
-{
-  return g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE));
-}
-
 struct Form {
   bool variant, write_blocking, read_blocking, gio;
 };
 
-// A frame as vectors for GIO's writes, which read them until they have ended.
+// A frame as vectors for GIO's writes, which use them until they end.
 class Frame
 {
 public:
@@ -120,8 +112,6 @@ public:
   Frame(const Frame &) = delete;
   Frame &operator=(const Frame &) = delete;
 
-  // To the message stream or to the channel's own; in one gathering call, or in two after each
-  // other.
   void
   write_async(GOutputStream *stream, Waiter *waiter)
   {
@@ -152,33 +142,21 @@ stream_for_gio(End *end, Form form)
 void
 write_message(End *end, GBytes *bytes, Form form, Frame *frame, Waiter *waiter)
 {
-  g_autoptr(GVariant) variant = as_variant(bytes);
-  auto *out = end->out.get();
   if (form.gio)
     frame->write_async(stream_for_gio(end, form), waiter);
-  else if (form.write_blocking && form.variant)
-    FUZZ_CHECK(gvc_bytes_output_stream_put_variant(out, variant, nullptr, nullptr));
   else if (form.write_blocking)
-    FUZZ_CHECK(gvc_bytes_output_stream_put_bytes(out, bytes, nullptr, nullptr));
-  else if (form.variant)
-    gvc_bytes_output_stream_put_variant_async(out, variant, 0, nullptr, Waiter::ready, waiter);
+    FUZZ_CHECK(put(end->out.get(), bytes, form.variant, nullptr));
   else
-    gvc_bytes_output_stream_put_bytes_async(out, bytes, 0, nullptr, Waiter::ready, waiter);
+    start_put(end->out.get(), bytes, form.variant, 0, nullptr, waiter);
 }
 
 void
 finish_write(End *end, Form form, const Frame &frame, Waiter *waiter)
 {
-  if (form.gio) {
+  if (form.gio)
     frame.finish(stream_for_gio(end, form), waiter);
-    return;
-  }
-  if (form.write_blocking)
-    return;
-  auto *out = end->out.get();
-  auto *result = waiter->wait();
-  FUZZ_CHECK(form.variant ? gvc_bytes_output_stream_put_variant_finish(out, result, nullptr)
-                          : gvc_bytes_output_stream_put_bytes_finish(out, result, nullptr));
+  else if (!form.write_blocking)
+    FUZZ_CHECK(finish_put(end->out.get(), waiter->wait(), form.variant, nullptr));
 }
 
 void
@@ -193,22 +171,12 @@ void
 finish_read(End *end, Form form, View sent, Waiter *waiter)
 {
   g_autoptr(GError) error = nullptr;
-  auto *in = end->in.get();
-  auto *result = waiter->wait();
-  g_autoptr(GBytes) message = nullptr;
-  if (form.variant) {
-    auto *variant = gvc_bytes_input_stream_read_variant_finish(in, result, &error);
-    FUZZ_CHECK(variant);
-    g_variant_ref_sink(variant);
-    message = g_variant_get_data_as_bytes(variant);
-    g_variant_unref(variant);
-  } else {
-    message = gvc_bytes_input_stream_read_bytes_finish(in, result, &error);
-  }
+  g_autoptr(GBytes) message =
+      fuzz::finish_read(end->in.get(), waiter->wait(), form.variant, &error);
   check_message(message, error, sent, false);
 }
 
-// One message, written and read at the same time where one of them could have to wait.
+// Sends one message. Writes and reads at the same time if a blocking call could wait for ever.
 void
 exchange(End *from, End *to, View sent, Form form)
 {
@@ -220,11 +188,7 @@ exchange(End *from, End *to, View sent, Form form)
     finish_write(from, form, frame, &written);
     read_blocking(to, sent);
   } else {
-    if (form.variant)
-      gvc_bytes_input_stream_read_variant_async(to->in.get(), "ay", 0, nullptr, Waiter::ready,
-                                                &arrived);
-    else
-      gvc_bytes_input_stream_read_bytes_async(to->in.get(), 0, nullptr, Waiter::ready, &arrived);
+    start_read(to->in.get(), form.variant, 0, nullptr, &arrived);
     write_message(from, bytes, form, &frame, &written);
     finish_read(to, form, sent, &arrived);
     finish_write(from, form, frame, &written);
@@ -232,7 +196,7 @@ exchange(End *from, End *to, View sent, Form form)
   run_ready(); // no second call
 }
 
-// Both sides of one stage begin anew, which they may do between any two messages.
+// Resets both sides of one stage, which they may do between any two messages.
 void
 restart(const End &from, const End &to, std::uint8_t decision)
 {
@@ -250,7 +214,7 @@ restart(const End &from, const End &to, std::uint8_t decision)
   }
 }
 
-// An orderly end: no message more, and no end that looks like one.
+// Closes a channel; the other end reads no message more.
 void
 finish(End *from, GSocketConnection *socket, End *to, bool plain)
 {
@@ -265,7 +229,7 @@ finish(End *from, GSocketConnection *socket, End *to, bool plain)
 
 } // namespace
 
-// The script: the stages, then the messages; the payload has the sizes of pieces.
+// The script: the stages and then the messages. The payload: the sizes of pieces.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The calls that a host may make on a channel, in any order, while its peer sends, reads, stops or
-// goes away: stages added, messages read and written, cancelled, closed, let go in the middle.
-// Every operation calls back exactly once, messages of a peer in good order arrive as they were
-// sent, and when the peer has gone everything ends and nothing is left.
+// Calls that a host makes on a channel in any order, while its peer sends, reads, stops or
+// disconnects: it adds stages, reads, writes, cancels, closes and drops references. Every operation
+// calls back exactly once. Messages of a well-behaved peer arrive as sent. When the peer has gone,
+// everything ends and nothing leaks.
 #include "support.h"
 
-#include <zelgvc/zelgvc.h>
-
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <deque>
@@ -19,17 +16,18 @@ using namespace fuzz;
 namespace
 {
 
-// Never more is on its way without anybody reading it when a call could block.
+// A blocking call may start only if the socket holds less than this.
 constexpr std::size_t safe_to_block = 32 * 1024;
 
-enum class Kind { bytes, variant, string, close, put_bytes, put_variant, gio_write };
+enum Direction { reads = 1, writes = 2, closes = reads | writes };
 
-// An asynchronous operation. Its own reference to the stream is for the call of finish.
+// An asynchronous operation. Its reference to the stream is for `finish`.
 struct Operation {
-  Kind kind;
+  Direction direction;
   Ref<GObject> stream;
+  std::function<void(GAsyncResult *)> finish;
+  bool ends; // when the peer disconnects, without being cancelled
   Ref<GCancellable> cancellable;
-  View data; // of a write by GIO
   Waiter waiter;
 };
 
@@ -40,7 +38,7 @@ public:
   void run();
 
 private:
-  // What the calls of the host are; the script picks among them.
+  // Calls of the host, which the script picks.
   void add_stage();
   void open_reader();
   void open_writer();
@@ -53,66 +51,55 @@ private:
   void close_something();
   void drop_something();
   void iterate();
-  // What the peer does.
+  // Actions of the peer.
   void peer_sends_message();
   void peer_sends_payload();
   void peer_reads();
   void peer_goes();
   void peer_leaves();
 
-  void start(Kind kind, GObject *stream);
-  void finish(Operation *operation);
+  template <typename Stream>
+  Operation &start(Direction direction, Stream *stream, std::function<void(GAsyncResult *)> finish,
+                   bool ends = true);
+  void start_write(GOutputStream *stream, std::size_t size,
+                   std::function<bool(GAsyncResult *, GError **)> finish);
   void reap();
   void check_message(GBytes *message, const GError *error);
   void check_error(const GError *error, bool may_fail) const;
-  bool busy(bool reading) const;
-  // Whether a call that sends what the stages hold cannot find the socket full.
+  bool busy(Direction direction) const;
+  // Whether a blocking call that sends what the stages hold cannot block.
   bool
   may_send() const
   {
-    return !busy(false) && (peer_ < 0 || (!cut_ && unread_ < safe_to_block));
+    return !busy(writes) && (!channel_.has_peer() || (!cut_ && unread_ < safe_to_block));
   }
   void end();
 
   Script script_;
   View payload_;
-  Ref<GSocketConnection> socket_;
-  int peer_;
-  Ref<GvcConnection> connection_;
+  Channel channel_;
   Ref<GvcBytesInputStream> reader_;
   Ref<GvcDataInputStream> strings_;
   Ref<GvcBytesOutputStream> writer_;
   std::list<Operation> operations_;
 
   std::vector<Ref<GConverter>> peer_stages_; // the outermost first
-  std::deque<View> expected_;                // messages of the peer that have not been read
-  bool in_order_ = true;   // the peer has sent nothing but messages, and none was cut short
-  bool calm_ = true;       // nothing was cancelled, closed or let go, and the peer is there
-  bool used_ = false;      // the peer has sent, or the host has read: no more stages
+  std::deque<View> expected_;                // unread messages of the peer
+  bool in_order_ = true;                     // the peer has sent nothing but whole messages
+  bool calm_ = true;       // nothing was cancelled, closed or dropped, and the peer is connected
+  bool used_ = false;      // the peer has sent or the host has read, so stages cannot be added
   bool hung_up_ = false;   // the peer sends no more
-  bool cut_ = false;       // the stages hold something of a message that was cut short
-  std::size_t unread_ = 0; // by the peer, at most
+  bool cut_ = false;       // the stages hold a part of a message
+  std::size_t unread_ = 0; // at most, by the peer
 };
 
-Host::Host(Input input) : script_(input.script), payload_(input.payload)
-{
-  auto pair = new_pair();
-  socket_ = std::move(pair.connection);
-  peer_ = pair.peer;
-  connection_ = own(gvc_connection_new(socket_.get()));
-}
+Host::Host(Input input) : script_(input.script), payload_(input.payload) {}
 
 bool
-is_read(Kind kind)
-{
-  return kind == Kind::bytes || kind == Kind::variant || kind == Kind::string;
-}
-
-bool
-Host::busy(bool reading) const
+Host::busy(Direction direction) const
 {
   return std::ranges::any_of(operations_, [&](const Operation &operation) {
-    return operation.kind == Kind::close || is_read(operation.kind) == reading;
+    return (operation.direction & direction) != 0;
   });
 }
 
@@ -120,12 +107,12 @@ void
 Host::add_stage()
 {
   const auto kind = 1 + script_.byte() % (stage_kinds - 1);
-  // Messages that are on their way have not passed this stage; and a stream in use keeps the old
-  // stages.
-  if (!connection_ || used_ || reader_ || strings_ || writer_ || busy(true) || busy(false) ||
-      peer_stages_.size() == 4 || g_io_stream_is_closed(G_IO_STREAM(connection_.get())))
+  // Messages on the wire have not passed this stage, and a stream in use keeps the old stages.
+  if (!channel_.connection || used_ || reader_ || strings_ || writer_ || busy(reads) ||
+      busy(writes) || peer_stages_.size() == 4 ||
+      g_io_stream_is_closed(G_IO_STREAM(channel_.connection.get())))
     return;
-  gvc_connection_add_converters(connection_.get(), new_in_stage(kind).get(),
+  gvc_connection_add_converters(channel_.connection.get(), new_in_stage(kind).get(),
                                 new_out_stage(kind).get());
   peer_stages_.push_back(new_out_stage(kind));
 }
@@ -134,9 +121,9 @@ void
 Host::open_reader()
 {
   const auto decision = script_.byte();
-  if (!connection_ || reader_ || strings_ || busy(true))
+  if (!channel_.connection || reader_ || strings_ || busy(reads))
     return;
-  auto *in = g_io_stream_get_input_stream(G_IO_STREAM(connection_.get()));
+  auto *in = g_io_stream_get_input_stream(G_IO_STREAM(channel_.connection.get()));
   if (decision % 4 == 0) {
     strings_ = own(gvc_data_input_stream_new(in));
     in_order_ = false;
@@ -153,65 +140,76 @@ void
 Host::open_writer()
 {
   const auto decision = script_.byte();
-  if (!connection_ || writer_ || busy(false))
+  if (!channel_.connection || writer_ || busy(writes))
     return;
-  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(connection_.get()));
+  auto *out = g_io_stream_get_output_stream(G_IO_STREAM(channel_.connection.get()));
   writer_ = own(gvc_bytes_output_stream_new(out));
   if (decision & 4)
     g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(writer_.get()), FALSE);
 }
 
-void
-Host::start(Kind kind, GObject *stream)
+// `finish` takes the result of the operation.
+template <typename Stream>
+Operation &
+Host::start(Direction direction, Stream *stream, std::function<void(GAsyncResult *)> finish,
+            bool ends)
 {
   auto &operation = operations_.emplace_back();
-  operation.kind = kind;
-  operation.stream = own(static_cast<GObject *>(g_object_ref(stream)));
+  operation.direction = direction;
+  operation.stream = own(G_OBJECT(g_object_ref(stream)));
+  operation.finish = std::move(finish);
+  operation.ends = ends;
   operation.cancellable = own(g_cancellable_new());
   if (script_.byte() == 0xff) {
     g_cancellable_cancel(operation.cancellable.get());
     calm_ = false;
   }
+  return operation;
 }
 
 void
 Host::read_async()
 {
   const auto decision = script_.byte();
-  if (busy(true) || (!reader_ && !strings_))
+  if (busy(reads) || (!reader_ && !strings_))
     return;
   used_ = true;
-  if (strings_) {
-    start(Kind::string, G_OBJECT(strings_.get()));
-    auto &operation = operations_.back();
-    gvc_data_input_stream_read_string_async(strings_.get(), static_cast<char>(decision), 0,
+  if (auto *strings = strings_.get()) {
+    auto &operation = start(
+        reads, strings,
+        [strings](GAsyncResult *result) {
+          g_autoptr(GError) error = nullptr;
+          g_autofree gchar *string =
+              gvc_data_input_stream_read_string_finish(strings, result, nullptr, &error);
+          FUZZ_CHECK(!string == !!error);
+        },
+        false);
+    gvc_data_input_stream_read_string_async(strings, static_cast<char>(decision), 0,
                                             operation.cancellable.get(), Waiter::ready,
                                             &operation.waiter);
     return;
   }
-  start(decision % 2 == 0 ? Kind::bytes : Kind::variant, G_OBJECT(reader_.get()));
-  auto &operation = operations_.back();
-  if (operation.kind == Kind::bytes)
-    gvc_bytes_input_stream_read_bytes_async(reader_.get(), decision >> 4,
-                                            operation.cancellable.get(), Waiter::ready,
-                                            &operation.waiter);
-  else
-    gvc_bytes_input_stream_read_variant_async(reader_.get(), "ay", decision >> 4,
-                                              operation.cancellable.get(), Waiter::ready,
-                                              &operation.waiter);
+  auto *reader = reader_.get();
+  const bool variant = decision % 2 != 0;
+  auto &operation = start(reads, reader, [this, reader, variant](GAsyncResult *result) {
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GBytes) message = finish_read(reader, result, variant, &error);
+    check_message(message, error);
+  });
+  start_read(reader, variant, decision >> 4, operation.cancellable.get(), &operation.waiter);
 }
 
-// Where nobody reads at the same time, and something is there: a whole message, or the end.
+// Only if a whole message or the end is there to be read.
 void
 Host::read_blocking()
 {
-  if (!reader_ || busy(true) || (!hung_up_ && (!in_order_ || expected_.empty())))
+  if (!reader_ || busy(reads) || (!hung_up_ && (!in_order_ || expected_.empty())))
     return;
   used_ = true;
   g_autoptr(GError) error = nullptr;
   g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(reader_.get(), nullptr, &error);
   FUZZ_CHECK(!message == !!error);
-  // A message of no bytes is an error here.
+  // The blocking reader reports an empty message as an error.
   if (in_order_ && !expected_.empty() && expected_.front().empty() &&
       g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED))
     expected_.pop_front();
@@ -219,7 +217,7 @@ Host::read_blocking()
     check_message(message, error);
 }
 
-// No two operations are ever in progress in one direction.
+// There is never more than one operation in a direction, so GIO never reports one pending.
 void
 Host::check_error(const GError *error, bool may_fail) const
 {
@@ -241,29 +239,42 @@ Host::check_message(GBytes *message, const GError *error)
   expected_.pop_front();
 }
 
+// Starts a write, of which `finish` tells whether it succeeded.
+void
+Host::start_write(GOutputStream *stream, std::size_t size,
+                  std::function<bool(GAsyncResult *, GError **)> finish)
+{
+  unread_ += size + 2048;
+  start(writes, stream, [this, finish = std::move(finish)](GAsyncResult *result) {
+    g_autoptr(GError) error = nullptr;
+    FUZZ_CHECK(finish(result, &error) == !error);
+    check_error(error, false);
+    cut_ |= error != nullptr;
+  });
+}
+
+std::size_t
+message_size(std::uint8_t decision)
+{
+  return decision < 0xf0 ? decision * 8U : (decision - 0xefU) * 20'000U;
+}
+
 void
 Host::write_async()
 {
   const auto decision = script_.byte();
-  const std::size_t size = decision < 0xf0 ? decision * 8U : (decision - 0xefU) * 20'000U;
-  if (!writer_ || busy(false))
+  auto *writer = writer_.get();
+  if (!writer || busy(writes))
     return;
-  const auto message = pattern(size, decision);
+  const auto message = pattern(message_size(decision), decision);
   g_autoptr(GBytes) bytes = g_bytes_new(message.data(), message.size());
-  start(decision % 3 == 0 ? Kind::put_variant : Kind::put_bytes, G_OBJECT(writer_.get()));
+  const bool variant = decision % 3 == 0;
+  start_write(G_OUTPUT_STREAM(writer), message.size(),
+              [writer, variant](GAsyncResult *result, GError **error) {
+                return finish_put(writer, result, variant, error);
+              });
   auto &operation = operations_.back();
-  unread_ += size + 2048;
-  if (operation.kind == Kind::put_bytes) {
-    gvc_bytes_output_stream_put_bytes_async(writer_.get(), bytes, decision >> 4,
-                                            operation.cancellable.get(), Waiter::ready,
-                                            &operation.waiter);
-    return;
-  }
-  g_autoptr(GVariant) variant =
-      g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE));
-  gvc_bytes_output_stream_put_variant_async(writer_.get(), variant, decision >> 4,
-                                            operation.cancellable.get(), Waiter::ready,
-                                            &operation.waiter);
+  start_put(writer, bytes, variant, decision >> 4, operation.cancellable.get(), &operation.waiter);
 }
 
 void
@@ -286,21 +297,25 @@ Host::write_blocking()
   }
 }
 
-// GIO's own asynchronous calls, on the message stream or below it.
+// GIO's asynchronous calls, on the message stream or below it.
 void
 Host::write_by_gio()
 {
   const auto decision = script_.byte();
-  const std::size_t size = 1 + (decision < 0xf0 ? decision * 8U : (decision - 0xefU) * 20'000U);
-  if (busy(false) || (decision % 2 == 0 ? !connection_ : !writer_))
+  if (busy(writes) || (decision % 2 == 0 ? !channel_.connection : !writer_))
     return;
-  auto *stream = decision % 2 == 0 ? g_io_stream_get_output_stream(G_IO_STREAM(connection_.get()))
-                                   : G_OUTPUT_STREAM(writer_.get());
-  start(Kind::gio_write, G_OBJECT(stream));
+  auto *stream = decision % 2 == 0
+                     ? g_io_stream_get_output_stream(G_IO_STREAM(channel_.connection.get()))
+                     : G_OUTPUT_STREAM(writer_.get());
+  const auto data = pattern(1 + message_size(decision), decision);
+  start_write(stream, data.size(), [stream, data](GAsyncResult *result, GError **error) {
+    gsize written = 0;
+    const bool done = g_output_stream_write_all_finish(stream, result, &written, error);
+    FUZZ_CHECK(done ? written == data.size() : written <= data.size());
+    return done;
+  });
   auto &operation = operations_.back();
-  operation.data = pattern(size, decision);
-  unread_ += size + 2048;
-  g_output_stream_write_all_async(stream, operation.data.data(), size, decision >> 4,
+  g_output_stream_write_all_async(stream, data.data(), data.size(), decision >> 4,
                                   operation.cancellable.get(), Waiter::ready, &operation.waiter);
 }
 
@@ -323,19 +338,22 @@ Host::close_something()
   bool done = true;
   calm_ = false;
 
-  if (decision % 8 == 0 && peer_ >= 0 && script_.byte() % 4 == 0)
-    done = g_socket_close(g_socket_connection_get_socket(socket_.get()), &error);
-  else if (decision % 4 == 1 && connection_ && may_send())
-    done = g_io_stream_close(G_IO_STREAM(connection_.get()), nullptr, &error);
+  if (decision % 8 == 0 && channel_.has_peer() && script_.byte() % 4 == 0)
+    done = g_socket_close(g_socket_connection_get_socket(channel_.socket.get()), &error);
+  else if (decision % 4 == 1 && channel_.connection && may_send())
+    done = g_io_stream_close(G_IO_STREAM(channel_.connection.get()), nullptr, &error);
   else if (decision % 4 == 2 && reader_)
     done = g_input_stream_close(G_INPUT_STREAM(reader_.get()), nullptr, &error);
   else if (decision % 4 == 3 && writer_ && may_send())
     done = g_output_stream_close(G_OUTPUT_STREAM(writer_.get()), nullptr, &error);
-  else if (connection_ && may_send()) {
-    start(Kind::close, G_OBJECT(connection_.get()));
-    auto &operation = operations_.back();
-    g_io_stream_close_async(G_IO_STREAM(connection_.get()), 0, operation.cancellable.get(),
-                            Waiter::ready, &operation.waiter);
+  else if (channel_.connection && may_send()) {
+    auto *stream = G_IO_STREAM(channel_.connection.get());
+    auto &operation = start(closes, stream, [stream](GAsyncResult *result) {
+      g_autoptr(GError) failure = nullptr;
+      FUZZ_CHECK(g_io_stream_close_finish(stream, result, &failure) == !failure);
+    });
+    g_io_stream_close_async(stream, 0, operation.cancellable.get(), Waiter::ready,
+                            &operation.waiter);
   }
   FUZZ_CHECK(done == !error);
   unread_ += 256;
@@ -343,7 +361,7 @@ Host::close_something()
     in_order_ = false;
 }
 
-// What is in progress holds on to what it needs.
+// Operations in progress hold references to all that they need.
 void
 Host::drop_something()
 {
@@ -353,10 +371,10 @@ Host::drop_something()
   if (decision % 4 == 0) {
     reader_.reset();
     strings_.reset();
-  } else if (decision % 4 == 1 && (busy(false) || may_send())) {
+  } else if (decision % 4 == 1 && (busy(writes) || may_send())) {
     writer_.reset();
-  } else if (decision % 4 == 2 && (busy(false) || may_send())) {
-    connection_.reset();
+  } else if (decision % 4 == 2 && (busy(writes) || may_send())) {
+    channel_.connection.reset();
   }
 }
 
@@ -368,62 +386,8 @@ Host::iterate()
   reap();
 }
 
-void
-Host::finish(Operation *operation)
-{
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message = nullptr;
-  auto *stream = operation->stream.get();
-  auto *result = operation->waiter.result();
-  switch (operation->kind) {
-  case Kind::bytes:
-    message =
-        gvc_bytes_input_stream_read_bytes_finish(GVC_BYTES_INPUT_STREAM(stream), result, &error);
-    check_message(message, error);
-    break;
-  case Kind::variant: {
-    g_autoptr(GVariant) variant =
-        gvc_bytes_input_stream_read_variant_finish(GVC_BYTES_INPUT_STREAM(stream), result, &error);
-    FUZZ_CHECK(!variant == !!error);
-    message = variant ? g_variant_get_data_as_bytes(g_variant_ref_sink(variant)) : nullptr;
-    check_message(message, error);
-    break;
-  }
-  case Kind::string: {
-    g_autofree gchar *string = gvc_data_input_stream_read_string_finish(
-        GVC_DATA_INPUT_STREAM(stream), result, nullptr, &error);
-    FUZZ_CHECK(!string == !!error);
-    break;
-  }
-  case Kind::close:
-    FUZZ_CHECK(g_io_stream_close_finish(G_IO_STREAM(stream), result, &error) == !error);
-    break;
-  case Kind::put_bytes:
-    FUZZ_CHECK(gvc_bytes_output_stream_put_bytes_finish(GVC_BYTES_OUTPUT_STREAM(stream), result,
-                                                        &error) == !error);
-    check_error(error, false);
-    cut_ |= error != nullptr;
-    break;
-  case Kind::put_variant:
-    FUZZ_CHECK(gvc_bytes_output_stream_put_variant_finish(GVC_BYTES_OUTPUT_STREAM(stream), result,
-                                                          &error) == !error);
-    check_error(error, false);
-    cut_ |= error != nullptr;
-    break;
-  case Kind::gio_write: {
-    gsize written = 0;
-    FUZZ_CHECK(g_output_stream_write_all_finish(G_OUTPUT_STREAM(stream), result, &written,
-                                                &error) == !error);
-    FUZZ_CHECK(error ? written <= operation->data.size() : written == operation->data.size());
-    check_error(error, false);
-    cut_ |= error != nullptr;
-    break;
-  }
-  }
-}
-
-// Takes what has ended. An operation may hold the last reference to a stream with something to
-// send, which nobody would read; so the peer goes first where that cannot be excluded.
+// Finishes completed operations. An operation may hold the last reference to a stream with unsent
+// bytes, which would block without a reader; then the peer disconnects first.
 void
 Host::reap()
 {
@@ -432,7 +396,7 @@ Host::reap()
       ++at;
       continue;
     }
-    finish(&*at);
+    at->finish(at->waiter.result());
     if (cut_ && at->stream.get() != reinterpret_cast<GObject *>(writer_.get()))
       peer_leaves();
     at = operations_.erase(at);
@@ -443,7 +407,7 @@ void
 Host::peer_sends_message()
 {
   const auto decision = script_.byte();
-  if (peer_ < 0 || hung_up_ || !in_order_)
+  if (!channel_.has_peer() || hung_up_ || !in_order_)
     return;
   used_ = true;
   const std::uint8_t prefix[] = {decision, 0, 0, 0};
@@ -452,7 +416,9 @@ Host::peer_sends_message()
   wire.insert(wire.end(), message.begin(), message.end());
   for (auto stage = peer_stages_.rbegin(); stage != peer_stages_.rend(); ++stage)
     wire = convert_all(stage->get(), wire, &script_);
-  if (send_some(peer_, wire) == wire.size())
+  View unsent = wire;
+  channel_.feed(&unsent, wire.size());
+  if (unsent.empty())
     expected_.push_back(message);
   else
     in_order_ = false;
@@ -462,77 +428,72 @@ void
 Host::peer_sends_payload()
 {
   const auto size = std::min<std::size_t>(payload_.size(), script_.byte());
-  if (peer_ < 0 || hung_up_ || size == 0)
+  if (!channel_.has_peer() || hung_up_ || size == 0)
     return;
   used_ = true;
   in_order_ = false;
-  payload_ = payload_.subspan(send_some(peer_, payload_.first(size)));
+  channel_.feed(&payload_, size);
 }
 
 void
 Host::peer_reads()
 {
   static char buffer[64 * 1024];
-  if (peer_ < 0)
+  if (!channel_.has_peer())
     return;
-  // As much as there is, or a little.
+  // Everything, or a few bytes.
   const auto decision = script_.byte();
   const auto size = decision == 0 ? sizeof buffer : decision;
-  while (recv(peer_, buffer, size, 0) > 0 && decision == 0) {
+  while (recv(channel_.peer, buffer, size, 0) > 0 && decision == 0) {
   }
-  if (decision == 0 && !busy(false))
+  if (decision == 0 && !busy(writes))
     unread_ = 0;
 }
 
 void
 Host::peer_goes()
 {
-  if (peer_ < 0)
+  if (!channel_.has_peer())
     return;
   hung_up_ = true;
   calm_ = false;
   if (script_.byte() % 2 == 1) {
-    shutdown(peer_, SHUT_WR);
+    shutdown(channel_.peer, SHUT_WR);
     return;
   }
   peer_leaves();
 }
 
-// Whoever has something to send finds out, and waits no longer.
+// Pending writes fail now.
 void
 Host::peer_leaves()
 {
-  if (peer_ < 0)
+  if (!channel_.has_peer())
     return;
-  close(peer_);
-  peer_ = -1;
+  channel_.disconnect_peer();
   hung_up_ = true;
   calm_ = false;
-  in_order_ = false; // what it had not read itself makes the socket forget what it sent
+  in_order_ = false; // unread bytes make the socket drop what the peer sent
 }
 
-// The peer goes away for good: whatever is in progress ends. Only strings do not end with the
-// stream.
+// The peer disconnects, which ends every operation but reads of strings; these are cancelled.
 void
 Host::end()
 {
-  if (peer_ >= 0)
-    close(peer_);
-  peer_ = -1;
+  channel_.disconnect_peer();
   calm_ = false;
   for (auto &operation : operations_)
-    if (operation.kind == Kind::string)
+    if (!operation.ends)
       g_cancellable_cancel(operation.cancellable.get());
   for (auto &operation : operations_) {
-    operation.waiter.wait();
-    finish(&operation);
+    operation.finish(operation.waiter.wait());
   }
   operations_.clear();
   writer_.reset();
   reader_.reset();
   strings_.reset();
-  connection_.reset();
-  socket_.reset();
+  channel_.connection.reset();
+  channel_.socket.reset();
   run_ready(); // no second calls
 }
 
@@ -567,7 +528,7 @@ Host::run()
 
 } // namespace
 
-// The script: the calls with their arguments; the payload is what an ill-behaved peer sends.
+// The script: the calls with their arguments. The payload: bytes of an ill-behaved peer.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes read as strings with any terminators, blocking and asynchronously, from a stream that
-// can only be read, from a buffered one, and from channels, which are looked into. Nothing but a
-// terminator, an error or cancellation ends a string, so the end of the bytes is one of these. Each
-// string is what stands before its terminator, and nothing behind that is consumed.
+// Reads any bytes as strings with any terminators, blocking and asynchronously, from a stream that
+// can only be read, from a buffered stream, and from channels, which the reader can peek. Only a
+// terminator, an error or cancellation ends a string, so the data end with an error or
+// cancellation. Each string is what precedes its terminator, and nothing behind the terminator is
+// consumed.
 #include "support.h"
 
-#include <zelgvc/zelgvc.h>
-
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstring>
 
 using namespace fuzz;
 
@@ -26,7 +22,7 @@ struct Terminators {
   }
 };
 
-// The stream over the source, or that with a buffer of its own over it.
+// What the reader has consumed of the source, if `base` may buffer more.
 std::size_t
 consumed(const Source &source, GInputStream *base)
 {
@@ -100,47 +96,32 @@ read_all(Source source, Terminators terminators, std::size_t buffer, bool blocki
 
 struct Plan {
   unsigned stage;
-  bool split;         // what the stage reads
-  std::size_t buffer; // over the channel, 0 for none
+  bool split;         // the input of the stage
+  std::size_t buffer; // size of a buffer over the channel, 0 for none
   Script pieces;
   View plain;
 };
 
-class Line
+class Line : public Channel
 {
 public:
   explicit Line(const Plan &plan)
-      : plan_(plan), script_(plan.pieces), splitter_(plan.pieces), pair_(new_pair()),
-        connection_(own(gvc_connection_new(pair_.connection.get())))
+      : Channel(std::span(&plan.stage, 1), plan.split, plan.pieces), plan_(plan),
+        script_(plan.pieces)
   {
-    auto *channel = connection_.get();
-    if (plan.split)
-      gvc_connection_add_converters(channel, new_splitter(&splitter_).get(),
-                                    new_splitter(&splitter_).get());
-    if (plan.stage != 0)
-      gvc_connection_add_converters(channel, new_in_stage(plan.stage).get(),
-                                    new_out_stage(plan.stage).get());
     wire_ = plan.stage == 0 ? Bytes(plan.plain.begin(), plan.plain.end())
                             : convert_all(new_out_stage(plan.stage).get(), plan.plain, &script_);
     unsent_ = wire_;
-    auto *in = g_io_stream_get_input_stream(G_IO_STREAM(channel));
     if (plan.buffer > 0)
-      buffered_ = own(g_buffered_input_stream_new_sized(in, plan.buffer));
-    stream_ = own(gvc_data_input_stream_new(plan.buffer > 0 ? buffered_.get() : in));
+      buffered_ = own(g_buffered_input_stream_new_sized(in(), plan.buffer));
+    stream_ = own(gvc_data_input_stream_new(plan.buffer > 0 ? buffered_.get() : in()));
   }
-  ~Line()
-  {
-    close(pair_.peer);
-  }
-  Line(const Line &) = delete;
-  Line &operator=(const Line &) = delete;
-
-  // Every string is there before it is read, so that no call waits for ever.
+  // Sends every string before it is read, since no one could send while a call blocks.
   void
   read_blocking(Terminators terminators)
   {
     while (!unsent_.empty())
-      feed();
+      send();
     for (unsigned i = 0; const auto size = next(terminators.of(i)); i++) {
       g_autoptr(GError) error = nullptr;
       gsize length = 0;
@@ -149,7 +130,7 @@ public:
       check(string, length, size, error);
     }
   }
-  // The last string, which has no end, waits until it is cancelled.
+  // Cancels the last string, which has no terminator.
   void
   read_async(Terminators terminators)
   {
@@ -161,7 +142,7 @@ public:
                                               cancellable.get(), Waiter::ready, &waiter);
       FUZZ_CHECK(!waiter.done());
       while (!waiter.done() && !unsent_.empty()) {
-        feed();
+        send();
         run_ready();
       }
       if (!size) {
@@ -183,7 +164,7 @@ public:
   }
 
 private:
-  // The size of the next string, 0 if it has no end.
+  // The size of the next string, 0 if it has no terminator.
   std::size_t
   next(char terminator) const
   {
@@ -200,18 +181,14 @@ private:
     at_ += size;
   }
   void
-  feed()
+  send()
   {
     const auto decision = script_.byte();
-    const auto size =
-        decision == 0 ? unsent_.size() : std::min<std::size_t>(decision, unsent_.size());
-    unsent_ = unsent_.subspan(send_some(pair_.peer, unsent_.first(size)));
+    feed(&unsent_, decision == 0 ? unsent_.size() : decision);
   }
 
   const Plan &plan_;
-  Script script_, splitter_;
-  Pair pair_;
-  Ref<GvcConnection> connection_;
+  Script script_;
   Ref<GInputStream> buffered_;
   Ref<GvcDataInputStream> stream_;
   Bytes wire_;
@@ -221,8 +198,8 @@ private:
 
 } // namespace
 
-// The script: the stream and what ends it, where it breaks, two terminators, the stage, and the
-// waits.
+// The script: the kind of stream and of its end, the position of the end, two terminators, the
+// stage, and pieces.
 extern "C" int
 LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
@@ -230,7 +207,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const auto kind = script.byte();
   const auto where = script.byte() | static_cast<std::size_t>(script.byte()) << 8;
   const Terminators terminators{script.byte(), script.byte()};
-  // Long strings, in which the buffer grows, out of short inputs: each byte many times.
+  // Repeats each byte, so that short inputs give strings that outgrow the buffer.
   constexpr std::size_t repeated_most = 28, times = 40;
   Bytes repeated;
   if ((kind & 4) && payload.size() <= repeated_most) {
@@ -238,12 +215,12 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
       repeated.insert(repeated.end(), times, byte);
     payload = repeated;
   }
-  // A thread's help for every byte takes its time.
+  // A thread for each byte is slow.
   const bool threads = kind >= 0xf8 && payload.size() <= 16;
   const auto form = threads ? 0U : kind >> 3 & 3U;
   if (form >= 2) {
     const auto stages = script.byte();
-    // GIO's threads read a buffered stream.
+    // Asynchronous reads of a buffered stream use GIO's threads.
     const bool buffered = form == 3 && payload.size() <= 64;
     Plan plan{stages % stage_kinds, (stages & 4) != 0, buffered ? 1 + (stages >> 3) * 7U : 0U,
               script, payload};

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "support.h"
 
-#include <zelgvc/zelgvc.h>
-
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -27,7 +24,7 @@ __ubsan_default_options()
   return "halt_on_error=1:abort_on_error=1:print_stacktrace=1";
 }
 
-// The seed of the initial IVs: the same in every run, so that an input always means the same.
+// A fixed seed of the initial IVs makes runs repeatable.
 extern "C" int
 gettimeofday(timeval *time, void *) noexcept
 {
@@ -35,8 +32,8 @@ gettimeofday(timeval *time, void *) noexcept
   return 0;
 }
 
-// A peer can announce up to 2 GiB, and the sanitizer marks what is freed by writing to its shadow.
-// So there is an end to the memory that can be had in these ways, in which the library asks for it.
+// A peer can announce up to 2 GiB, and the sanitizer writes shadow memory for all that is freed. So
+// the allocators that the library uses for messages get a limit.
 std::size_t fuzz::memory_limit = fuzz::default_memory_limit;
 
 extern "C" gpointer
@@ -54,8 +51,8 @@ g_try_malloc0(gsize size)
 extern "C" int
 LLVMFuzzerInitialize(int *, char ***argv)
 {
-  // GLib reads these before main(): its slices hide leaks and overruns from the sanitizers, and
-  // critical messages and warnings are defects, since no target provokes one.
+  // GLib reads these before main(). Slices hide leaks and overruns from the sanitizers. No target
+  // provokes warnings, so each one is a defect.
   if (!getenv("G_SLICE")) {
     setenv("G_SLICE", "always-malloc", 1);
     setenv("G_DEBUG", "fatal-warnings", 1);
@@ -132,8 +129,7 @@ fuzz::matches(const ErrorRef &error, int code)
   return g_error_matches(error.get(), G_IO_ERROR, code);
 }
 
-// ---- The size of a piece: all that is asked for, a few bytes, or some more
-
+// The size of a piece: everything, a few bytes, or some more.
 static std::size_t
 piece(std::uint8_t decision)
 {
@@ -399,14 +395,6 @@ new_connection(int fd)
   return own(g_socket_connection_factory_create_connection(socket.get()));
 }
 
-Pair
-fuzz::new_pair()
-{
-  int fds[2];
-  new_sockets(fds);
-  return {new_connection(fds[0]), fds[1]};
-}
-
 std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>>
 fuzz::new_connections()
 {
@@ -415,11 +403,40 @@ fuzz::new_connections()
   return {new_connection(fds[0]), new_connection(fds[1])};
 }
 
-std::size_t
-fuzz::send_some(int fd, View bytes)
+Channel::Channel()
 {
-  auto sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  return sent > 0 ? static_cast<std::size_t>(sent) : 0;
+  int fds[2];
+  new_sockets(fds);
+  socket = new_connection(fds[0]);
+  peer = fds[1];
+  connection = own(gvc_connection_new(socket.get()));
+}
+
+Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : Channel()
+{
+  pieces_ = pieces;
+  if (split)
+    gvc_connection_add_converters(connection.get(), new_splitter(&pieces_).get(),
+                                  new_splitter(&pieces_).get());
+  for (auto kind : stages)
+    if (kind != 0)
+      gvc_connection_add_converters(connection.get(), new_in_stage(kind).get(),
+                                    new_out_stage(kind).get());
+}
+
+void
+Channel::disconnect_peer()
+{
+  if (has_peer())
+    close(peer);
+  peer = -1;
+}
+
+void
+Channel::feed(View *bytes, std::size_t size)
+{
+  const auto sent = send(peer, bytes->data(), std::min(size, bytes->size()), MSG_NOSIGNAL);
+  *bytes = bytes->subspan(sent > 0 ? static_cast<std::size_t>(sent) : 0);
 }
 
 // ---- Asynchronous operations
@@ -445,4 +462,66 @@ fuzz::run_ready()
 {
   while (g_main_context_iteration(nullptr, FALSE)) {
   }
+}
+
+// ---- Messages
+
+static GVariant *
+as_variant(GBytes *bytes)
+{
+  return g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE_BYTESTRING, bytes, TRUE));
+}
+
+void
+fuzz::start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+                 Waiter *waiter)
+{
+  if (variant)
+    gvc_bytes_input_stream_read_variant_async(in, "ay", priority, cancellable, Waiter::ready,
+                                              waiter);
+  else
+    gvc_bytes_input_stream_read_bytes_async(in, priority, cancellable, Waiter::ready, waiter);
+}
+
+GBytes *
+fuzz::finish_read(GvcBytesInputStream *in, GAsyncResult *result, bool variant, GError **error)
+{
+  GBytes *message = nullptr;
+  if (variant) {
+    g_autoptr(GVariant) value = gvc_bytes_input_stream_read_variant_finish(in, result, error);
+    message = value ? g_variant_get_data_as_bytes(g_variant_ref_sink(value)) : nullptr;
+  } else {
+    message = gvc_bytes_input_stream_read_bytes_finish(in, result, error);
+  }
+  FUZZ_CHECK(!message == !!*error);
+  return message;
+}
+
+bool
+fuzz::put(GvcBytesOutputStream *out, GBytes *message, bool variant, GError **error)
+{
+  if (!variant)
+    return gvc_bytes_output_stream_put_bytes(out, message, nullptr, error);
+  g_autoptr(GVariant) value = as_variant(message);
+  return gvc_bytes_output_stream_put_variant(out, value, nullptr, error);
+}
+
+void
+fuzz::start_put(GvcBytesOutputStream *out, GBytes *message, bool variant, int priority,
+                GCancellable *cancellable, Waiter *waiter)
+{
+  g_autoptr(GVariant) value = as_variant(message);
+  if (variant)
+    gvc_bytes_output_stream_put_variant_async(out, value, priority, cancellable, Waiter::ready,
+                                              waiter);
+  else
+    gvc_bytes_output_stream_put_bytes_async(out, message, priority, cancellable, Waiter::ready,
+                                            waiter);
+}
+
+bool
+fuzz::finish_put(GvcBytesOutputStream *out, GAsyncResult *result, bool variant, GError **error)
+{
+  return variant ? gvc_bytes_output_stream_put_variant_finish(out, result, error)
+                 : gvc_bytes_output_stream_put_bytes_finish(out, result, error);
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the fuzz targets of the library share. A target's input is one byte that says how many bytes
-// of script follow it, the script, and the bytes that the script is about.
+// Shared by the fuzz targets of the library. An input starts with one byte, the size of the script.
+// Then come the script, which makes the decisions, and the payload.
 #pragma once
 
-#include <gio/gio.h>
+#include <zelgvc/zelgvc.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -19,15 +19,15 @@ namespace fuzz
 using View = std::span<const std::uint8_t>;
 using Bytes = std::vector<std::uint8_t>;
 
-// Ends the process: the input has shown a defect.
+// Aborts, which libFuzzer reports as a finding.
 [[noreturn]] void fail(const char *what, const char *file, int line);
 #define FUZZ_CHECK(condition) ((condition) ? void(0) : ::fuzz::fail(#condition, __FILE__, __LINE__))
 
-// The largest message that there is memory for.
+// The largest allocation of a message that succeeds.
 inline constexpr std::size_t default_memory_limit = 256 * 1024;
 extern std::size_t memory_limit;
 
-// Decisions, one byte each. Once they are used up every decision is 0.
+// Decisions of one byte each, and 0 after the last one.
 class Script
 {
 public:
@@ -57,8 +57,8 @@ Input split_input(const std::uint8_t *data, std::size_t size);
 
 bool equal(View a, View b);
 View view(GBytes *bytes);
-// The same bytes for the same arguments, for ever, up to `longest_pattern` of them; they compress
-// well where `seed` is even.
+// Up to `longest_pattern` bytes, the same for the same arguments. They compress well if `seed` is
+// even.
 inline constexpr std::size_t longest_pattern = 1'100'000;
 View pattern(std::size_t size, std::uint8_t seed);
 
@@ -70,7 +70,6 @@ template <typename T> struct Unref {
   }
 };
 template <typename T> using Ref = std::unique_ptr<T, Unref<T>>;
-// Takes over a full reference.
 template <typename T>
 Ref<T>
 own(T *object)
@@ -88,45 +87,73 @@ struct ErrorFree {
 using ErrorRef = std::unique_ptr<GError, ErrorFree>;
 bool matches(const ErrorRef &error, int code); // in G_IO_ERROR
 
-// What a scripted stream delivers: pieces of `data` as large as `pieces` says. A read that starts
-// at `fail_at` fails, and one that starts at `cancel_at` finds the operation cancelled.
+// The data of a scripted stream, read in pieces of the sizes in `pieces`. A read at `fail_at`
+// fails, and a read at `cancel_at` cancels the operation.
 struct Source {
   View data;
   Script pieces;
-  bool pollable = true; // if not, GIO's threads read it when it is read asynchronously
+  bool pollable = true; // if not, asynchronous reads use GIO's threads
   std::size_t fail_at = SIZE_MAX;
   std::size_t cancel_at = SIZE_MAX;
   GCancellable *cancellable = nullptr;
   std::size_t position = 0;
-  bool blocked = false; // the last read said so; the next one does not
+  bool blocked = false; // the last read would have blocked, so the next one does not
 };
 inline constexpr int source_error = G_IO_ERROR_HOST_UNREACHABLE; // of a read at fail_at
 // `source` must outlive the stream.
 Ref<GInputStream> new_input(Source *source);
 
-// A converter that hands bytes on unchanged, as many in each call as `pieces` says; it splits what
-// the stream below delivers. `pieces` must outlive it.
+// A converter that copies bytes, in pieces of the sizes in `pieces`, which must outlive it.
 Ref<GConverter> new_splitter(Script *pieces);
 
-// The stages that targets stack, by number; 0 is none.
+// Kinds of stages; 0 is no stage.
 inline constexpr unsigned stage_kinds = 4;
 Ref<GConverter> new_in_stage(unsigned kind);
 Ref<GConverter> new_out_stage(unsigned kind);
-// All of `plain` converted, in calls of the sizes that `pieces` says.
+// Converts all of `plain`, in pieces of the sizes in `pieces`.
 Bytes convert_all(GConverter *converter, View plain, Script *pieces);
 
-struct Pair {
-  Ref<GSocketConnection> connection;
-  int peer; // the other end, never blocking; close() it
-};
-Pair new_pair();
 // Two connections with each other.
 std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>> new_connections();
-// How many of the bytes the socket has taken.
-std::size_t send_some(int fd, View bytes);
 
-// Stands behind a GAsyncReadyCallback: `Waiter::ready` with the waiter as its data. It must be
-// called exactly once, and never before the operation has started.
+// A channel over a socket pair, whose other end sends and receives bytes without blocking.
+class Channel
+{
+public:
+  Channel();
+  // The first stage is next to the socket. With `split`, a splitter is below it.
+  Channel(std::span<const unsigned> stages, bool split, Script pieces);
+  ~Channel()
+  {
+    disconnect_peer();
+  }
+  Channel(const Channel &) = delete;
+  Channel &operator=(const Channel &) = delete;
+
+  GInputStream *
+  in() const
+  {
+    return g_io_stream_get_input_stream(G_IO_STREAM(connection.get()));
+  }
+  void disconnect_peer();
+  bool
+  has_peer() const
+  {
+    return peer >= 0;
+  }
+  // Sends up to `size` of the bytes, as many as the socket takes, and removes them from `bytes`.
+  void feed(View *bytes, std::size_t size);
+
+  Ref<GSocketConnection> socket;
+  Ref<GvcConnection> connection;
+  int peer;
+
+private:
+  Script pieces_{{}};
+};
+
+// Waits for an asynchronous operation: pass `Waiter::ready` and the waiter. Checks that the
+// callback runs once.
 class Waiter
 {
 public:
@@ -153,5 +180,14 @@ private:
 
 // Runs what is ready in the main context.
 void run_ready();
+
+// Messages, as bytes or as variants of the type "ay".
+void start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+                Waiter *waiter);
+GBytes *finish_read(GvcBytesInputStream *in, GAsyncResult *result, bool variant, GError **error);
+bool put(GvcBytesOutputStream *out, GBytes *message, bool variant, GError **error);
+void start_put(GvcBytesOutputStream *out, GBytes *message, bool variant, int priority,
+               GCancellable *cancellable, Waiter *waiter);
+bool finish_put(GvcBytesOutputStream *out, GAsyncResult *result, bool variant, GError **error);
 
 } // namespace fuzz

@@ -1,12 +1,11 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""The conversations of scripts/demo, and the table of what was seen.
+"""Builds and runs the demonstration.
 
-usage: demo.py SERVE CALL ZELGVC
+usage: demo.py BUILD_DIR
 
-For every combination of stages the serving and the calling example hold the same conversation
-twice, as two processes on the loopback interface: once directly, which is timed, and once through
-a relay in this process, which counts and keeps every byte that passes. Then the program zelgvc shows
-what it does.
+For every combination of stages, the example server and client hold the same conversation twice over
+the loopback interface. The first conversation is direct and timed. The second passes through a relay
+in this process, which counts and keeps every byte. Then the program zelgvc shows its commands.
 """
 
 import hashlib
@@ -32,7 +31,7 @@ STAGES = {
     "encrypted": ["--encrypt", "KEY"],
     "compressed, encrypted": ["--compress", "--encrypt", "KEY"],
 }
-# Part of a variant that every conversation sends; its letters stand so on a wire that hides nothing.
+# Part of a variant that every conversation sends; readable on the wire unless compressed or encrypted.
 TEXT = b"message 42 of %d" % MESSAGES
 
 
@@ -50,7 +49,7 @@ def files_below(top, suffix):
 
 
 def make_sample(path):
-    """A file of headers and shared libraries, half and half: text and machine code."""
+    """Writes a file of text (headers) and machine code (shared libraries) in equal parts."""
     with open(path, "wb") as sample:
         for top, suffix, size in (("/usr/include", ".h", SAMPLE_SIZE // 2),
                                   ("/usr/lib", ".so", SAMPLE_SIZE),
@@ -76,7 +75,7 @@ def checksum(path):
 
 
 class Relay:
-    """Stands between one caller and the server, and keeps what passes."""
+    """Forwards one client's connection to the server and keeps all bytes."""
 
     def __init__(self, port):
         self.server_port = port
@@ -104,18 +103,18 @@ class Relay:
                 sink.sendall(data)
             sink.shutdown(socket.SHUT_WR)
         except OSError:
-            # An end that went away shows in the exit status of its program.
+            # The exit status of the failed program tells.
             pass
 
     def finish(self):
         self.thread.join(timeout=60)
         if self.thread.is_alive():
-            raise Failure("the relay still waits for an end of the connection")
+            raise Failure("the connection through the relay does not end")
         return self.seen
 
 
 def converse(serve, call, options, sample, relayed):
-    """One conversation: the caller's figures, and with a relay what it saw."""
+    """Runs one conversation; returns the client's figures, a checksum and the relayed bytes."""
     with tempfile.TemporaryDirectory() as directory:
         server = subprocess.Popen(
             [serve, "--callers", "1", "--directory", directory, *options],
@@ -145,20 +144,20 @@ def converse(serve, call, options, sample, relayed):
 
 
 def check_wire(name, figures, seen):
-    """What the counted bytes must and must not show."""
+    """Checks the relayed bytes against the client's figures and returns their count."""
     wire = sum(map(len, seen))
     readable = any(TEXT in direction for direction in seen)
     if name == "plain":
-        # A frame is its length in 4 bytes and its payload; a string ends with one more byte.
+        # Each frame adds a prefix of 4 bytes, and each string a terminator.
         expected = figures["payload"] + 4 * figures["frames"] + figures["strings"]
         if wire != expected:
-            raise Failure(f"{wire} bytes on the wire where {expected} were due")
+            raise Failure(f"{wire} bytes on the wire instead of {expected}")
         if not readable:
-            raise Failure("the relay did not see a text that was sent in the clear")
+            raise Failure("the relay did not see the plain text")
     if "compressed" in name and wire >= figures["payload"]:
-        raise Failure("compression saved nothing")
+        raise Failure("compression did not reduce the bytes on the wire")
     if "encrypted" in name and readable:
-        raise Failure("a text can be read on the wire")
+        raise Failure("encrypted text is readable on the wire")
     return wire
 
 
@@ -168,6 +167,14 @@ def show(name, figures, wire, size):
     print(f"{name:<22} {figures['frames'] + figures['strings']:>8,} {figures['payload']:>13,} "
           f"{wire:>13,} {exchanges:>9,.0f} {seconds:>8.3f} {size / 1e6 / seconds:>7.0f}  agree",
           flush=True)
+
+
+def build(build_dir, *targets):
+    """Builds with ninja's output visible: the first build takes a while."""
+    print(f"== building {', '.join(targets)}", flush=True)
+    if subprocess.run(["ninja", "-C", build_dir, *targets], stdin=subprocess.DEVNULL).returncode:
+        raise Failure("the build failed")
+    return [os.path.join(build_dir, target) for target in targets]
 
 
 def run(serve, call, directory):
@@ -186,26 +193,28 @@ def run(serve, call, directory):
             figures, arrived, _ = converse(serve, call, options, sample, relayed=False)
             counted, arrived_counted, seen = converse(serve, call, options, sample, relayed=True)
             if right != arrived or right != arrived_counted:
-                raise Failure("the file that arrived is not the file that was sent")
+                raise Failure("the received file is not the file that was sent")
             if any(figures[what] != counted[what] for what in ("frames", "strings", "payload")):
                 raise Failure("the two conversations differ")
             show(name, figures, check_wire(name, counted, seen), size)
         except (Failure, subprocess.TimeoutExpired) as failure:
             raise Failure(f"{name}: {failure}") from failure
     print(f"""
-Messages and payload count both directions: {MESSAGES} byte blocks, variants and strings each with
-their answers, the requests, and the file in parts of 64 KiB. Times are those of a direct
-conversation; the bytes on the wire were counted by a relay in a second one like it.""")
+Messages and payload include both directions: {MESSAGES} byte blocks, variants and strings each, with
+their answers, the requests, and the file in parts of 64 KiB. The direct conversation gives the times,
+a second one through a relay gives the bytes on the wire.
+""")
 
 
 def main():
-    # So that a demonstration that is stopped removes its files and its server.
+    # An exit by exception removes the files and stops the server.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     try:
         with tempfile.TemporaryDirectory(prefix="zelgvc-demo-") as directory:
-            run(sys.argv[1], sys.argv[2], directory)
+            run(*build(sys.argv[1], "examples/serve", "examples/call"), directory)
             sample = os.path.join(directory, "sample")
-            demoprogram.run(sys.argv[3], sample, os.path.join(directory, "program"))
+            program, = build(sys.argv[1], "tools/zelgvc")
+            demoprogram.run(program, sample, os.path.join(directory, "program"))
     except (Failure, demoprogram.Failure, subprocess.TimeoutExpired) as failure:
         print(f"demo: {failure}", file=sys.stderr)
         return 1

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""What scripts/demo shows of the program zelgvc: each command as it would be typed, each against
-another process of it on the loopback interface."""
+"""The part of the demonstration that shows the program zelgvc: each command as a user would type it,
+against a second zelgvc process on the loopback interface."""
 
 import filecmp
 import os
@@ -35,7 +35,7 @@ class Demonstration:
         return process
 
     def listen(self, command, *arguments):
-        """Starts what listens, and tells the address that it was given."""
+        """Starts a listening command; returns its process and its address."""
         self.type([command, "127.0.0.1:0", *arguments], after=" &")
         process = self.start(command, "127.0.0.1:0", *arguments, stdin=subprocess.DEVNULL,
                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -76,11 +76,11 @@ def conversation(demo):
     heard = demo.end(listen)
     print(heard, end="")
     if heard != said:
-        raise Failure("what was heard is not what was said")
+        raise Failure("the received text is not the text that was sent")
 
 
 def watch(process, master):
-    """Passes the terminal of a process on to ours, and tells the last bar that it showed."""
+    """Copies the terminal output of a process to ours; returns the last progress bar in it."""
     seen = b""
     while process.poll() is None or select.select([master], [], [], 0)[0]:
         if select.select([master], [], [], 0.05)[0]:
@@ -108,7 +108,7 @@ def transfer(demo, sample, stages):
     print(report.replace(os.path.dirname(sample) + "/", ""), end="")
     arrived = os.path.join(demo.directory, "incoming", os.path.basename(sample))
     if not bar or not filecmp.cmp(sample, arrived, shallow=False):
-        raise Failure("the file that arrived is not the file that was sent")
+        raise Failure("the received file is not the file that was sent")
 
 
 def measure(demo):
@@ -119,7 +119,7 @@ def measure(demo):
 
 
 def dissect(demo):
-    """Keeps what the program sends, and takes it apart."""
+    """Records a stream and decodes it."""
     with socket.create_server(("127.0.0.1", 0)) as server:
         address = f"127.0.0.1:{server.getsockname()[1]}"
         connect = demo.start("connect", address, "--compress", "--encrypt", "key",
@@ -131,25 +131,25 @@ def dissect(demo):
                 while data := peer.recv(65536):
                     recorded.write(data)
         if connect.wait(PATIENCE):
-            raise Failure("the connection to record ended badly")
+            raise Failure("the recorded connection failed")
     shown = demo.run("decode", "recorded", "--compress", "--encrypt", "key")
     if '"hello"' not in shown or "no damage" not in shown:
-        raise Failure("the recorded messages do not come apart")
+        raise Failure("the recorded messages do not decode")
 
 
 def run(zelgvc, sample, directory):
     os.makedirs(os.path.join(directory, "incoming"))
     demo = Demonstration(zelgvc, directory)
     try:
-        print("\n== the program: a key, and a conversation")
+        print("\n== the program: a key and a conversation")
         demo.run("keygen", "key")
         conversation(demo)
-        print("\n== a file through every combination of stages")
+        print("\n== a file over every combination of stages")
         for stages in STAGES:
             transfer(demo, sample, stages)
         print("\n== round trips")
         measure(demo)
-        print("\n== the first messages of a recorded stream, taken apart")
+        print("\n== decoding a recorded stream")
         dissect(demo)
     finally:
         demo.stop()

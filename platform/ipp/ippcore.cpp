@@ -5,15 +5,14 @@
 #include <pthread.h>
 #include <string.h>
 
-// The oldest libgcrypt with every call that is made here.
+// The oldest libgcrypt with every function that we call.
 static constexpr char oldestVersion[] = "1.8.0";
 
 static pthread_once_t startOnce = PTHREAD_ONCE_INIT;
-static bool isReady; // written inside startOnce, so every reader that went through it sees it
+static bool isReady; // written inside startOnce
 
-// libgcrypt is configured once per process. A host that has done so keeps its choices (secure
-// memory, allocation handlers, random generator); nothing may be configured a second time.
-// Where nobody has, secure memory is left out: a pool of locked memory is the host's decision.
+// libgcrypt is configured once per process, by the host if it has. Otherwise we disable secure
+// memory, since a pool of locked memory is the host's decision.
 static void
 start()
 {

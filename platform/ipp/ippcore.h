@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the platform functions share: start-up of the engine, and leaving no traces. For the files
-// of this directory only.
+// Shared by the files of this directory: start-up of libgcrypt and wiping of the stack.
 #pragma once
 
 #include "platform/ipp/ipp.h"
@@ -8,11 +7,11 @@
 namespace ipp
 {
 
-// Makes libgcrypt usable: ippStsNoErr, or ippStsErr where the libgcrypt found at run time is too
-// old. Callable from any thread at any time; after the first call it costs one comparison.
+// Initialises libgcrypt unless the host has. Returns ippStsErr if the libgcrypt at run time is too
+// old. Thread-safe; cheap after the first call.
 [[nodiscard]] IppStatus startEngine() noexcept;
 
-// Wipes what the functions that its caller has called have left on the stack, up to 1 KiB of it.
+// Wipes 1 KiB of stack, which functions that the caller has called may have filled.
 void wipeStackBelow() noexcept;
 
 } // namespace ipp

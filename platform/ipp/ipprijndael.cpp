@@ -1,27 +1,26 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // AES-CBC over a libgcrypt cipher handle.
 //
-// The context block holds the handle and where its chain stands. The round keys live in memory of
-// libgcrypt's, which gcry_cipher_close wipes; no copy of the key is ever made here.
+// The context holds the handle and the state of its chain. libgcrypt owns the only copy of the key
+// and wipes it in gcry_cipher_close().
 #include "platform/ipp/ippcore.h"
 
 #include <gcrypt.h>
 #include <string.h>
 
 struct IppsRijndael128Spec {
-  std::uintptr_t seal; // sealOf() this block while `handle` is open and has its key
+  std::uintptr_t seal; // sealOf() this context while `handle` is open and has its key
   gcry_cipher_hd_t handle;
-  // The last cipher text block of the call before, to which the handle itself would chain the next
-  // one; a caller whose chain runs on need not set the IV anew, which costs as much as a block.
+  // The last ciphertext block of the previous call, from which the handle continues the chain. If
+  // the next IV is the same, gcry_cipher_setiv(), which costs as much as a block, is not needed.
   mutable bool hasChain;
   mutable Ipp8u chain[16];
 };
 
 static constexpr int blockSize = 16;
 
-// The seal depends on the block's address, so a block that was copied byte by byte is no context:
-// two blocks never own one handle. It is odd, as blocks lie at even addresses, and so never the 0
-// of a block that was only zero-filled.
+// The seal depends on the address, so a copied context is not valid and two contexts never own one
+// handle. The seal is odd, because addresses are even, so it never equals 0.
 static std::uintptr_t
 sealOf(const IppsRijndael128Spec *ctx)
 {
@@ -62,7 +61,7 @@ ippsRijndael128Init(const Ipp8u *pKey, IppsRijndaelKeyLength keyLen, IppsRijndae
 {
   if (pCtx == nullptr)
     return ippStsNullPtrErr;
-  // Whatever the block held is gone from here on, so a failed Init leaves no usable context.
+  // A failed Init leaves no usable context.
   ippsRijndael128Release(pCtx);
   if (pKey == nullptr)
     return ippStsNullPtrErr;
@@ -100,7 +99,7 @@ checkCall(const Ipp8u *src, const Ipp8u *dst, int len, const IppsRijndael128Spec
 startChain(const IppsRijndael128Spec *ctx, const Ipp8u *iv)
 {
   const bool runsOn = ctx->hasChain && memcmp(ctx->chain, iv, blockSize) == 0;
-  // Whatever fails from here on leaves the handle's own chain in doubt.
+  // After a failure the state of the handle's chain is unknown.
   ctx->hasChain = false;
   return runsOn || gcry_cipher_setiv(ctx->handle, iv, blockSize) == 0;
 }
@@ -132,7 +131,7 @@ ippsRijndael128DecryptCBC(const Ipp8u *pSrc, Ipp8u *pDst, int len, const IppsRij
   if (const IppStatus status = checkCall(pSrc, pDst, len, pCtx, pIV, padding); status != 0)
     return status;
   const auto size = static_cast<std::size_t>(len);
-  // In place, the cipher text is gone afterwards.
+  // Decrypting in place overwrites the ciphertext.
   Ipp8u lastBlock[blockSize];
   memcpy(lastBlock, pSrc + size - blockSize, blockSize);
   if (!startChain(pCtx, pIV) || gcry_cipher_decrypt(pCtx->handle, pDst, size, pSrc, size) != 0)

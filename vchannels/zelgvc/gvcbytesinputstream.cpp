@@ -7,8 +7,7 @@
 #include "engine/gvcpollable.h"
 #include "engine/gvcreader.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
+#include <platform/hugepages.h>
 
 /**
  * GvcBytesInputStream:
@@ -44,22 +43,6 @@ set_no_memory(GError **error)
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
 }
 
-// From this size on glibc maps each block of its own, so that all of its pages are fresh from the
-// system: faulting them in one by one takes several times as long as the reading. The mapping goes
-// away with the block, and with it the advice.
-static constexpr gsize mapped_from = 32 * 1024 * 1024;
-
-static void
-prefer_huge_pages(void *block, gsize size)
-{
-#ifdef MADV_HUGEPAGE
-  auto page = static_cast<gsize>(sysconf(_SC_PAGESIZE));
-  auto before = reinterpret_cast<guintptr>(block) % page;
-  // The start of the page in which the block starts is malloc()'s header.
-  madvise(static_cast<guint8 *>(block) - before, size + before, MADV_HUGEPAGE);
-#endif
-}
-
 // The length that the 4 bytes of a prefix announce, and memory for it: NULL for a length of 0, and
 // NULL with an error where the length cannot be met.
 static void *
@@ -75,8 +58,8 @@ allocate_payload(const void *prefix, gsize *size, GError **error)
   void *buffer = g_try_malloc(*size);
   if (!buffer && *size > 0)
     set_no_memory(error);
-  if (buffer && *size >= mapped_from)
-    prefer_huge_pages(buffer, *size);
+  if (buffer)
+    platform::preferHugePages(buffer, *size);
   return buffer;
 }
 
