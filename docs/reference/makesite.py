@@ -149,7 +149,6 @@ def external(match):
 
 
 def finish_page(page, pages_list):
-    page = re.sub(r"<img [^>]*\.svg[^>]*>", r'<span class="scroll plot">\g<0></span>', page)
     page = EXTERNAL.sub(external, page)
     for old, new in (
         ("<table", '<div class="scroll"><table'),
