@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Turns the sigils of the doc comments (#GvcConnection, gvc_connection_new()) into the links of
-gi-docgen, which on its own only sets them in type-writer face. A reference to one of our own
-symbols that does not exist is an error.
+"""Turns the marks of the doc comments (#GvcConnection, gvc_connection_new()) into links of
+gi-docgen, which only prints them in a fixed-width font. A reference to a missing symbol of ours is
+an error.
 
 Usage: linkify.py IN.gir OUT.gir
 """
@@ -43,7 +43,7 @@ def type_link(element):
 
 
 def symbols_of(root):
-    """What a C name is called in a link."""
+    """Maps each C name to the name that gi-docgen links to."""
     namespace = root.find(CORE + "namespace")
     prefix = namespace.get("name")
     links = {}
@@ -87,17 +87,20 @@ class Linker:
         return FUNCTION.sub(self.function, TYPE.sub(self.type, text))
 
 
+def known_links(source):
+    """The links of GLib's libraries and of our own, by C name."""
+    links = {}
+    for path in *(SYSTEM_GIRS / f"{name}-2.0.gir" for name in ("GLib", "GObject", "Gio")), source:
+        links.update(symbols_of(ET.parse(path).getroot()))
+    return links
+
+
 def main(source, target):
     ET.register_namespace("", CORE.strip("{}"))
     ET.register_namespace("c", C.strip("{}"))
     ET.register_namespace("glib", GLIB.strip("{}"))
     tree = ET.parse(source)
-    links = {}
-    for name in "GLib", "GObject", "Gio":
-        links.update(symbols_of(ET.parse(SYSTEM_GIRS / f"{name}-2.0.gir").getroot()))
-    links.update(symbols_of(tree.getroot()))
-
-    linker = Linker(links)
+    linker = Linker(known_links(source))
     for doc in tree.getroot().iter(CORE + "doc"):
         doc.text = linker.text(doc.text)
     tree.write(target, encoding="utf-8", xml_declaration=True)
