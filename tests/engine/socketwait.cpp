@@ -4,6 +4,7 @@
 #include "tests/support/resources.h"
 #include "tests/support/traffic.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -16,6 +17,30 @@
 
 using namespace support;
 using namespace traffic;
+
+namespace
+{
+
+/* ---- The moment before a wait ---- */
+
+/* Runs once, when a read of this descriptor has found nothing. */
+int empty_fd = -1;
+std::function<void()> when_empty;
+
+} // namespace
+
+/* GIO calls this function in place of the C library's. */
+extern "C" ssize_t
+recv(int fd, void *buffer, size_t size, int flags)
+{
+  static const auto real = reinterpret_cast<decltype(&recv)>(dlsym(RTLD_NEXT, "recv"));
+  const ssize_t received = real(fd, buffer, size, flags);
+  const int error = errno;
+  if (received < 0 && fd == empty_fd && when_empty)
+    std::exchange(when_empty, {})();
+  errno = error;
+  return received;
+}
 
 namespace
 {
@@ -417,6 +442,11 @@ test_unread()
   g_assert_false(g_main_context_iteration(nullptr, FALSE));
   assert_quiet();
   send(pair.b, "two");
+  {
+    const PollWatch watch;
+    g_main_context_iteration(nullptr, FALSE);
+    g_assert_cmpint(last_poll, ==, 0);
+  }
   assert_quiet();
   Read(pair.a).expect("one");
   Read(pair.a).expect("two");
@@ -613,6 +643,37 @@ test_answers()
     send(pair.a, "question");
     Read(pair.a, i % 2 ? G_PRIORITY_DEFAULT : G_PRIORITY_HIGH).expect("answer");
   }
+}
+
+/* A message that comes after a read has found nothing, and before the wait begins, ends that wait.
+ * The stream waits for the first time, or again, or again after a message that nobody waited for.
+ */
+void
+test_data_before_wait()
+{
+  enum class Past { none, waited, unread };
+  for (const Past past : {Past::none, Past::waited, Past::unread}) {
+    Pair pair;
+    if (past != Past::none)
+      warm_up(pair);
+    if (past == Past::unread) {
+      send(pair.b, "unread");
+      spin_pending();
+      Read(pair.a).expect("unread");
+    }
+    bool sent = false;
+    when_empty = [&] {
+      send(pair.b, "in between");
+      sent = true;
+    };
+    empty_fd = g_socket_get_fd(pair.a.socket());
+    Read read(pair.a);
+    g_assert_true(sent);
+    g_assert_false(read.done());
+    read.expect("in between");
+    assert_quiet();
+  }
+  empty_fd = -1;
 }
 
 void
@@ -905,6 +966,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/fork", test_fork);
   g_test_add_func("/socketwait/early-data", test_early_data);
   g_test_add_func("/socketwait/answers", test_answers);
+  g_test_add_func("/socketwait/data-before-wait", test_data_before_wait);
   g_test_add_func("/socketwait/both-directions", test_both_directions);
   g_test_add_func("/socketwait/many-at-once", test_many_at_once);
   g_test_add_func("/socketwait/batch/close", test_batch<Deed::close>);
