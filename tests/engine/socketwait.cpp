@@ -257,6 +257,40 @@ wait_until_given_up()
   spin_until([] { return epoll_instances() == 0; });
 }
 
+void
+close_connection(Channel &channel)
+{
+  Error error;
+  GSocketConnection *const connection = gvc_connection_get_connection(channel.connection.get());
+  g_io_stream_close(G_IO_STREAM(connection), nullptr, &error);
+}
+
+void
+close_socket(Channel &channel)
+{
+  channel.abandon();
+}
+
+constexpr Family families[] = {Family::unix_domain, Family::tcp4};
+
+/* Ends the child without what belongs to the parent: exit handlers, the test's report. */
+void
+in_child(const std::function<void()> &code)
+{
+  const pid_t child = fork();
+  g_assert_cmpint(child, >=, 0);
+  if (child == 0) {
+    code();
+    _exit(0);
+  }
+  int status = 0;
+  g_assert_cmpint(waitpid(child, &status, 0), ==, child);
+  g_assert_true(WIFEXITED(status));
+  g_assert_cmpint(WEXITSTATUS(status), ==, 0);
+}
+
+enum class Deed { close, cancel, free };
+
 /* ---- Contexts, priorities, order ---- */
 
 void
@@ -472,22 +506,6 @@ test_pending_behind_unread()
 
 /* ---- Closed and reused descriptors, fork ---- */
 
-void
-close_connection(Channel &channel)
-{
-  Error error;
-  GSocketConnection *const connection = gvc_connection_get_connection(channel.connection.get());
-  g_io_stream_close(G_IO_STREAM(connection), nullptr, &error);
-}
-
-void
-close_socket(Channel &channel)
-{
-  channel.abandon();
-}
-
-constexpr Family families[] = {Family::unix_domain, Family::tcp4};
-
 template <void (*close)(Channel &)>
 void
 test_closed()
@@ -563,22 +581,6 @@ test_copied_descriptor()
   close(copy);
   send(bystander.b, "still");
   waiting.expect("still");
-}
-
-/* Ends the child without what belongs to the parent: exit handlers, the test's report. */
-void
-in_child(const std::function<void()> &code)
-{
-  const pid_t child = fork();
-  g_assert_cmpint(child, >=, 0);
-  if (child == 0) {
-    code();
-    _exit(0);
-  }
-  int status = 0;
-  g_assert_cmpint(waitpid(child, &status, 0), ==, child);
-  g_assert_true(WIFEXITED(status));
-  g_assert_cmpint(WEXITSTATUS(status), ==, 0);
 }
 
 void
@@ -713,8 +715,6 @@ test_many_at_once()
     g_assert_cmpuint(called, ==, count * static_cast<guint>(round + 1));
   }
 }
-
-enum class Deed { close, cancel, free };
 
 /* The first callback of a batch does something to all other channels of the batch. */
 template <Deed deed>
