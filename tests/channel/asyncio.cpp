@@ -242,6 +242,43 @@ struct PingPong {
   }
 };
 
+// ---- A finished write is a sent write
+
+// A write that is cancelled while the peer is slow; with stages, these have accepted all of it.
+BytesRef
+write_and_cancel(Channel &channel, guint32 seed)
+{
+  auto message = new_bytes(noise(900'000, seed));
+  auto cancellable = own(g_cancellable_new());
+  Collector written;
+
+  put(channel.a, message.get(), written, cancellable.get());
+  assert_stays_unfinished(written);
+  g_cancellable_cancel(cancellable.get());
+  Error error;
+  g_assert_false(
+      gvc_bytes_output_stream_put_bytes_finish(channel.a.out.get(), written.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  g_assert_cmpuint(written.calls(), ==, 1);
+  return message;
+}
+
+// The peer, in a thread of its own, reads these messages and nothing before them.
+std::thread
+expect_messages(Channel &channel, std::vector<GBytes *> expected)
+{
+  return std::thread([in = channel.b.in.get(), expected] {
+    for (auto *message : expected) {
+      Error error;
+      auto got = BytesRef(gvc_bytes_input_stream_read_bytes(in, nullptr, &error));
+      error.assert_none();
+      g_assert_true(g_bytes_equal(got.get(), message));
+    }
+  });
+}
+
+enum class Gone { reset, closed };
+
 void
 test_no_threads(Family family, int stages, unsigned count)
 {
@@ -375,8 +412,6 @@ test_closed_base_is_noticed()
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
 }
 
-// ---- A finished write is a sent write
-
 // The peer reads nothing, so no write that is larger than all buffers on the way can be finished;
 // the main loop goes on. Once the peer reads, all of it arrives without anybody writing any more.
 void
@@ -479,39 +514,6 @@ test_both_directions_at_once(int stages)
   assert_put(channel.b, written_b);
   g_assert_true(g_bytes_equal(assert_got(channel.b, read_b).get(), one.get()));
   g_assert_true(g_bytes_equal(assert_got(channel.a, read_a).get(), two.get()));
-}
-
-// A write that is cancelled while the peer is slow; with stages, these have accepted all of it.
-BytesRef
-write_and_cancel(Channel &channel, guint32 seed)
-{
-  auto message = new_bytes(noise(900'000, seed));
-  auto cancellable = own(g_cancellable_new());
-  Collector written;
-
-  put(channel.a, message.get(), written, cancellable.get());
-  assert_stays_unfinished(written);
-  g_cancellable_cancel(cancellable.get());
-  Error error;
-  g_assert_false(
-      gvc_bytes_output_stream_put_bytes_finish(channel.a.out.get(), written.wait(), &error));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  g_assert_cmpuint(written.calls(), ==, 1);
-  return message;
-}
-
-// The peer, in a thread of its own, reads these messages and nothing before them.
-std::thread
-expect_messages(Channel &channel, std::vector<GBytes *> expected)
-{
-  return std::thread([in = channel.b.in.get(), expected] {
-    for (auto *message : expected) {
-      Error error;
-      auto got = BytesRef(gvc_bytes_input_stream_read_bytes(in, nullptr, &error));
-      error.assert_none();
-      g_assert_true(g_bytes_equal(got.get(), message));
-    }
-  });
 }
 
 void
@@ -619,8 +621,6 @@ test_stream_is_busy_until_sent(int stages)
                                           nullptr, &error));
   error.assert_none();
 }
-
-enum class Gone { reset, closed };
 
 void
 test_peer_goes_in_the_middle(int stages, Gone how)

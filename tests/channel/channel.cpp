@@ -314,96 +314,6 @@ struct Case {
   const Stages *stages;
 };
 
-void
-test_blocking(gconstpointer data)
-{
-  const Case &one = *static_cast<const Case *>(data);
-  LifeWatch lives;
-  {
-    SocketPair pair = new_socket_pair(one.family);
-    End end{pair.a.get(), *one.stages};
-    end.watch(lives);
-    std::thread peer{[&] {
-      End other{pair.b.get(), *one.stages};
-      answer(other);
-      other.close();
-      g_io_stream_close(G_IO_STREAM(pair.b.get()), nullptr, nullptr);
-    }};
-    speak_first(end);
-    get_end(end, *one.stages);
-    peer.join();
-    end.close_as_second();
-  }
-  lives.assert_all_gone();
-}
-
-// Both directions are full at the same time, each with a thread at either end.
-void
-test_blocking_both_directions(gconstpointer data)
-{
-  const Case &one = *static_cast<const Case *>(data);
-  SocketPair pair = new_socket_pair(one.family);
-  End ends[2] = {{pair.a.get(), *one.stages}, {pair.b.get(), *one.stages}};
-  const std::vector<Message> messages = {{Form::bytes, 2 * mib}, {Form::variant, 100},
-                                         {Form::bytes, 1},       {Form::variant, mib},
-                                         {Form::bytes, 700000},  {Form::string, 5000}};
-  std::vector<std::thread> threads;
-  for (End &end : ends) {
-    threads.emplace_back([&end, &messages] {
-      for (const Message &message : messages)
-        put(end, message);
-    });
-    threads.emplace_back([&end, &messages] {
-      for (const Message &message : messages)
-        get(end, message);
-    });
-  }
-  for (std::thread &thread : threads)
-    thread.join();
-}
-
-// A string as long as the largest message. It is read byte by byte, here out of a stage's buffer:
-// on a plain channel each byte is a system call.
-void
-test_longest_string()
-{
-  SocketPair pair = new_socket_pair(Family::unix_domain);
-  const Message message{Form::string, 16 * mib};
-  End end{pair.a.get(), all_stages[1]};
-  std::thread peer{[&] {
-    End other{pair.b.get(), all_stages[1]};
-    put(other, message);
-  }};
-  get(end, message);
-  peer.join();
-}
-
-// The blocking reader takes a length of 0 for the end, the asynchronous one for an empty message.
-void
-test_empty_message(gconstpointer data)
-{
-  const Case &one = *static_cast<const Case *>(data);
-  SocketPair pair = new_socket_pair(one.family);
-  End end{pair.a.get(), *one.stages}, other{pair.b.get(), *one.stages};
-  put(other, {Form::bytes, 0});
-  put(other, {Form::bytes, 0});
-  put(other, {Form::bytes, 5});
-
-  Error error;
-  g_assert_null(gvc_bytes_input_stream_read_bytes(end.in.get(), nullptr, &error));
-  error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-  Collector collector;
-  gvc_bytes_input_stream_read_bytes_async(end.in.get(), G_PRIORITY_DEFAULT, nullptr,
-                                          Collector::ready, &collector);
-  const BytesRef bytes{
-      gvc_bytes_input_stream_read_bytes_finish(end.in.get(), collector.wait(), &error)};
-  error.assert_none();
-  g_assert_cmpuint(g_bytes_get_size(bytes.get()), ==, 0);
-  get(end, {Form::bytes, 5});
-}
-
-/* ---- A second process ---- */
-
 const char *program;
 
 int
@@ -429,51 +339,6 @@ peer_main(const char *family, const char *address, const char *stages_name)
   end.close();
   return 0;
 }
-
-void
-test_second_process(gconstpointer data)
-{
-  const Case &one = *static_cast<const Case *>(data);
-  const bool is_unix = one.family == Family::unix_domain;
-  g_autofree char *directory = g_dir_make_tmp("zelgvc-channel-XXXXXX", nullptr);
-  g_autofree char *path = g_build_filename(directory, "socket", nullptr);
-  const auto listener = own(g_socket_listener_new());
-  g_autofree char *address = nullptr;
-  Error error;
-  if (is_unix) {
-    const auto at = own(g_unix_socket_address_new(path));
-    g_assert_true(g_socket_listener_add_address(listener.get(), at.get(), G_SOCKET_TYPE_STREAM,
-                                                G_SOCKET_PROTOCOL_DEFAULT, nullptr, nullptr,
-                                                &error));
-    address = g_strdup(path);
-  } else {
-    const auto at = own(g_inet_socket_address_new_from_string("127.0.0.1", 0));
-    GSocketAddress *bound = nullptr;
-    g_assert_true(g_socket_listener_add_address(listener.get(), at.get(), G_SOCKET_TYPE_STREAM,
-                                                G_SOCKET_PROTOCOL_TCP, nullptr, &bound, &error));
-    const auto owned = own(bound);
-    address = g_strdup_printf("%u", g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound)));
-  }
-  error.assert_none();
-
-  const auto process =
-      own(g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, &error, program, "--peer",
-                           is_unix ? "unix" : "tcp", address, one.stages->name, nullptr));
-  error.assert_none();
-  const auto socket_connection =
-      own(g_socket_listener_accept(listener.get(), nullptr, nullptr, &error));
-  error.assert_none();
-  {
-    End end{socket_connection.get(), *one.stages};
-    speak_first(end);
-    get_end(end, *one.stages);
-  }
-  g_assert_true(g_subprocess_wait_check(process.get(), nullptr, &error));
-  g_unlink(path);
-  g_rmdir(directory);
-}
-
-/* ---- Asynchronous ---- */
 
 // Sends messages one after the other.
 class Sender
@@ -646,6 +511,157 @@ private:
   bool calling_ = false;
 };
 
+guint
+thread_count()
+{
+  guint count = 0;
+  g_autoptr(GDir) tasks = g_dir_open("/proc/self/task", 0, nullptr);
+  while (tasks && g_dir_read_name(tasks))
+    count++;
+  return count;
+}
+
+Bytes
+framed(ByteView message)
+{
+  return join({little_endian(message.size(), 4), message});
+}
+
+void
+test_blocking(gconstpointer data)
+{
+  const Case &one = *static_cast<const Case *>(data);
+  LifeWatch lives;
+  {
+    SocketPair pair = new_socket_pair(one.family);
+    End end{pair.a.get(), *one.stages};
+    end.watch(lives);
+    std::thread peer{[&] {
+      End other{pair.b.get(), *one.stages};
+      answer(other);
+      other.close();
+      g_io_stream_close(G_IO_STREAM(pair.b.get()), nullptr, nullptr);
+    }};
+    speak_first(end);
+    get_end(end, *one.stages);
+    peer.join();
+    end.close_as_second();
+  }
+  lives.assert_all_gone();
+}
+
+// Both directions are full at the same time, each with a thread at either end.
+void
+test_blocking_both_directions(gconstpointer data)
+{
+  const Case &one = *static_cast<const Case *>(data);
+  SocketPair pair = new_socket_pair(one.family);
+  End ends[2] = {{pair.a.get(), *one.stages}, {pair.b.get(), *one.stages}};
+  const std::vector<Message> messages = {{Form::bytes, 2 * mib}, {Form::variant, 100},
+                                         {Form::bytes, 1},       {Form::variant, mib},
+                                         {Form::bytes, 700000},  {Form::string, 5000}};
+  std::vector<std::thread> threads;
+  for (End &end : ends) {
+    threads.emplace_back([&end, &messages] {
+      for (const Message &message : messages)
+        put(end, message);
+    });
+    threads.emplace_back([&end, &messages] {
+      for (const Message &message : messages)
+        get(end, message);
+    });
+  }
+  for (std::thread &thread : threads)
+    thread.join();
+}
+
+// A string as long as the largest message. It is read byte by byte, here out of a stage's buffer:
+// on a plain channel each byte is a system call.
+void
+test_longest_string()
+{
+  SocketPair pair = new_socket_pair(Family::unix_domain);
+  const Message message{Form::string, 16 * mib};
+  End end{pair.a.get(), all_stages[1]};
+  std::thread peer{[&] {
+    End other{pair.b.get(), all_stages[1]};
+    put(other, message);
+  }};
+  get(end, message);
+  peer.join();
+}
+
+// The blocking reader takes a length of 0 for the end, the asynchronous one for an empty message.
+void
+test_empty_message(gconstpointer data)
+{
+  const Case &one = *static_cast<const Case *>(data);
+  SocketPair pair = new_socket_pair(one.family);
+  End end{pair.a.get(), *one.stages}, other{pair.b.get(), *one.stages};
+  put(other, {Form::bytes, 0});
+  put(other, {Form::bytes, 0});
+  put(other, {Form::bytes, 5});
+
+  Error error;
+  g_assert_null(gvc_bytes_input_stream_read_bytes(end.in.get(), nullptr, &error));
+  error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+  Collector collector;
+  gvc_bytes_input_stream_read_bytes_async(end.in.get(), G_PRIORITY_DEFAULT, nullptr,
+                                          Collector::ready, &collector);
+  const BytesRef bytes{
+      gvc_bytes_input_stream_read_bytes_finish(end.in.get(), collector.wait(), &error)};
+  error.assert_none();
+  g_assert_cmpuint(g_bytes_get_size(bytes.get()), ==, 0);
+  get(end, {Form::bytes, 5});
+}
+
+/* ---- A second process ---- */
+
+void
+test_second_process(gconstpointer data)
+{
+  const Case &one = *static_cast<const Case *>(data);
+  const bool is_unix = one.family == Family::unix_domain;
+  g_autofree char *directory = g_dir_make_tmp("zelgvc-channel-XXXXXX", nullptr);
+  g_autofree char *path = g_build_filename(directory, "socket", nullptr);
+  const auto listener = own(g_socket_listener_new());
+  g_autofree char *address = nullptr;
+  Error error;
+  if (is_unix) {
+    const auto at = own(g_unix_socket_address_new(path));
+    g_assert_true(g_socket_listener_add_address(listener.get(), at.get(), G_SOCKET_TYPE_STREAM,
+                                                G_SOCKET_PROTOCOL_DEFAULT, nullptr, nullptr,
+                                                &error));
+    address = g_strdup(path);
+  } else {
+    const auto at = own(g_inet_socket_address_new_from_string("127.0.0.1", 0));
+    GSocketAddress *bound = nullptr;
+    g_assert_true(g_socket_listener_add_address(listener.get(), at.get(), G_SOCKET_TYPE_STREAM,
+                                                G_SOCKET_PROTOCOL_TCP, nullptr, &bound, &error));
+    const auto owned = own(bound);
+    address = g_strdup_printf("%u", g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound)));
+  }
+  error.assert_none();
+
+  const auto process =
+      own(g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, &error, program, "--peer",
+                           is_unix ? "unix" : "tcp", address, one.stages->name, nullptr));
+  error.assert_none();
+  const auto socket_connection =
+      own(g_socket_listener_accept(listener.get(), nullptr, nullptr, &error));
+  error.assert_none();
+  {
+    End end{socket_connection.get(), *one.stages};
+    speak_first(end);
+    get_end(end, *one.stages);
+  }
+  g_assert_true(g_subprocess_wait_check(process.get(), nullptr, &error));
+  g_unlink(path);
+  g_rmdir(directory);
+}
+
+/* ---- Asynchronous ---- */
+
 // Both ends in one main loop, both directions at once.
 void
 test_asynchronous(gconstpointer data)
@@ -734,16 +750,6 @@ test_asynchronous_in_a_thread(gconstpointer data)
   peer.join();
 }
 
-guint
-thread_count()
-{
-  guint count = 0;
-  g_autoptr(GDir) tasks = g_dir_open("/proc/self/task", 0, nullptr);
-  while (tasks && g_dir_read_name(tasks))
-    count++;
-  return count;
-}
-
 void
 test_hundred_channels(gconstpointer data)
 {
@@ -790,12 +796,6 @@ test_hundred_channels(gconstpointer data)
 }
 
 /* ---- The bytes on the wire ---- */
-
-Bytes
-framed(ByteView message)
-{
-  return join({little_endian(message.size(), 4), message});
-}
 
 // What a channel sends, taken apart by OpenSSL and liblzo2.
 void

@@ -37,66 +37,6 @@ constexpr GType (*firsts[])() = {
 constexpr gsize first_count = G_N_ELEMENTS(firsts);
 using Values = std::array<GType, first_count>;
 
-/* All threads meet before each function, or each begins with another one. */
-void
-race_first_use(bool together)
-{
-  std::array<Values, racers> seen{};
-  std::barrier barrier(racers);
-  std::vector<std::thread> threads;
-  for (gsize id = 0; id < racers; id++)
-    threads.emplace_back([&, id] {
-      if (!together)
-        barrier.arrive_and_wait();
-      for (gsize i = 0; i < first_count; i++) {
-        const gsize which = together ? i : (i + id) % first_count;
-        if (together)
-          barrier.arrive_and_wait();
-        seen[id][which] = firsts[which]();
-      }
-    });
-  for (auto &thread : threads)
-    thread.join();
-  for (const auto &values : seen)
-    g_assert_true(values == seen[0]);
-  for (gsize i = 0; i < first_count; i++) {
-    g_assert_cmpuint(seen[0][i], !=, 0);
-    for (gsize j = 0; j < i; j++)
-      g_assert_true(seen[0][i] != seen[0][j]);
-  }
-  g_assert_cmpstr(g_quark_to_string(static_cast<GQuark>(seen[0][first_count - 1])), ==,
-                  "gvc-error-quark");
-  g_assert_cmpstr(g_type_name(seen[0][0]), ==, "GvcConnection");
-}
-
-/* The first objects, and with them the classes. */
-void
-race_first_objects()
-{
-  std::barrier barrier(racers);
-  std::vector<std::thread> threads;
-  const BytesRef key = new_bytes(pattern(32));
-  for (gsize id = 0; id < racers; id++)
-    threads.emplace_back([&] {
-      barrier.arrive_and_wait();
-      const auto encryptor = own(gvc_encryptor_new(key.get()));
-      const auto decryptor = own(gvc_decryptor_new(key.get()));
-      const auto compressor = own(gvc_compressor_new());
-      const auto decompressor = own(gvc_decompressor_new());
-      const auto memory = own(g_memory_input_stream_new());
-      const auto reader = own(gvc_bytes_input_stream_new(memory.get()));
-      const auto strings = own(gvc_data_input_stream_new(memory.get()));
-      const auto sink = own(g_memory_output_stream_new_resizable());
-      const auto writer = own(gvc_bytes_output_stream_new(sink.get()));
-      g_assert_true(GVC_IS_BYTES_OUTPUT_STREAM(writer.get()));
-      Error error;
-      g_assert_null(gvc_bytes_input_stream_read_bytes(reader.get(), nullptr, &error));
-      error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-    });
-  for (auto &thread : threads)
-    thread.join();
-}
-
 /* A first time comes once a process. */
 void
 in_fresh_processes(const char *path)
@@ -106,26 +46,6 @@ in_fresh_processes(const char *path)
     g_test_trap_assert_passed();
   }
 }
-
-void
-test_types_together()
-{
-  in_fresh_processes("/threads/first-use/together/subprocess");
-}
-
-void
-test_types_apart()
-{
-  in_fresh_processes("/threads/first-use/apart/subprocess");
-}
-
-void
-test_objects()
-{
-  in_fresh_processes("/threads/first-objects/subprocess");
-}
-
-/* ---- Channels ---- */
 
 constexpr int workers = 4;
 constexpr int messages = 40;
@@ -226,21 +146,6 @@ echo_async(int worker, int stages)
   g_main_context_unref(context);
 }
 
-template <void (*echo)(int, int)>
-void
-test_channels()
-{
-  /* First use is raced for elsewhere. */
-  echo(0, faulty::most_stages);
-  for (int stages = 0; stages <= faulty::most_stages; stages++) {
-    std::vector<std::thread> threads;
-    for (int worker = 0; worker < workers; worker++)
-      threads.emplace_back(echo, worker, stages);
-    for (auto &thread : threads)
-      thread.join();
-  }
-}
-
 constexpr int crowd = 64;
 
 /* A read that waits in a main context of its own, and is cancelled by another thread. */
@@ -257,6 +162,101 @@ cancel_from_outside(Ends &ends)
   g_assert_null(gvc_bytes_input_stream_read_bytes_finish(ends.in[0].get(), read.wait(), &error));
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
   canceller.join();
+}
+
+/* All threads meet before each function, or each begins with another one. */
+void
+race_first_use(bool together)
+{
+  std::array<Values, racers> seen{};
+  std::barrier barrier(racers);
+  std::vector<std::thread> threads;
+  for (gsize id = 0; id < racers; id++)
+    threads.emplace_back([&, id] {
+      if (!together)
+        barrier.arrive_and_wait();
+      for (gsize i = 0; i < first_count; i++) {
+        const gsize which = together ? i : (i + id) % first_count;
+        if (together)
+          barrier.arrive_and_wait();
+        seen[id][which] = firsts[which]();
+      }
+    });
+  for (auto &thread : threads)
+    thread.join();
+  for (const auto &values : seen)
+    g_assert_true(values == seen[0]);
+  for (gsize i = 0; i < first_count; i++) {
+    g_assert_cmpuint(seen[0][i], !=, 0);
+    for (gsize j = 0; j < i; j++)
+      g_assert_true(seen[0][i] != seen[0][j]);
+  }
+  g_assert_cmpstr(g_quark_to_string(static_cast<GQuark>(seen[0][first_count - 1])), ==,
+                  "gvc-error-quark");
+  g_assert_cmpstr(g_type_name(seen[0][0]), ==, "GvcConnection");
+}
+
+/* The first objects, and with them the classes. */
+void
+race_first_objects()
+{
+  std::barrier barrier(racers);
+  std::vector<std::thread> threads;
+  const BytesRef key = new_bytes(pattern(32));
+  for (gsize id = 0; id < racers; id++)
+    threads.emplace_back([&] {
+      barrier.arrive_and_wait();
+      const auto encryptor = own(gvc_encryptor_new(key.get()));
+      const auto decryptor = own(gvc_decryptor_new(key.get()));
+      const auto compressor = own(gvc_compressor_new());
+      const auto decompressor = own(gvc_decompressor_new());
+      const auto memory = own(g_memory_input_stream_new());
+      const auto reader = own(gvc_bytes_input_stream_new(memory.get()));
+      const auto strings = own(gvc_data_input_stream_new(memory.get()));
+      const auto sink = own(g_memory_output_stream_new_resizable());
+      const auto writer = own(gvc_bytes_output_stream_new(sink.get()));
+      g_assert_true(GVC_IS_BYTES_OUTPUT_STREAM(writer.get()));
+      Error error;
+      g_assert_null(gvc_bytes_input_stream_read_bytes(reader.get(), nullptr, &error));
+      error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+    });
+  for (auto &thread : threads)
+    thread.join();
+}
+
+void
+test_types_together()
+{
+  in_fresh_processes("/threads/first-use/together/subprocess");
+}
+
+void
+test_types_apart()
+{
+  in_fresh_processes("/threads/first-use/apart/subprocess");
+}
+
+void
+test_objects()
+{
+  in_fresh_processes("/threads/first-objects/subprocess");
+}
+
+/* ---- Channels ---- */
+
+template <void (*echo)(int, int)>
+void
+test_channels()
+{
+  /* First use is raced for elsewhere. */
+  echo(0, faulty::most_stages);
+  for (int stages = 0; stages <= faulty::most_stages; stages++) {
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < workers; worker++)
+      threads.emplace_back(echo, worker, stages);
+    for (auto &thread : threads)
+      thread.join();
+  }
 }
 
 /* Channels that have waited in one context go on in another one, in another thread. */

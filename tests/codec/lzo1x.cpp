@@ -406,6 +406,167 @@ checkRoundTrip(const Bytes &content)
   g_assert_true(plain.has_value() && *plain == content);
 }
 
+// The same bytes twice, so many bytes apart; between them nothing that the encoder would have to
+// remember.
+std::size_t
+encodedSizeOfTwice(const Bytes &twice, std::size_t distance)
+{
+  Bytes content(64);
+  content.insert(content.end(), twice.begin(), twice.end());
+  content.resize(64 + distance);
+  content.insert(content.end(), twice.begin(), twice.end());
+  content.resize(content.size() + 64);
+  checkRoundTrip(content);
+  return encode(content).size();
+}
+
+void
+append(Bytes &to, const Bytes &bytes)
+{
+  to.insert(to.end(), bytes.begin(), bytes.end());
+}
+
+void
+append(Bytes &to, std::initializer_list<unsigned> bytes)
+{
+  for (const unsigned byte : bytes)
+    to.push_back(static_cast<std::uint8_t>(byte));
+}
+
+void
+appendLengthBytes(Bytes &to, std::size_t rest)
+{
+  for (; rest > 255; rest -= 255)
+    to.push_back(0);
+  to.push_back(static_cast<std::uint8_t>(rest));
+}
+
+void
+appendRun(Bytes &to, const Bytes &literals)
+{
+  if (literals.size() <= 18) {
+    append(to, {static_cast<unsigned>(literals.size() - 3)});
+  } else {
+    append(to, {0});
+    appendLengthBytes(to, literals.size() - 18);
+  }
+  append(to, literals);
+}
+
+void
+appendEnd(Bytes &to)
+{
+  append(to, {0x11, 0, 0});
+}
+
+Decoded
+checkAgainstReference(const Bytes &stream, std::size_t room)
+{
+  const Decoded own = decode(stream, room);
+  const auto plain = referenceDecode(stream.data(), stream.size(), room);
+  g_assert_cmpint(own.status == Status::ok, ==, plain.has_value());
+  if (plain.has_value())
+    g_assert_true(own.bytes == *plain);
+  return own;
+}
+
+// The same, and liblzo2 agrees on all that we accept.
+Decoded
+checkAgainstBoth(const Bytes &stream, std::size_t room)
+{
+  const Decoded own = checkAgainstReference(stream, room);
+  if (own.status == Status::ok)
+    g_assert_true(peerDecode(stream, room) == own);
+  return own;
+}
+
+// `history` bytes of output, after which `context` literals (4: a run) stand behind the last match.
+Bytes
+preamble(Random &random, std::size_t history, unsigned context)
+{
+  Bytes stream;
+  appendRun(stream, noise(random, std::max<std::size_t>(history, 4)));
+  if (context < 4) {
+    append(stream, {0x40 | context, 0});
+    append(stream, noise(random, context));
+  }
+  return stream;
+}
+
+// Streams made of random instructions, most of them valid: forms that no compressor writes.
+Bytes
+inventedStream(Random &random)
+{
+  Bytes stream;
+  std::size_t written = 1 + below(random, 238);
+  unsigned context = written < 4 ? static_cast<unsigned>(written) : 4;
+  append(stream, {static_cast<unsigned>(17 + written)});
+  append(stream, noise(random, written));
+  for (std::size_t left = below(random, 60); left > 0; left--) {
+    unsigned t = static_cast<unsigned>(random() % 256);
+    if (written < 16384 && t >= 16 && t < 32)
+      t += 16;
+    append(stream, {t});
+    if (t < 16 && context == 0) {
+      const std::size_t more = below(random, 8) == 0 ? below(random, 900) + 1 : 1;
+      if (t == 0)
+        appendLengthBytes(stream, more);
+      append(stream, noise(random, t == 0 ? 18 + more : t + 3));
+      written += t == 0 ? 18 + more : t + 3;
+      context = 4;
+      continue;
+    }
+    const unsigned literals = static_cast<unsigned>(random() % 4);
+    if (t >= 64 || t < 16) {
+      stream.back() = static_cast<std::uint8_t>((t & 0xfc) | literals);
+      append(stream,
+             {static_cast<unsigned>(below(random, 1 + std::min<std::size_t>(written / 8, 255)))});
+      written += 2;
+    } else {
+      if ((t & (t >= 32 ? 31 : 7)) == 0)
+        appendLengthBytes(stream, 1 + below(random, below(random, 8) == 0 ? 900 : 20));
+      const std::size_t code = below(random, std::min<std::size_t>(written, 16384));
+      append(stream, {static_cast<unsigned>((code << 2 & 0xff) | literals),
+                      static_cast<unsigned>(code >> 6)});
+      written += 2;
+    }
+    append(stream, noise(random, literals));
+    written += literals;
+    context = literals;
+  }
+  appendEnd(stream);
+  return stream;
+}
+
+void
+checkMutations(Guarded::Against against, const Bytes &stream, std::size_t room)
+{
+  const auto in = readSide().block(stream, against);
+  const auto out = writeSide().block(room, against);
+  for (std::size_t at = 0; at < in.size(); at++) {
+    const std::uint8_t original = in[at];
+    for (unsigned change = 1; change < 256; change++) {
+      in[at] = static_cast<std::uint8_t>(original ^ change);
+      const auto own = lzo1x::decode(in, out);
+      const auto plain = referenceDecode(in.data(), in.size(), room);
+      g_assert_cmpint(own.status == Status::ok, ==, plain.has_value());
+      if (plain.has_value()) {
+        g_assert_cmpuint(own.size, ==, plain->size());
+        g_assert_true(std::equal(plain->begin(), plain->end(), out.begin()));
+      }
+    }
+    in[at] = original;
+  }
+}
+
+Status
+statusOf(std::initializer_list<unsigned> bytes, std::size_t room)
+{
+  Bytes stream;
+  append(stream, bytes);
+  return checkAgainstReference(stream, room).status;
+}
+
 void
 testRoundTrip()
 {
@@ -528,20 +689,6 @@ testWorstCaseHolds()
     g_assert_cmpuint(lzo1x::worstCase(size), <=, size + size / 10);
 }
 
-// The same bytes twice, so many bytes apart; between them nothing that the encoder would have to
-// remember.
-std::size_t
-encodedSizeOfTwice(const Bytes &twice, std::size_t distance)
-{
-  Bytes content(64);
-  content.insert(content.end(), twice.begin(), twice.end());
-  content.resize(64 + distance);
-  content.insert(content.end(), twice.begin(), twice.end());
-  content.resize(content.size() + 64);
-  checkRoundTrip(content);
-  return encode(content).size();
-}
-
 void
 testReachOfMatches()
 {
@@ -585,12 +732,6 @@ testReachInLargeInputs()
     checkRoundTrip(content);
     g_assert_cmpuint(encode(content).size(), <, 70000 + 300 + 2 * length / 250 + 1000);
   }
-}
-
-void
-append(Bytes &to, const Bytes &bytes)
-{
-  to.insert(to.end(), bytes.begin(), bytes.end());
 }
 
 // The search skips more and more of what does not shrink, and takes that back with every segment.
@@ -650,73 +791,6 @@ testStateGrowsWithInput()
   g_assert_cmpuint(lzo1x::encoderStateSize(SIZE_MAX), <=, 65536);
   for (std::size_t size = 1; size < 200000; size += 37)
     g_assert_cmpuint(lzo1x::encoderStateSize(size - 1), <=, lzo1x::encoderStateSize(size));
-}
-
-void
-append(Bytes &to, std::initializer_list<unsigned> bytes)
-{
-  for (const unsigned byte : bytes)
-    to.push_back(static_cast<std::uint8_t>(byte));
-}
-
-void
-appendLengthBytes(Bytes &to, std::size_t rest)
-{
-  for (; rest > 255; rest -= 255)
-    to.push_back(0);
-  to.push_back(static_cast<std::uint8_t>(rest));
-}
-
-void
-appendRun(Bytes &to, const Bytes &literals)
-{
-  if (literals.size() <= 18) {
-    append(to, {static_cast<unsigned>(literals.size() - 3)});
-  } else {
-    append(to, {0});
-    appendLengthBytes(to, literals.size() - 18);
-  }
-  append(to, literals);
-}
-
-void
-appendEnd(Bytes &to)
-{
-  append(to, {0x11, 0, 0});
-}
-
-Decoded
-checkAgainstReference(const Bytes &stream, std::size_t room)
-{
-  const Decoded own = decode(stream, room);
-  const auto plain = referenceDecode(stream.data(), stream.size(), room);
-  g_assert_cmpint(own.status == Status::ok, ==, plain.has_value());
-  if (plain.has_value())
-    g_assert_true(own.bytes == *plain);
-  return own;
-}
-
-// The same, and liblzo2 agrees on all that we accept.
-Decoded
-checkAgainstBoth(const Bytes &stream, std::size_t room)
-{
-  const Decoded own = checkAgainstReference(stream, room);
-  if (own.status == Status::ok)
-    g_assert_true(peerDecode(stream, room) == own);
-  return own;
-}
-
-// `history` bytes of output, after which `context` literals (4: a run) stand behind the last match.
-Bytes
-preamble(Random &random, std::size_t history, unsigned context)
-{
-  Bytes stream;
-  appendRun(stream, noise(random, std::max<std::size_t>(history, 4)));
-  if (context < 4) {
-    append(stream, {0x40 | context, 0});
-    append(stream, noise(random, context));
-  }
-  return stream;
 }
 
 // Every T in every context, with distance bytes at their limits; short and long streams, so that
@@ -861,51 +935,6 @@ testRunLengths()
   }
 }
 
-// Streams made of random instructions, most of them valid: forms that no compressor writes.
-Bytes
-inventedStream(Random &random)
-{
-  Bytes stream;
-  std::size_t written = 1 + below(random, 238);
-  unsigned context = written < 4 ? static_cast<unsigned>(written) : 4;
-  append(stream, {static_cast<unsigned>(17 + written)});
-  append(stream, noise(random, written));
-  for (std::size_t left = below(random, 60); left > 0; left--) {
-    unsigned t = static_cast<unsigned>(random() % 256);
-    if (written < 16384 && t >= 16 && t < 32)
-      t += 16;
-    append(stream, {t});
-    if (t < 16 && context == 0) {
-      const std::size_t more = below(random, 8) == 0 ? below(random, 900) + 1 : 1;
-      if (t == 0)
-        appendLengthBytes(stream, more);
-      append(stream, noise(random, t == 0 ? 18 + more : t + 3));
-      written += t == 0 ? 18 + more : t + 3;
-      context = 4;
-      continue;
-    }
-    const unsigned literals = static_cast<unsigned>(random() % 4);
-    if (t >= 64 || t < 16) {
-      stream.back() = static_cast<std::uint8_t>((t & 0xfc) | literals);
-      append(stream,
-             {static_cast<unsigned>(below(random, 1 + std::min<std::size_t>(written / 8, 255)))});
-      written += 2;
-    } else {
-      if ((t & (t >= 32 ? 31 : 7)) == 0)
-        appendLengthBytes(stream, 1 + below(random, below(random, 8) == 0 ? 900 : 20));
-      const std::size_t code = below(random, std::min<std::size_t>(written, 16384));
-      append(stream, {static_cast<unsigned>((code << 2 & 0xff) | literals),
-                      static_cast<unsigned>(code >> 6)});
-      written += 2;
-    }
-    append(stream, noise(random, literals));
-    written += literals;
-    context = literals;
-  }
-  appendEnd(stream);
-  return stream;
-}
-
 void
 testInventedStreams()
 {
@@ -940,27 +969,6 @@ testTruncation()
 }
 
 void
-checkMutations(Guarded::Against against, const Bytes &stream, std::size_t room)
-{
-  const auto in = readSide().block(stream, against);
-  const auto out = writeSide().block(room, against);
-  for (std::size_t at = 0; at < in.size(); at++) {
-    const std::uint8_t original = in[at];
-    for (unsigned change = 1; change < 256; change++) {
-      in[at] = static_cast<std::uint8_t>(original ^ change);
-      const auto own = lzo1x::decode(in, out);
-      const auto plain = referenceDecode(in.data(), in.size(), room);
-      g_assert_cmpint(own.status == Status::ok, ==, plain.has_value());
-      if (plain.has_value()) {
-        g_assert_cmpuint(own.size, ==, plain->size());
-        g_assert_true(std::equal(plain->begin(), plain->end(), out.begin()));
-      }
-    }
-    in[at] = original;
-  }
-}
-
-void
 testMutations()
 {
   Random random = seeded();
@@ -988,14 +996,6 @@ testNoise()
       appendEnd(stream);
     checkAgainstReference(stream, below(random, 400));
   }
-}
-
-Status
-statusOf(std::initializer_list<unsigned> bytes, std::size_t room)
-{
-  Bytes stream;
-  append(stream, bytes);
-  return checkAgainstReference(stream, room).status;
 }
 
 void

@@ -106,6 +106,17 @@ take(std::FILE *file, Bytes &bytes)
 const char *goldenPath;
 
 void
+checkRoundTrip(const Bytes &content)
+{
+  const Bytes stream = encoded(content);
+  checkStream(stream, content);
+  const auto plain = referenceDecode(stream.data(), stream.size(), content.size());
+  EXPECT(plain.has_value() && *plain == content);
+  if (!content.empty())
+    EXPECT(decode(stream, content.size() - 1).status == Status::outputOverrun);
+}
+
+void
 testGoldenStreams()
 {
   std::FILE *const file = std::fopen(goldenPath, "rb");
@@ -121,17 +132,6 @@ testGoldenStreams()
   }
   std::fclose(file);
   EXPECT(count >= 40);
-}
-
-void
-checkRoundTrip(const Bytes &content)
-{
-  const Bytes stream = encoded(content);
-  checkStream(stream, content);
-  const auto plain = referenceDecode(stream.data(), stream.size(), content.size());
-  EXPECT(plain.has_value() && *plain == content);
-  if (!content.empty())
-    EXPECT(decode(stream, content.size() - 1).status == Status::outputOverrun);
 }
 
 void

@@ -110,73 +110,6 @@ compete(Callback &ran)
       &ran, nullptr);
 }
 
-// The length has had its turn when the other source gets its own, and the payload has not.
-void
-test_read_payload_waits_for_more_urgent_sources(int stages)
-{
-  Scripted scripted(stages, frame_through_stages(stages, "message"));
-  Collector collector;
-  bool competed = false;
-  Callback ran = [&] {
-    competed = true;
-    g_assert_cmpuint(collector.calls(), ==, 0);
-    if (stages == 0)
-      g_assert_cmpuint(scripted.input->moved(), <=, 4);
-  };
-  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), urgent, nullptr, Collector::ready,
-                                          &collector);
-  compete(ran);
-  collector.wait();
-  g_assert_true(competed);
-  Error error;
-  const BytesRef message(
-      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), collector.result(), &error));
-  assert_bytes(bytes_string(message.get()), "message");
-}
-
-void
-test_written_payload_waits_for_more_urgent_sources(int stages)
-{
-  Scripted scripted(stages);
-  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
-  Collector collector;
-  bool competed = false;
-  Callback ran = [&] {
-    competed = true;
-    g_assert_cmpuint(collector.calls(), ==, 0);
-    g_assert_cmpuint(scripted.output->moved(), <=, length_size);
-  };
-  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(), urgent,
-                                          nullptr, Collector::ready, &collector);
-  compete(ran);
-  collector.wait();
-  g_assert_true(competed);
-  assert_bytes(faulty::from_stages(stages, scripted.output->written()), frame("message"));
-}
-
-// A socket could take both parts at once.
-void
-test_payload_sent_after_more_urgent_sources(int stages)
-{
-  Connected connected(Family::unix_domain, stages);
-  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
-  Collector collector;
-  bool competed = false;
-  Callback ran = [&] {
-    char buffer[1024];
-    competed = true;
-    g_assert_cmpint(recv(connected.peer.fd(), buffer, sizeof buffer, MSG_PEEK | MSG_DONTWAIT), <=,
-                    static_cast<gssize>(length_size));
-  };
-  gvc_bytes_output_stream_put_bytes_async(connected.writer.get(), new_bytes("message").get(),
-                                          urgent, nullptr, Collector::ready, &collector);
-  compete(ran);
-  collector.wait();
-  g_assert_true(competed);
-}
-
-/* ---- A stream that fails without an error ---- */
-
 struct Operation {
   const char *name;
   bool reads;
@@ -253,6 +186,254 @@ const Operation operations[] = {
      }},
 };
 
+// Zeros are records that hold a new start of the chain and nothing else, or empty blocks.
+std::string
+flood(gsize size)
+{
+  return std::string(size, '\0');
+}
+
+constexpr gsize mebibyte = 1024 * 1024;
+constexpr gsize most_in_a_turn = 8 * mebibyte;
+
+// Between two ticks of a timer, a main loop that gets its turns cannot read this much.
+constexpr gsize most_between_ticks = 256 * mebibyte;
+
+// What one read without blocking gets from `wire`, which comes in so many pieces and an error,
+// through a stage, as from GIO's converter stream.
+std::string
+read_at_once(const std::string &wire, guint pieces, const std::function<Ref<GConverter>()> &make)
+{
+  const auto read = [](GInputStream *in) {
+    std::string text(64, '\0');
+    Error error;
+    const gssize count = g_pollable_input_stream_read_nonblocking(
+        G_POLLABLE_INPUT_STREAM(in), text.data(), text.size(), nullptr, &error);
+    error.assert_none();
+    return text.substr(0, static_cast<gsize>(count));
+  };
+  const auto script = [&wire, pieces] {
+    auto one = new_script(wire);
+    one->max_per_call = (wire.size() + pieces - 1) / pieces;
+    one->from_call = {pieces + 1, Step::fail()};
+    return one;
+  };
+  const auto base = new_scripted_input(script(), StreamKind::pollable);
+  const auto gio = own(g_converter_input_stream_new(base.get(), make().get()));
+  const auto channel =
+      own(gvc_connection_new(new_connection_over(new_scripted_input(script(), StreamKind::pollable),
+                                                 new_scripted_output(new_script()))
+                                 .get()));
+  gvc_connection_add_converters(channel.get(), make().get(),
+                                new_map_converter([](guint8 byte) { return byte; }).get());
+  auto text = read(g_io_stream_get_input_stream(G_IO_STREAM(channel.get())));
+  assert_bytes(text, read(gio.get()));
+  return text;
+}
+
+struct SourceRemove {
+  void
+  operator()(GSource *source) const
+  {
+    g_source_destroy(source);
+    g_source_unref(source);
+  }
+};
+using SourceRef = std::unique_ptr<GSource, SourceRemove>;
+
+SourceRef
+watch(GInputStream *stream, Callback &readable)
+{
+  SourceRef source(g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(stream), nullptr));
+  const auto dispatched = [](GObject *, gpointer callback) -> gboolean {
+    (*static_cast<Callback *>(callback))();
+    return G_SOURCE_CONTINUE;
+  };
+  g_source_set_callback(source.get(), G_SOURCE_FUNC(+dispatched), &readable, nullptr);
+  g_source_attach(source.get(), nullptr);
+  return source;
+}
+
+constexpr int many_turns = 1000;
+// Nothing is there any more: a source may look once or twice to notice.
+constexpr int most_in_vain = 10;
+
+const char *const three[] = {"first", "second", "third"};
+
+std::string
+three_through_stages(int stages)
+{
+  return faulty::through_stages(stages, {le32(5), three[0], le32(6), three[1], le32(5), three[2]});
+}
+
+enum class Made { before, after }; // the bytes have come
+
+// One message is read each time; all of them lie in the buffers of the stages after the first.
+void
+watch_messages(int stages, bool own_stream, Made made)
+{
+  Connected connected(Family::unix_domain, stages);
+  std::vector<std::string> messages;
+  int in_vain = 0;
+  Callback readable = [&] {
+    if (messages.size() == G_N_ELEMENTS(three)) {
+      in_vain++;
+      return;
+    }
+    Error error;
+    const BytesRef message(
+        gvc_bytes_input_stream_read_bytes(connected.reader.get(), nullptr, &error));
+    error.assert_none();
+    messages.push_back(bytes_string(message.get()));
+  };
+  if (made == Made::after)
+    connected.peer.send(three_through_stages(stages));
+  const auto source =
+      watch(own_stream ? G_INPUT_STREAM(connected.reader.get()) : connected.in(), readable);
+  if (made == Made::before) {
+    spin_pending();
+    g_assert_cmpuint(messages.size(), ==, 0);
+    connected.peer.send(three_through_stages(stages));
+  }
+  for (int turn = 0; turn < many_turns; turn++)
+    g_main_context_iteration(nullptr, FALSE);
+  g_assert_cmpuint(messages.size(), ==, G_N_ELEMENTS(three));
+  for (gsize i = 0; i < G_N_ELEMENTS(three); i++)
+    assert_text(messages[i], three[i]);
+  g_assert_cmpint(in_vain, <=, most_in_vain);
+}
+
+enum class Closing { blocking, async };
+enum class Closed { channel, channel_and_socket };
+
+// Whether the channel says that it has closed. Programs that are done with a channel then close its
+// socket too.
+template <Closing closing, Closed what>
+bool
+close_channel(const Connected &connected)
+{
+  auto *channel = G_IO_STREAM(connected.channel.get());
+  Error error;
+  gboolean closed;
+  if (closing == Closing::blocking) {
+    closed = g_io_stream_close(channel, nullptr, &error);
+  } else {
+    Collector collector;
+    g_io_stream_close_async(channel, G_PRIORITY_DEFAULT, nullptr, Collector::ready, &collector);
+    closed = g_io_stream_close_finish(channel, collector.wait(), &error);
+  }
+  g_assert_true(closed == !error);
+  if (closed && what == Closed::channel_and_socket)
+    g_io_stream_close(G_IO_STREAM(connected.peer.connection()), nullptr, nullptr);
+  return closed;
+}
+
+struct BadType {
+  const char *type;
+  const char *domain;
+  const char *complaint; // a part of the critical
+};
+
+// The frame is there for the next reader, who asks for a type that it can have.
+void
+read_with_bad_type(int stages, const BadType &bad)
+{
+  LogCapture log;
+  const Scripted scripted(
+      stages, faulty::through_stages(stages, {le32(4), "one", std::string_view("", 1), le32(4),
+                                              "two", std::string_view("", 1)}));
+  Collector refused;
+  gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), bad.type, G_PRIORITY_DEFAULT,
+                                            nullptr, Collector::ready, &refused);
+  g_assert_cmpuint(refused.calls(), ==, 0);
+  Error error;
+  g_assert_null(
+      gvc_bytes_input_stream_read_variant_finish(scripted.reader.get(), refused.wait(), &error));
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "Invalid variant type string");
+  const auto messages = log.take();
+  g_assert_cmpuint(messages.size(), ==, 1);
+  g_assert_cmpint(messages[0].level, ==, G_LOG_LEVEL_CRITICAL);
+  g_assert_cmpstr(messages[0].domain ? messages[0].domain->c_str() : nullptr, ==, bad.domain);
+  g_assert_nonnull(strstr(messages[0].text.c_str(), bad.complaint));
+
+  for (const char *expected : {"one", "two"}) {
+    Collector collector;
+    gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), "s", G_PRIORITY_DEFAULT,
+                                              nullptr, Collector::ready, &collector);
+    const VariantRef variant(g_variant_ref_sink(gvc_bytes_input_stream_read_variant_finish(
+        scripted.reader.get(), collector.wait(), &error)));
+    error.assert_none();
+    g_assert_cmpstr(g_variant_get_string(variant.get(), nullptr), ==, expected);
+  }
+}
+
+// The length has had its turn when the other source gets its own, and the payload has not.
+void
+test_read_payload_waits_for_more_urgent_sources(int stages)
+{
+  Scripted scripted(stages, frame_through_stages(stages, "message"));
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    competed = true;
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    if (stages == 0)
+      g_assert_cmpuint(scripted.input->moved(), <=, 4);
+  };
+  gvc_bytes_input_stream_read_bytes_async(scripted.reader.get(), urgent, nullptr, Collector::ready,
+                                          &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+  Error error;
+  const BytesRef message(
+      gvc_bytes_input_stream_read_bytes_finish(scripted.reader.get(), collector.result(), &error));
+  assert_bytes(bytes_string(message.get()), "message");
+}
+
+void
+test_written_payload_waits_for_more_urgent_sources(int stages)
+{
+  Scripted scripted(stages);
+  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    competed = true;
+    g_assert_cmpuint(collector.calls(), ==, 0);
+    g_assert_cmpuint(scripted.output->moved(), <=, length_size);
+  };
+  gvc_bytes_output_stream_put_bytes_async(scripted.writer.get(), new_bytes("message").get(), urgent,
+                                          nullptr, Collector::ready, &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+  assert_bytes(faulty::from_stages(stages, scripted.output->written()), frame("message"));
+}
+
+// A socket could take both parts at once.
+void
+test_payload_sent_after_more_urgent_sources(int stages)
+{
+  Connected connected(Family::unix_domain, stages);
+  const auto length_size = faulty::through_stages(stages, {le32(7)}).size();
+  Collector collector;
+  bool competed = false;
+  Callback ran = [&] {
+    char buffer[1024];
+    competed = true;
+    g_assert_cmpint(recv(connected.peer.fd(), buffer, sizeof buffer, MSG_PEEK | MSG_DONTWAIT), <=,
+                    static_cast<gssize>(length_size));
+  };
+  gvc_bytes_output_stream_put_bytes_async(connected.writer.get(), new_bytes("message").get(),
+                                          urgent, nullptr, Collector::ready, &collector);
+  compete(ran);
+  collector.wait();
+  g_assert_true(competed);
+}
+
+/* ---- A stream that fails without an error ---- */
+
 template <gsize index>
 void
 test_failure_without_an_error(int stages)
@@ -283,16 +464,6 @@ add_failures_without_an_error()
 }
 
 /* ---- Floods ---- */
-
-// Zeros are records that hold a new start of the chain and nothing else, or empty blocks.
-std::string
-flood(gsize size)
-{
-  return std::string(size, '\0');
-}
-
-constexpr gsize mebibyte = 1024 * 1024;
-constexpr gsize most_in_a_turn = 8 * mebibyte;
 
 void
 test_flood_leaves_the_main_loop_its_turns(int stages)
@@ -344,9 +515,6 @@ test_flood_is_cancelled_while_blocking(int stages)
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
 }
 
-// Between two ticks of a timer, a main loop that gets its turns cannot read this much.
-constexpr gsize most_between_ticks = 256 * mebibyte;
-
 void
 test_timers_tick_during_a_flood(int stages)
 {
@@ -392,38 +560,6 @@ test_timers_tick_during_a_flood(int stages)
 }
 
 /* ---- Converters that are odd ---- */
-
-// What one read without blocking gets from `wire`, which comes in so many pieces and an error,
-// through a stage, as from GIO's converter stream.
-std::string
-read_at_once(const std::string &wire, guint pieces, const std::function<Ref<GConverter>()> &make)
-{
-  const auto read = [](GInputStream *in) {
-    std::string text(64, '\0');
-    Error error;
-    const gssize count = g_pollable_input_stream_read_nonblocking(
-        G_POLLABLE_INPUT_STREAM(in), text.data(), text.size(), nullptr, &error);
-    error.assert_none();
-    return text.substr(0, static_cast<gsize>(count));
-  };
-  const auto script = [&wire, pieces] {
-    auto one = new_script(wire);
-    one->max_per_call = (wire.size() + pieces - 1) / pieces;
-    one->from_call = {pieces + 1, Step::fail()};
-    return one;
-  };
-  const auto base = new_scripted_input(script(), StreamKind::pollable);
-  const auto gio = own(g_converter_input_stream_new(base.get(), make().get()));
-  const auto channel =
-      own(gvc_connection_new(new_connection_over(new_scripted_input(script(), StreamKind::pollable),
-                                                 new_scripted_output(new_script()))
-                                 .get()));
-  gvc_connection_add_converters(channel.get(), make().get(),
-                                new_map_converter([](guint8 byte) { return byte; }).get());
-  auto text = read(g_io_stream_get_input_stream(G_IO_STREAM(channel.get())));
-  assert_bytes(text, read(gio.get()));
-  return text;
-}
 
 // All input is taken in one call, and what became of it comes from the next.
 void
@@ -502,78 +638,6 @@ test_unit_in_small_parts_is_not_copied_each_time()
 }
 
 /* ---- Sources that stay ---- */
-
-struct SourceRemove {
-  void
-  operator()(GSource *source) const
-  {
-    g_source_destroy(source);
-    g_source_unref(source);
-  }
-};
-using SourceRef = std::unique_ptr<GSource, SourceRemove>;
-
-SourceRef
-watch(GInputStream *stream, Callback &readable)
-{
-  SourceRef source(g_pollable_input_stream_create_source(G_POLLABLE_INPUT_STREAM(stream), nullptr));
-  const auto dispatched = [](GObject *, gpointer callback) -> gboolean {
-    (*static_cast<Callback *>(callback))();
-    return G_SOURCE_CONTINUE;
-  };
-  g_source_set_callback(source.get(), G_SOURCE_FUNC(+dispatched), &readable, nullptr);
-  g_source_attach(source.get(), nullptr);
-  return source;
-}
-
-constexpr int many_turns = 1000;
-// Nothing is there any more: a source may look once or twice to notice.
-constexpr int most_in_vain = 10;
-
-const char *const three[] = {"first", "second", "third"};
-
-std::string
-three_through_stages(int stages)
-{
-  return faulty::through_stages(stages, {le32(5), three[0], le32(6), three[1], le32(5), three[2]});
-}
-
-enum class Made { before, after }; // the bytes have come
-
-// One message is read each time; all of them lie in the buffers of the stages after the first.
-void
-watch_messages(int stages, bool own_stream, Made made)
-{
-  Connected connected(Family::unix_domain, stages);
-  std::vector<std::string> messages;
-  int in_vain = 0;
-  Callback readable = [&] {
-    if (messages.size() == G_N_ELEMENTS(three)) {
-      in_vain++;
-      return;
-    }
-    Error error;
-    const BytesRef message(
-        gvc_bytes_input_stream_read_bytes(connected.reader.get(), nullptr, &error));
-    error.assert_none();
-    messages.push_back(bytes_string(message.get()));
-  };
-  if (made == Made::after)
-    connected.peer.send(three_through_stages(stages));
-  const auto source =
-      watch(own_stream ? G_INPUT_STREAM(connected.reader.get()) : connected.in(), readable);
-  if (made == Made::before) {
-    spin_pending();
-    g_assert_cmpuint(messages.size(), ==, 0);
-    connected.peer.send(three_through_stages(stages));
-  }
-  for (int turn = 0; turn < many_turns; turn++)
-    g_main_context_iteration(nullptr, FALSE);
-  g_assert_cmpuint(messages.size(), ==, G_N_ELEMENTS(three));
-  for (gsize i = 0; i < G_N_ELEMENTS(three); i++)
-    assert_text(messages[i], three[i]);
-  g_assert_cmpint(in_vain, <=, most_in_vain);
-}
 
 template <bool own_stream, Made made>
 void
@@ -855,31 +919,6 @@ test_stream_that_cannot_be_polled_after_all()
 
 /* ---- A channel that is closed below a message ---- */
 
-enum class Closing { blocking, async };
-enum class Closed { channel, channel_and_socket };
-
-// Whether the channel says that it has closed. Programs that are done with a channel then close its
-// socket too.
-template <Closing closing, Closed what>
-bool
-close_channel(const Connected &connected)
-{
-  auto *channel = G_IO_STREAM(connected.channel.get());
-  Error error;
-  gboolean closed;
-  if (closing == Closing::blocking) {
-    closed = g_io_stream_close(channel, nullptr, &error);
-  } else {
-    Collector collector;
-    g_io_stream_close_async(channel, G_PRIORITY_DEFAULT, nullptr, Collector::ready, &collector);
-    closed = g_io_stream_close_finish(channel, collector.wait(), &error);
-  }
-  g_assert_true(closed == !error);
-  if (closed && what == Closed::channel_and_socket)
-    g_io_stream_close(G_IO_STREAM(connected.peer.connection()), nullptr, nullptr);
-  return closed;
-}
-
 template <Closing closing, Closed what>
 void
 test_closed_while_reading(int stages)
@@ -972,45 +1011,6 @@ add_closings(const std::string &name)
 }
 
 /* ---- Types that cannot be read ---- */
-
-struct BadType {
-  const char *type;
-  const char *domain;
-  const char *complaint; // a part of the critical
-};
-
-// The frame is there for the next reader, who asks for a type that it can have.
-void
-read_with_bad_type(int stages, const BadType &bad)
-{
-  LogCapture log;
-  const Scripted scripted(
-      stages, faulty::through_stages(stages, {le32(4), "one", std::string_view("", 1), le32(4),
-                                              "two", std::string_view("", 1)}));
-  Collector refused;
-  gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), bad.type, G_PRIORITY_DEFAULT,
-                                            nullptr, Collector::ready, &refused);
-  g_assert_cmpuint(refused.calls(), ==, 0);
-  Error error;
-  g_assert_null(
-      gvc_bytes_input_stream_read_variant_finish(scripted.reader.get(), refused.wait(), &error));
-  error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "Invalid variant type string");
-  const auto messages = log.take();
-  g_assert_cmpuint(messages.size(), ==, 1);
-  g_assert_cmpint(messages[0].level, ==, G_LOG_LEVEL_CRITICAL);
-  g_assert_cmpstr(messages[0].domain ? messages[0].domain->c_str() : nullptr, ==, bad.domain);
-  g_assert_nonnull(strstr(messages[0].text.c_str(), bad.complaint));
-
-  for (const char *expected : {"one", "two"}) {
-    Collector collector;
-    gvc_bytes_input_stream_read_variant_async(scripted.reader.get(), "s", G_PRIORITY_DEFAULT,
-                                              nullptr, Collector::ready, &collector);
-    const VariantRef variant(g_variant_ref_sink(gvc_bytes_input_stream_read_variant_finish(
-        scripted.reader.get(), collector.wait(), &error)));
-    error.assert_none();
-    g_assert_cmpstr(g_variant_get_string(variant.get(), nullptr), ==, expected);
-  }
-}
 
 void
 test_indefinite_type_costs_no_frame(int stages)

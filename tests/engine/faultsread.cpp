@@ -295,6 +295,26 @@ assert_goes_on(const Case &one, Rig &rig, bool untouched)
     assert_bytes(*again.value, expected_value(one.operation));
 }
 
+/* What an operation makes of a stream that ends after `got` bytes, with no stage. */
+void
+assert_end(const Operation &operation, gsize got, Outcome &outcome)
+{
+  const bool blocking = is_one_of(operation, {&read_bytes, &read_variant});
+  if (reads_strings(operation)) {
+    /* It asks on, until it is cancelled. */
+    outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
+  } else if (blocking && got >= 4) {
+    outcome.error.assert_none();
+    const auto arrived = payload.substr(0, got - 4);
+    assert_bytes(*outcome.value, arrived + std::string(payload.size() - arrived.size(), '\0'));
+  } else if (blocking || is_one_of(operation, {&read_bytes_async, &read_variant_async})) {
+    outcome.error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
+  } else {
+    outcome.error.assert_none();
+    assert_bytes(*outcome.value, (message + message).substr(0, got));
+  }
+}
+
 void
 test_read(const Case &one)
 {
@@ -331,26 +351,6 @@ test_close(const Case &one)
         error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
         assert_closes(rig);
       });
-}
-
-/* What an operation makes of a stream that ends after `got` bytes, with no stage. */
-void
-assert_end(const Operation &operation, gsize got, Outcome &outcome)
-{
-  const bool blocking = is_one_of(operation, {&read_bytes, &read_variant});
-  if (reads_strings(operation)) {
-    /* It asks on, until it is cancelled. */
-    outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_CANCELLED);
-  } else if (blocking && got >= 4) {
-    outcome.error.assert_none();
-    const auto arrived = payload.substr(0, got - 4);
-    assert_bytes(*outcome.value, arrived + std::string(payload.size() - arrived.size(), '\0'));
-  } else if (blocking || is_one_of(operation, {&read_bytes_async, &read_variant_async})) {
-    outcome.error.assert_is(GVC_ERROR, GVC_ERROR_DISCONNECTED, "Disconnected");
-  } else {
-    outcome.error.assert_none();
-    assert_bytes(*outcome.value, (message + message).substr(0, got));
-  }
 }
 
 void

@@ -107,33 +107,6 @@ assert_cut(const ReadCase &one, gsize sent, const BytesRef &bytes, Error &error)
   }
 }
 
-void
-test_read(const ReadCase &one)
-{
-  const std::string wire = through_stages(one.stages, {message.substr(0, 4), payload});
-  for (gsize sent = 0; sent <= wire.size(); sent++) {
-    Deserted deserted(one.family, one.stages, std::string_view(wire).substr(0, sent),
-                      one.departure);
-    Error error;
-    BytesRef bytes = read_message(deserted.io(), one.async, error);
-    if (sent == wire.size()) {
-      error.assert_none();
-      assert_bytes(bytes_string(bytes.get()), payload);
-      bytes = read_message(deserted.io(), one.async, error);
-      g_assert_null(bytes.get());
-      assert_cut(one, 0, bytes, error);
-    } else {
-      assert_cut(one, sent, bytes, error);
-    }
-    g_assert_true(
-        g_input_stream_close(g_io_stream_get_input_stream(deserted.io()), nullptr, &error));
-    error.assert_none();
-    deserted.assert_all_gone();
-  }
-}
-
-/* ---- Writing ---- */
-
 struct WriteCase {
   bool async;
   int stages;
@@ -159,67 +132,11 @@ write_message(GIOStream *io, bool async, const BytesRef &bytes, Error &error)
   return done;
 }
 
-/* The peer takes some of a message that is larger than all buffers between, and goes. */
-void
-test_write(const WriteCase &one)
-{
-  LifeWatch lives;
-  for (const gsize taken : {0, 4, 5000, 1000000}) {
-    const BytesRef bytes = lives.add_bytes(pattern(12 * 1024 * 1024, 5));
-    RawPeer peer(one.family);
-    auto channel = own(gvc_connection_new(peer.connection()));
-    add_stages(channel.get(), one.stages, &lives);
-    {
-      const Background reader([&] {
-        peer.receive(taken);
-        set_departure(peer.fd(), one.departure);
-        peer.close();
-      });
-      Error error;
-      g_assert_false(write_message(G_IO_STREAM(channel.get()), one.async, bytes, error));
-      error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
-    }
-    /* It stays so. */
-    Error error;
-    g_assert_false(write_message(G_IO_STREAM(channel.get()), one.async, bytes, error));
-    error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
-    lives.add(channel.get());
-    g_socket_close(g_socket_connection_get_socket(peer.connection()), nullptr);
-    peer.take_connection();
-    channel.reset();
-  }
-  lives.assert_all_gone();
-}
-
-/* ---- The address of a peer that has gone ---- */
-
 std::string
 address_of(gpointer stream)
 {
   return Mem<char>(gvc_io_stream_get_remote_address_string(G_IO_STREAM(stream))).get();
 }
-
-/* A peer that has gone keeps its name until the socket is closed here. */
-void
-test_address()
-{
-  for (const auto departure : {Departure::close, Departure::reset}) {
-    RawPeer peer(Family::tcp4);
-    const auto channel = own(gvc_connection_new(peer.connection()));
-    const std::string before = address_of(channel.get());
-    g_assert_true(g_str_has_prefix(before.c_str(), "127.0.0.1:"));
-    set_departure(peer.fd(), departure);
-    peer.close();
-    Error error;
-    g_assert_null(read_message(G_IO_STREAM(channel.get()), false, error).get());
-    assert_text(address_of(channel.get()), before);
-    g_assert_true(g_socket_close(g_socket_connection_get_socket(peer.connection()), nullptr));
-    assert_text(address_of(channel.get()), "UNKNOWN");
-    assert_text(address_of(peer.connection()), "UNKNOWN");
-  }
-}
-
-/* ---- GIO's own converter streams ---- */
 
 Ref<GConverter>
 new_converter(bool compression, bool out)
@@ -274,6 +191,89 @@ write_through_gio(Rig &rig, GError **error)
              ? std::optional<std::string>("")
              : std::nullopt;
 }
+
+void
+test_read(const ReadCase &one)
+{
+  const std::string wire = through_stages(one.stages, {message.substr(0, 4), payload});
+  for (gsize sent = 0; sent <= wire.size(); sent++) {
+    Deserted deserted(one.family, one.stages, std::string_view(wire).substr(0, sent),
+                      one.departure);
+    Error error;
+    BytesRef bytes = read_message(deserted.io(), one.async, error);
+    if (sent == wire.size()) {
+      error.assert_none();
+      assert_bytes(bytes_string(bytes.get()), payload);
+      bytes = read_message(deserted.io(), one.async, error);
+      g_assert_null(bytes.get());
+      assert_cut(one, 0, bytes, error);
+    } else {
+      assert_cut(one, sent, bytes, error);
+    }
+    g_assert_true(
+        g_input_stream_close(g_io_stream_get_input_stream(deserted.io()), nullptr, &error));
+    error.assert_none();
+    deserted.assert_all_gone();
+  }
+}
+
+/* ---- Writing ---- */
+
+/* The peer takes some of a message that is larger than all buffers between, and goes. */
+void
+test_write(const WriteCase &one)
+{
+  LifeWatch lives;
+  for (const gsize taken : {0, 4, 5000, 1000000}) {
+    const BytesRef bytes = lives.add_bytes(pattern(12 * 1024 * 1024, 5));
+    RawPeer peer(one.family);
+    auto channel = own(gvc_connection_new(peer.connection()));
+    add_stages(channel.get(), one.stages, &lives);
+    {
+      const Background reader([&] {
+        peer.receive(taken);
+        set_departure(peer.fd(), one.departure);
+        peer.close();
+      });
+      Error error;
+      g_assert_false(write_message(G_IO_STREAM(channel.get()), one.async, bytes, error));
+      error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
+    }
+    /* It stays so. */
+    Error error;
+    g_assert_false(write_message(G_IO_STREAM(channel.get()), one.async, bytes, error));
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_CONNECTION_CLOSED);
+    lives.add(channel.get());
+    g_socket_close(g_socket_connection_get_socket(peer.connection()), nullptr);
+    peer.take_connection();
+    channel.reset();
+  }
+  lives.assert_all_gone();
+}
+
+/* ---- The address of a peer that has gone ---- */
+
+/* A peer that has gone keeps its name until the socket is closed here. */
+void
+test_address()
+{
+  for (const auto departure : {Departure::close, Departure::reset}) {
+    RawPeer peer(Family::tcp4);
+    const auto channel = own(gvc_connection_new(peer.connection()));
+    const std::string before = address_of(channel.get());
+    g_assert_true(g_str_has_prefix(before.c_str(), "127.0.0.1:"));
+    set_departure(peer.fd(), departure);
+    peer.close();
+    Error error;
+    g_assert_null(read_message(G_IO_STREAM(channel.get()), false, error).get());
+    assert_text(address_of(channel.get()), before);
+    g_assert_true(g_socket_close(g_socket_connection_get_socket(peer.connection()), nullptr));
+    assert_text(address_of(channel.get()), "UNKNOWN");
+    assert_text(address_of(peer.connection()), "UNKNOWN");
+  }
+}
+
+/* ---- GIO's own converter streams ---- */
 
 template <bool compression>
 void

@@ -220,29 +220,6 @@ assert_closes(Rig &rig)
   error.assert_none();
 }
 
-void
-test_write(const Case &one)
-{
-  at_every_step(one, set_chunk, [&](Rig &rig, Outcome &outcome) {
-    const bool failed = !outcome.value;
-    assert_outcome(one, rig, outcome, "");
-    if (!failed) {
-      assert_bytes(from_stages(one.stages, rig.faults().accepted), message);
-    } else {
-      rig.faults().disarm();
-      rig.renew_cancellable();
-      Outcome again;
-      again.value = one.operation.run(rig, &again.error);
-      again.error.assert_none();
-      rig.assert_idle();
-      assert_first_part_then_whole(rig);
-    }
-    const std::string before = from_stages(one.stages, rig.faults().accepted);
-    assert_closes(rig);
-    assert_bytes(from_stages(one.stages, rig.faults().accepted), before);
-  });
-}
-
 /* Leaves a message in the stages, as far as they take one: the socket is full. */
 void
 fill_stages(Rig &rig)
@@ -264,6 +241,29 @@ std::string
 filled(const Rig &rig)
 {
   return rig.flavour() == Flavour::blocking || rig.stages() == 0 ? "" : message;
+}
+
+void
+test_write(const Case &one)
+{
+  at_every_step(one, set_chunk, [&](Rig &rig, Outcome &outcome) {
+    const bool failed = !outcome.value;
+    assert_outcome(one, rig, outcome, "");
+    if (!failed) {
+      assert_bytes(from_stages(one.stages, rig.faults().accepted), message);
+    } else {
+      rig.faults().disarm();
+      rig.renew_cancellable();
+      Outcome again;
+      again.value = one.operation.run(rig, &again.error);
+      again.error.assert_none();
+      rig.assert_idle();
+      assert_first_part_then_whole(rig);
+    }
+    const std::string before = from_stages(one.stages, rig.faults().accepted);
+    assert_closes(rig);
+    assert_bytes(from_stages(one.stages, rig.faults().accepted), before);
+  });
 }
 
 /* A flush that failed can be made good by another one. */

@@ -231,6 +231,47 @@ struct Case {
   int stages;
 };
 
+guint
+data_segments_sent(GSocketConnection *connection)
+{
+  tcp_info info = {};
+  socklen_t size = sizeof info;
+  g_assert_no_errno(getsockopt(g_socket_get_fd(g_socket_connection_get_socket(connection)),
+                               IPPROTO_TCP, TCP_INFO, &info, &size));
+  return info.tcpi_data_segs_out;
+}
+
+struct SegmentCount {
+  guint frames;
+  guint segments;
+};
+
+// Without Nagle's algorithm, each send over TCP is a segment of its own, as long as the congestion
+// window has room: a new connection can send ten.
+SegmentCount
+send_over_tcp(const Case &one)
+{
+  constexpr guint frames = 4;
+  const std::string payload = pattern(64);
+  RawPeer peer(Family::tcp4);
+  auto *socket = g_socket_connection_get_socket(peer.connection());
+  auto channel = own(gvc_connection_new(peer.connection()));
+  faulty::add_stages(channel.get(), one.stages);
+  g_assert_true(g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, TRUE, nullptr));
+  auto writer =
+      own(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel.get()))));
+  std::string expected;
+  for (guint i = 0; i < frames; i++) {
+    Error error;
+    g_assert_true(put(writer.get(), one.way, payload, &error));
+    expected += frame(payload);
+  }
+  const guint segments = data_segments_sent(peer.connection());
+  g_socket_shutdown(socket, FALSE, TRUE, nullptr);
+  assert_bytes(faulty::from_stages(one.stages, peer.receive_all()), expected);
+  return {frames, segments};
+}
+
 /* ---- Who is asked how often ---- */
 
 // The length and the payload reach the stream in one call, as vectors of their own; what stages
@@ -413,47 +454,6 @@ test_large_vector_of_the_caller(const Case &one)
 }
 
 /* ---- Real sockets ---- */
-
-guint
-data_segments_sent(GSocketConnection *connection)
-{
-  tcp_info info = {};
-  socklen_t size = sizeof info;
-  g_assert_no_errno(getsockopt(g_socket_get_fd(g_socket_connection_get_socket(connection)),
-                               IPPROTO_TCP, TCP_INFO, &info, &size));
-  return info.tcpi_data_segs_out;
-}
-
-struct SegmentCount {
-  guint frames;
-  guint segments;
-};
-
-// Without Nagle's algorithm, each send over TCP is a segment of its own, as long as the congestion
-// window has room: a new connection can send ten.
-SegmentCount
-send_over_tcp(const Case &one)
-{
-  constexpr guint frames = 4;
-  const std::string payload = pattern(64);
-  RawPeer peer(Family::tcp4);
-  auto *socket = g_socket_connection_get_socket(peer.connection());
-  auto channel = own(gvc_connection_new(peer.connection()));
-  faulty::add_stages(channel.get(), one.stages);
-  g_assert_true(g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, TRUE, nullptr));
-  auto writer =
-      own(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel.get()))));
-  std::string expected;
-  for (guint i = 0; i < frames; i++) {
-    Error error;
-    g_assert_true(put(writer.get(), one.way, payload, &error));
-    expected += frame(payload);
-  }
-  const guint segments = data_segments_sent(peer.connection());
-  g_socket_shutdown(socket, FALSE, TRUE, nullptr);
-  assert_bytes(faulty::from_stages(one.stages, peer.receive_all()), expected);
-  return {frames, segments};
-}
 
 // The kernel may repeat a segment, but not one for every other frame.
 void

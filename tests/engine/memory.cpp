@@ -81,48 +81,6 @@ const Operation operations[] = {
      }},
 };
 
-void
-test_allocation(const MemoryCase &one)
-{
-  const std::string wire =
-      one.cut ? frame(payload).substr(0, 1000)
-              : through_stages(one.stages, {frame(payload).substr(0, 4), payload, frame("next")});
-  const std::string expected =
-      one.cut ? payload.substr(0, 996) + std::string(payload.size() - 996, '\0') : payload;
-  for (guint n = 1;; n++) {
-    Rig rig(Flavour::pollable, one.stages);
-    rig.faults().wire = wire;
-    allocations = 0;
-    failing_allocation = n;
-    Outcome outcome;
-    outcome.value = one.operation.run(rig, &outcome.error);
-    failing_allocation = 0;
-    rig.assert_idle();
-    if (allocations < n) {
-      outcome.error.assert_none();
-      assert_bytes(*outcome.value, expected);
-      g_test_message("%u allocations", n - 1);
-      g_assert_cmpuint(n - 1, >=, one.cut ? 2 : 1);
-      return;
-    }
-    outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
-    /* The payload is still there for whoever knows what to do with it, and the stream closes. */
-    Error error;
-    if (!one.cut) {
-      std::string rest(payload.size(), '\0');
-      g_assert_true(g_input_stream_read_all(G_INPUT_STREAM(rig.reader()), rest.data(), rest.size(),
-                                            nullptr, nullptr, &error));
-      assert_bytes(rest, payload);
-      outcome.value = take(gvc_bytes_input_stream_read_bytes(rig.reader(), nullptr, &error));
-      assert_bytes(*outcome.value, "next");
-    }
-    g_assert_true(g_input_stream_close(G_INPUT_STREAM(rig.reader()), nullptr, &error));
-    error.assert_none();
-  }
-}
-
-/* ---- A peer that never reads ---- */
-
 constexpr gsize block = 256 * 1024;
 constexpr guint attempts = 2000;
 
@@ -134,18 +92,6 @@ skip_unknown_heap()
     return false;
   g_test_skip("what malloc() has given out is not known");
   return true;
-}
-
-void
-test_measurement()
-{
-  if (skip_unknown_heap())
-    return;
-  const gsize before = heap_in_use();
-  const Mem<char> memory(static_cast<char *>(g_malloc(8 * 1024 * 1024)));
-  const gsize after = heap_in_use();
-  g_assert_nonnull(memory.get());
-  g_assert_cmpuint(after - before, >=, 8 * 1024 * 1024);
 }
 
 struct Sender {
@@ -254,6 +200,60 @@ struct SlowCase {
 /* A message takes a few times its size on its way through two stages; what 2,000 of them would
  * take is 500 MiB. */
 constexpr gsize most_for_one = 8 * block;
+
+void
+test_allocation(const MemoryCase &one)
+{
+  const std::string wire =
+      one.cut ? frame(payload).substr(0, 1000)
+              : through_stages(one.stages, {frame(payload).substr(0, 4), payload, frame("next")});
+  const std::string expected =
+      one.cut ? payload.substr(0, 996) + std::string(payload.size() - 996, '\0') : payload;
+  for (guint n = 1;; n++) {
+    Rig rig(Flavour::pollable, one.stages);
+    rig.faults().wire = wire;
+    allocations = 0;
+    failing_allocation = n;
+    Outcome outcome;
+    outcome.value = one.operation.run(rig, &outcome.error);
+    failing_allocation = 0;
+    rig.assert_idle();
+    if (allocations < n) {
+      outcome.error.assert_none();
+      assert_bytes(*outcome.value, expected);
+      g_test_message("%u allocations", n - 1);
+      g_assert_cmpuint(n - 1, >=, one.cut ? 2 : 1);
+      return;
+    }
+    outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
+    /* The payload is still there for whoever knows what to do with it, and the stream closes. */
+    Error error;
+    if (!one.cut) {
+      std::string rest(payload.size(), '\0');
+      g_assert_true(g_input_stream_read_all(G_INPUT_STREAM(rig.reader()), rest.data(), rest.size(),
+                                            nullptr, nullptr, &error));
+      assert_bytes(rest, payload);
+      outcome.value = take(gvc_bytes_input_stream_read_bytes(rig.reader(), nullptr, &error));
+      assert_bytes(*outcome.value, "next");
+    }
+    g_assert_true(g_input_stream_close(G_INPUT_STREAM(rig.reader()), nullptr, &error));
+    error.assert_none();
+  }
+}
+
+/* ---- A peer that never reads ---- */
+
+void
+test_measurement()
+{
+  if (skip_unknown_heap())
+    return;
+  const gsize before = heap_in_use();
+  const Mem<char> memory(static_cast<char *>(g_malloc(8 * 1024 * 1024)));
+  const gsize after = heap_in_use();
+  g_assert_nonnull(memory.get());
+  g_assert_cmpuint(after - before, >=, 8 * 1024 * 1024);
+}
 
 void
 test_slow_reader(const SlowCase &one)

@@ -4,6 +4,7 @@
 #include "tests/support/resources.h"
 #include "tests/support/traffic.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -16,6 +17,30 @@
 
 using namespace support;
 using namespace traffic;
+
+namespace
+{
+
+/* ---- The moment before a wait ---- */
+
+/* Runs once, when a read of this descriptor has found nothing. */
+int empty_fd = -1;
+std::function<void()> when_empty;
+
+} // namespace
+
+/* GIO calls this function in place of the C library's. */
+extern "C" ssize_t
+recv(int fd, void *buffer, size_t size, int flags)
+{
+  static const auto real = reinterpret_cast<decltype(&recv)>(dlsym(RTLD_NEXT, "recv"));
+  const ssize_t received = real(fd, buffer, size, flags);
+  const int error = errno;
+  if (received < 0 && fd == empty_fd && when_empty)
+    std::exchange(when_empty, {})();
+  errno = error;
+  return received;
+}
 
 namespace
 {
@@ -232,6 +257,40 @@ wait_until_given_up()
   spin_until([] { return epoll_instances() == 0; });
 }
 
+void
+close_connection(Channel &channel)
+{
+  Error error;
+  GSocketConnection *const connection = gvc_connection_get_connection(channel.connection.get());
+  g_io_stream_close(G_IO_STREAM(connection), nullptr, &error);
+}
+
+void
+close_socket(Channel &channel)
+{
+  channel.abandon();
+}
+
+constexpr Family families[] = {Family::unix_domain, Family::tcp4};
+
+/* Ends the child without what belongs to the parent: exit handlers, the test's report. */
+void
+in_child(const std::function<void()> &code)
+{
+  const pid_t child = fork();
+  g_assert_cmpint(child, >=, 0);
+  if (child == 0) {
+    code();
+    _exit(0);
+  }
+  int status = 0;
+  g_assert_cmpint(waitpid(child, &status, 0), ==, child);
+  g_assert_true(WIFEXITED(status));
+  g_assert_cmpint(WEXITSTATUS(status), ==, 0);
+}
+
+enum class Deed { close, cancel, free };
+
 /* ---- Contexts, priorities, order ---- */
 
 void
@@ -417,6 +476,11 @@ test_unread()
   g_assert_false(g_main_context_iteration(nullptr, FALSE));
   assert_quiet();
   send(pair.b, "two");
+  {
+    const PollWatch watch;
+    g_main_context_iteration(nullptr, FALSE);
+    g_assert_cmpint(last_poll, ==, 0);
+  }
   assert_quiet();
   Read(pair.a).expect("one");
   Read(pair.a).expect("two");
@@ -441,22 +505,6 @@ test_pending_behind_unread()
 }
 
 /* ---- Closed and reused descriptors, fork ---- */
-
-void
-close_connection(Channel &channel)
-{
-  Error error;
-  GSocketConnection *const connection = gvc_connection_get_connection(channel.connection.get());
-  g_io_stream_close(G_IO_STREAM(connection), nullptr, &error);
-}
-
-void
-close_socket(Channel &channel)
-{
-  channel.abandon();
-}
-
-constexpr Family families[] = {Family::unix_domain, Family::tcp4};
 
 template <void (*close)(Channel &)>
 void
@@ -535,22 +583,6 @@ test_copied_descriptor()
   waiting.expect("still");
 }
 
-/* Ends the child without what belongs to the parent: exit handlers, the test's report. */
-void
-in_child(const std::function<void()> &code)
-{
-  const pid_t child = fork();
-  g_assert_cmpint(child, >=, 0);
-  if (child == 0) {
-    code();
-    _exit(0);
-  }
-  int status = 0;
-  g_assert_cmpint(waitpid(child, &status, 0), ==, child);
-  g_assert_true(WIFEXITED(status));
-  g_assert_cmpint(WEXITSTATUS(status), ==, 0);
-}
-
 void
 test_fork()
 {
@@ -615,6 +647,37 @@ test_answers()
   }
 }
 
+/* A message that comes after a read has found nothing, and before the wait begins, ends that wait.
+ * The stream waits for the first time, or again, or again after a message that nobody waited for.
+ */
+void
+test_data_before_wait()
+{
+  enum class Past { none, waited, unread };
+  for (const Past past : {Past::none, Past::waited, Past::unread}) {
+    Pair pair;
+    if (past != Past::none)
+      warm_up(pair);
+    if (past == Past::unread) {
+      send(pair.b, "unread");
+      spin_pending();
+      Read(pair.a).expect("unread");
+    }
+    bool sent = false;
+    when_empty = [&] {
+      send(pair.b, "in between");
+      sent = true;
+    };
+    empty_fd = g_socket_get_fd(pair.a.socket());
+    Read read(pair.a);
+    g_assert_true(sent);
+    g_assert_false(read.done());
+    read.expect("in between");
+    assert_quiet();
+  }
+  empty_fd = -1;
+}
+
 void
 test_both_directions()
 {
@@ -652,8 +715,6 @@ test_many_at_once()
     g_assert_cmpuint(called, ==, count * static_cast<guint>(round + 1));
   }
 }
-
-enum class Deed { close, cancel, free };
 
 /* The first callback of a batch does something to all other channels of the batch. */
 template <Deed deed>
@@ -905,6 +966,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/fork", test_fork);
   g_test_add_func("/socketwait/early-data", test_early_data);
   g_test_add_func("/socketwait/answers", test_answers);
+  g_test_add_func("/socketwait/data-before-wait", test_data_before_wait);
   g_test_add_func("/socketwait/both-directions", test_both_directions);
   g_test_add_func("/socketwait/many-at-once", test_many_at_once);
   g_test_add_func("/socketwait/batch/close", test_batch<Deed::close>);

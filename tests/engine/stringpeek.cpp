@@ -161,6 +161,50 @@ struct Case {
   Way way;
 };
 
+constexpr int many_turns = 200;
+// A reader looks once or twice more than it must.
+constexpr int most_in_vain = 20;
+
+// How many turns of the main loop had something to do.
+int
+busy_turns(int turns)
+{
+  int busy = 0;
+  for (int turn = 0; turn < turns; turn++)
+    busy += g_main_context_iteration(nullptr, FALSE);
+  return busy;
+}
+
+constexpr gsize many_bytes = 1024;
+// Bytes that have come cost no turn of the main loop each.
+constexpr int most_turns = many_bytes / 4;
+
+std::string
+read_script(GvcDataInputStream *strings, Way way)
+{
+  gsize length = 0;
+  if (way == Way::blocking) {
+    auto *string = gvc_data_input_stream_read_string(strings, '\n', &length, nullptr, nullptr);
+    return faulty::take(string, length).value();
+  }
+  Collector collector;
+  gvc_data_input_stream_read_string_async(strings, '\n', G_PRIORITY_DEFAULT, nullptr,
+                                          Collector::ready, &collector);
+  auto *string =
+      gvc_data_input_stream_read_string_finish(strings, collector.wait(), &length, nullptr);
+  return faulty::take(string, length).value();
+}
+
+/* ---- */
+
+using BaseTest = void (*)(Base);
+
+void
+run_base_test(const std::pair<BaseTest, Base> &one)
+{
+  one.first(one.second);
+}
+
 /* ---- What is taken ---- */
 
 void
@@ -270,20 +314,6 @@ test_peer_that_has_closed(const Case &one)
 
 /* ---- Waiting, which only the asynchronous reader does in the main loop ---- */
 
-constexpr int many_turns = 200;
-// A reader looks once or twice more than it must.
-constexpr int most_in_vain = 20;
-
-// How many turns of the main loop had something to do.
-int
-busy_turns(int turns)
-{
-  int busy = 0;
-  for (int turn = 0; turn < turns; turn++)
-    busy += g_main_context_iteration(nullptr, FALSE);
-  return busy;
-}
-
 // Whatever has come of a string, a silent peer leaves the main loop at rest.
 void
 test_silent_peer(Base base)
@@ -388,10 +418,6 @@ test_socket_closed_below(Base base)
   error.assert_is(G_IO_ERROR, G_IO_ERROR_CLOSED);
 }
 
-constexpr gsize many_bytes = 1024;
-// Bytes that have come cost no turn of the main loop each.
-constexpr int most_turns = many_bytes / 4;
-
 void
 test_turns_of_a_string(Base base)
 {
@@ -444,22 +470,6 @@ test_timeouts()
 }
 
 /* ---- Streams that can only be read ---- */
-
-std::string
-read_script(GvcDataInputStream *strings, Way way)
-{
-  gsize length = 0;
-  if (way == Way::blocking) {
-    auto *string = gvc_data_input_stream_read_string(strings, '\n', &length, nullptr, nullptr);
-    return faulty::take(string, length).value();
-  }
-  Collector collector;
-  gvc_data_input_stream_read_string_async(strings, '\n', G_PRIORITY_DEFAULT, nullptr,
-                                          Collector::ready, &collector);
-  auto *string =
-      gvc_data_input_stream_read_string_finish(strings, collector.wait(), &length, nullptr);
-  return faulty::take(string, length).value();
-}
 
 // Requests of one byte each, but none of them waits for a turn of its own.
 void
@@ -555,8 +565,6 @@ test_derived_class_with_reads_of_its_own(const Case &one)
   }
 }
 
-/* ---- */
-
 template <typename Argument>
 void
 add(const std::string &name, void (*test)(const Argument &), const Argument &argument)
@@ -568,14 +576,6 @@ add(const std::string &name, void (*test)(const Argument &), const Argument &arg
                               entry->first(entry->second);
                             },
                             [](gpointer data) { delete static_cast<Entry *>(data); });
-}
-
-using BaseTest = void (*)(Base);
-
-void
-run_base_test(const std::pair<BaseTest, Base> &one)
-{
-  one.first(one.second);
 }
 
 void

@@ -131,79 +131,6 @@ struct SlowPeer {
 
 constexpr gsize much = 900000; // and far more than the socket buffers take
 
-// The peer reads late, and only as much as lets the writer go on, so that the socket buffers are
-// full when the callback comes. All that the peer ever gets has been sent by then.
-void
-test_async_success_means_sent(const AsyncCase &one)
-{
-  SlowPeer slow(one.family, one.stages);
-  auto *out = one.message_stream ? G_OUTPUT_STREAM(slow.writer.get()) : slow.out();
-  const std::string data = pattern(much);
-  own(g_task_new(out, nullptr, nullptr, nullptr)); // the first one starts a thread of GIO's
-  const gsize threads = Resources::now().threads;
-  Collector collector;
-  one.write.start(out, data, Collector::ready, &collector);
-  turn_main_loop(collector);
-  g_assert_cmpuint(Resources::now().threads, ==, threads);
-
-  std::string wire;
-  const gint64 give_up = g_get_monotonic_time() + watchdog_usec();
-  while (collector.calls() == 0) {
-    if (!g_main_context_iteration(nullptr, FALSE))
-      wire += slow.receive_a_little();
-    g_assert_cmpint(g_get_monotonic_time(), <, give_up);
-  }
-  Error error;
-  const gsize written = one.write.finish(out, collector.wait(), &error);
-  slow.end();
-  wire += slow.peer.receive_all();
-
-  error.assert_none();
-  g_assert_cmpuint(written, >, 0);
-  assert_bytes(faulty::from_stages(one.stages, wire), data.substr(0, written));
-}
-
-// The peer has gone without reading: nothing can have been written.
-void
-test_async_success_needs_the_peer(const AsyncCase &one)
-{
-  SlowPeer slow(one.family, one.stages);
-  auto *out = one.message_stream ? G_OUTPUT_STREAM(slow.writer.get()) : slow.out();
-  const std::string data = pattern(much);
-  Collector collector;
-  one.write.start(out, data, Collector::ready, &collector);
-  turn_main_loop(collector);
-  slow.peer.close();
-  Error error;
-  const gsize written = one.write.finish(out, collector.wait(), &error);
-  g_assert_cmpuint(written, <, much);
-  g_assert_true(error || written > 0);
-}
-
-void
-add_async(const char *name, void (*test)(const AsyncCase &))
-{
-  using Entry = std::pair<void (*)(const AsyncCase &), AsyncCase>;
-  for (const auto &write : async_writes)
-    for (const bool message_stream : {false, true})
-      for (int stages = 0; stages <= faulty::most_stages; stages++)
-        for (const Family family : {Family::unix_domain, Family::tcp4}) {
-          const std::string path = std::string("/truthful-writes/") + name + '/' + write.name +
-                                   (message_stream ? "/message-stream/" : "/channel/") +
-                                   std::to_string(stages) + "-stages/" +
-                                   (family == Family::tcp4 ? "tcp" : "unix");
-          g_test_add_data_func_full(
-              path.c_str(), new Entry(test, {write, message_stream, stages, family}),
-              [](gconstpointer data) {
-                const auto entry = static_cast<const Entry *>(data);
-                entry->first(entry->second);
-              },
-              [](gpointer data) { delete static_cast<Entry *>(data); });
-        }
-}
-
-/* ---- Base streams that take little, nothing, or fail ---- */
-
 Ref<GConverter>
 flip()
 {
@@ -267,6 +194,167 @@ allow_warnings(LogCapture &log)
 }
 
 constexpr int stage_counts[] = {1, 2};
+
+// Counts the calls of the base stream in one turn of the main loop, or in one call from outside.
+struct CallsInATurn {
+  static constexpr guint most = 100;
+  guint calls = 0;
+
+  explicit CallsInATurn(Script &script)
+  {
+    script.on_call = [this](guint) { g_assert_cmpuint(++calls, <=, most); };
+  }
+};
+
+Ref<GConverter>
+no_digits()
+{
+  return new_converter([](std::string_view in, char *out, gsize room, GConverterFlags flags,
+                          gsize *read, gsize *written, GError **error) {
+    if (in.find_first_of("0123456789") != in.npos)
+      return conversion_error(G_IO_ERROR_INVALID_DATA, "A digit", error);
+    if (room < in.size())
+      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
+    std::copy(in.begin(), in.end(), out);
+    *read = *written = in.size();
+    if ((flags & G_CONVERTER_INPUT_AT_END) != 0)
+      return G_CONVERTER_FINISHED;
+    return (flags & G_CONVERTER_FLUSH) != 0 ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
+  });
+}
+
+// Passes bytes on up to an exclamation mark, with which it has finished.
+Ref<GConverter>
+until_exclamation_mark()
+{
+  return new_converter([](std::string_view in, char *out, gsize room, GConverterFlags flags,
+                          gsize *read, gsize *written, GError **error) {
+    const auto mark = in.find('!');
+    const auto size = mark == in.npos ? in.size() : mark + 1;
+    if (room < size)
+      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
+    std::copy_n(in.data(), size, out);
+    *read = *written = size;
+    if (mark != in.npos || (flags & G_CONVERTER_INPUT_AT_END) != 0)
+      return G_CONVERTER_FINISHED;
+    return (flags & G_CONVERTER_FLUSH) != 0 ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
+  });
+}
+
+// What comes of the same calls over the library's stage and over the running GLib's.
+std::vector<std::string>
+calls_after_the_end(bool library, std::string_view last)
+{
+  Stages chain(library, 1, StreamKind::pollable, until_exclamation_mark);
+  std::vector<std::string> outcomes;
+  const auto note = [&](const char *what, gssize result, const Error &error) {
+    outcomes.push_back(std::string(what) + ' ' + std::to_string(result) +
+                       (error ? std::string(" ") + g_quark_to_string(error.get()->domain) + ' ' +
+                                    std::to_string(error.get()->code)
+                              : std::string()));
+  };
+  const auto write = [&](std::string_view data, bool blocking) {
+    Error error;
+    const gssize count =
+        blocking ? g_output_stream_write(chain.out.get(), data.data(), data.size(), nullptr, &error)
+                 : g_pollable_output_stream_write_nonblocking(chain.pollable(), data.data(),
+                                                              data.size(), nullptr, &error);
+    note(blocking ? "write" : "write-nonblocking", count, error);
+  };
+  write(last, true);
+  for (int i = 0; i < 2; i++) {
+    write("more", true);
+    write("and more", false);
+  }
+  for (auto *end : {g_output_stream_flush, g_output_stream_close}) {
+    Error error;
+    const gboolean done = end(chain.out.get(), nullptr, &error);
+    note(end == g_output_stream_flush ? "flush" : "close", done, error);
+  }
+  outcomes.push_back(chain.script->written());
+  return outcomes;
+}
+
+constexpr gsize input_wanted = 8 * 1024 * 1024;
+constexpr gsize write_size = 4096;
+
+// Wants all of its input at once. When its input lies elsewhere than before, what had been there
+// must have been copied.
+struct Hoarder {
+  const char *last = nullptr;
+  gsize last_size = 0;
+  gsize copied = 0;
+  std::string input;
+
+  Ref<GConverter>
+  make()
+  {
+    return new_converter([this](std::string_view in, char *, gsize, GConverterFlags, gsize *read,
+                                gsize *written, GError **error) {
+      if (in.data() != last)
+        copied += last_size;
+      last = in.data();
+      last_size = in.size();
+      if (in.size() < input_wanted)
+        return conversion_error(G_IO_ERROR_PARTIAL_INPUT, "More", error);
+      input.assign(in);
+      *read = in.size();
+      *written = 0;
+      return G_CONVERTER_CONVERTED;
+    });
+  }
+};
+
+// The peer reads late, and only as much as lets the writer go on, so that the socket buffers are
+// full when the callback comes. All that the peer ever gets has been sent by then.
+void
+test_async_success_means_sent(const AsyncCase &one)
+{
+  SlowPeer slow(one.family, one.stages);
+  auto *out = one.message_stream ? G_OUTPUT_STREAM(slow.writer.get()) : slow.out();
+  const std::string data = pattern(much);
+  own(g_task_new(out, nullptr, nullptr, nullptr)); // the first one starts a thread of GIO's
+  const gsize threads = Resources::now().threads;
+  Collector collector;
+  one.write.start(out, data, Collector::ready, &collector);
+  turn_main_loop(collector);
+  g_assert_cmpuint(Resources::now().threads, ==, threads);
+
+  std::string wire;
+  const gint64 give_up = g_get_monotonic_time() + watchdog_usec();
+  while (collector.calls() == 0) {
+    if (!g_main_context_iteration(nullptr, FALSE))
+      wire += slow.receive_a_little();
+    g_assert_cmpint(g_get_monotonic_time(), <, give_up);
+  }
+  Error error;
+  const gsize written = one.write.finish(out, collector.wait(), &error);
+  slow.end();
+  wire += slow.peer.receive_all();
+
+  error.assert_none();
+  g_assert_cmpuint(written, >, 0);
+  assert_bytes(faulty::from_stages(one.stages, wire), data.substr(0, written));
+}
+
+// The peer has gone without reading: nothing can have been written.
+void
+test_async_success_needs_the_peer(const AsyncCase &one)
+{
+  SlowPeer slow(one.family, one.stages);
+  auto *out = one.message_stream ? G_OUTPUT_STREAM(slow.writer.get()) : slow.out();
+  const std::string data = pattern(much);
+  Collector collector;
+  one.write.start(out, data, Collector::ready, &collector);
+  turn_main_loop(collector);
+  slow.peer.close();
+  Error error;
+  const gsize written = one.write.finish(out, collector.wait(), &error);
+  g_assert_cmpuint(written, <, much);
+  g_assert_true(error || written > 0);
+}
+
+/* ---- Base streams that take little, nothing, or fail ---- */
 
 void
 test_base_takes_nothing_from_a_message(gconstpointer stages)
@@ -336,17 +424,6 @@ test_retried_in_pieces(gconstpointer stages)
     assert_bytes(flipped(chain.script->written(), count), data);
   }
 }
-
-// Counts the calls of the base stream in one turn of the main loop, or in one call from outside.
-struct CallsInATurn {
-  static constexpr guint most = 100;
-  guint calls = 0;
-
-  explicit CallsInATurn(Script &script)
-  {
-    script.on_call = [this](guint) { g_assert_cmpuint(++calls, <=, most); };
-  }
-};
 
 // A base stream that is ready and takes nothing is asked again in later turns only.
 void
@@ -489,23 +566,6 @@ test_failure_behind_an_accepted_write(gconstpointer stages)
 
 /* ---- Converters ---- */
 
-Ref<GConverter>
-no_digits()
-{
-  return new_converter([](std::string_view in, char *out, gsize room, GConverterFlags flags,
-                          gsize *read, gsize *written, GError **error) {
-    if (in.find_first_of("0123456789") != in.npos)
-      return conversion_error(G_IO_ERROR_INVALID_DATA, "A digit", error);
-    if (room < in.size())
-      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
-    std::copy(in.begin(), in.end(), out);
-    *read = *written = in.size();
-    if ((flags & G_CONVERTER_INPUT_AT_END) != 0)
-      return G_CONVERTER_FINISHED;
-    return (flags & G_CONVERTER_FLUSH) != 0 ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
-  });
-}
-
 // The base stream fails, and the converter has refused the second vector before: that is told
 // first.
 void
@@ -539,58 +599,6 @@ test_refused_second_vector()
   error.assert_is(G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "A digit");
 }
 
-// Passes bytes on up to an exclamation mark, with which it has finished.
-Ref<GConverter>
-until_exclamation_mark()
-{
-  return new_converter([](std::string_view in, char *out, gsize room, GConverterFlags flags,
-                          gsize *read, gsize *written, GError **error) {
-    const auto mark = in.find('!');
-    const auto size = mark == in.npos ? in.size() : mark + 1;
-    if (room < size)
-      return conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
-    std::copy_n(in.data(), size, out);
-    *read = *written = size;
-    if (mark != in.npos || (flags & G_CONVERTER_INPUT_AT_END) != 0)
-      return G_CONVERTER_FINISHED;
-    return (flags & G_CONVERTER_FLUSH) != 0 ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
-  });
-}
-
-// What comes of the same calls over the library's stage and over the running GLib's.
-std::vector<std::string>
-calls_after_the_end(bool library, std::string_view last)
-{
-  Stages chain(library, 1, StreamKind::pollable, until_exclamation_mark);
-  std::vector<std::string> outcomes;
-  const auto note = [&](const char *what, gssize result, const Error &error) {
-    outcomes.push_back(std::string(what) + ' ' + std::to_string(result) +
-                       (error ? std::string(" ") + g_quark_to_string(error.get()->domain) + ' ' +
-                                    std::to_string(error.get()->code)
-                              : std::string()));
-  };
-  const auto write = [&](std::string_view data, bool blocking) {
-    Error error;
-    const gssize count =
-        blocking ? g_output_stream_write(chain.out.get(), data.data(), data.size(), nullptr, &error)
-                 : g_pollable_output_stream_write_nonblocking(chain.pollable(), data.data(),
-                                                              data.size(), nullptr, &error);
-    note(blocking ? "write" : "write-nonblocking", count, error);
-  };
-  write(last, true);
-  for (int i = 0; i < 2; i++) {
-    write("more", true);
-    write("and more", false);
-  }
-  for (auto *end : {g_output_stream_flush, g_output_stream_close}) {
-    Error error;
-    const gboolean done = end(chain.out.get(), nullptr, &error);
-    note(end == g_output_stream_flush ? "flush" : "close", done, error);
-  }
-  outcomes.push_back(chain.script->written());
-  return outcomes;
-}
-
 // Nothing is taken of a vector behind the end.
 void
 test_vector_behind_the_end()
@@ -615,36 +623,6 @@ test_after_the_converter_has_finished()
       assert_text(actual[i], expected[i]);
   }
 }
-
-constexpr gsize input_wanted = 8 * 1024 * 1024;
-constexpr gsize write_size = 4096;
-
-// Wants all of its input at once. When its input lies elsewhere than before, what had been there
-// must have been copied.
-struct Hoarder {
-  const char *last = nullptr;
-  gsize last_size = 0;
-  gsize copied = 0;
-  std::string input;
-
-  Ref<GConverter>
-  make()
-  {
-    return new_converter([this](std::string_view in, char *, gsize, GConverterFlags, gsize *read,
-                                gsize *written, GError **error) {
-      if (in.data() != last)
-        copied += last_size;
-      last = in.data();
-      last_size = in.size();
-      if (in.size() < input_wanted)
-        return conversion_error(G_IO_ERROR_PARTIAL_INPUT, "More", error);
-      input.assign(in);
-      *read = in.size();
-      *written = 0;
-      return G_CONVERTER_CONVERTED;
-    });
-  }
-};
 
 void
 test_kept_input_is_not_copied_each_time(gconstpointer library)
@@ -673,6 +651,28 @@ test_kept_input_is_not_copied_each_time(gconstpointer library)
   // A buffer that doubles copies at most twice what it holds in the end.
   g_test_message("%" G_GSIZE_FORMAT " bytes copied", hoarder.copied);
   g_assert_cmpuint(hoarder.copied, <=, 8 * data.size());
+}
+
+void
+add_async(const char *name, void (*test)(const AsyncCase &))
+{
+  using Entry = std::pair<void (*)(const AsyncCase &), AsyncCase>;
+  for (const auto &write : async_writes)
+    for (const bool message_stream : {false, true})
+      for (int stages = 0; stages <= faulty::most_stages; stages++)
+        for (const Family family : {Family::unix_domain, Family::tcp4}) {
+          const std::string path = std::string("/truthful-writes/") + name + '/' + write.name +
+                                   (message_stream ? "/message-stream/" : "/channel/") +
+                                   std::to_string(stages) + "-stages/" +
+                                   (family == Family::tcp4 ? "tcp" : "unix");
+          g_test_add_data_func_full(
+              path.c_str(), new Entry(test, {write, message_stream, stages, family}),
+              [](gconstpointer data) {
+                const auto entry = static_cast<const Entry *>(data);
+                entry->first(entry->second);
+              },
+              [](gpointer data) { delete static_cast<Entry *>(data); });
+        }
 }
 
 void

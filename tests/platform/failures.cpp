@@ -120,6 +120,91 @@ with_double()
   g_assert_cmpuint(ippdouble::initsOverLiveContexts(), ==, 0);
 }
 
+guint64
+microseconds_now()
+{
+  timeval now;
+  gettimeofday(&now, nullptr);
+  return static_cast<guint64>(now.tv_sec) * 1000000 + static_cast<guint64>(now.tv_usec);
+}
+
+constexpr struct {
+  Function function;
+  const char *line;
+} generator_failures[] = {{Function::prngInit, "ippsPRNGSetSeed return error\n"},
+                          {Function::bigNumGetSize, "ippsBigNumGetSize return error\n"},
+                          {Function::bigNumInit, "ippsBigNumInit return error\n"},
+                          {Function::setBn, "ippsSet_BN return error\n"},
+                          {Function::prngSetSeed, "ippsPRNGSetSeed return error\n"}};
+
+// The chaining value that the next record starts from.
+Bytes
+next_chain(GvcEncryptor *encryptor)
+{
+  const Conversion c = convert(encryptor, sample(Kind::text, 1), 24);
+  ASSERT_CONVERTED(c, G_CONVERTER_CONVERTED, 1, 24);
+  return last_call(Function::encryptCbc).iv;
+}
+
+template <typename Code>
+void
+for_every_broken_context(Code code)
+{
+  for (Function function : {Function::rijndaelGetSize, Function::rijndaelInit})
+    for (IppStatus status : {ippStsErr, ippStsDstSizeLessExpected}) {
+      ippdouble::reset();
+      ippdouble::failFrom(function, 1, status);
+      code();
+      g_assert_cmpuint(ippdouble::liveContexts(), ==, 0);
+    }
+}
+
+Bytes
+record(gsize length, guint32 seed = 1)
+{
+  return join({little_endian(length, 8), sample(Kind::noise, length, seed)});
+}
+
+// Every context is released before its memory goes, whatever was done with the object.
+template <typename T>
+void
+assert_contexts_are_released(GType type, void (*set_key_length)(T *, guint))
+{
+  ippdouble::reset();
+  for (int i = 0; i < 3; i++) {
+    auto converter = new_with_key<T>(type);
+    g_converter_reset(G_CONVERTER(converter.get()));
+    set_key_length(converter.get(), 128);
+    g_assert_cmpuint(ippdouble::liveContexts(), ==, 1);
+    auto other = new_with_key<T>(type, 128);
+    g_assert_cmpuint(ippdouble::liveContexts(), ==, 2);
+    converter.reset();
+    g_assert_cmpuint(ippdouble::liveContexts(), ==, 1);
+    other.reset();
+    g_assert_cmpuint(ippdouble::liveContexts(), ==, 0);
+  }
+  g_assert_cmpuint(ippdouble::initsOverLiveContexts(), ==, 0);
+
+  // No block is initialised twice without having been released in between.
+  std::vector<const void *> live;
+  for (const ippdouble::Call &call : ippdouble::calls()) {
+    const auto found = std::find(live.begin(), live.end(), call.context);
+    if (call.function == Function::rijndaelInit && call.status == ippStsNoErr) {
+      g_assert_true(found == live.end());
+      live.push_back(call.context);
+    } else if (call.function == Function::rijndaelRelease && found != live.end()) {
+      live.erase(found);
+    }
+  }
+  g_assert_true(live.empty());
+}
+
+Bytes
+block(ByteView payload, gsize dest_size)
+{
+  return join({little_endian(payload.size(), 4), little_endian(dest_size, 4), payload});
+}
+
 /* ---- Start-up ---- */
 
 void
@@ -140,14 +225,6 @@ test_init()
 }
 
 /* ---- Random source ---- */
-
-guint64
-microseconds_now()
-{
-  timeval now;
-  gettimeofday(&now, nullptr);
-  return static_cast<guint64>(now.tv_sec) * 1000000 + static_cast<guint64>(now.tv_usec);
-}
 
 void
 test_generator_calls()
@@ -203,15 +280,6 @@ test_draw_fails_with_any_status()
   g_assert_true(gvc_rand_array(rand, data, sizeof data) == TRUE);
   gvc_rand_free(rand);
 }
-
-constexpr struct {
-  Function function;
-  const char *line;
-} generator_failures[] = {{Function::prngInit, "ippsPRNGSetSeed return error\n"},
-                          {Function::bigNumGetSize, "ippsBigNumGetSize return error\n"},
-                          {Function::bigNumInit, "ippsBigNumInit return error\n"},
-                          {Function::setBn, "ippsSet_BN return error\n"},
-                          {Function::prngSetSeed, "ippsPRNGSetSeed return error\n"}};
 
 void
 test_generator_failures()
@@ -335,15 +403,6 @@ test_encryption_calls()
   ASSERT_BYTES(calls[4].data, Bytes(16, 16));
 }
 
-// The chaining value that the next record starts from.
-Bytes
-next_chain(GvcEncryptor *encryptor)
-{
-  const Conversion c = convert(encryptor, sample(Kind::text, 1), 24);
-  ASSERT_CONVERTED(c, G_CONVERTER_CONVERTED, 1, 24);
-  return last_call(Function::encryptCbc).iv;
-}
-
 void
 test_failing_encryption_of_whole_blocks()
 {
@@ -465,19 +524,6 @@ test_iv_is_what_the_generator_draws()
   ASSERT_BYTES(take_iv(encryptor.get()), drawn);
 }
 
-template <typename Code>
-void
-for_every_broken_context(Code code)
-{
-  for (Function function : {Function::rijndaelGetSize, Function::rijndaelInit})
-    for (IppStatus status : {ippStsErr, ippStsDstSizeLessExpected}) {
-      ippdouble::reset();
-      ippdouble::failFrom(function, 1, status);
-      code();
-      g_assert_cmpuint(ippdouble::liveContexts(), ==, 0);
-    }
-}
-
 void
 test_encryptor_without_a_context()
 {
@@ -527,12 +573,6 @@ test_failure_surfaces_through_the_stream()
 }
 
 /* ---- Decryptor ---- */
-
-Bytes
-record(gsize length, guint32 seed = 1)
-{
-  return join({little_endian(length, 8), sample(Kind::noise, length, seed)});
-}
 
 void
 test_decryptor_construction_calls()
@@ -658,40 +698,6 @@ test_decryptor_without_a_context()
   });
 }
 
-// Every context is released before its memory goes, whatever was done with the object.
-template <typename T>
-void
-assert_contexts_are_released(GType type, void (*set_key_length)(T *, guint))
-{
-  ippdouble::reset();
-  for (int i = 0; i < 3; i++) {
-    auto converter = new_with_key<T>(type);
-    g_converter_reset(G_CONVERTER(converter.get()));
-    set_key_length(converter.get(), 128);
-    g_assert_cmpuint(ippdouble::liveContexts(), ==, 1);
-    auto other = new_with_key<T>(type, 128);
-    g_assert_cmpuint(ippdouble::liveContexts(), ==, 2);
-    converter.reset();
-    g_assert_cmpuint(ippdouble::liveContexts(), ==, 1);
-    other.reset();
-    g_assert_cmpuint(ippdouble::liveContexts(), ==, 0);
-  }
-  g_assert_cmpuint(ippdouble::initsOverLiveContexts(), ==, 0);
-
-  // No block is initialised twice without having been released in between.
-  std::vector<const void *> live;
-  for (const ippdouble::Call &call : ippdouble::calls()) {
-    const auto found = std::find(live.begin(), live.end(), call.context);
-    if (call.function == Function::rijndaelInit && call.status == ippStsNoErr) {
-      g_assert_true(found == live.end());
-      live.push_back(call.context);
-    } else if (call.function == Function::rijndaelRelease && found != live.end()) {
-      live.erase(found);
-    }
-  }
-  g_assert_true(live.empty());
-}
-
 void
 test_contexts_are_released()
 {
@@ -812,12 +818,6 @@ test_checks_come_before_encoding()
 }
 
 /* ---- Decompressor ---- */
-
-Bytes
-block(ByteView payload, gsize dest_size)
-{
-  return join({little_endian(payload.size(), 4), little_endian(dest_size, 4), payload});
-}
 
 void
 test_decompression_calls()

@@ -128,27 +128,6 @@ invert(std::vector<guint8> words)
 }
 
 void
-test_key_expansion()
-{
-  // The last round keys of the examples in FIPS 197, appendix A.
-  const guint8 key128[] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6,
-                           0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
-  const guint8 last128[] = {0xd0, 0x14, 0xf9, 0xa8, 0xc9, 0xee, 0x25, 0x89,
-                            0xe1, 0x3f, 0x0c, 0xc8, 0xb6, 0x63, 0x0c, 0xa6};
-  const guint8 key256[] = {0x60, 0x3d, 0xeb, 0x10, 0x15, 0xca, 0x71, 0xbe, 0x2b, 0x73, 0xae,
-                           0xf0, 0x85, 0x7d, 0x77, 0x81, 0x1f, 0x35, 0x2c, 0x07, 0x3b, 0x61,
-                           0x08, 0xd7, 0x2d, 0x98, 0x10, 0xa3, 0x09, 0x14, 0xdf, 0xf4};
-  const guint8 last256[] = {0xfe, 0x48, 0x90, 0xd1, 0xe6, 0x18, 0x8d, 0x0b,
-                            0x04, 0x6d, 0xf3, 0x44, 0x70, 0x6c, 0x63, 0x1e};
-  auto words = expand(key128, sizeof key128);
-  g_assert_cmpmem(words.data() + 160, 16, last128, sizeof last128);
-  words = expand(key256, sizeof key256);
-  g_assert_cmpmem(words.data() + 224, 16, last256, sizeof last256);
-}
-
-// ---- Making the secrets ----
-
-void
 mask_bytes(guint64 *masked, const void *bytes, gsize size)
 {
   for (gsize i = 0; i * 8 < size; i++) {
@@ -221,8 +200,6 @@ receive_secrets()
   g_assert_cmpint(waitpid(child, &status, 0), ==, child);
   g_assert_cmpint(status, ==, 0);
 }
-
-// ---- Searching ----
 
 struct Needle {
   guint64 value; // masked
@@ -335,8 +312,6 @@ count_needles(const Needles &needles, bool report)
   return count;
 }
 
-// ---- Running a case ----
-
 constexpr gsize stack_size = 256 * 1024;
 
 struct Case {
@@ -345,15 +320,6 @@ struct Case {
   void (*add)(Needles &);
 };
 
-void *
-run_on_stack(void *data)
-{
-  is_secret_time = true;
-  static_cast<const Case *>(data)->run();
-  is_secret_time = false;
-  return nullptr;
-}
-
 const Needles *control; // what must be in memory at the control point of a case
 
 void
@@ -361,37 +327,6 @@ expect_secrets_in_memory()
 {
   g_assert_cmpuint(count_needles(*control, false), >, 0);
 }
-
-void
-run_case(gconstpointer data)
-{
-  if (!g_test_subprocess()) {
-    g_test_trap_subprocess(nullptr, 0, G_TEST_SUBPROCESS_INHERIT_STDERR);
-    g_test_trap_assert_passed();
-    return;
-  }
-
-  auto *which = static_cast<const Case *>(data);
-  receive_secrets();
-  Needles needles;
-  which->add(needles);
-  control = &needles;
-  g_assert_cmpuint(count_needles(needles, true), ==, 0);
-
-  void *stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-  g_assert_true(stack != MAP_FAILED);
-  pthread_attr_t attributes;
-  pthread_t thread;
-  g_assert_cmpint(pthread_attr_init(&attributes), ==, 0);
-  g_assert_cmpint(pthread_attr_setstack(&attributes, stack, stack_size), ==, 0);
-  g_assert_cmpint(pthread_create(&thread, &attributes, run_on_stack, const_cast<Case *>(which)), ==,
-                  0);
-  g_assert_cmpint(pthread_join(thread, nullptr), ==, 0);
-  g_assert_cmpuint(count_needles(needles, true), ==, 0);
-}
-
-// ---- Hosts that wipe what is theirs ----
 
 struct Host {
   guint8 *bytes;
@@ -451,8 +386,6 @@ convert_text(gpointer converter, guint8 *out, gsize room)
   return convert(converter, g_bytes_get_data(text, nullptr), text_size, out, room);
 }
 
-// ---- The cases ----
-
 void
 add_generator(Needles &needles)
 {
@@ -476,16 +409,6 @@ add_text(Needles &needles)
   needles.add("text", secrets.text, text_size);
 }
 
-void
-run_generator()
-{
-  guint8 vector[16];
-  auto *rand = gvc_rand_new();
-  g_assert_true(gvc_rand_array(rand, vector, sizeof vector));
-  expect_secrets_in_memory();
-  gvc_rand_free(rand);
-}
-
 // Where only the round keys can be what is found: nobody else has the key by then.
 void
 expect_round_keys()
@@ -493,25 +416,6 @@ expect_round_keys()
   Needles rounds;
   rounds.add("rounds256", secrets.rounds256 + key_size / 8, 240 - key_size);
   g_assert_cmpuint(count_needles(rounds, false), >, 0);
-}
-
-void
-run_encryptor()
-{
-  guint8 out[256];
-  g_autoptr(GBytes) key = the_key();
-  auto *encryptor = gvc_encryptor_new(key);
-  convert(encryptor, nullptr, 0, out, sizeof out);
-  expect_secrets_in_memory();
-  expect_round_keys();
-  convert_text(encryptor, out, sizeof out);
-  g_converter_reset(G_CONVERTER(encryptor));
-  convert(encryptor, nullptr, 0, out, sizeof out);
-  gvc_encryptor_set_key_length(encryptor, 128);
-  convert(encryptor, nullptr, 0, out, sizeof out);
-  convert_text(encryptor, out, sizeof out);
-  expect_secrets_in_memory();
-  g_object_unref(encryptor);
 }
 
 gsize
@@ -538,6 +442,143 @@ decrypt_for(guint key_length)
   g_assert_cmpuint(convert(decryptor, records + 24, size - 24, text, sizeof text), ==, text_size);
   expect_secrets_in_memory();
   explicit_bzero(text, sizeof text);
+}
+
+// A channel with both stages over one end of a socket pair.
+GvcConnection *
+open_channel(GSocket *socket)
+{
+  g_autoptr(GSocketConnection) connection = g_socket_connection_factory_create_connection(socket);
+  g_autoptr(GBytes) key = the_key();
+  g_autoptr(GConverter) decryptor = G_CONVERTER(gvc_decryptor_new(key));
+  g_autoptr(GConverter) encryptor = G_CONVERTER(gvc_encryptor_new(key));
+  g_autoptr(GConverter) decompressor = G_CONVERTER(gvc_decompressor_new());
+  g_autoptr(GConverter) compressor = G_CONVERTER(gvc_compressor_new());
+  auto *channel = gvc_connection_new(connection);
+  gvc_connection_add_converters(channel, decryptor, encryptor);
+  gvc_connection_add_converters(channel, decompressor, compressor);
+  return channel;
+}
+
+void
+make_sockets(GSocket **near, GSocket **far)
+{
+  int ends[2];
+  g_assert_cmpint(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), ==, 0);
+  *near = g_socket_new_from_fd(ends[0], nullptr);
+  *far = g_socket_new_from_fd(ends[1], nullptr);
+}
+
+void
+send_text(GvcConnection *channel)
+{
+  g_autoptr(GBytes) text = the_text();
+  g_autoptr(GvcBytesOutputStream) out =
+      gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel)));
+  GError *error = nullptr;
+  gvc_bytes_output_stream_put_bytes(out, text, nullptr, &error);
+  g_assert_no_error(error);
+  g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(out), FALSE);
+}
+
+// The key, all made from it and the generator are gone at the receiver as well. The text is not
+// looked for: the message is the host's and the buffers of a converter input stream are GIO's.
+void
+add_all_but_text(Needles &needles)
+{
+  needles.add("key", secrets.key, key_size);
+  needles.add("rounds256", secrets.rounds256, sizeof secrets.rounds256);
+  add_generator(needles);
+}
+
+void
+test_key_expansion()
+{
+  // The last round keys of the examples in FIPS 197, appendix A.
+  const guint8 key128[] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6,
+                           0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
+  const guint8 last128[] = {0xd0, 0x14, 0xf9, 0xa8, 0xc9, 0xee, 0x25, 0x89,
+                            0xe1, 0x3f, 0x0c, 0xc8, 0xb6, 0x63, 0x0c, 0xa6};
+  const guint8 key256[] = {0x60, 0x3d, 0xeb, 0x10, 0x15, 0xca, 0x71, 0xbe, 0x2b, 0x73, 0xae,
+                           0xf0, 0x85, 0x7d, 0x77, 0x81, 0x1f, 0x35, 0x2c, 0x07, 0x3b, 0x61,
+                           0x08, 0xd7, 0x2d, 0x98, 0x10, 0xa3, 0x09, 0x14, 0xdf, 0xf4};
+  const guint8 last256[] = {0xfe, 0x48, 0x90, 0xd1, 0xe6, 0x18, 0x8d, 0x0b,
+                            0x04, 0x6d, 0xf3, 0x44, 0x70, 0x6c, 0x63, 0x1e};
+  auto words = expand(key128, sizeof key128);
+  g_assert_cmpmem(words.data() + 160, 16, last128, sizeof last128);
+  words = expand(key256, sizeof key256);
+  g_assert_cmpmem(words.data() + 224, 16, last256, sizeof last256);
+}
+
+// ---- Running a case ----
+
+void *
+run_on_stack(void *data)
+{
+  is_secret_time = true;
+  static_cast<const Case *>(data)->run();
+  is_secret_time = false;
+  return nullptr;
+}
+
+void
+run_case(gconstpointer data)
+{
+  if (!g_test_subprocess()) {
+    g_test_trap_subprocess(nullptr, 0, G_TEST_SUBPROCESS_INHERIT_STDERR);
+    g_test_trap_assert_passed();
+    return;
+  }
+
+  auto *which = static_cast<const Case *>(data);
+  receive_secrets();
+  Needles needles;
+  which->add(needles);
+  control = &needles;
+  g_assert_cmpuint(count_needles(needles, true), ==, 0);
+
+  void *stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE,
+                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  g_assert_true(stack != MAP_FAILED);
+  pthread_attr_t attributes;
+  pthread_t thread;
+  g_assert_cmpint(pthread_attr_init(&attributes), ==, 0);
+  g_assert_cmpint(pthread_attr_setstack(&attributes, stack, stack_size), ==, 0);
+  g_assert_cmpint(pthread_create(&thread, &attributes, run_on_stack, const_cast<Case *>(which)), ==,
+                  0);
+  g_assert_cmpint(pthread_join(thread, nullptr), ==, 0);
+  g_assert_cmpuint(count_needles(needles, true), ==, 0);
+}
+
+// ---- The cases ----
+
+void
+run_generator()
+{
+  guint8 vector[16];
+  auto *rand = gvc_rand_new();
+  g_assert_true(gvc_rand_array(rand, vector, sizeof vector));
+  expect_secrets_in_memory();
+  gvc_rand_free(rand);
+}
+
+void
+run_encryptor()
+{
+  guint8 out[256];
+  g_autoptr(GBytes) key = the_key();
+  auto *encryptor = gvc_encryptor_new(key);
+  convert(encryptor, nullptr, 0, out, sizeof out);
+  expect_secrets_in_memory();
+  expect_round_keys();
+  convert_text(encryptor, out, sizeof out);
+  g_converter_reset(G_CONVERTER(encryptor));
+  convert(encryptor, nullptr, 0, out, sizeof out);
+  gvc_encryptor_set_key_length(encryptor, 128);
+  convert(encryptor, nullptr, 0, out, sizeof out);
+  convert_text(encryptor, out, sizeof out);
+  expect_secrets_in_memory();
+  g_object_unref(encryptor);
 }
 
 void
@@ -612,43 +653,6 @@ run_decompressor()
   explicit_bzero(text, sizeof text);
 }
 
-// A channel with both stages over one end of a socket pair.
-GvcConnection *
-open_channel(GSocket *socket)
-{
-  g_autoptr(GSocketConnection) connection = g_socket_connection_factory_create_connection(socket);
-  g_autoptr(GBytes) key = the_key();
-  g_autoptr(GConverter) decryptor = G_CONVERTER(gvc_decryptor_new(key));
-  g_autoptr(GConverter) encryptor = G_CONVERTER(gvc_encryptor_new(key));
-  g_autoptr(GConverter) decompressor = G_CONVERTER(gvc_decompressor_new());
-  g_autoptr(GConverter) compressor = G_CONVERTER(gvc_compressor_new());
-  auto *channel = gvc_connection_new(connection);
-  gvc_connection_add_converters(channel, decryptor, encryptor);
-  gvc_connection_add_converters(channel, decompressor, compressor);
-  return channel;
-}
-
-void
-make_sockets(GSocket **near, GSocket **far)
-{
-  int ends[2];
-  g_assert_cmpint(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), ==, 0);
-  *near = g_socket_new_from_fd(ends[0], nullptr);
-  *far = g_socket_new_from_fd(ends[1], nullptr);
-}
-
-void
-send_text(GvcConnection *channel)
-{
-  g_autoptr(GBytes) text = the_text();
-  g_autoptr(GvcBytesOutputStream) out =
-      gvc_bytes_output_stream_new(g_io_stream_get_output_stream(G_IO_STREAM(channel)));
-  GError *error = nullptr;
-  gvc_bytes_output_stream_put_bytes(out, text, nullptr, &error);
-  g_assert_no_error(error);
-  g_filter_output_stream_set_close_base_stream(G_FILTER_OUTPUT_STREAM(out), FALSE);
-}
-
 // The sender forgets everything. What it sent lies in the socket, with the kernel.
 void
 run_sending_channel()
@@ -688,16 +692,6 @@ run_sending_much()
   explicit_bzero(filler, size);
   g_free(filler);
   g_socket_close(near, nullptr);
-}
-
-// The key, all made from it and the generator are gone at the receiver as well. The text is not
-// looked for: the message is the host's and the buffers of a converter input stream are GIO's.
-void
-add_all_but_text(Needles &needles)
-{
-  needles.add("key", secrets.key, key_size);
-  needles.add("rounds256", secrets.rounds256, sizeof secrets.rounds256);
-  add_generator(needles);
 }
 
 void

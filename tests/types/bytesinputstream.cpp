@@ -171,6 +171,19 @@ static const contract::Type stream_type = {
     .create_check = "G_IS_INPUT_STREAM(base_stream)",
 };
 
+/* GLib's own critical, whose argument goes by different names in its versions. */
+static void
+expect_invalid_type_string(LogCapture &log)
+{
+  const auto messages = log.take();
+  g_assert_cmpuint(messages.size(), ==, 1);
+  g_assert_cmpint(messages[0].level, ==, G_LOG_LEVEL_CRITICAL);
+  g_assert_true(messages[0].domain == "GLib");
+  g_assert_true(g_pattern_match_simple(
+      "g_variant_type_checked_: assertion 'g_variant_type_string_is_valid (*)' failed",
+      messages[0].text.c_str()));
+}
+
 /* ---- Frames ---- */
 
 static void
@@ -503,19 +516,6 @@ format_is_copied()
   assert_variant(
       gvc_bytes_input_stream_read_variant_finish(fixture.stream.get(), collector.wait(), &error),
       "('hello', uint32 4711)");
-}
-
-/* GLib's own critical, whose argument goes by different names in its versions. */
-static void
-expect_invalid_type_string(LogCapture &log)
-{
-  const auto messages = log.take();
-  g_assert_cmpuint(messages.size(), ==, 1);
-  g_assert_cmpint(messages[0].level, ==, G_LOG_LEVEL_CRITICAL);
-  g_assert_true(messages[0].domain == "GLib");
-  g_assert_true(g_pattern_match_simple(
-      "g_variant_type_checked_: assertion 'g_variant_type_string_is_valid (*)' failed",
-      messages[0].text.c_str()));
 }
 
 static void

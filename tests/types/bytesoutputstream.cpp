@@ -162,6 +162,41 @@ static const contract::Type stream_type = {
     .create_check = "G_IS_OUTPUT_STREAM (base_stream)",
 };
 
+/* A payload that no memory backs: it is never looked at. */
+class HugeBytes
+{
+public:
+  explicit HugeBytes(gsize size) : size_(size)
+  {
+    memory_ = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (memory_ != MAP_FAILED)
+      bytes_.reset(g_bytes_new_static(memory_, size));
+  }
+  ~HugeBytes()
+  {
+    bytes_.reset();
+    if (memory_ != MAP_FAILED)
+      munmap(memory_, size_);
+  }
+  GBytes *
+  get() const
+  {
+    return bytes_.get();
+  }
+
+private:
+  gsize size_;
+  void *memory_;
+  BytesRef bytes_;
+};
+
+static std::string
+serialised(GVariant *variant)
+{
+  const BytesRef bytes(g_variant_get_data_as_bytes(variant));
+  return bytes_string(bytes.get());
+}
+
 /* ---- The frame ---- */
 
 static void
@@ -243,34 +278,6 @@ length_and_payload_are_two_writes()
   }
 }
 
-/* A payload that no memory backs: it is never looked at. */
-class HugeBytes
-{
-public:
-  explicit HugeBytes(gsize size) : size_(size)
-  {
-    memory_ = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory_ != MAP_FAILED)
-      bytes_.reset(g_bytes_new_static(memory_, size));
-  }
-  ~HugeBytes()
-  {
-    bytes_.reset();
-    if (memory_ != MAP_FAILED)
-      munmap(memory_, size_);
-  }
-  GBytes *
-  get() const
-  {
-    return bytes_.get();
-  }
-
-private:
-  gsize size_;
-  void *memory_;
-  BytesRef bytes_;
-};
-
 /* The length is the low 32 bits of the size; the payload goes out whole all the same. */
 static void
 payload_of_2_gib_and_more_is_written_whole()
@@ -303,13 +310,6 @@ payload_of_2_gib_and_more_is_written_whole()
 }
 
 /* ---- Variants ---- */
-
-static std::string
-serialised(GVariant *variant)
-{
-  const BytesRef bytes(g_variant_get_data_as_bytes(variant));
-  return bytes_string(bytes.get());
-}
 
 static void
 variant_travels_as_its_serialised_data()

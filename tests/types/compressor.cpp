@@ -65,6 +65,15 @@ assert_compresses(GvcCompressor *compressor, ByteView plain)
   assert_block(c.produced(), plain);
 }
 
+Bytes
+open_all_blocks(ByteView wire)
+{
+  guint count = 0;
+  Bytes plain = open_blocks(wire, &count);
+  g_assert_cmpuint(count, >=, 1);
+  return plain;
+}
+
 /* ---- Type and lifetime ---- */
 
 void
@@ -350,15 +359,6 @@ test_two_writes_make_two_blocks()
   const gsize first = header_size + load_little_endian(wire, 0, 4);
   assert_block(ByteView{wire}.first(first), one);
   assert_block(ByteView{wire}.subspan(first), two);
-}
-
-Bytes
-open_all_blocks(ByteView wire)
-{
-  guint count = 0;
-  Bytes plain = open_blocks(wire, &count);
-  g_assert_cmpuint(count, >=, 1);
-  return plain;
 }
 
 void

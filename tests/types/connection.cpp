@@ -138,6 +138,54 @@ write_whole(GOutputStream *out, std::string_view data)
   error.assert_none();
 }
 
+static int
+nodelay(GSocketConnection *connection)
+{
+  int value = -1;
+  g_assert_true(g_socket_get_option(g_socket_connection_get_socket(connection), IPPROTO_TCP,
+                                    TCP_NODELAY, &value, nullptr));
+  return value;
+}
+
+/* Closes blocking or asynchronously, and tells the outcome. */
+static bool
+close_channel(GIOStream *stream, bool async, Error &error)
+{
+  if (!async)
+    return g_io_stream_close(stream, nullptr, &error);
+  Collector collector;
+  g_io_stream_close_async(stream, 0, nullptr, Collector::ready, &collector);
+  g_assert_cmpuint(collector.calls(), ==, 0);
+  return g_io_stream_close_finish(stream, collector.wait(), &error);
+}
+
+struct OwnClose {
+  GvcConnection parent;
+};
+
+struct OwnCloseClass {
+  GvcConnectionClass parent_class;
+};
+
+G_DEFINE_TYPE(OwnClose, own_close, GVC_TYPE_CONNECTION)
+
+static guint own_closes;
+
+static void
+own_close_class_init(OwnCloseClass *klass)
+{
+  G_IO_STREAM_CLASS(klass)->close_fn = [](GIOStream *, GCancellable *, GError **error) -> gboolean {
+    own_closes++;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_BUSY, "closes in its own way");
+    return FALSE;
+  };
+}
+
+static void
+own_close_init(OwnClose *)
+{
+}
+
 /* ---- The type ---- */
 
 static void
@@ -436,15 +484,6 @@ get_connection_refuses_other_objects()
 }
 
 /* ---- Nagle's algorithm ---- */
-
-static int
-nodelay(GSocketConnection *connection)
-{
-  int value = -1;
-  g_assert_true(g_socket_get_option(g_socket_connection_get_socket(connection), IPPROTO_TCP,
-                                    TCP_NODELAY, &value, nullptr));
-  return value;
-}
 
 static void
 tcp_sockets_send_without_delay()
@@ -760,18 +799,6 @@ close_passes_the_cancellable_and_keeps_the_order()
   g_assert_cmpuint(fixture.out_script->calls(Call::Kind::close).size(), ==, 1);
 }
 
-/* Closes blocking or asynchronously, and tells the outcome. */
-static bool
-close_channel(GIOStream *stream, bool async, Error &error)
-{
-  if (!async)
-    return g_io_stream_close(stream, nullptr, &error);
-  Collector collector;
-  g_io_stream_close_async(stream, 0, nullptr, Collector::ready, &collector);
-  g_assert_cmpuint(collector.calls(), ==, 0);
-  return g_io_stream_close_finish(stream, collector.wait(), &error);
-}
-
 static void
 failing_input_close_leaves_the_output_open()
 {
@@ -890,33 +917,6 @@ cancelled_close_async_closes_and_reports_the_cancellation()
 }
 
 /* ---- A channel type that closes in its own way ---- */
-
-struct OwnClose {
-  GvcConnection parent;
-};
-
-struct OwnCloseClass {
-  GvcConnectionClass parent_class;
-};
-
-G_DEFINE_TYPE(OwnClose, own_close, GVC_TYPE_CONNECTION)
-
-static guint own_closes;
-
-static void
-own_close_class_init(OwnCloseClass *klass)
-{
-  G_IO_STREAM_CLASS(klass)->close_fn = [](GIOStream *, GCancellable *, GError **error) -> gboolean {
-    own_closes++;
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_BUSY, "closes in its own way");
-    return FALSE;
-  };
-}
-
-static void
-own_close_init(OwnClose *)
-{
-}
 
 static void
 close_async_honours_a_derived_close()

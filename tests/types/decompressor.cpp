@@ -42,6 +42,27 @@ block_of(ByteView payload, gsize plain_size)
   return raw_block(payload.size(), plain_size, payload);
 }
 
+// Blocks of random sizes over `plain`, with empty and chunked ones among them.
+Bytes
+block_stream(ByteView plain, std::mt19937 &random)
+{
+  Bytes stream;
+  while (!plain.empty()) {
+    const gsize limit = gsize{1} << (random() % 21);
+    const gsize piece = std::min<gsize>(plain.size(), 1 + random() % limit);
+    const ByteView part = plain.first(piece);
+    if (random() % 8 == 0)
+      stream = join({stream, Bytes(8, 0)});
+    const guint n = 2 + random() % 31;
+    const Bytes one = random() % 8 == 0 && piece >= 100
+                          ? block_of(chunked_payload(part, n), piece)
+                          : block(part, piece < 5000 ? Effort::best : Effort::fast);
+    stream.insert(stream.end(), one.begin(), one.end());
+    plain = plain.subspan(piece);
+  }
+  return stream;
+}
+
 /* ---- Type and lifetime ---- */
 
 void
@@ -506,27 +527,6 @@ test_one_object_serves_many_threads()
 }
 
 /* ---- Converter streams ---- */
-
-// Blocks of random sizes over `plain`, with empty and chunked ones among them.
-Bytes
-block_stream(ByteView plain, std::mt19937 &random)
-{
-  Bytes stream;
-  while (!plain.empty()) {
-    const gsize limit = gsize{1} << (random() % 21);
-    const gsize piece = std::min<gsize>(plain.size(), 1 + random() % limit);
-    const ByteView part = plain.first(piece);
-    if (random() % 8 == 0)
-      stream = join({stream, Bytes(8, 0)});
-    const guint n = 2 + random() % 31;
-    const Bytes one = random() % 8 == 0 && piece >= 100
-                          ? block_of(chunked_payload(part, n), piece)
-                          : block(part, piece < 5000 ? Effort::best : Effort::fast);
-    stream.insert(stream.end(), one.begin(), one.end());
-    plain = plain.subspan(piece);
-  }
-  return stream;
-}
 
 void
 test_input_stream(gconstpointer per_call)

@@ -87,6 +87,32 @@ const contract::Cipher cipher = {
     .assert_useless = assert_cannot_decrypt,
 };
 
+const guint64 lengths_above_int_max[] = {guint64{INT_MAX} + 1,    guint64{1} << 32,
+                                         (guint64{1} << 32) + 16, guint64{1} << 63,
+                                         G_MAXUINT64 - 31,        G_MAXUINT64 - 15};
+
+// A whole stream over `plain`, cut into records of random sizes, with further IV records among
+// them.
+Bytes
+sealed_stream(ByteView plain, int bits, std::mt19937 &random)
+{
+  Sealer sealer{test_key(), bits, test_iv()};
+  Bytes stream = iv_record(test_iv());
+  while (!plain.empty()) {
+    const gsize limit = gsize{1} << (random() % 21);
+    const gsize piece = std::min<gsize>(plain.size(), 1 + random() % limit);
+    if (random() % 8 == 0) {
+      const Bytes iv = test_iv(random());
+      stream = join({stream, iv_record(iv)});
+      sealer.set_chain(iv);
+    }
+    const Bytes record = sealer.record(plain.first(piece));
+    stream.insert(stream.end(), record.begin(), record.end());
+    plain = plain.subspan(piece);
+  }
+  return stream;
+}
+
 /* ---- Records ---- */
 
 void
@@ -411,10 +437,6 @@ test_change_of_key_length_keeps_the_chain()
 
 /* ---- Misuse and bounds ---- */
 
-const guint64 lengths_above_int_max[] = {guint64{INT_MAX} + 1,    guint64{1} << 32,
-                                         (guint64{1} << 32) + 16, guint64{1} << 63,
-                                         G_MAXUINT64 - 31,        G_MAXUINT64 - 15};
-
 void
 test_lengths_above_int_max()
 {
@@ -460,28 +482,6 @@ test_whole_records_above_int_max_fail()
 }
 
 /* ---- Converter streams ---- */
-
-// A whole stream over `plain`, cut into records of random sizes, with further IV records among
-// them.
-Bytes
-sealed_stream(ByteView plain, int bits, std::mt19937 &random)
-{
-  Sealer sealer{test_key(), bits, test_iv()};
-  Bytes stream = iv_record(test_iv());
-  while (!plain.empty()) {
-    const gsize limit = gsize{1} << (random() % 21);
-    const gsize piece = std::min<gsize>(plain.size(), 1 + random() % limit);
-    if (random() % 8 == 0) {
-      const Bytes iv = test_iv(random());
-      stream = join({stream, iv_record(iv)});
-      sealer.set_chain(iv);
-    }
-    const Bytes record = sealer.record(plain.first(piece));
-    stream.insert(stream.end(), record.begin(), record.end());
-    plain = plain.subspan(piece);
-  }
-  return stream;
-}
 
 void
 test_input_stream(gconstpointer per_call)

@@ -87,6 +87,15 @@ const contract::Cipher cipher = {
     .assert_useless = assert_cannot_encrypt,
 };
 
+Bytes
+open_with_one_iv(ByteView wire)
+{
+  Opener opener{test_key(), 256};
+  Bytes plain = opener.open(wire);
+  g_assert_cmpuint(opener.iv_records, ==, 1);
+  return plain;
+}
+
 /* ---- Key length ---- */
 
 // The notification comes after the new length is in force, and the reset done.
@@ -389,15 +398,6 @@ test_output_stream(gconstpointer data)
       if (size == 0)
         g_assert_cmpuint(wire.size(), ==, iv_record_size);
     }
-}
-
-Bytes
-open_with_one_iv(ByteView wire)
-{
-  Opener opener{test_key(), 256};
-  Bytes plain = opener.open(wire);
-  g_assert_cmpuint(opener.iv_records, ==, 1);
-  return plain;
 }
 
 void
