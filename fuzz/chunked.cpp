@@ -6,7 +6,7 @@
 
 #include "codec/lzo1x/lzo1x.h"
 #include "platform/ipp/ipp.h"
-#include "tests/lzo1xreference.h"
+#include "tests/codec/lzo1xreference.h"
 
 #include <algorithm>
 #include <cstring>

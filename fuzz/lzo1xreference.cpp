@@ -2,7 +2,7 @@
 // Any bytes as an LZO1X stream, after two bytes that say how much room there is: the decoder and
 // the plain reference decoder produce the same, or both refuse.
 #include "codec/lzo1x/lzo1x.h"
-#include "tests/lzo1xreference.h"
+#include "tests/codec/lzo1xreference.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -3,7 +3,7 @@
 // result fits and decodes to the same bytes, here and in the plain reference decoder, or there was
 // no room.
 #include "codec/lzo1x/lzo1x.h"
-#include "tests/lzo1xreference.h"
+#include "tests/codec/lzo1xreference.h"
 
 #include <algorithm>
 #include <cstdlib>
