@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Copying bytes in pieces of fixed sizes, for encoder and decoder alike.
+// Copies in pieces of fixed sizes, for the encoder and the decoder.
 #pragma once
 
 #include <cstddef>
@@ -9,46 +9,47 @@
 namespace lzo1x
 {
 
-// The size of one copy that compilers turn into a single load and store.
-constexpr std::size_t chunk = 16;
+// Compilers turn a copy of this size into a single load and store.
+constexpr std::size_t vectorSize = 16;
 
-// All is read before any is written, so the two may overlap.
+// Reads everything before it writes, so the two may overlap.
 template <std::size_t size>
 [[gnu::always_inline]] inline void
 copyFixed(std::uint8_t *to, const std::uint8_t *from) noexcept
 {
-  // What a register holds; an array in its place would go through memory.
-  typedef std::uint8_t Register __attribute__((vector_size(size)));
-  Register between;
-  std::memcpy(&between, from, size);
-  std::memcpy(to, &between, size);
+  // A vector stays in a register. An array would go through memory.
+  typedef std::uint8_t Vector __attribute__((vector_size(size)));
+  Vector bytes;
+  std::memcpy(&bytes, from, size);
+  std::memcpy(to, &bytes, size);
 }
 
-// Exactly `length` bytes, at least a chunk. `from` lies at least a chunk before `to`, or in other
-// memory; so no chunk is read before it is written, nor does the last one, which may repeat bytes,
-// read what it writes.
+// Copies exactly `length` bytes, at least vectorSize. `from` is at least vectorSize before `to`, or
+// in other memory, so no copy reads bytes that are not yet written. The last copy may overlap the
+// one before.
 [[gnu::always_inline]] inline void
-copyChunks(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
+copyVectors(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
 {
-  const std::size_t last = length - chunk;
-  for (std::size_t at = 0; at < last; at += chunk)
-    copyFixed<chunk>(to + at, from + at);
-  copyFixed<chunk>(to + last, from + last);
+  const std::size_t last = length - vectorSize;
+  for (std::size_t at = 0; at < last; at += vectorSize)
+    copyFixed<vectorSize>(to + at, from + at);
+  copyFixed<vectorSize>(to + last, from + last);
 }
 
-// `length` bytes and up to chunk - 1 more, from at least a chunk before or from other memory.
+// Copies `length` bytes and up to vectorSize - 1 more. `from` is at least vectorSize before `to`,
+// or in other memory.
 [[gnu::always_inline]] inline void
 copyOver(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
 {
   std::uint8_t *const end = to + length;
   do {
-    copyFixed<chunk>(to, from);
-    to += chunk;
-    from += chunk;
+    copyFixed<vectorSize>(to, from);
+    to += vectorSize;
+    from += vectorSize;
   } while (to < end);
 }
 
-// Exactly `length` bytes, less than a chunk, from memory that does not overlap.
+// Copies exactly `length` bytes, less than vectorSize, from memory that does not overlap.
 inline void
 copyFew(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
 {
@@ -64,14 +65,14 @@ copyFew(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
   }
 }
 
-// Exactly `length` literals.
+// Copies exactly `length` bytes from memory that does not overlap.
 inline void
 copyRun(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
 {
-  if (length >= 16 * chunk)
+  if (length >= 16 * vectorSize)
     std::memcpy(to, from, length);
-  else if (length >= chunk)
-    copyChunks(to, from, length);
+  else if (length >= vectorSize)
+    copyVectors(to, from, length);
   else
     copyFew(to, from, length);
 }

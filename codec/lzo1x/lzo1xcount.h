@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Counts what the fast paths leave to the careful ones, for a test of its own that asks whether
-// they are used at all.
+// Counts the steps of the careful paths. A test uses the count to check that the fast paths do most
+// of the work.
 #pragma once
 
 #include <cstddef>

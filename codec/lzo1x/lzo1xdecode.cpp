@@ -14,8 +14,8 @@ namespace lzo1x
 namespace
 {
 
-// Where a decoder stands. Invariants: `read` never passes readEnd, `written` never passes
-// writtenEnd, and what lies between `begin` and `written` is the output so far.
+// Invariants: `read` never passes readEnd, `written` never passes writtenEnd, and the output so far
+// is from `begin` to `written`.
 struct Position {
   const std::uint8_t *read;
   const std::uint8_t *readEnd;
@@ -56,8 +56,8 @@ copyLiterals(Position &at, std::size_t length) noexcept
   return Status::ok;
 }
 
-// Chooses without a branch, where a branch would be mispredicted: the compiler cannot know the two
-// values, so nothing is gained by one.
+// Selects a value without a branch, which would often be mispredicted. Hidden values leave the
+// compiler no reason for a branch.
 template <typename Value>
 [[gnu::always_inline]] inline Value
 choose(bool first, Value a, Value b) noexcept
@@ -66,23 +66,23 @@ choose(bool first, Value a, Value b) noexcept
   return first ? a : b;
 }
 
-// How a match nearer than a chunk comes from two words, so that no load waits for a store: the
-// pattern is as long as `period`, begins with the first word, and the second one stands at
-// `offset`. Below a distance of 8 both are the bytes of the distance repeated, by multiplying them
-// with ones that stand so many bytes apart; they fit again at the largest multiple up to 8.
+// Builds a match with a distance below vectorSize from two words in registers, so that no load
+// waits for a store. The match repeats a pattern of `period` bytes: the first word at 0, the second
+// at `offset`. Below a distance of 8, both words are the last `distance` bytes, repeated by a
+// multiplication with `ones`. They fit again at the largest multiple of the distance up to 8.
 struct Repetition {
   std::uint64_t mask;
   std::uint64_t ones;
   std::uint8_t offset;
   std::uint8_t period;
-  std::uint8_t back; // the smallest multiple of the distance that makes a chunk or more
+  std::uint8_t back; // the smallest multiple of the distance from vectorSize on
 };
 
 constexpr Repetition
 repetition(unsigned distance)
 {
   Repetition it{};
-  it.back = static_cast<std::uint8_t>((chunk - 1 + distance) / distance * distance);
+  it.back = static_cast<std::uint8_t>((vectorSize - 1 + distance) / distance * distance);
   if (distance >= 8) {
     it.mask = ~std::uint64_t{0};
     it.ones = 1;
@@ -98,26 +98,26 @@ repetition(unsigned distance)
   return it;
 }
 
-constexpr std::array<Repetition, chunk> repetitions = [] {
-  std::array<Repetition, chunk> table{};
-  for (unsigned distance = 1; distance < chunk; distance++)
+constexpr std::array<Repetition, vectorSize> repetitions = [] {
+  std::array<Repetition, vectorSize> table{};
+  for (unsigned distance = 1; distance < vectorSize; distance++)
     table[distance] = repetition(distance);
   return table;
 }();
 
-// Writes a match nearer than a chunk.
+// Writes a match with a distance below vectorSize.
 class Repeater
 {
 public:
   Repeater(const std::uint8_t *to, std::size_t distance) noexcept : it(repetitions[distance])
   {
     first = (loadLittleEndian<std::uint64_t>(to - distance) & it.mask) * it.ones;
-    // Not from 8 before, as so much may not be there.
+    // The output may have fewer than 8 bytes.
     const auto before = loadLittleEndian<std::uint64_t>(to - std::min<std::size_t>(distance, 8));
     second = choose(distance < 8, first, before);
   }
 
-  // Up to 15 bytes behind `length` are written too.
+  // Writes up to 15 bytes more than `length`.
   [[gnu::always_inline]] void
   repeat(std::uint8_t *to, std::size_t length) const noexcept
   {
@@ -125,7 +125,7 @@ public:
       once(to);
   }
 
-  // At least `span` bytes and at most twice as many.
+  // Writes at least `span` bytes and at most twice as many.
   template <std::size_t span>
   [[gnu::always_inline]] void
   repeatFew(std::uint8_t *to) const noexcept
@@ -147,18 +147,19 @@ private:
   std::uint64_t second;
 };
 
-// A match nearer than a chunk, and nothing behind it.
+// Writes exactly `length` bytes of a match with a distance below vectorSize.
 inline void
 repeatExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
 {
-  if (length >= 2 * chunk) {
-    // repeat() writes up to the end. The last chunk comes from as many whole distances before it as
-    // make a chunk or more: that is at most distance + chunk - 1, so still from behind `from`.
-    Repeater(to, distance).repeat(to, length - (chunk - 1));
-    copyFixed<chunk>(to + length - chunk, to + length - chunk - repetitions[distance].back);
+  if (length >= 2 * vectorSize) {
+    // repeat() stays within `length`. The last vector is copied from a multiple of the distance
+    // before, which is at most distance + vectorSize - 1, so the output has these bytes.
+    Repeater(to, distance).repeat(to, length - (vectorSize - 1));
+    copyFixed<vectorSize>(to + length - vectorSize,
+                          to + length - vectorSize - repetitions[distance].back);
     return;
   }
-  // What has been written doubles what can be copied at once.
+  // Each copy doubles the number of bytes that the next one can copy.
   const std::uint8_t *const from = to - distance;
   std::size_t there = distance;
   for (; there < length; length -= there, to += there, there = static_cast<std::size_t>(to - from))
@@ -176,26 +177,26 @@ copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
   const std::uint8_t *from = at.written - distance;
   std::uint8_t *const to = at.written;
   at.written += length;
-  if (length < chunk && length <= distance) {
+  if (length < vectorSize && length <= distance) {
     copyFew(to, from, length);
-  } else if (length >= chunk && distance >= chunk) {
-    copyChunks(to, from, length);
+  } else if (length >= vectorSize && distance >= vectorSize) {
+    copyVectors(to, from, length);
   } else {
     repeatExactly(to, distance, length);
   }
   return Status::ok;
 }
 
-// Adds the length bytes from `read` to readEnd, if there are, to `length` and moves behind them. No
-// length above `most` can be meant; up to most / 255 zeros the length stays below most + 3 * 255,
-// which cannot wrap, as no object is longer than half of what size_t can say.
+// Adds the length bytes at `read` to `length` and moves behind them. Refuses more zeros than a
+// length of `max` has. So the length stays below max + 3 * 255, which cannot wrap, as no object is
+// larger than PTRDIFF_MAX.
 inline Status
-readLengthBytes(const std::uint8_t *&read, const std::uint8_t *readEnd, std::size_t most,
+readLengthBytes(const std::uint8_t *&read, const std::uint8_t *readEnd, std::size_t max,
                 std::size_t &length) noexcept
 {
   const std::uint8_t *const first = read;
   if (read < readEnd && *read == 0) [[unlikely]] {
-    // A long run of literals has so many that they take time.
+    // A long run of literals has many of them.
     while (readEnd - read >= 8 && loadLittleEndian<std::uint64_t>(read) == 0)
       read += 8;
     while (read < readEnd && *read == 0)
@@ -204,13 +205,13 @@ readLengthBytes(const std::uint8_t *&read, const std::uint8_t *readEnd, std::siz
   if (read >= readEnd)
     return Status::inputOverrun;
   const auto zeros = static_cast<std::size_t>(read - first);
-  if (zeros > most / lengthByteStep)
+  if (zeros > max / lengthByteStep)
     return Status::outputOverrun;
   length += zeros * lengthByteStep + *read++;
   return Status::ok;
 }
 
-// The opening byte of a stream may be a run of its own kind.
+// Decodes the first byte of a stream if it is an opening run.
 inline Status
 openingRun(Position &at) noexcept
 {
@@ -221,7 +222,7 @@ openingRun(Position &at) noexcept
   return copyLiterals(at, length);
 }
 
-// One instruction with its literals, every access checked; `done` tells that it was the end marker.
+// Decodes one instruction with its literals and checks every access. Sets `done` at the end marker.
 inline Status
 step(Position &at, bool &done) noexcept
 {
@@ -264,9 +265,9 @@ step(Position &at, bool &done) noexcept
   return copyLiterals(at, literals);
 }
 
-// Decodes as long as there is room around: it stops near the ends, at the end marker and at what
-// may be broken, always between two instructions. A match of up to `span` bytes is copied as so
-// many.
+// Decodes while input and output have the slack that its copies need. Stops between two
+// instructions: near the ends, at the end marker, and at possibly invalid ones. Copies a match of
+// up to `span` bytes as `span` bytes.
 template <std::size_t span> class FastDecoder
 {
 public:
@@ -298,15 +299,13 @@ public:
     at.context = context();
   }
 
-  // What can be read behind readLast: a match of three bytes, and 4 for its literals, of which up
-  // to 3 are used.
+  // The most bytes read from readLast on: a match of three bytes, and 4 bytes for its literals.
   static constexpr std::size_t readSlack = 3 + 4;
-  // The most that can be written behind writtenLast: a match of up to `span` bytes, or twice as
-  // many where it repeats itself, and 4 for its literals. A run without length bytes takes less,
-  // and so does what a long match writes behind its end. The small span repeats with care, to come
-  // nearer to the end.
-  static constexpr std::size_t writeSlack = (span == chunk ? span : 2 * span) + 4;
-  static_assert(writeSlack >= runShortMax && writeSlack >= chunk - 1 + 4);
+  // The most bytes written from writtenLast on: a match of up to `span` bytes, or twice as many if
+  // it overlaps, and 4 bytes for its literals. A run without length bytes and the excess of a long
+  // match need less. The small span copies overlapping matches exactly, to get nearer to the end.
+  static constexpr std::size_t writeSlack = (span == vectorSize ? span : 2 * span) + 4;
+  static_assert(writeSlack >= runShortMax && writeSlack >= vectorSize - 1 + 4);
 
 private:
   Context
@@ -325,8 +324,8 @@ private:
     if (t != 0) {
       if (static_cast<std::size_t>(readEnd - from) < runShortMax)
         return false;
-      copyFixed<chunk>(written, from);
-      copyFixed<runShortMax - chunk>(written + chunk, from + chunk);
+      copyFixed<vectorSize>(written, from);
+      copyFixed<runShortMax - vectorSize>(written + vectorSize, from + vectorSize);
     } else {
       length = runShortMax;
       if (readLengthBytes(from, readEnd, roomToLast(), length) != Status::ok ||
@@ -340,8 +339,8 @@ private:
     return true;
   }
 
-  // Everything that the next instruction waits for is computed without a branch: whether a match
-  // has two or three bytes, and how many literals follow it.
+  // Decodes a match of up to `span` bytes. Computes the size of the instruction and the number of
+  // literals without a branch, as the next instruction waits for them.
   [[gnu::always_inline]] bool
   match(unsigned t) noexcept
   {
@@ -351,18 +350,19 @@ private:
     const std::size_t distance = instruction.distance(word);
     if (length > span) [[unlikely]]
       return anyMatch(t, word, instruction);
-    if (distance < std::min(length, chunk)) [[unlikely]]
-      return span == chunk ? anyMatch(t, word, instruction)
-                           : overlappingMatch(t, word, length, distance);
+    if (distance < std::min(length, vectorSize)) [[unlikely]]
+      return span == vectorSize ? anyMatch(t, word, instruction)
+                                : overlappingMatch(t, word, length, distance);
     if (!isPlain(distance)) [[unlikely]]
       return false;
     const std::uint8_t *const from = written - distance;
-    copyFixed<chunk>(written, from);
-    if constexpr (span > chunk) {
-      // What nobody needs is not read from where it may just have been written, for which it would
-      // have to wait.
+    copyFixed<vectorSize>(written, from);
+    if constexpr (span > vectorSize) {
+      // Loads unused bytes from elsewhere: a load of just-written output would stall on store
+      // forwarding.
       const auto *const spare = reinterpret_cast<const std::uint8_t *>(&instructions);
-      copyFixed<chunk>(written + chunk, choose(length > chunk, from + chunk, spare));
+      copyFixed<vectorSize>(written + vectorSize,
+                            choose(length > vectorSize, from + vectorSize, spare));
     }
     written += length;
     const bool threeBytes = t < nearMark;
@@ -376,7 +376,7 @@ private:
     return true;
   }
 
-  // A match of up to `span` bytes, nearer than a chunk, that overlaps what it writes.
+  // Decodes a match of up to `span` bytes that overlaps its output.
   [[gnu::always_inline]] bool
   overlappingMatch(unsigned t, std::uint32_t word, std::size_t length,
                    std::size_t distance) noexcept
@@ -394,7 +394,7 @@ private:
     return true;
   }
 
-  // Any match of any length that leaves enough room.
+  // Decodes any match that leaves enough room.
   [[gnu::always_inline]] bool
   anyMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
   {
@@ -402,7 +402,7 @@ private:
     std::size_t length = instruction.length();
     if (instruction.hasLengthBytes()) {
       next = read + 1;
-      // Up to readLast, so that the distance bytes and the literals can be read behind.
+      // Up to readLast, so that the distance bytes and the literals behind are readable.
       if (readLengthBytes(next, readLast, roomToLast(), length) != Status::ok)
         return false;
       word =
@@ -412,7 +412,7 @@ private:
     const std::size_t distance = instruction.distance(word);
     if (length > roomToLast() || !isPlain(distance))
       return false;
-    if (distance < chunk)
+    if (distance < vectorSize)
       Repeater(written, distance).repeat(written, length);
     else
       copyLong(written, written - distance, length);
@@ -424,18 +424,18 @@ private:
     return true;
   }
 
-  // As much as the slack has room for is copied without a loop, whose end would be mispredicted.
+  // Copies as much as fits into the slack without a loop, whose end would be mispredicted.
   [[gnu::always_inline]] static void
   copyLong(std::uint8_t *to, const std::uint8_t *from, std::size_t length) noexcept
   {
-    constexpr std::size_t atOnce = writeSlack / chunk * chunk;
-    for (std::size_t at = 0; at < atOnce; at += chunk)
-      copyFixed<chunk>(to + at, from + at);
+    constexpr std::size_t atOnce = writeSlack / vectorSize * vectorSize;
+    for (std::size_t at = 0; at < atOnce; at += vectorSize)
+      copyFixed<vectorSize>(to + at, from + at);
     if (length > atOnce)
       copyOver(to + atOnce, from + atOnce, length - atOnce);
   }
 
-  // Not in the end marker (the middle form says this distance too, but seldom), and not too far.
+  // False beyond the output, and for the distance of the end marker. The middle form rarely has it.
   [[gnu::always_inline]] bool
   isPlain(std::size_t distance) const noexcept
   {
@@ -457,8 +457,8 @@ private:
   std::size_t literals; // since the last match, or runMin for a run
 };
 
-// So much room or less is filled with the small span alone: it comes nearer to the end, and the
-// first matches of a block are short.
+// Up to so much room the small span alone is faster: it gets nearer to the end, and the first
+// matches of a block are short.
 constexpr std::size_t smallBlock = 900;
 
 template <std::size_t span>
@@ -484,11 +484,11 @@ decode(Input in, Output out) noexcept
   Status status = openingRun(at);
   while (status == Status::ok && !done) {
     if (at.room() > smallBlock)
-      decodeFast<2 * chunk>(at);
-    decodeFast<chunk>(at);
+      decodeFast<2 * vectorSize>(at);
+    decodeFast<vectorSize>(at);
     do
       status = step(at, done);
-    while (status == Status::ok && !done && at.room() < FastDecoder<chunk>::writeSlack);
+    while (status == Status::ok && !done && at.room() < FastDecoder<vectorSize>::writeSlack);
   }
   if (status != Status::ok)
     return {status, 0};

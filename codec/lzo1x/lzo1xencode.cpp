@@ -523,16 +523,18 @@ private:
       key = keyAt(read);
       if (!matches())
         continue;
-      if (longMatch)
-        searchDensely();
+      if (denseEnd == 0) [[unlikely]]
+        leaveSparseSearch();
       return true;
     }
     return false;
   }
 
   [[gnu::always_inline]] void
-  searchDensely() noexcept
+  leaveSparseSearch() noexcept
   {
+    if (!longMatch)
+      return;
     denseEnd = static_cast<std::ptrdiff_t>(last + 1);
     idleMax = PTRDIFF_MAX;
   }
@@ -604,7 +606,7 @@ private:
   std::uint8_t *const quickEnd;
   const std::size_t last;       // the last position to search
   const std::ptrdiff_t restart; // literals before this position do not widen the steps
-  std::ptrdiff_t denseEnd = static_cast<std::ptrdiff_t>(last + 1); // of the dense search
+  std::ptrdiff_t denseEnd = static_cast<std::ptrdiff_t>(last + 1); // of the dense search, or 0
   std::ptrdiff_t idleMax = PTRDIFF_MAX; // literals behind this position widen the steps at least
   bool longMatch = false;
   const std::uint8_t *pending;

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The LZO1X format: its constants and the table of its instructions, for encoder and decoder alike.
+// The LZO1X format: its constants and the table of its instructions.
 //
-// A stream is a sequence of instructions, each opened by a byte T. The two low bits of the byte
-// before the last of a match instruction count the literals (0 to 3) that follow it; what T below
-// 16 means depends on them, so the table has one page for each of three contexts.
+// A stream is a sequence of instructions. Each starts with a byte T. The two low bits of the last
+// byte but one of a match instruction are the number of literals (0 to 3) that follow. The meaning
+// of T below 16 depends on the literals before it, so the table has a page for each of three
+// contexts.
 #pragma once
 
 #include <array>
@@ -22,52 +23,53 @@ enum Context : unsigned {
   contexts,
 };
 
-// A first byte above openingRunMark is a run of T - openingRunMark literals.
+// If the first byte of a stream is above openingRunMark, it is a run of T - openingRunMark
+// literals.
 constexpr unsigned openingRunMark = 17;
 constexpr unsigned openingRunMax = 255 - openingRunMark;
 
-// Every other run is at least runMin long; a match carries up to matchLiteralsMax.
+// Every other run has at least runMin literals. Up to matchLiteralsMax belong to a match.
 constexpr unsigned runMin = 4;
 constexpr unsigned runBias = 3;
 constexpr unsigned runShortMax = 18;
 constexpr unsigned matchLiteralsMax = 3;
 
-// A length beyond what T holds goes on in length bytes: 255 for every zero byte, then one that is
-// not zero.
+// A length too large for T continues in length bytes: 255 for every zero byte, plus the first other
+// byte.
 constexpr unsigned lengthByteStep = 255;
 
-// Two bytes, T >= nearMark: 3 to 8 bytes from up to 2048 back.
+// T >= nearMark, two bytes: a match of 3 to 8 bytes at a distance of up to 2048.
 constexpr unsigned nearMark = 64;
 constexpr unsigned nearLengthShift = 5;
 constexpr unsigned nearLengthBias = 1;
 constexpr unsigned nearMaxLength = 8;
 constexpr unsigned nearMaxDistance = 2048;
-// Three bytes and length bytes, T >= middleMark: from up to 16384 back.
+// T >= middleMark, three bytes and length bytes: a distance of up to 16384.
 constexpr unsigned middleMark = 32;
 constexpr unsigned middleShortMax = 33;
 constexpr unsigned middleMaxDistance = 16384;
-// Three bytes and length bytes, T >= farMark: from 16385 to 49151 back.
+// T >= farMark, three bytes and length bytes: a distance of 16385 to 49151.
 constexpr unsigned farMark = 16;
 constexpr unsigned farShortMax = 9;
-constexpr unsigned farHighBit = 8; // of T, worth farHighDistance
+constexpr unsigned farHighBit = 8; // this bit of T adds farHighDistance
 constexpr unsigned farHighDistance = 16384;
 constexpr unsigned farMaxDistance = 49151;
-// T below farMark: after 1 to 3 literals a match of two bytes, after a run one of three bytes, past
-// the reach of the near form.
+// T < farMark: after 1 to 3 literals a match of two bytes, after a run a match of three bytes from
+// beyond nearMaxDistance.
 constexpr unsigned tinyLength = 2;
 constexpr unsigned afterRunLength = 3;
 
-// The far form with its smallest distance, which the middle form reaches too, means no match.
+// The far form with distance 16384, which the middle form can express too, is not a match.
 constexpr std::uint8_t endMarker[] = {0x11, 0x00, 0x00};
 constexpr std::uint32_t endMarkerWord = endMarker[0] | endMarker[1] << 8 | endMarker[2] << 16;
-// The bits of a word that tell that distance from all others.
+// A word of three bytes has this distance in the far form if these bits have that value.
 constexpr std::uint32_t endDistanceMask = 0xfffcf8;
 constexpr std::uint32_t endDistanceWord = farMark;
 
-// What T says.
+// The meaning of T in one context.
 struct Instruction {
-  // The distance of a match, with the bits that T holds; 0 for a run of literals. More bits of it
-  // stand in the distance bytes.
+  // The part of a distance that T determines, or 0 for a run of literals. The distance bytes hold
+  // the other bits.
   std::uint16_t distanceBase;
   std::uint16_t distanceMask;
   std::uint8_t distanceShift;
@@ -88,7 +90,7 @@ struct Instruction {
     return (lengthAndFlag & lengthBytesFlag) != 0;
   }
 
-  // To which length bytes add.
+  // Without the length bytes.
   constexpr unsigned
   length() const
   {
@@ -104,7 +106,7 @@ struct Instruction {
 };
 static_assert(sizeof(Instruction) == 8);
 
-// A match in two bytes, whose second one continues the lowBits of the distance in T.
+// A match in two bytes. T holds the lowBits of the distance, the second byte the others.
 constexpr Instruction
 shortMatch(unsigned t, unsigned length, unsigned lowBits, unsigned bias)
 {
@@ -116,14 +118,14 @@ shortMatch(unsigned t, unsigned length, unsigned lowBits, unsigned bias)
           .lengthAndFlag = static_cast<std::uint8_t>(length)};
 }
 
-// A length in T, or the one that length bytes add to.
+// The length in T, or the one to which length bytes add.
 constexpr std::uint8_t
 lengthAndFlag(unsigned inT, unsigned bias, unsigned shortMax)
 {
   return static_cast<std::uint8_t>(inT == 0 ? shortMax | Instruction::lengthBytesFlag : inT + bias);
 }
 
-// A match in three bytes and length bytes; the lengths that T alone can say end at shortMax.
+// A match in three bytes and length bytes. T alone holds lengths up to shortMax.
 constexpr Instruction
 longMatch(unsigned inT, unsigned shortMax, unsigned bias)
 {
