@@ -28,7 +28,7 @@ class Printer : public Reporter
 public:
   explicit Printer(const Options &options) : Reporter(options.strict), options(options) {}
 
-  void iv_record(const Unit &unit, const guint8 *iv) override;
+  void iv_record(const Unit &unit, const char *iv) override;
   void record(const Unit &unit, gint64 content) override;
   void block(const Unit &unit, guint64 content, guint chunks) override;
   void message(const Unit &unit, guint64 length, const std::string &shown) override;
@@ -110,7 +110,7 @@ Printer::print(const Unit &unit, const std::string &text, Add add)
 }
 
 void
-Printer::iv_record(const Unit &unit, const guint8 *iv)
+Printer::iv_record(const Unit &unit, const char *iv)
 {
   auto hex = hex_text(iv, 16);
   print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
