@@ -88,7 +88,7 @@ measure(Channel &channel, const Options &options, const std::string &kind, const
   return run;
 }
 
-// As long as the receiving side took.
+// The time of the receiving side, which takes longer.
 static double
 duration(const Run &run)
 {

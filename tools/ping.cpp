@@ -39,7 +39,7 @@ round_trip(Channel &channel, std::vector<char> &message, guint64 number)
   return static_cast<double>(ended - begun) / G_USEC_PER_SEC;
 }
 
-// The value that this part of the sorted values does not exceed.
+// The smallest value that this part of the values does not exceed.
 static double
 percentile(const std::vector<double> &sorted, double part)
 {
@@ -83,7 +83,7 @@ print_summary(const Options &options, const Stages &stages, Channel &channel,
   output_line("  %-6s %12s", "max", human_latency(times.back()).c_str());
 }
 
-// Waits for the next turn; false where the user has had enough.
+// Waits for the next turn. False if the user interrupts.
 static bool
 pause_for(double seconds)
 {
