@@ -405,9 +405,10 @@ run_decode(CommandLine &line)
   Options options;
   const GOptionEntry entries[] = {
       {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
-       "The stream is encrypted and the key is not known: show the records", nullptr},
+       "Show the records of an encrypted stream without its key", nullptr},
       {"strings", 0, 0, G_OPTION_ARG_STRING, &options.strings.value,
-       "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
+       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+       "TERMINATOR"},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
        nullptr},
       {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
@@ -416,11 +417,11 @@ run_decode(CommandLine &line)
       {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
        "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
       {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
-       "Note also what a careful writer would not have sent", nullptr},
+       "Also note what a careful writer would not send", nullptr},
       {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
-       "Of a pcap or pcapng file, take the TCP stream with this number", "N"},
+       "Decode this TCP stream of a pcap or pcapng file", "N"},
       {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
-       "Of a pcap or pcapng file, take what the client or the server has sent", "SIDE"},
+       "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

@@ -122,7 +122,7 @@ run_ping(CommandLine &line)
       {"count", 'c', 0, G_OPTION_ARG_INT, &options.count,
        "Stop after this many round trips, 0 for never (default 10)", "N"},
       {"interval", 'i', 0, G_OPTION_ARG_DOUBLE, &options.interval,
-       "Wait this long between two (default 0.1)", "SECONDS"},
+       "Wait this long between round trips (default 0.1)", "SECONDS"},
       {"size", 's', 0, G_OPTION_ARG_INT, &options.size, "Bytes in a message (default 32)", "N"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object, times in seconds",
        nullptr},

@@ -405,9 +405,9 @@ run_receive(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
-      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace files that exist", nullptr},
-      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume,
-       "Go on where an interrupted transfer ended", nullptr},
+      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace existing files", nullptr},
+      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume, "Continue an interrupted transfer",
+       nullptr},
       {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one sender after another", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object for each file",
        nullptr},

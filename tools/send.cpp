@@ -217,7 +217,7 @@ run_send(CommandLine &line)
   gboolean resume = FALSE, json = FALSE;
   const GOptionEntry entries[] = {
       {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
-       "Go on where an interrupted transfer to this receiver ended", nullptr},
+       "Continue an interrupted transfer to this receiver", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

@@ -91,7 +91,8 @@ Stages::option_group()
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
   auto *group = g_option_group_new(
-      "stages", "Stages, applied in this order to what is sent; the peer needs the same:",
+      "stages",
+      "Stages, in the order in which they work on outgoing data. The peer needs the same:",
       "Show the options for stages", this, nullptr);
   g_option_group_add_entries(group, entries);
   return group;

@@ -664,15 +664,16 @@ void
 TalkOptions::add_to(CommandLine &line)
 {
   const GOptionEntry entries[] = {
-      {"frames", 0, 0, G_OPTION_ARG_NONE, &frames, "A line is a message as it is (default)",
+      {"frames", 0, 0, G_OPTION_ARG_NONE, &frames, "A line is a message without changes (default)",
        nullptr},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &hex, "A line is a message in hexadecimal digits", nullptr},
       {"variant", 0, 0, G_OPTION_ARG_STRING, &variant.value,
        "A line is a GVariant of this type in its text form", "TYPE"},
       {"strings", 0, 0, G_OPTION_ARG_STRING, &strings.value,
-       "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
-      {"limit", 0, 0, G_OPTION_ARG_INT, &limit_option,
-       "Refuse messages of more bytes than this (default 64 MiB)", "BYTES"},
+       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+       "TERMINATOR"},
+      {"limit", 0, 0, G_OPTION_ARG_INT, &limit_option, "Refuse longer messages (default 64 MiB)",
+       "BYTES"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print each message as a JSON object", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
