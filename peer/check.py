@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Says what a server that echoes messages gets right and wrong."""
+"""Checks a server that echoes messages."""
 
 import contextlib
 import random
@@ -14,7 +14,7 @@ TRAP = bytes.fromhex("0154440000004a") + bytes(range(0x41, 0x7A)) + bytes.fromhe
 
 
 def variety():
-    """Data, and a stream with every class of instruction that decodes to it."""
+    """Returns data, and a stream for it with every class of instruction."""
     stream, noise = lzo.Stream(), random.Random(5).randbytes
     stream.literals(noise(300))
     for count, distance in ((3, 1), (8, 300), (9, 300), (33, 7), (34, 7), (288, 4), (289, 2), (5000, 1)):
@@ -50,7 +50,7 @@ class Checker:
                 data = data[step:]
 
     def ask(self, make, count, pieces=1 << 40):
-        """What comes back for the bytes that make gives: at most count messages, and how it ended."""
+        """Sends the bytes of make. Returns up to count answers, and how the channel ended."""
         channel, heard = wire.Channel(wire.connect(self.address, self.patience), self.stages), []
         sender = threading.Thread(target=self.pour, args=(channel.sock, make(channel.writer), pieces))
         sender.start()
@@ -112,7 +112,7 @@ class Checker:
         return self.wrong
 
     def units(self, index, name, text):
-        """What holds for the units of both kinds of stage: two messages cut into units of a size."""
+        """Cases for both kinds of stage: two messages, cut into units of a size."""
 
         def cut(w, size, empty):
             data = b"".join(w.through(wire.frame(text), 0, index) for _ in range(2))
@@ -126,7 +126,7 @@ class Checker:
 
     def encrypt(self, index, name, _):
         def raw(records):
-            """A stream whose records are made by hand of the bytes that enter the stage."""
+            """A stream with hand-made records of the bytes that enter the stage."""
             return lambda w: w.through(
                 records(w.layers[index], w.through(wire.frame(b"hello"), 0, index)), index + 1)
 
@@ -154,12 +154,12 @@ class Checker:
 
     def compress(self, index, name, text):
         def raw(message, payload, more=0):
-            """The frame's length in a block of its own, then a block with this payload."""
+            """A block with the length of the frame, then a block with this payload."""
             return lambda w: w.through(wire.frame(message)[:4]) + w.through(
                 w.layers[0].block(payload, len(message) + more), 1)
 
         if index:
-            return  # a payload for the bytes of the stages above would have to be made in between
+            return  # a hand-made payload would need the output of the stages above
         other, hello, stream = b"\x02\x57" + bytes(range(66)), b"hello", lzo.encode(b"hello")
         body, counts = stream[:-3], (17, 18, 19, 67, 68, 69, 238, 239, 273, 274)
         runs = [bytes(i * 7 % 251 for i in range(n)) for n in counts]

@@ -9,11 +9,11 @@ END = b"\x11\x00\x00"
 
 
 class Broken(Exception):
-    """What a reader refuses; the text is the message of docs/errors.md."""
+    """Data that a reader refuses. The text is the message in docs/errors.md."""
 
 
 class Stream:
-    """Writes instructions; each match takes the shortest form that its length and distance have."""
+    """Writes instructions. A match takes the shortest form for its length and distance."""
 
     def __init__(self):
         self.out, self.state, self.started = bytearray(), 0, False
@@ -23,12 +23,12 @@ class Stream:
         self.out.append((value - 1) % 255 + 1)
 
     def literals(self, run):
-        """Literals behind a match, of which there may be none, or at the beginning."""
+        """Literals after a match, possibly none, or at the beginning."""
         count = len(run)
         if self.started and count < 4:
-            self.out[-2] |= count  # both kinds of match have S in the last byte but one
+            self.out[-2] |= count  # in both kinds of match, the last byte but one has the number
         elif not self.started and count <= 238 and count != 0x55 - 17:
-            self.out.append(17 + count)  # never 55, with which chunks begin
+            self.out.append(17 + count)  # never 0x55, with which chunks begin
         elif count < 19:
             self.out.append(count - 3)
         else:
@@ -57,14 +57,14 @@ class Stream:
 
 
 def encode(data):
-    """One stream that decodes to data, which is not empty."""
+    """Encodes data, which must not be empty, as one stream."""
     stream, seen, start, at = Stream(), {}, 0, 0
     while at < len(data) - 3:
         word, end = data[at : at + 4], at + 4
         earlier = seen.get(word, -49152)
         seen[word] = at
         if at - earlier > 49151:
-            at += 1 + (at - start) // 32  # data that does not compress is passed ever faster
+            at += 1 + (at - start) // 32  # goes faster through data that does not compress
             continue
         while end < len(data) and data[end : end + 999] == data[end - at + earlier : end - at + earlier + 999]:
             end += 999
@@ -78,7 +78,7 @@ def encode(data):
 
 
 def decode(data, room):
-    """What one stream decodes to; it must end with its marker and give at most room bytes."""
+    """Decodes one stream, which must end with its marker and give at most room bytes."""
     source, out, state = io.BytesIO(data), bytearray(), 0
 
     def need(holds):
@@ -91,7 +91,7 @@ def decode(data, room):
         return piece
 
     def length():
-        """The value of length bytes: any number of zeros, then one that is not."""
+        """The value of length bytes: any number of zeros, then another byte."""
         zeros = 0
         while not (last := take(1)[0]):
             zeros += 1
@@ -130,7 +130,7 @@ def decode(data, room):
 
 
 def write_chunks(data, number):
-    """The payload in the chunk layout; data has at least number bytes."""
+    """Encodes data, of at least number bytes, in the chunk layout."""
     cuts = [len(data) // number * i for i in range(number)] + [len(data)]
     chunks = [encode(data[start:end]) for start, end in zip(cuts, cuts[1:])]
     sizes = b"".join(struct.pack("<I", len(chunk)) for chunk in chunks[:-1])
@@ -138,7 +138,7 @@ def write_chunks(data, number):
 
 
 def chunks(payload):
-    """The number of chunks that the payload seems to have, 0 for a plain stream."""
+    """The number of chunks if the payload looks like chunks, 0 for a plain stream."""
     number = payload[1] if len(payload) >= 7 else 0
     if not 1 <= number <= 32 or payload[0] != 0x55 or payload[2] != number ^ 0x55:
         return 0
@@ -163,7 +163,7 @@ def _join(payload, number, room):
 
 
 def read(payload, room):
-    """What the payload of a block decodes to; room is what the block announces."""
+    """Decodes the payload of a block; room is the decoded size in its header."""
     number = chunks(payload)
     if number != 1:
         return _join(payload, number, room) if number else decode(payload, room)

@@ -16,7 +16,7 @@ def frame(message):
 
 
 class Units:
-    """Collects what arrives until a unit is complete, and what a careful writer would not have sent."""
+    """Collects bytes until a unit is complete, and notes what a careful writer would not send."""
 
     def __init__(self):
         self.buffer, self.notes, self.borders, self.taken = bytearray(), [], [], 0
@@ -40,7 +40,7 @@ class Units:
 
 class Frames(Units):
     def missing(self):
-        """The error of a reader that meets the end of the stream here; none if a unit is complete."""
+        """The error of a reader if the stream ended here; empty if a unit is complete."""
         size = self.number("<i") if len(self.buffer) >= 4 else 0
         if size < 0:
             raise Broken("Invalid frame length")
@@ -51,7 +51,7 @@ class Frames(Units):
 
 
 class Encryptor:
-    """Makes records; each unit of plain text becomes one."""
+    """Makes a record of each unit of plain text."""
 
     def __init__(self, key):
         self.key, self.chain = key, None
@@ -63,7 +63,7 @@ class Encryptor:
         return bytes(8) + vector
 
     def blocks(self, text):
-        """A record of text that is padded already."""
+        """A record of padded text."""
         head = b"" if self.chain else self.vector()
         return head + struct.pack("<Q", len(text)) + self.chain.update(text)
 
@@ -110,7 +110,7 @@ class Decryptor(Units):
 
 
 class Compressor:
-    """Makes blocks; each unit of data becomes one."""
+    """Makes a block of each unit of data."""
 
     def block(self, payload, size):
         return struct.pack("<II", len(payload), size) + payload
@@ -139,14 +139,14 @@ class Decompressor(Units):
 
 
 class Writer:
-    """Frames through stages, as bytes for the wire. A stage is None for compression or the key of
-    encryption, as many bytes as AES takes; the first one is nearest to the frames."""
+    """Turns messages into bytes for the wire. A stage is None for compression, or the key of
+    encryption. The first stage is nearest to the frames."""
 
     def __init__(self, stages):
         self.layers = [Encryptor(key) if key else Compressor() for key in stages]
 
     def through(self, data, first=0, last=None):
-        """One unit through all layers, or from one to before another."""
+        """Sends one unit through all layers, or through those from first to before last."""
         for layer in self.layers[first:last]:
             data = layer.put(data)
         return data
@@ -158,7 +158,7 @@ class Writer:
 
 
 class Reader:
-    """Bytes from the wire through stages, as messages."""
+    """Turns bytes from the wire into messages."""
 
     def __init__(self, stages):
         self.layers = [Decryptor(key) if key else Decompressor() for key in reversed(stages)] + [Frames()]

@@ -85,29 +85,20 @@ connect_to(const Address &address, guint timeout)
 
 Listener::Listener(const Address &address) : listener(g_socket_listener_new())
 {
-  // A rush of peers fills the ten places that GIO would make, and turns others away.
-  g_socket_listener_set_backlog(listener, 128);
-  try {
-    if (!address.path.empty())
-      listen_unix(address);
-    else
-      listen_inet(address);
-  } catch (...) {
-    g_object_unref(listener);
-    throw;
-  }
+  // With the ten places of GIO's default, a rush of peers would be refused.
+  g_socket_listener_set_backlog(listener.get(), 128);
+  if (!address.path.empty())
+    listen_unix(address);
+  else
+    listen_inet(address);
 }
 
 Listener::~Listener()
 {
-  g_socket_listener_close(listener);
-  g_object_unref(listener);
-  if (!path.empty())
-    unlink(path.c_str());
+  close();
 }
 
-// A socket that nobody listens on any more, left behind by a process that was killed, is in the way
-// of nothing. Anything else at the path stays.
+// Removes a socket on which nobody listens any more. Anything else at the path stays.
 static void
 remove_stale_socket(const std::string &path, GSocketAddress *address)
 {
@@ -130,60 +121,57 @@ Listener::listen_unix(const Address &address)
   remove_stale_socket(address.path, socket_address);
 
   g_autoptr(GError) error = nullptr;
-  if (!g_socket_listener_add_address(listener, socket_address, G_SOCKET_TYPE_STREAM,
+  if (!g_socket_listener_add_address(listener.get(), socket_address, G_SOCKET_TYPE_STREAM,
                                      G_SOCKET_PROTOCOL_DEFAULT, nullptr, nullptr, &error))
     fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
   path = address.path;
   inform("listening on %s", address.text().c_str());
 }
 
-static std::vector<GInetAddress *>
+static std::vector<Owned<GInetAddress>>
 addresses_of(const Address &address)
 {
-  if (address.host.empty())
-    return {g_inet_address_new_any(G_SOCKET_FAMILY_IPV6),
-            g_inet_address_new_any(G_SOCKET_FAMILY_IPV4)};
-
+  std::vector<Owned<GInetAddress>> addresses;
+  if (address.host.empty()) {
+    addresses.emplace_back(g_inet_address_new_any(G_SOCKET_FAMILY_IPV6));
+    addresses.emplace_back(g_inet_address_new_any(G_SOCKET_FAMILY_IPV4));
+    return addresses;
+  }
   g_autoptr(GResolver) resolver = g_resolver_get_default();
   g_autoptr(GError) error = nullptr;
-  auto *list = g_resolver_lookup_by_name(resolver, address.host.c_str(), interrupt_soon(), &error);
+  Owned<GList, g_list_free> list(
+      g_resolver_lookup_by_name(resolver, address.host.c_str(), interrupt_soon(), &error));
   if (!list)
     fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
-
-  std::vector<GInetAddress *> addresses;
-  for (auto *link = list; link; link = link->next)
-    addresses.push_back(G_INET_ADDRESS(link->data));
-  g_list_free(list);
+  for (auto *link = list.get(); link; link = link->next)
+    addresses.emplace_back(G_INET_ADDRESS(link->data));
   return addresses;
 }
 
-// Listens on every address of the host; one that succeeds is enough (a machine may have no IPv6).
-// All of them get the port that the first one was given.
+// Listens on every address of the host, all with the port of the first. One success is enough: a
+// machine may lack IPv6.
 void
 Listener::listen_inet(const Address &address)
 {
   g_autoptr(GError) error = nullptr;
   bool any = false;
   auto port = address.port;
-  auto addresses = addresses_of(address);
 
-  for (auto *inet : addresses) {
-    g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new(inet, port);
+  for (auto &inet : addresses_of(address)) {
+    g_autoptr(GSocketAddress) wanted = g_inet_socket_address_new(inet.get(), port);
     g_autoptr(GSocketAddress) effective = nullptr;
     g_autoptr(GError) this_error = nullptr;
-    if (g_socket_listener_add_address(listener, wanted, G_SOCKET_TYPE_STREAM,
+    if (g_socket_listener_add_address(listener.get(), wanted, G_SOCKET_TYPE_STREAM,
                                       G_SOCKET_PROTOCOL_DEFAULT, nullptr, &effective,
                                       &this_error)) {
       any = true;
       port = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(effective));
-      g_autofree char *host = g_inet_address_to_string(inet);
+      g_autofree char *host = g_inet_address_to_string(inet.get());
       inform("listening on %s", Address{host, port, ""}.text().c_str());
     } else if (!error && !any) {
       error = static_cast<GError *>(g_steal_pointer(&this_error));
     }
   }
-  for (auto *inet : addresses)
-    g_object_unref(inet);
   if (!any)
     fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
 }
@@ -192,7 +180,7 @@ GSocketConnection *
 Listener::accept()
 {
   g_autoptr(GError) error = nullptr;
-  auto *connection = g_socket_listener_accept(listener, nullptr, interrupt_soon(), &error);
+  auto *connection = g_socket_listener_accept(listener.get(), nullptr, interrupt_soon(), &error);
   if (connection)
     return connection;
   if (interrupted())
@@ -204,16 +192,22 @@ GSocketConnection *
 Listener::accept_only()
 {
   auto *connection = accept();
-  g_socket_listener_close(listener);
-  if (!path.empty())
-    unlink(path.c_str());
-  path.clear();
+  close();
   return connection;
 }
 
 void
 Listener::abandon()
 {
-  g_socket_listener_close(listener);
+  path.clear();
+  close();
+}
+
+void
+Listener::close()
+{
+  g_socket_listener_close(listener.get());
+  if (!path.empty())
+    unlink(path.c_str());
   path.clear();
 }

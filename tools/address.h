@@ -2,7 +2,7 @@
 // HOST:PORT, [V6]:PORT and unix:PATH.
 #pragma once
 
-#include <gio/gio.h>
+#include "owners.h"
 
 #include <string>
 
@@ -15,11 +15,11 @@ struct Address {
   std::string text() const;
 };
 
-// A connected socket, within `timeout` seconds (0: as long as it takes).
+// Connects within `timeout` seconds (0: no limit).
 GSocketConnection *connect_to(const Address &address, guint timeout);
 
-// A socket, or several where a host name has several addresses, that peers can connect to. The path
-// of a Unix socket is removed again at the end.
+// The listening sockets of an address: one for each address of a host name. The destructor removes
+// the path of a Unix socket.
 class Listener
 {
 public:
@@ -27,19 +27,21 @@ public:
   ~Listener();
   Listener(const Listener &) = delete;
 
-  // The next peer. Throws where the user interrupts.
+  // The next peer. Throws if the user interrupts.
   GSocketConnection *accept();
 
-  // The next peer and no other: the sockets are closed, and the path is removed, at once.
+  // The only peer: closes the sockets and removes the path after it.
   GSocketConnection *accept_only();
 
-  // In a forked child: closes the sockets and leaves the path to the parent.
+  // For a forked child: closes the sockets but leaves the path to the parent.
   void abandon();
 
 private:
   void listen_unix(const Address &address);
   void listen_inet(const Address &address);
 
-  GSocketListener *listener;
+  void close();
+
+  Owned<GSocketListener> listener;
   std::string path;
 };

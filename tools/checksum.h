@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// SHA-256 as it goes along. libgcrypt, which the library needs anyway, uses the processor's
-// instructions for it; GLib's own took most of the time of a transfer.
+// SHA-256 in steps. libgcrypt uses the instructions of the processor; with GLib's checksum, most of
+// the time of a transfer went into it.
 #pragma once
 
 #include <gcrypt.h>
@@ -29,7 +29,7 @@ public:
     gcry_md_reset(handle);
   }
 
-  // Of all that has gone in so far; more may follow.
+  // The digest of all bytes so far. More may follow.
   std::string digest() const;
 
 private:

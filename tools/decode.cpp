@@ -28,7 +28,7 @@ class Printer : public Reporter
 public:
   explicit Printer(const Options &options) : Reporter(options.strict), options(options) {}
 
-  void iv_record(const Unit &unit, const guint8 *iv) override;
+  void iv_record(const Unit &unit, const char *iv) override;
   void record(const Unit &unit, gint64 content) override;
   void block(const Unit &unit, guint64 content, guint chunks) override;
   void message(const Unit &unit, guint64 length, const std::string &shown) override;
@@ -47,7 +47,7 @@ private:
   void line(const Unit &unit, const std::string &rest);
   void line(const Place &place, const std::string &text);
   std::string origin(const Place &place) const;
-  bool as_variant(guint64 length, const std::string &shown, std::string *text);
+  std::optional<std::string> as_variant(guint64 length, const std::string &shown);
   std::string contents(guint64 length, const std::string &shown);
   void add_contents(JsonLine &json, guint64 length, const std::string &shown);
   std::string cut(const std::string &shown) const;
@@ -96,7 +96,7 @@ Printer::line(const Unit &unit, const std::string &rest)
            origin(unit) + ", " + std::to_string(unit.size) + " bytes, " + rest);
 }
 
-// A unit as text or as an object, to which `add` adds what the text tells.
+// Prints a unit as text, or as an object to which `add` adds the same facts.
 template <typename Add>
 void
 Printer::print(const Unit &unit, const std::string &text, Add add)
@@ -110,7 +110,7 @@ Printer::print(const Unit &unit, const std::string &text, Add add)
 }
 
 void
-Printer::iv_record(const Unit &unit, const guint8 *iv)
+Printer::iv_record(const Unit &unit, const char *iv)
 {
   auto hex = hex_text(iv, 16);
   print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
@@ -152,7 +152,7 @@ Printer::cut(const std::string &shown) const
 static bool
 is_text(const std::string &bytes)
 {
-  // A character may have been cut at the end of what is shown.
+  // The last character may be cut.
   const char *end;
   if (g_utf8_validate_len(bytes.data(), bytes.size(), &end))
     return printable(bytes).size() == bytes.size();
@@ -160,7 +160,7 @@ is_text(const std::string &bytes)
   return valid > 0 && bytes.size() - valid < 4 && printable(bytes.data(), valid).size() == valid;
 }
 
-// GLib ends the program where it finds no memory; C++ throws, and the program can say so.
+// GLib ends the program if there is no memory. This throws first, so that the program can say so.
 static void
 ensure_memory(gsize shown)
 {
@@ -172,46 +172,43 @@ ensure_memory(gsize shown)
     throw std::bad_alloc();
 }
 
-bool
-Printer::as_variant(guint64 length, const std::string &shown, std::string *text)
+// Nothing, and damage, if the message is no such value.
+std::optional<std::string>
+Printer::as_variant(guint64 length, const std::string &shown)
 {
-  if (!options.variant)
-    return false;
   ensure_memory(shown.size());
-  if (length <= variant_limit &&
-      variant_text(options.variant.value, shown.data(), shown.size(), text))
-    return true;
-  damages++;
-  return false;
+  std::optional<std::string> text;
+  if (length <= variant_limit)
+    text = variant_text(options.variant.value, shown.data(), shown.size());
+  damages += !text;
+  return text;
 }
 
 std::string
 Printer::contents(guint64 length, const std::string &shown)
 {
-  std::string text;
-  if (as_variant(length, shown, &text))
-    return text;
   auto part = cut(shown);
-  auto hex = hex_text(part.data(), part.size());
-  if (options.variant)
-    return std::string("no value of type ") + options.variant.value + ": " + hex;
+  auto hex = [&] { return hex_text(part.data(), part.size()); };
+  if (options.variant) {
+    auto text = as_variant(length, shown);
+    return text ? *text : std::string("no value of type ") + options.variant.value + ": " + hex();
+  }
   bool as_text = options.text || (!options.hex && is_text(part));
-  text = as_text ? "\"" + printable(part) + "\"" : hex;
-  return part.size() < length ? text + "..." : text;
+  return (as_text ? "\"" + printable(part) + "\"" : hex()) + (part.size() < length ? "..." : "");
 }
 
 void
 Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
 {
-  std::string text;
-  if (as_variant(length, shown, &text)) {
-    json.add("variant", text);
-    return;
+  if (options.variant) {
+    if (auto text = as_variant(length, shown)) {
+      json.add("variant", *text);
+      return;
+    }
+    json.add("expected", std::string("a value of type ") + options.variant.value);
   }
   auto part = cut(shown);
   ensure_memory(part.size());
-  if (options.variant)
-    json.add("expected", std::string("a value of type ") + options.variant.value);
   bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
   if (!options.variant && !options.hex && (options.text || valid))
     json.add("text", part);
@@ -288,7 +285,7 @@ Printer::summary()
 
 namespace
 {
-// The layers, lowest first, with the converters that they use.
+// The layers, lowest first, and their converters.
 class Stack
 {
 public:
@@ -320,7 +317,7 @@ Stack::add(const char *name, std::unique_ptr<Layer> layer)
   printer.names.push_back(name);
 }
 
-// The stage that is last on the way out is the first one on the way in.
+// The last stage on the way out is the first on the way in.
 Stack::Stack(const Options &options, const Stages &stages, Printer &printer) : printer(printer)
 {
   if (options.encrypted) {
@@ -346,7 +343,7 @@ Stack::Stack(const Options &options, const Stages &stages, Printer &printer) : p
   }
 }
 
-// A file has no pieces: where one read ends and the next begins says nothing.
+// The bytes of a file have no pieces: the borders between reads mean nothing.
 static void
 feed(int fd, const std::string &shown, Layer &bottom)
 {
@@ -408,9 +405,10 @@ run_decode(CommandLine &line)
   Options options;
   const GOptionEntry entries[] = {
       {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
-       "The stream is encrypted and the key is not known: show the records", nullptr},
+       "Show the records of an encrypted stream without its key", nullptr},
       {"strings", 0, 0, G_OPTION_ARG_STRING, &options.strings.value,
-       "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
+       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+       "TERMINATOR"},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
        nullptr},
       {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
@@ -419,11 +417,11 @@ run_decode(CommandLine &line)
       {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
        "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
       {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
-       "Note also what a careful writer would not have sent", nullptr},
+       "Also note what a careful writer would not send", nullptr},
       {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
-       "Of a pcap or pcapng file, take the TCP stream with this number", "N"},
+       "Decode this TCP stream of a pcap or pcapng file", "N"},
       {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
-       "Of a pcap or pcapng file, take what the client or the server has sent", "SIDE"},
+       "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

@@ -23,11 +23,11 @@ fail(Exit code, const char *format, ...)
   throw Failure{code, message};
 }
 
-static void
-print_line(const std::string &line)
+void
+complain(const Failure &failure)
 {
-  progress_clear();
-  write_all(STDERR_FILENO, line + "\n");
+  if (!failure.message.empty())
+    inform("zelgvc: %s", failure.message.c_str());
 }
 
 void
@@ -35,16 +35,8 @@ complain(const char *format, ...)
 {
   va_list args;
   va_start(args, format);
-  auto message = format_message(format, args);
+  complain(Failure{Exit::ok, format_message(format, args)});
   va_end(args);
-  print_line("zelgvc: " + message);
-}
-
-void
-complain(const Failure &failure)
-{
-  if (!failure.message.empty())
-    print_line("zelgvc: " + failure.message);
 }
 
 void
@@ -52,9 +44,9 @@ inform(const char *format, ...)
 {
   va_list args;
   va_start(args, format);
-  auto message = format_message(format, args);
+  progress_clear();
+  write_all(STDERR_FILENO, format_message(format, args) + "\n");
   va_end(args);
-  print_line(message);
 }
 
 std::string

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// How the program fails: a subcommand throws a Failure, main() prints its one line and exits with
-// its code. Nothing is thrown through a callback of GLib's.
+// Failures: a subcommand throws a Failure, and main() prints its one line and exits with its code.
+// Never throw through a callback of GLib.
 #pragma once
 
 #include <gio/gio.h>
@@ -10,10 +10,10 @@
 // The exit codes; the manual page lists them.
 enum class Exit {
   ok = 0,
-  partly = 1,       // something asked for was refused or found damaged, the rest was done
+  partly = 1,       // something was refused or damaged, everything else was done
   usage = 2,        // the command line
-  address = 3,      // no connection could be made or awaited
-  peer = 4,         // the peer went away in the middle, or keeps silent
+  address = 3,      // cannot connect or listen
+  peer = 4,         // the peer went away in the middle, or was silent
   protocol = 5,     // the peer speaks something else, or with another key or other stages
   local = 6,        // a file, a directory or standard output
   interrupted = 130 // SIGINT; 143 for SIGTERM
@@ -30,9 +30,9 @@ struct Failure {
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 void complain(const Failure &failure);
 
-// A line for people about what goes on, on standard error.
+// Prints a line for people on standard error.
 void inform(const char *format, ...) G_GNUC_PRINTF(1, 2);
 
-// Bytes as text that cannot upset a terminal or a log: what is no printable UTF-8 becomes \xNN.
+// Text that is safe for terminals and logs: anything but printable UTF-8 becomes \xNN.
 std::string printable(const void *bytes, gsize size);
 std::string printable(const std::string &text);

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Somebody may have put another file where this one was, which then got the name.
+// Detects that another file was put in the place of this one and got the name.
 static bool
 is_name_of_another(int dir, const char *name, int fd)
 {
@@ -23,7 +23,7 @@ bool
 give_name(int dir, int fd, const char *from, const char *to, bool replace)
 {
   bool renamed = renameat2(dir, from, dir, to, replace ? 0 : RENAME_NOREPLACE) == 0;
-  // Not every file system knows the flag. A second name is never given to what exists, either.
+  // Some file systems lack the flag. A link does not replace a file either.
   if (!renamed && !replace && errno == EINVAL)
     renamed = linkat(dir, from, dir, to, 0) == 0 && unlinkat(dir, from, 0) == 0;
   return renamed && !is_name_of_another(dir, to, fd);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Files that get their name only when they are complete.
+// Files that get their final name only when they are complete.
 #pragma once
 
 #include <cerrno>
@@ -16,6 +16,6 @@ retry(Call call)
   return result;
 }
 
-// Gives the file `fd`, which is called `from` in the directory, its final name. Unless it may
-// replace a file, one of that name stays and errno is EEXIST.
+// Renames the file `fd` in a directory. An existing file is replaced only if `replace` is set;
+// otherwise errno is EEXIST.
 bool give_name(int dir, int fd, const char *from, const char *to, bool replace);

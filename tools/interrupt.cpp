@@ -10,7 +10,7 @@ static GCancellable *soon;
 static GCancellable *now;
 static std::atomic<int> first_signal;
 
-// A shell starts a background job with a SIGINT that is ignored, so that it stays so.
+// Leaves ignored signals ignored: a shell starts background jobs with SIGINT ignored.
 static sigset_t
 waited_for()
 {
@@ -43,7 +43,7 @@ wait_for_signals()
   sigtimedwait(&signals, nullptr, &grace);
   g_cancellable_cancel(now);
 
-  // Whatever still hangs after that hangs in something that knows no cancellable.
+  // The program hangs in a call without a cancellable.
   sigtimedwait(&signals, nullptr, &grace);
   _exit(interrupt_exit_code());
 }
@@ -53,7 +53,7 @@ interrupt_start()
 {
   auto signals = waited_for();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  // A reader that has gone and a file that may not grow are errors of the write, and no signals.
+  // A write reports a lost reader and a file size limit as errors instead.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   soon = g_cancellable_new();

@@ -9,11 +9,9 @@
 #include <cstring>
 #include <sys/mman.h>
 
-static constexpr gsize aes_block = gvc::wire::record::aes_block;
-static constexpr gsize record_header = gvc::wire::record::header_size;
-static constexpr gsize iv_record = gvc::wire::record::iv_record_size;
-static constexpr gsize block_header = gvc::wire::block::header_size;
-static constexpr gsize frame_header = gvc::wire::frame::prefix_size;
+namespace frame = gvc::wire::frame;
+namespace block = gvc::wire::block;
+namespace record = gvc::wire::record;
 
 static std::string
 bytes_text(guint64 count)
@@ -21,7 +19,7 @@ bytes_text(guint64 count)
   return std::to_string(count) + (count == 1 ? " byte" : " bytes");
 }
 
-// Whether the piece is one unit after the other, or a header that is sent by itself.
+// Whether the piece consists of whole units, or is a header that was sent by itself.
 bool
 Layer::looks_like_start(const char *bytes, gsize size) const
 {
@@ -51,7 +49,7 @@ Layer::push(const char *bytes, gsize size, guint64 piece)
     return;
   }
 
-  // Bytes that continue nothing are used where they are: a unit can be large.
+  // Avoids a copy if the bytes begin a unit, because a unit can be large.
   bool in_data = !data.empty();
   if (!in_data)
     origins.clear();
@@ -144,87 +142,98 @@ Layer::end()
     upper->end();
 }
 
-guint64
-RecordLayer::unit_size(const char *bytes, gsize size) const
-{
-  if (size < record_header)
-    return 0;
-  auto length = gvc::wire::record::load_length(bytes);
-  if (length == 0)
-    return iv_record;
-  return length % aes_block == 0 && length <= G_MAXINT32 ? record_header + length : 0;
-}
-
-void
-RecordLayer::report_cut()
-{
-  auto present = buffer();
-  auto size = unit_size(present.data(), present.size());
-  if (size == 0)
-    damaged("a record header of 8 bytes", bytes_text(present.size()));
-  else
-    damaged((size == iv_record && gvc::wire::record::load_length(present.data()) == 0
-                 ? "an IV record of "
-                 : "a record of ") +
-                bytes_text(size),
-            bytes_text(present.size()));
-}
-
-// An IV record is the only way to set the chain of a decryptor.
-void
-RecordLayer::set_iv(const char *iv)
-{
-  chained = true;
-  if (!decryptor)
-    return;
-  char record[iv_record] = {};
-  std::memcpy(record + record_header, iv, aes_block);
-  gsize consumed, produced;
-  char nothing;
-  g_converter_convert(decryptor, record, sizeof record, &nothing, 1, G_CONVERTER_NO_FLAGS,
-                      &consumed, &produced, nullptr);
-}
-
 bool
-RecordLayer::take()
+UnitLayer::take()
 {
   auto present = buffer();
-  if (present.size() < record_header)
+  if (present.size() < header_size)
     return false;
-  auto length = gvc::wire::record::load_length(present.data());
   auto size = unit_size(present.data(), present.size());
   if (size == 0) {
-    damaged("a record length that is a multiple of 16 and below 2 GiB", std::to_string(length));
+    report_bad_header(present.data());
     lose_track();
     return false;
   }
   if (present.size() < size)
     return false;
-  if (length == 0)
-    take_iv();
-  else
-    take_record(size);
+  take_unit(present.substr(0, size));
   consume(size);
   index++;
   return true;
 }
 
 void
-RecordLayer::take_iv()
+UnitLayer::report_cut()
 {
-  auto iv = buffer().substr(record_header, aes_block);
-  auto unit = unit_here(iv_record);
-  reporter.iv_record(unit, reinterpret_cast<const guint8 *>(iv.data()));
+  auto present = buffer();
+  auto size = unit_size(present.data(), present.size());
+  damaged(size == 0 ? std::string("a ") + name + " header of 8 bytes"
+                    : unit_name(present.data()) + bytes_text(size),
+          bytes_text(present.size()));
+}
+
+guint64
+RecordLayer::unit_size(const char *bytes, gsize size) const
+{
+  if (size < header_size)
+    return 0;
+  auto length = record::load_length(bytes);
+  if (length == 0)
+    return record::iv_record_size;
+  return length % record::aes_block == 0 && length <= G_MAXINT32 ? header_size + length : 0;
+}
+
+std::string
+RecordLayer::unit_name(const char *header) const
+{
+  return record::load_length(header) == 0 ? "an IV record of " : "a record of ";
+}
+
+void
+RecordLayer::report_bad_header(const char *header)
+{
+  damaged("a record length that is a multiple of 16 and below 2 GiB",
+          std::to_string(record::load_length(header)));
+}
+
+// Sets the chain of the decryptor, for which an IV record is the only way.
+void
+RecordLayer::set_iv(const char *iv)
+{
+  chained = true;
+  if (!decryptor)
+    return;
+  char iv_record[record::iv_record_size] = {};
+  std::memcpy(iv_record + header_size, iv, record::aes_block);
+  gsize consumed, produced;
+  char nothing;
+  g_converter_convert(decryptor, iv_record, sizeof iv_record, &nothing, 1, G_CONVERTER_NO_FLAGS,
+                      &consumed, &produced, nullptr);
+}
+
+void
+RecordLayer::take_unit(std::string_view unit)
+{
+  if (record::load_length(unit.data()) == 0)
+    take_iv(unit.substr(header_size));
+  else
+    take_record(unit);
+}
+
+void
+RecordLayer::take_iv(std::string_view iv)
+{
+  auto unit = unit_here(record::iv_record_size);
+  reporter.iv_record(unit, iv.data());
   if (reporter.strict && !ivs.insert(std::string(iv)).second)
     reporter.note(unit, "an initialisation vector that came before");
   set_iv(iv.data());
 }
 
 void
-RecordLayer::take_record(gsize size)
+RecordLayer::take_record(std::string_view present)
 {
-  auto present = buffer().substr(0, size);
-  auto unit = unit_here(size);
+  auto unit = unit_here(present.size());
   bool known = chained;
   if (!known)
     damaged("an IV record, or the record before", "no IV record before");
@@ -234,15 +243,15 @@ RecordLayer::take_record(gsize size)
     decrypt(unit, present);
   else
     pass_on_gap();
-  // The chain goes on with what was sent, whatever became of it here.
+  // The chain depends on the cipher text alone, even if it was not decrypted here.
   if (!known || !decryptor)
-    set_iv(present.data() + size - aes_block);
+    set_iv(present.data() + present.size() - record::aes_block);
 }
 
 void
 RecordLayer::decrypt(const Unit &unit, std::string_view present)
 {
-  std::string plain(present.size() - record_header, 0);
+  std::string plain(present.size() - header_size, 0);
   gsize consumed, content = 0;
   auto result =
       g_converter_convert(decryptor, present.data(), present.size(), plain.data(), plain.size(),
@@ -255,7 +264,7 @@ RecordLayer::decrypt(const Unit &unit, std::string_view present)
   }
   damaged("a record with no more padding than it has bytes",
           "more (is it another key or key length?)");
-  set_iv(present.data() + present.size() - aes_block);
+  set_iv(present.data() + present.size() - record::aes_block);
   pass_on_gap();
 }
 
@@ -264,7 +273,7 @@ RecordLayer::note_padding(const Unit &unit, const std::string &plain, gsize cont
 {
   auto padding = plain.size() - content;
   auto value = static_cast<char>(padding);
-  if (padding < 1 || padding > aes_block)
+  if (padding < 1 || padding > record::aes_block)
     reporter.note(unit, "padding of " + bytes_text(padding) + ", not 1 to 16");
   else if (plain.find_first_not_of(value, content) != std::string::npos)
     reporter.note(unit, "padding that is not " + bytes_text(padding) + " of the value " +
@@ -273,8 +282,8 @@ RecordLayer::note_padding(const Unit &unit, const std::string &plain, gsize cont
     reporter.note(unit, "a record that holds nothing");
 }
 
-// No LZO1X stream, chunked or not, is longer than the first bound. The second one is the room that
-// a reader of the library has offered when it gives up.
+// An LZO1X stream, chunked or not, is never longer than the first bound. A reader of the library
+// gives up when it has offered the second.
 bool
 plausible_block(guint32 payload, guint32 content)
 {
@@ -285,48 +294,31 @@ plausible_block(guint32 payload, guint32 content)
 guint64
 BlockLayer::unit_size(const char *bytes, gsize size) const
 {
-  if (size < block_header || !plausible_block(gvc::wire::block::load_payload_size(bytes),
-                                              gvc::wire::block::load_decoded_size(bytes)))
+  if (size < header_size)
     return 0;
-  return block_header + guint64{gvc::wire::block::load_payload_size(bytes)};
+  auto payload = block::load_payload_size(bytes);
+  return plausible_block(payload, block::load_decoded_size(bytes)) ? header_size + guint64{payload}
+                                                                   : 0;
+}
+
+std::string
+BlockLayer::unit_name(const char *) const
+{
+  return "a block of ";
 }
 
 void
-BlockLayer::report_cut()
+BlockLayer::report_bad_header(const char *header)
 {
-  auto present = buffer();
-  auto size = unit_size(present.data(), present.size());
-  damaged(size == 0 ? "a block header of 8 bytes" : "a block of " + bytes_text(size),
-          bytes_text(present.size()));
-}
-
-bool
-BlockLayer::take()
-{
-  auto present = buffer();
-  if (present.size() < block_header)
-    return false;
-  auto announced = gvc::wire::block::load_decoded_size(present.data());
-  auto size = unit_size(present.data(), present.size());
-  if (size == 0) {
-    damaged("the sizes of a block and of what it holds",
-            std::to_string(gvc::wire::block::load_payload_size(present.data())) + " and " +
-                std::to_string(announced));
-    lose_track();
-    return false;
-  }
-  if (present.size() < size)
-    return false;
-  take_block(size, announced);
-  consume(size);
-  index++;
-  return true;
+  damaged("the sizes of a block and of what it holds",
+          std::to_string(block::load_payload_size(header)) + " and " +
+              std::to_string(block::load_decoded_size(header)));
 }
 
 namespace
 {
-// Memory for what a block announces. It is mapped, so that no page is touched before it is used:
-// the header can lie.
+// Memory for the decoded size in a header. A header can lie, so the memory is mapped, and pages
+// that are not used take no room.
 class Room
 {
 public:
@@ -358,33 +350,33 @@ private:
 } // namespace
 
 bool
-BlockLayer::decode(std::string_view block, char *room, gsize size, gsize *produced)
+BlockLayer::decode(std::string_view unit, char *room, gsize size, gsize *produced)
 {
   gsize consumed;
-  return g_converter_convert(decompressor, block.data(), block.size(), room, size,
+  return g_converter_convert(decompressor, unit.data(), unit.size(), room, size,
                              G_CONVERTER_NO_FLAGS, &consumed, produced,
                              nullptr) == G_CONVERTER_CONVERTED;
 }
 
 void
-BlockLayer::take_block(gsize size, guint32 announced)
+BlockLayer::take_unit(std::string_view present)
 {
-  auto block = buffer().substr(0, size);
-  auto unit = unit_here(size);
+  auto unit = unit_here(present.size());
+  auto announced = block::load_decoded_size(present.data());
   Room room(announced);
   gsize content;
-  if (!decode(block, room.data(), room.size, &content)) {
+  if (!decode(present, room.data(), room.size, &content)) {
     damaged("an LZO1X stream that gives at most " + bytes_text(announced), "a broken one");
     pass_on_gap();
     return;
   }
-  auto chunks = reporter.strict ? chunks_read(block, announced, {room.data(), content}) : 0;
+  auto chunks = reporter.strict ? chunks_read(present, announced, {room.data(), content}) : 0;
   reporter.block(unit, content, chunks);
-  note_oddities(unit, block.substr(block_header), announced, content, chunks);
+  note_oddities(unit, present.substr(header_size), announced, content, chunks);
   pass_on(room.data(), content);
 }
 
-// How many chunks a payload has if it begins like the chunk layout, 0 otherwise.
+// Returns the number of chunks if the payload begins like the chunk layout, 0 otherwise.
 static guint
 chunks_announced(std::string_view payload)
 {
@@ -394,20 +386,20 @@ chunks_announced(std::string_view payload)
   return chunked ? byte(1) : 0;
 }
 
-// How many chunks the library has read, 0 for a plain stream. A plain stream that begins with 0x55
-// opens with 68 literals. The same run in its long form, 0 and 50, does not begin like chunks. So
-// the payload was read as plain if that form gives the same content.
+// Returns how many chunks the library has read, 0 for a plain stream. A plain stream that begins
+// with 0x55 opens with 68 literals. The long form of the same run, 0 and 50, does not begin like
+// chunks. So the payload was read as plain if the long form decodes to the same content.
 guint
-BlockLayer::chunks_read(std::string_view block, guint32 announced, std::string_view content)
+BlockLayer::chunks_read(std::string_view present, guint32 announced, std::string_view content)
 {
-  auto chunks = chunks_announced(block.substr(block_header));
+  auto chunks = chunks_announced(present.substr(header_size));
   if (chunks == 0)
     return 0;
-  std::string plain(block.substr(0, block_header));
-  auto size = GUINT32_TO_LE(static_cast<guint32>(block.size() - block_header + 1));
-  std::memcpy(plain.data(), &size, sizeof size);
+  std::string plain(header_size, 0);
+  block::store_header(plain.data(), static_cast<guint32>(present.size() - header_size + 1),
+                      announced);
   plain += {0, 68 - 18};
-  plain += block.substr(block_header + 1);
+  plain += present.substr(header_size + 1);
   Room room(announced);
   gsize produced;
   bool same = decode(plain, room.data(), room.size, &produced) &&
@@ -465,15 +457,15 @@ MessageLayer::finish(guint64 size)
 
 FrameLayer::FrameLayer(Reporter &reporter, gsize keep) : MessageLayer("frame", reporter, keep)
 {
-  header_piece = frame_header;
+  header_piece = frame::prefix_size;
 }
 
 guint64
 FrameLayer::unit_size(const char *bytes, gsize size) const
 {
-  if (size < frame_header || gvc::wire::frame::load_length(bytes) < 0)
+  if (size < frame::prefix_size || frame::load_length(bytes) < 0)
     return 0;
-  return frame_header + static_cast<guint64>(gvc::wire::frame::load_length(bytes));
+  return frame::prefix_size + static_cast<guint64>(frame::load_length(bytes));
 }
 
 void
@@ -489,16 +481,16 @@ bool
 FrameLayer::take_prefix()
 {
   auto present = buffer();
-  if (present.size() < frame_header)
+  if (present.size() < frame::prefix_size)
     return false;
-  length = static_cast<guint32>(gvc::wire::frame::load_length(present.data()));
+  length = static_cast<guint32>(frame::load_length(present.data()));
   if (unit_size(present.data(), present.size()) == 0) {
     damaged("a message length that is not negative", std::to_string(static_cast<gint32>(length)));
     lose_track();
     return false;
   }
   begin();
-  consume(frame_header);
+  consume(frame::prefix_size);
   return true;
 }
 
@@ -511,7 +503,7 @@ FrameLayer::take()
   if (arrived < length)
     return false;
   auto place = first;
-  finish(frame_header + guint64{length});
+  finish(frame::prefix_size + guint64{length});
   if (length == 0)
     reporter.note(place, "an empty message, which blocking readers take for the end");
   return true;

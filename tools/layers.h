@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The layers of a byte stream: records of the encryption, blocks of the compression, and messages.
-// Each layer is fed with bytes, reports the units that it finds, and feeds their content to the
-// layer above. Behind a damaged unit it goes on with the next one. If the damage hides the start of
-// the next one, it waits for a piece of the layer below that looks like a start.
+// The layers of a byte stream: encrypted records, compressed blocks and messages. Each layer
+// reports the units that it finds in its bytes, and feeds their content to the layer above. After a
+// damaged unit, a layer goes on with the next. If it cannot tell where the next begins, it waits
+// for a piece of the layer below that looks like a start.
 #pragma once
 
 #include <gio/gio.h>
@@ -29,14 +29,14 @@ public:
   explicit Reporter(bool strict) : strict(strict) {}
   virtual ~Reporter() = default;
 
-  const bool strict; // notes are wanted, and the layout of payloads
+  const bool strict; // report notes, and the layout of payloads
 
-  virtual void iv_record(const Unit &unit, const guint8 *iv) = 0;
+  virtual void iv_record(const Unit &unit, const char *iv) = 0;
   // `content` is the size of the plain text, or -1 if the key is not known.
   virtual void record(const Unit &unit, gint64 content) = 0;
   // `chunks` is 0 for a payload that is one plain stream.
   virtual void block(const Unit &unit, guint64 content, guint chunks) = 0;
-  // `shown` is the part of the message that was to be kept.
+  // `shown` is the part of the message that was kept.
   virtual void message(const Unit &unit, guint64 length, const std::string &shown) = 0;
   virtual void damage(const Place &place, const std::string &expected,
                       const std::string &found) = 0;
@@ -56,20 +56,20 @@ public:
 
   Layer *upper = nullptr;
   gsize depth = 0;
-  bool aligned = true; // the start of a piece can be the start of a unit
+  bool aligned = true; // a piece can start with a unit
 
   // Takes the content of unit number `piece` of the layer below.
   void push(const char *bytes, gsize size, guint64 piece);
-  // Bytes are missing here: how many is not known, or `count`.
+  // Bytes are missing here: an unknown number, or `count`.
   void gap();
   void missing(guint64 count);
   void end();
 
 protected:
-  // Takes a unit, or a part of one, from the front of the buffer; false if it needs more, or is
-  // lost.
+  // Takes a unit, or a part of one, from the front of the buffer. False if it needs more bytes or
+  // has lost track.
   virtual bool take() = 0;
-  // The size of the unit that starts here as its header says, 0 if this cannot be a unit.
+  // The size of the unit that starts here, by its header; 0 if this cannot be a unit.
   virtual guint64 unit_size(const char *bytes, gsize size) const = 0;
   // Reports the unit that will never be complete.
   virtual void report_cut() = 0;
@@ -102,7 +102,7 @@ protected:
   void pass_on(const char *bytes, gsize size);
   void pass_on_gap();
   void damaged(const std::string &expected, const std::string &found);
-  // It is not known where the next unit starts.
+  // Call if it is unknown where the next unit starts.
   void lose_track();
 
   const char *const name;
@@ -112,32 +112,49 @@ protected:
 
 private:
   bool looks_like_start(const char *bytes, gsize size) const;
-  void keep_unread(bool in_data);
 
   struct Origin {
     guint64 offset, piece;
   };
-  std::string data;           // the bytes of a unit that is not complete
-  std::string_view unread;    // in `data`, or in the bytes that have just come
+  std::string data;           // the bytes of an incomplete unit
+  std::string_view unread;    // in `data`, or in the bytes that are being pushed
   guint64 start = 0;          // the offset of unread[0]
   std::deque<Origin> origins; // the pieces that `unread` came from
   bool lost = false;
   guint64 lost_at = 0;
 };
 
-// Without a decryptor it only finds the records.
-class RecordLayer : public Layer
+// Takes whole units with a header: records or blocks.
+class UnitLayer : public Layer
+{
+public:
+  using Layer::Layer;
+
+protected:
+  static constexpr gsize header_size = 8;
+
+  bool take() override;
+  void report_cut() override;
+  virtual void take_unit(std::string_view unit) = 0;
+  // "a record of ", say.
+  virtual std::string unit_name(const char *header) const = 0;
+  virtual void report_bad_header(const char *header) = 0;
+};
+
+// Without a decryptor, it reports the records alone.
+class RecordLayer : public UnitLayer
 {
 public:
   RecordLayer(Reporter &reporter, GConverter *decryptor)
-      : Layer("record", reporter), decryptor(decryptor)
+      : UnitLayer("record", reporter), decryptor(decryptor)
   {
   }
 
 protected:
-  bool take() override;
   guint64 unit_size(const char *bytes, gsize size) const override;
-  void report_cut() override;
+  void take_unit(std::string_view unit) override;
+  std::string unit_name(const char *header) const override;
+  void report_bad_header(const char *header) override;
   void
   forget() override
   {
@@ -145,8 +162,8 @@ protected:
   }
 
 private:
-  void take_iv();
-  void take_record(gsize size);
+  void take_iv(std::string_view iv);
+  void take_record(std::string_view present);
   void decrypt(const Unit &unit, std::string_view present);
   void note_padding(const Unit &unit, const std::string &plain, gsize content);
   void set_iv(const char *iv);
@@ -156,18 +173,19 @@ private:
   std::set<std::string> ivs;
 };
 
-class BlockLayer : public Layer
+class BlockLayer : public UnitLayer
 {
 public:
   BlockLayer(Reporter &reporter, GConverter *decompressor)
-      : Layer("block", reporter), decompressor(decompressor)
+      : UnitLayer("block", reporter), decompressor(decompressor)
   {
   }
 
 protected:
-  bool take() override;
   guint64 unit_size(const char *bytes, gsize size) const override;
-  void report_cut() override;
+  void take_unit(std::string_view unit) override;
+  std::string unit_name(const char *header) const override;
+  void report_bad_header(const char *header) override;
   void
   forget() override
   {
@@ -175,9 +193,8 @@ protected:
   }
 
 private:
-  void take_block(gsize size, guint32 announced);
-  bool decode(std::string_view block, char *room, gsize size, gsize *produced);
-  guint chunks_read(std::string_view block, guint32 announced, std::string_view content);
+  bool decode(std::string_view unit, char *room, gsize size, gsize *produced);
+  guint chunks_read(std::string_view present, guint32 announced, std::string_view content);
   void note_oddities(const Unit &unit, std::string_view payload, guint32 announced, gsize content,
                      guint chunks);
 
@@ -185,7 +202,7 @@ private:
   bool after_empty = false;
 };
 
-// Messages can be longer than memory; `keep` bytes of each are kept to be shown.
+// Messages can be longer than memory, so only the first `keep` bytes of each are kept.
 class MessageLayer : public Layer
 {
 public:
@@ -206,7 +223,7 @@ protected:
 
   gsize keep;
   bool begun = false;
-  Place first{}; // where the present message starts
+  Place first{}; // the start of the current message
   guint64 arrived = 0;
   std::string shown;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// zelgvc: talks over channels, measures them, and looks at what went over the wire.
+// zelgvc: talks over channels, measures them and decodes recorded streams.
 #include "command.h"
 #include "interrupt.h"
 #include "output.h"
@@ -17,16 +17,16 @@
 static const Command commands[] = {
     {"keygen", "FILE", "Makes a key file: 32 random bytes that only its owner can read.",
      run_keygen},
-    {"listen", "ADDRESS", "Waits for a peer; lines become messages, and messages lines.",
+    {"listen", "ADDRESS", "Waits for a peer. Lines become messages, messages become lines.",
      run_listen},
-    {"connect", "ADDRESS", "Connects to a peer; lines become messages, and messages lines.",
+    {"connect", "ADDRESS", "Connects to a peer. Lines become messages, messages become lines.",
      run_connect},
     {"send", "ADDRESS FILE...", "Sends files to a waiting zelgvc receive.", run_send},
     {"receive", "ADDRESS DIRECTORY", "Waits for a zelgvc send and stores its files.", run_receive},
-    {"serve", "ADDRESS", "Answers zelgvc ping and zelgvc perf, any number at once.", run_serve},
+    {"serve", "ADDRESS", "Answers zelgvc ping and zelgvc perf, up to 100 at once.", run_serve},
     {"ping", "ADDRESS", "Measures round trips to a zelgvc serve.", run_ping},
     {"perf", "ADDRESS", "Measures throughput to and from a zelgvc serve.", run_perf},
-    {"decode", "[FILE]", "Takes one direction of a captured byte stream apart.", run_decode},
+    {"decode", "[FILE]", "Decodes one direction of a recorded byte stream.", run_decode},
 };
 
 static std::string
@@ -41,7 +41,7 @@ help()
     text += line;
   }
   return text + "\nAn address is HOST:PORT, [V6]:PORT or unix:PATH.\n"
-                "zelgvc COMMAND --help tells more, the manual page zelgvc(1) everything.\n";
+                "See zelgvc COMMAND --help for the options, and zelgvc(1) for details.\n";
 }
 
 static Exit
@@ -72,8 +72,8 @@ exit_code(Exit code)
   return code == Exit::interrupted ? interrupt_exit_code() : static_cast<int>(code);
 }
 
-// Without this, the next file or socket would take the place of a standard descriptor that is
-// closed. /dev/null is opened the wrong way round, so that using it fails as before.
+// Otherwise the next file or socket would take the place of a closed standard descriptor. Opens
+// /dev/null in the wrong direction, so that using the descriptor still fails.
 static void
 occupy_standard_descriptors()
 {
@@ -85,7 +85,7 @@ occupy_standard_descriptors()
 [[noreturn]] static void
 give_up(const char *why)
 {
-  // There may be no memory for more.
+  // More than this could need memory.
   for (auto *text : {"zelgvc: ", why, "\n"})
     if (write(STDERR_FILENO, text, std::strlen(text)) < 0)
       break;
@@ -100,7 +100,7 @@ on_log(const char *domain, GLogLevelFlags level, const char *message, gpointer)
   g_log_default_handler(domain, level, message, nullptr);
 }
 
-// GLib and the C++ library end a program that gets no memory, thread or descriptor by a signal.
+// GLib and the C++ library abort if the system refuses memory, a thread or a descriptor.
 static void
 expect_refusals()
 {

@@ -57,7 +57,7 @@ make_data(const std::string &kind, std::vector<char> &data)
 
 namespace
 {
-// Counts from its making on.
+// Counts from its construction on.
 class Meter
 {
 public:

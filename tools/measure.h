@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The protocols of ping and perf with serve.
 //
-// ping: after the hello every message comes back as it is.
+// ping: after the hello, serve returns every message.
 //
-// perf: the caller sends a dictionary with "direction", "size", "seconds" and "data", one after
-// another until it closes. For the direction "send" it then sends messages of that size for as
-// long, and an empty one; for "receive" serve does. Then serve sends a dictionary with what it
-// counted: "messages", "bytes", "wire", "seconds" and "cpu".
+// perf: for each measurement, the caller sends a dictionary with "direction", "size", "seconds" and
+// "data". In the direction "send", the caller then sends messages of that size for that time, and
+// an empty one at the end; in "receive", serve does. Then serve sends a dictionary with its counts:
+// "messages", "bytes", "wire", "seconds" and "cpu". The caller closes after the last measurement.
 #pragma once
 
 #include "channel.h"
@@ -25,11 +25,11 @@ struct Measured {
   double cpu = 0;
 };
 
-// What the messages of perf consist of: "text", "random" or "zero". False for anything else.
+// Fills the messages of perf with "text", "random" or "zero". False for any other kind.
 bool make_data(const std::string &kind, std::vector<char> &data);
 
 // Sends messages for `seconds`, then an empty one. Shows the rate under `label` on a terminal,
-// unless it is empty.
+// unless the label is empty.
 Measured send_messages(Channel &channel, const std::vector<char> &data, double seconds,
                        const std::string &label);
 // Receives messages of up to `size` bytes until an empty one.

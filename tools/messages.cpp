@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-// One byte, or how C writes it.
+// Takes one byte, or an escape as in C.
 static char
 parse_terminator(const char *text)
 {
@@ -52,112 +52,94 @@ MessageFormat::choose(bool frames, bool hex, const char *variant, const char *st
   return format;
 }
 
-static bool
-read_hex(const std::string &line, std::string *message, std::string *why)
+static std::optional<std::string>
+invalid(GError **error, const std::string &why)
 {
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, why.c_str());
+  return {};
+}
+
+static std::optional<std::string>
+read_hex(const std::string &line, GError **error)
+{
+  std::string message;
   int high = -1;
   for (auto c : line) {
     if (c == ' ' || c == '\t' || c == '\r')
       continue;
     auto digit = g_ascii_xdigit_value(c);
-    if (digit < 0) {
-      *why = "no hexadecimal digit: " + printable(&c, 1);
-      return false;
-    }
-    if (high < 0) {
-      high = digit;
-    } else {
-      *message += static_cast<char>(high * 16 + digit);
-      high = -1;
-    }
+    if (digit < 0)
+      return invalid(error, "no hexadecimal digit: " + printable(&c, 1));
+    if (high >= 0)
+      message += static_cast<char>(high * 16 + digit);
+    high = high < 0 ? digit : -1;
   }
   if (high >= 0)
-    *why = "an odd number of hexadecimal digits";
-  return high < 0;
+    return invalid(error, "an odd number of hexadecimal digits");
+  return message;
 }
 
-static bool
-read_variant(const std::string &type, const std::string &line, std::string *message,
-             std::string *why)
+static std::optional<std::string>
+read_variant(const std::string &type, const std::string &line, GError **error)
 {
-  g_autoptr(GError) error = nullptr;
+  g_autoptr(GError) why = nullptr;
   auto *end = line.data() + line.size();
-  auto *parsed = g_variant_parse(G_VARIANT_TYPE(type.c_str()), line.data(), end, nullptr, &error);
-  if (!parsed) {
-    *why = "no value of type " + type + ": " + printable(std::string(error->message));
-    return false;
-  }
+  auto *parsed = g_variant_parse(G_VARIANT_TYPE(type.c_str()), line.data(), end, nullptr, &why);
+  if (!parsed)
+    return invalid(error, "no value of type " + type + ": " + printable(std::string(why->message)));
   auto value = wire_order(parsed);
-  message->assign(static_cast<const char *>(g_variant_get_data(value.get())),
-                  g_variant_get_size(value.get()));
-  return true;
+  return std::string(static_cast<const char *>(g_variant_get_data(value.get())),
+                     g_variant_get_size(value.get()));
 }
 
-bool
-MessageFormat::read_line(const std::string &line, std::string *message, std::string *why) const
+std::optional<std::string>
+MessageFormat::read_line(const std::string &line, GError **error) const
 {
-  message->clear();
-  switch (kind) {
-  case hex:
-    return read_hex(line, message, why);
-  case variant:
-    return read_variant(type, line, message, why);
-  case strings:
-    if (line.find(terminator) != std::string::npos) {
-      *why = "the terminator cannot be part of a string";
-      return false;
-    }
-    break;
-  case frames:
-    break;
-  }
-  *message = line;
-  return true;
+  if (kind == hex)
+    return read_hex(line, error);
+  if (kind == variant)
+    return read_variant(type, line, error);
+  if (kind == strings && line.find(terminator) != std::string::npos)
+    return invalid(error, "the terminator cannot be part of a string");
+  return line;
 }
 
-bool
-variant_text(const std::string &type, const void *bytes, gsize size, std::string *text)
+std::optional<std::string>
+variant_text(const std::string &type, const void *bytes, gsize size)
 {
   Bytes copy(g_bytes_new(bytes, size));
   auto value =
       wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), FALSE));
   if (!g_variant_is_normal_form(value.get()))
-    return false;
+    return {};
   g_autofree char *printed = g_variant_print(value.get(), FALSE);
-  *text = printed;
-  return true;
+  return printed;
 }
 
-static bool
-is_text(const std::string &message)
-{
-  return g_utf8_validate_len(message.data(), message.size(), nullptr);
-}
-
-bool
-MessageFormat::write_line(const std::string &message, std::string *line, std::string *why) const
+std::optional<std::string>
+MessageFormat::write_line(const std::string &message, GError **error) const
 {
   if (kind == hex)
-    *line = hex_text(message.data(), message.size());
-  else if (kind != variant)
-    *line = message;
-  else if (!variant_text(type, message.data(), message.size(), line)) {
-    *why = "a message of " + std::to_string(message.size()) + " bytes is no value of type " + type;
-    return false;
-  }
-  return true;
+    return hex_text(message.data(), message.size());
+  if (kind != variant)
+    return message;
+  if (auto text = variant_text(type, message.data(), message.size()))
+    return text;
+  return invalid(error, "a message of " + std::to_string(message.size()) +
+                            " bytes is no value of type " + type);
 }
 
 bool
-MessageFormat::add_to(JsonLine &json, const std::string &message, std::string *why) const
+MessageFormat::add_to(JsonLine &json, const std::string &message, GError **error) const
 {
-  std::string line;
-  if (!write_line(message, &line, why))
+  auto line = write_line(message, error);
+  if (!line)
     return false;
+  bool text = g_utf8_validate_len(message.data(), message.size(), nullptr);
   if (kind == variant)
-    json.add("variant", line);
-  else if (kind != hex && is_text(message))
-    json.add("text", line);
+    json.add("variant", *line);
+  else if (kind != hex && text)
+    json.add("text", *line);
   else
     json.add("hex", hex_text(message.data(), message.size()));
   return true;

@@ -3,21 +3,17 @@
 
 #include <algorithm>
 
-struct ToolMeter {
+struct _ToolMeter {
   GFilterInputStream parent;
   guint64 total;
   guint32 limit;
-  guint32 length;      // of the present frame, as far as its prefix has come, or of the string
-  guint prefix;        // bytes of the present prefix that have come, 4 within a payload
-  guint32 outstanding; // bytes of the present payload that have not
+  guint32 length;      // of the current frame, as far as its prefix has arrived, or of the string
+  guint prefix;        // bytes of the prefix that have arrived, 4 within a payload
+  guint32 outstanding; // bytes of the payload that have not arrived
   bool strings;
   guint8 terminator; // of strings
   bool at_end;
   Deadline *deadline;
-};
-
-struct ToolMeterClass {
-  GFilterInputStreamClass parent_class;
 };
 
 static void tool_meter_pollable_init(GPollableInputStreamInterface *iface);
@@ -26,19 +22,13 @@ G_DEFINE_TYPE_WITH_CODE(ToolMeter, tool_meter, G_TYPE_FILTER_INPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               tool_meter_pollable_init))
 
-static ToolMeter *
-meter_cast(gpointer stream)
-{
-  return static_cast<ToolMeter *>(stream);
-}
-
 static GInputStream *
 base_of(gpointer stream)
 {
-  return static_cast<GFilterInputStream *>(stream)->base_stream;
+  return G_FILTER_INPUT_STREAM(stream)->base_stream;
 }
 
-// Follows the frames through the bytes that have just passed.
+// Follows the frames through the bytes that have just arrived.
 static bool
 follow(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
 {
@@ -108,7 +98,7 @@ tool_meter_read(GInputStream *stream, void *buffer, gsize count, GCancellable *c
                 GError **error)
 {
   auto got = g_input_stream_read(base_of(stream), buffer, count, cancellable, error);
-  return account(meter_cast(stream), buffer, count, got, error);
+  return account(TOOL_METER(stream), buffer, count, got, error);
 }
 
 static void
@@ -121,14 +111,6 @@ static void
 tool_meter_init(ToolMeter *self)
 {
   self->limit = G_MAXUINT32;
-}
-
-static gboolean
-tool_meter_can_poll(GPollableInputStream *stream)
-{
-  auto *base = base_of(stream);
-  return G_IS_POLLABLE_INPUT_STREAM(base) &&
-         g_pollable_input_stream_can_poll(G_POLLABLE_INPUT_STREAM(base));
 }
 
 static gboolean
@@ -150,13 +132,12 @@ tool_meter_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize co
 {
   auto got = g_pollable_input_stream_read_nonblocking(G_POLLABLE_INPUT_STREAM(base_of(stream)),
                                                       buffer, count, nullptr, error);
-  return account(meter_cast(stream), buffer, count, got, error);
+  return account(TOOL_METER(stream), buffer, count, got, error);
 }
 
 static void
 tool_meter_pollable_init(GPollableInputStreamInterface *iface)
 {
-  iface->can_poll = tool_meter_can_poll;
   iface->is_readable = tool_meter_is_readable;
   iface->create_source = tool_meter_create_source;
   iface->read_nonblocking = tool_meter_read_nonblocking;
@@ -165,7 +146,7 @@ tool_meter_pollable_init(GPollableInputStreamInterface *iface)
 ToolMeter *
 meter_new(GInputStream *base)
 {
-  return meter_cast(g_object_new(tool_meter_get_type(), "base-stream", base, nullptr));
+  return TOOL_METER(g_object_new(tool_meter_get_type(), "base-stream", base, nullptr));
 }
 
 void

@@ -11,7 +11,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-// A piece of PIPE_BUF or less does not block once poll() says that there is room.
+// After poll() reports room, a write of up to PIPE_BUF bytes does not block.
 int
 write_all(int fd, const std::string &text)
 {
@@ -54,37 +54,34 @@ JsonLine::add(const char *name, const std::string &text)
 {
   bool valid = g_utf8_validate_len(text.data(), text.size(), nullptr);
   auto shown = valid ? text : printable(text);
-  json_builder_set_member_name(builder, name);
-  json_builder_add_string_value(builder, shown.c_str());
+  json_builder_set_member_name(builder.get(), name);
+  json_builder_add_string_value(builder.get(), shown.c_str());
   return *this;
 }
 
 JsonLine &
-JsonLine::add(const char *name, gint64 number)
+JsonLine::add(const char *name, const char *text)
 {
-  json_builder_set_member_name(builder, name);
-  json_builder_add_int_value(builder, number);
-  return *this;
+  return add(name, std::string(text));
 }
 
 JsonLine &
 JsonLine::add(const char *name, double number)
 {
-  json_builder_set_member_name(builder, name);
-  json_builder_add_double_value(builder, std::isfinite(number) ? number : 0);
+  json_builder_set_member_name(builder.get(), name);
+  json_builder_add_double_value(builder.get(), std::isfinite(number) ? number : 0);
   return *this;
 }
 
 JsonLine &
 JsonLine::add(const char *name, bool value)
 {
-  json_builder_set_member_name(builder, name);
-  json_builder_add_boolean_value(builder, value);
+  json_builder_set_member_name(builder.get(), name);
+  json_builder_add_boolean_value(builder.get(), value);
   return *this;
 }
 
-// json-glib leaves U+001F and everything beyond ASCII as it is. On one line these characters stand
-// in strings only. Those that could control a terminal are escaped.
+// Escapes what could control a terminal. json-glib leaves U+001F and all beyond ASCII unescaped.
 static std::string
 escaped(const char *json)
 {
@@ -108,8 +105,8 @@ escaped(const char *json)
 std::string
 JsonLine::text()
 {
-  json_builder_end_object(builder);
-  g_autoptr(JsonNode) root = json_builder_get_root(builder);
+  json_builder_end_object(builder.get());
+  g_autoptr(JsonNode) root = json_builder_get_root(builder.get());
   g_autofree char *text = json_to_string(root, FALSE);
   return escaped(text) + "\n";
 }
@@ -119,7 +116,7 @@ human_size(guint64 bytes)
 {
   g_autofree char *text = g_format_size_full(bytes, G_FORMAT_SIZE_IEC_UNITS);
   std::string plain = text;
-  // GLib puts a blank between that does not break, and that no grep finds.
+  // GLib inserts a no-break space, which grep does not find.
   if (auto at = plain.find("\u00a0"); at != std::string::npos)
     plain = plain.substr(0, at) + " " + plain.substr(at + 2);
   return plain;

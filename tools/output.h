@@ -2,16 +2,19 @@
 // Standard output, for people and for programs.
 #pragma once
 
+#include "owners.h"
+
 #include <json-glib/json-glib.h>
 
+#include <concepts>
 #include <string>
 
-// Thrown where the reader of standard output has gone: nothing to complain about.
+// Thrown if the reader of standard output has gone. Not worth a complaint.
 struct OutputClosed {
 };
 
-// Writes all of it, or returns the error number: ECANCELED where the user does not wait for a
-// reader that is stuck.
+// Writes all of the text, or returns an error number: ECANCELED if the user interrupts the wait for
+// a slow reader.
 int write_all(int fd, const std::string &text);
 
 void output(const std::string &text);
@@ -23,38 +26,21 @@ class JsonLine
 public:
   JsonLine() : builder(json_builder_new())
   {
-    json_builder_begin_object(builder);
+    json_builder_begin_object(builder.get());
   }
-  ~JsonLine()
-  {
-    g_object_unref(builder);
-  }
-  JsonLine(const JsonLine &) = delete;
 
   JsonLine &add(const char *name, const std::string &text); // not UTF-8: escaped like printable()
-  JsonLine &
-  add(const char *name, const char *text)
-  {
-    return add(name, std::string(text));
-  }
-  JsonLine &add(const char *name, gint64 number);
-  JsonLine &
-  add(const char *name, guint64 number)
-  {
-    return add(name, static_cast<gint64>(number));
-  }
-  JsonLine &
-  add(const char *name, int number)
-  {
-    return add(name, static_cast<gint64>(number));
-  }
-  JsonLine &
-  add(const char *name, guint number)
-  {
-    return add(name, static_cast<gint64>(number));
-  }
+  JsonLine &add(const char *name, const char *text);
   JsonLine &add(const char *name, double number);
   JsonLine &add(const char *name, bool value);
+  template <std::integral Integer>
+  JsonLine &
+  add(const char *name, Integer number)
+  {
+    json_builder_set_member_name(builder.get(), name);
+    json_builder_add_int_value(builder.get(), static_cast<gint64>(number));
+    return *this;
+  }
 
   std::string text();
   void
@@ -64,7 +50,7 @@ public:
   }
 
 private:
-  JsonBuilder *builder;
+  Owned<JsonBuilder> builder;
 };
 
 // 1536 -> "1.5 KiB"; 1.5e6 bytes a second -> "1.5 MB/s"; 75 s -> "1:15".
@@ -73,5 +59,5 @@ std::string human_rate(double bytes_per_second);
 std::string human_time(double seconds);
 std::string hex_text(const void *bytes, gsize size);
 
-// How a duration reads best: "64 us", "1.25 ms", "2.00 s".
+// "64 us", "1.25 ms", "2.00 s".
 std::string human_latency(double seconds);

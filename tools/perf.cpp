@@ -88,7 +88,7 @@ measure(Channel &channel, const Options &options, const std::string &kind, const
   return run;
 }
 
-// As long as the receiving side took.
+// The time of the receiving side, which takes longer.
 static double
 duration(const Run &run)
 {
@@ -128,9 +128,9 @@ run_perf(CommandLine &line)
       {"direction", 'd', 0, G_OPTION_ARG_STRING, &options.direction.value,
        "send, receive, or both, one after the other (default)", "DIRECTION"},
       {"seconds", 't', 0, G_OPTION_ARG_DOUBLE, &options.seconds,
-       "How long each measurement takes (default 1)", "SECONDS"},
+       "Duration of each measurement (default 1)", "SECONDS"},
       {"data", 0, 0, G_OPTION_ARG_STRING, &options.data.value,
-       "What the messages hold: text (default), random or zero", "KIND"},
+       "Contents of the messages: text (default), random or zero", "KIND"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per measurement",
        nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},

@@ -39,7 +39,7 @@ round_trip(Channel &channel, std::vector<char> &message, guint64 number)
   return static_cast<double>(ended - begun) / G_USEC_PER_SEC;
 }
 
-// The value that this part of the sorted values does not exceed.
+// The smallest value that this part of the values does not exceed.
 static double
 percentile(const std::vector<double> &sorted, double part)
 {
@@ -83,7 +83,7 @@ print_summary(const Options &options, const Stages &stages, Channel &channel,
   output_line("  %-6s %12s", "max", human_latency(times.back()).c_str());
 }
 
-// Waits for the next turn; false where the user has had enough.
+// Waits for the next turn. False if the user interrupts.
 static bool
 pause_for(double seconds)
 {
@@ -122,7 +122,7 @@ run_ping(CommandLine &line)
       {"count", 'c', 0, G_OPTION_ARG_INT, &options.count,
        "Stop after this many round trips, 0 for never (default 10)", "N"},
       {"interval", 'i', 0, G_OPTION_ARG_DOUBLE, &options.interval,
-       "Wait this long between two (default 0.1)", "SECONDS"},
+       "Wait this long between round trips (default 0.1)", "SECONDS"},
       {"size", 's', 0, G_OPTION_ARG_INT, &options.size, "Bytes in a message (default 32)", "N"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object, times in seconds",
        nullptr},

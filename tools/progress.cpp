@@ -41,7 +41,7 @@ progress_draw(const std::string &line, bool force)
     return;
   last_drawn = g_get_monotonic_time();
 
-  // The last column stays free: some terminals wrap as soon as it is written.
+  // Some terminals wrap when the last column is written.
   g_autofree char *cut = g_utf8_substring(
       line.c_str(), 0, std::min(g_utf8_strlen(line.c_str(), -1), terminal_width() - 1));
   std::fprintf(stderr, "\r%s\033[K", cut);
@@ -82,8 +82,8 @@ shortened(const std::string &name, glong width)
   return std::string("...") + end;
 }
 
-// Name, bar and figures in one line of the terminal: the last figures are the first to go, then the
-// bar and the name get what is left.
+// Fits name, bar and figures into one line. Figures that do not fit are left out from the end; name
+// and bar share the remaining room.
 static std::string
 fit(const std::string &name, double part, const std::vector<std::string> &figures)
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// One line on a terminal that is drawn over and over again, on standard error.
+// A status line on standard error, if that is a terminal.
 #pragma once
 
 #include <glib.h>
@@ -9,16 +9,15 @@
 // Whether standard error is a terminal that the line can be drawn on.
 bool progress_wanted();
 
-// Draws the line, cut to the terminal's width; calls within a tenth of a second of the last one are
-// left out unless they are forced.
+// Draws the line, cut to the width of the terminal. Draws at most ten times a second unless forced.
 void progress_draw(const std::string &line, bool force = false);
 bool progress_due();
 
-// Takes the line away, for something else to be printed.
+// Removes the line, so that other output can be printed.
 void progress_clear();
 
-// A transfer: name, bar, percent, sizes, rate, remaining time, ratio of bytes on the wire to bytes
-// of the file.
+// The line of a transfer: name, bar, percentage, size, rate, time left, bytes on the wire for a
+// byte of the file.
 class Progress
 {
 public:

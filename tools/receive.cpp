@@ -18,7 +18,7 @@
 
 static const std::string part_suffix = ".zelgvc-part";
 static constexpr gsize name_max = 255;
-// How much may wait in memory for the disk, so that the last fsync does not take for ever.
+// Bounds the data in memory that is not on disk, and so the time of the last fsync.
 static constexpr guint64 sync_interval = 256 * 1024 * 1024;
 
 namespace
@@ -26,7 +26,6 @@ namespace
 struct Options {
   gboolean force = FALSE, resume = FALSE, keep = FALSE, json = FALSE;
   int dir = -1;
-  std::string dir_text;
 };
 
 struct Announced {
@@ -36,13 +35,13 @@ struct Announced {
   timespec mtime;
 };
 
-// Why a file is not taken; the sender goes on with the next one.
+// The reason to refuse a file. The next file follows.
 struct Refusal {
   std::string why;
 };
 
-// The file that grows under a name of its own until it is complete. What has arrived stays there
-// for --resume, whatever ends the transfer.
+// A file with a temporary name until it is complete. It stays for --resume if the transfer ends
+// early.
 class Part
 {
 public:
@@ -66,7 +65,7 @@ private:
 };
 } // namespace
 
-// A name that is too long to get the suffix is cut, and its checksum keeps it apart from others.
+// A name that is too long for the suffix is cut and gets its checksum, which keeps it unique.
 static std::string
 part_name(const std::string &name)
 {
@@ -128,7 +127,7 @@ all_zero(const char *bytes, gsize size)
   return size > 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
 }
 
-// Zeros become a hole, so that a sparse file stays one.
+// Makes holes of zeros, so that a sparse file stays sparse.
 void
 Part::write(const void *bytes, gsize size, guint64 offset)
 {
@@ -177,7 +176,7 @@ read_announcement(const Control &control)
   Announced file;
   file.name = control.bytes("name");
   file.size = control.number("size");
-  // The bits that make a program run as its owner are not for a peer to set.
+  // A peer must not set the set-user-ID bit and its like.
   file.mode = static_cast<mode_t>(control.number("mode", 0600) & 0777);
   auto nanoseconds = std::min<guint64>(control.number("mtime-nsec"), 999999999);
   file.mtime = {control.integer("mtime"), static_cast<long>(nanoseconds)};
@@ -208,8 +207,8 @@ check_free(const Options &options, const std::string &name)
     throw Refusal{"it exists already, and --force was not given"};
 }
 
-// What there is of an earlier attempt goes into the checksum, and the sender is asked whether it
-// has the same. Returns where to go on.
+// Hashes what an earlier attempt has left, and asks the sender whether its file begins alike.
+// Returns the offset at which the transfer starts.
 static guint64
 agree_on_offset(Channel &channel, Part &part, const Announced &file, bool resume, Sha256 &sha)
 {
@@ -349,7 +348,7 @@ receive_files(Channel &channel, const Options &options, bool resume)
   }
 }
 
-// What ends the whole transfer on this side is told to the sender, which may be busy sending.
+// Tells the sender, which may be busy sending, why this side ends the transfer.
 static void
 tell(Channel &channel, const Failure &failure)
 {
@@ -358,7 +357,7 @@ tell(Channel &channel, const Failure &failure)
     channel.put(Control().set("failed", why));
     channel.drain();
   } catch (const Failure &) {
-    // It has gone, too.
+    // The sender has gone too.
   }
 }
 
@@ -381,13 +380,12 @@ serve_sender(GSocketConnection *connection, const CommandLine &line, const Optio
 static void
 open_directory(Options &options, const std::string &path)
 {
-  options.dir_text = printable(path);
   options.dir = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (options.dir < 0 || faccessat(options.dir, ".", W_OK | X_OK, AT_EACCESS) != 0)
-    fail(Exit::local, "cannot store files in %s: %s", options.dir_text.c_str(), g_strerror(errno));
+    fail(Exit::local, "cannot store files in %s: %s", printable(path).c_str(), g_strerror(errno));
 }
 
-// One sender after another; what goes wrong with one is no reason not to serve the next.
+// Goes on after a sender that fails.
 static Exit
 serve_senders(Listener &listener, const CommandLine &line, const Options &options)
 {
@@ -407,9 +405,9 @@ run_receive(CommandLine &line)
 {
   Options options;
   const GOptionEntry entries[] = {
-      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace files that exist", nullptr},
-      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume,
-       "Go on where an interrupted transfer ended", nullptr},
+      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace existing files", nullptr},
+      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume, "Continue an interrupted transfer",
+       nullptr},
       {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one sender after another", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object for each file",
        nullptr},

@@ -16,16 +16,11 @@
 namespace
 {
 struct File {
-  int fd = -1;
-  std::string path; // as it may be printed, and so the last part of it
-  std::string name;
+  Descriptor fd;
+  std::string path; // printable
+  std::string name; // the last part of the path, printable
   struct stat status = {};
 
-  ~File()
-  {
-    if (fd >= 0)
-      close(fd);
-  }
   guint64
   size() const
   {
@@ -33,7 +28,7 @@ struct File {
   }
 };
 
-// What ends one file but not the others.
+// Ends the transfer of one file. The next file follows.
 struct FileFailure {
   Exit code;
   std::string message;
@@ -46,15 +41,15 @@ open_file(File &file, const std::string &path)
   g_autofree char *name = g_path_get_basename(path.c_str());
   file.path = printable(path);
   file.name = printable(std::string(name));
-  // Opening a pipe that nobody writes to must not hang.
-  file.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // Without O_NONBLOCK, a pipe to which nobody writes would hang.
+  file.fd.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (file.fd < 0 || fstat(file.fd, &file.status) != 0)
     throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
   if (S_ISDIR(file.status.st_mode))
     throw FileFailure{Exit::local, file.path + " is a directory; only files are sent"};
   if (!S_ISREG(file.status.st_mode))
     throw FileFailure{Exit::local, file.path + " is no regular file"};
-  // Files of /proc, say, have no size and yet contents.
+  // Some files, as in /proc, have contents but no size.
   char byte;
   if (file.size() == 0 && pread(file.fd, &byte, 1, 0) == 1)
     throw FileFailure{Exit::local, file.path + " does not tell its size"};
@@ -83,7 +78,7 @@ receiver_failed(const Channel &channel, const File &file, const Control &answer)
        why.c_str());
 }
 
-// Where the receiver has gone it may have said why.
+// If the receiver has gone, it may have sent the reason.
 [[noreturn]] static void
 lost(Channel &channel, const File &file, const Failure &failure)
 {
@@ -100,7 +95,7 @@ lost(Channel &channel, const File &file, const Failure &failure)
   throw failure;
 }
 
-// Tells the receiver not to wait for the rest of this file.
+// Tells the receiver that no more of this file follows.
 static void
 break_off(Channel &channel, const std::string &why)
 {
@@ -148,7 +143,7 @@ send_data(Channel &channel, const File &file, guint64 offset, Sha256 &sha)
   progress.update(offset, channel.wire_sent() - wire, true);
 }
 
-// Compares what the receiver has with the beginning of the file; that much is not sent again.
+// Compares the beginning of the file with what the receiver has, and skips it if they agree.
 static guint64
 agree_on_offset(Channel &channel, const File &file, const Control &answer, Sha256 &sha)
 {
@@ -222,7 +217,7 @@ run_send(CommandLine &line)
   gboolean resume = FALSE, json = FALSE;
   const GOptionEntry entries[] = {
       {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
-       "Go on where an interrupted transfer to this receiver ended", nullptr},
+       "Continue an interrupted transfer to this receiver", nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

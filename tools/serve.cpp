@@ -74,7 +74,7 @@ serve_perf_run(Channel &channel, const Control &wanted)
 static void
 serve_perf(Channel &channel)
 {
-  // The end between two measurements is the orderly one.
+  // Between two measurements, the end is orderly.
   for (;;) {
     auto wanted = channel.get_control();
     if (!wanted)
@@ -97,8 +97,8 @@ serve_peer(GSocketConnection *connection, const CommandLine &line)
   channel.close();
 }
 
-// A process for each peer: what it measures of itself is what this peer cost, and none can hold up
-// or bring down another.
+// Serves one peer in its own process, so that the measured costs are those of this peer and no peer
+// can disturb another.
 [[noreturn]] static void
 be_child(Listener &listener, GSocketConnection *connection, const CommandLine &line)
 {
@@ -143,7 +143,7 @@ run_serve(CommandLine &line)
       complain("cannot start a process for %s: %s", name_of_peer(connection).c_str(),
                g_strerror(errno));
     }
-    // Only this process's copy is closed, the connection stays with the child.
+    // Closes the copy of this process. The child keeps the connection.
     g_object_unref(connection);
   }
   return Exit::ok;

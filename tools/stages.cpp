@@ -11,17 +11,17 @@
 
 static constexpr gsize key_size = 32;
 
-// Reads no more than one byte too many, so that a wrong file (a device, say) does no harm.
-GBytes *
+// Reads at most one byte too many, so that an endless file, such as a device, does no harm.
+Bytes
 read_key(const char *path, GError **error)
 {
   guint8 key[key_size + 1];
   gsize size = 0;
-  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  Descriptor fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   ssize_t got = fd < 0 ? -1 : 1;
 
   while (got > 0 && size < sizeof key) {
-    // Nobody may ever write to a pipe.
+    // The path may be a pipe to which nobody writes.
     if (!wait_for(fd, POLLIN, interrupt_soon()))
       break;
     got = read(fd, key + size, sizeof key - size);
@@ -31,10 +31,8 @@ read_key(const char *path, GError **error)
       got = 1;
   }
   int code = errno;
-  if (fd >= 0)
-    close(fd);
 
-  GBytes *bytes = nullptr;
+  Bytes bytes;
   auto shown = printable(std::string(path));
   if (got < 0)
     g_set_error(error, G_FILE_ERROR, G_FILE_ERROR_FAILED, "cannot read the key file %s: %s",
@@ -44,7 +42,7 @@ read_key(const char *path, GError **error)
                 "%s is no key file: it has %s than %u bytes", shown.c_str(),
                 size < key_size ? "less" : "more", static_cast<guint>(key_size));
   else
-    bytes = g_bytes_new(key, size);
+    bytes.reset(g_bytes_new(key, size));
   explicit_bzero(key, sizeof key);
   return bytes;
 }
@@ -52,17 +50,17 @@ read_key(const char *path, GError **error)
 static gboolean
 parse_compress(const char *, const char *, gpointer data, GError **)
 {
-  static_cast<Stages *>(data)->list.push_back({Stage::compress});
+  static_cast<Stages *>(data)->list.push_back({Stage::compress, nullptr});
   return TRUE;
 }
 
 static gboolean
 parse_encrypt(const char *, const char *value, gpointer data, GError **error)
 {
-  auto *key = read_key(value, error);
+  auto key = read_key(value, error);
   if (!key)
     return FALSE;
-  static_cast<Stages *>(data)->list.push_back({Stage::encrypt, key});
+  static_cast<Stages *>(data)->list.push_back({Stage::encrypt, std::move(key)});
   return TRUE;
 }
 
@@ -79,12 +77,6 @@ parse_key_length(const char *, const char *value, gpointer data, GError **error)
   return TRUE;
 }
 
-Stages::~Stages()
-{
-  for (auto &stage : list)
-    g_clear_pointer(&stage.key, g_bytes_unref);
-}
-
 GOptionGroup *
 Stages::option_group()
 {
@@ -99,7 +91,8 @@ Stages::option_group()
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };
   auto *group = g_option_group_new(
-      "stages", "Stages, applied in this order to what is sent; the peer needs the same:",
+      "stages",
+      "Stages, in the order in which they work on outgoing data. The peer needs the same:",
       "Show the options for stages", this, nullptr);
   g_option_group_add_entries(group, entries);
   return group;
@@ -122,7 +115,7 @@ new_decoder(const Stage &stage, int key_length)
 {
   if (stage.kind == Stage::compress)
     return G_CONVERTER(gvc_decompressor_new());
-  auto *decryptor = gvc_decryptor_new(stage.key);
+  auto *decryptor = gvc_decryptor_new(stage.key.get());
   gvc_decryptor_set_key_length(decryptor, static_cast<guint>(key_length));
   return G_CONVERTER(decryptor);
 }
@@ -132,7 +125,7 @@ new_encoder(const Stage &stage, int key_length)
 {
   if (stage.kind == Stage::compress)
     return G_CONVERTER(gvc_compressor_new());
-  auto *encryptor = gvc_encryptor_new(stage.key);
+  auto *encryptor = gvc_encryptor_new(stage.key.get());
   gvc_encryptor_set_key_length(encryptor, static_cast<guint>(key_length));
   return G_CONVERTER(encryptor);
 }
@@ -144,7 +137,7 @@ StageCounts::set_limit(guint64 limit)
     tap.limit = limit;
 }
 
-// The stage that is added last is nearest to the caller, and so the first to work on what is sent.
+// The stage that is added last is the first to work on what is sent.
 void
 add_stages(GvcConnection *connection, const Stages &stages, StageCounts *counts)
 {

@@ -2,6 +2,7 @@
 // --compress, --encrypt KEYFILE and --key-length BITS, in the order of the command line.
 #pragma once
 
+#include "owners.h"
 #include "tap.h"
 
 #include <zelgvc/zelgvc.h>
@@ -12,28 +13,24 @@
 
 struct Stage {
   enum Kind { compress, encrypt } kind;
-  GBytes *key = nullptr; // of an encrypting stage; NULL where it is not known
+  Bytes key; // of an encrypting stage
 };
 
 struct Stages {
-  std::vector<Stage> list; // the first one is the first to work on what is sent
+  std::vector<Stage> list; // in the order in which they work on what is sent
   int key_length = 256;
 
-  Stages() = default;
-  Stages(const Stages &) = delete;
-  ~Stages();
-
-  // The options that fill this in; it has to live until they are parsed.
+  // The options that fill this in. It must live until they are parsed.
   GOptionGroup *option_group();
 
   std::string text() const;
 };
 
-// What the taps of the stages count, in the order of the list.
+// The counts of the stages' taps, in the order of the list.
 struct StageCounts {
   std::deque<TapState> outgoing, incoming;
 
-  // No message of the peer is longer than this.
+  // The longest message to expect of the peer.
   void set_limit(guint64 limit);
 };
 
@@ -41,4 +38,4 @@ void add_stages(GvcConnection *connection, const Stages &stages, StageCounts *co
 
 GConverter *new_decoder(const Stage &stage, int key_length);
 
-GBytes *read_key(const char *path, GError **error);
+Bytes read_key(const char *path, GError **error);

@@ -75,6 +75,7 @@ private:
   void string_read(GObject *, GAsyncResult *result);
   void received(const std::string &message);
   void read_failed(const GError *error);
+  void not_understood(const GError *error);
   void print(const std::string &message);
   void printed(GObject *, GAsyncResult *result);
   void execute(const std::string &message);
@@ -344,32 +345,33 @@ private:
 } // namespace
 
 void
+Session::not_understood(const GError *error)
+{
+  mishap(link.peer + " sent what is no message here: " + error->message);
+  read_next();
+}
+
+void
 Session::print(const std::string &message)
 {
-  std::string why;
-  auto line = std::make_unique<std::string>();
-  bool understood;
-
+  g_autoptr(GError) error = nullptr;
+  std::optional<std::string> line;
   if (options.json) {
     JsonLine json;
     json.add("size", static_cast<guint64>(message.size()));
-    understood = options.format.add_to(json, message, &why);
-    *line = json.text();
-  } else {
-    understood = options.format.write_line(message, line.get(), &why);
+    if (options.format.add_to(json, message, &error))
+      line = json.text();
+  } else if ((line = options.format.write_line(message, &error))) {
     // A peer must not control the terminal.
     if (isatty(STDOUT_FILENO))
-      *line = printable(*line);
+      line = printable(*line);
     *line += '\n';
   }
-  if (!understood) {
-    mishap(link.peer + " sent what is no message here: " + why);
-    read_next();
-    return;
-  }
+  if (!line)
+    return not_understood(error);
   pending++;
   auto *task = g_task_new(nullptr, interrupt_now(), finished<&Session::printed>, this);
-  g_task_set_task_data(task, line.release(),
+  g_task_set_task_data(task, new std::string(*line),
                        [](gpointer text) { delete static_cast<std::string *>(text); });
   static auto *printer = new Printer;
   printer->print(task);
@@ -406,15 +408,12 @@ prepare_command(gpointer)
 void
 Session::execute(const std::string &message)
 {
-  std::string line, why;
-  if (!options.format.write_line(message, &line, &why)) {
-    mishap(link.peer + " sent what is no message here: " + why);
-    read_next();
-    return;
-  }
-  line += '\n';
-
   g_autoptr(GError) error = nullptr;
+  auto line = options.format.write_line(message, &error);
+  if (!line)
+    return not_understood(error);
+  *line += '\n';
+
   g_autoptr(GSubprocessLauncher) launcher = g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
       G_SUBPROCESS_FLAGS_STDIN_PIPE | G_SUBPROCESS_FLAGS_STDOUT_PIPE));
   g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
@@ -424,7 +423,7 @@ Session::execute(const std::string &message)
     return end_with(Exit::local, std::string("cannot run the command: ") + error->message);
   auto *identifier = g_subprocess_get_identifier(process);
   command = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
-  Bytes bytes(g_bytes_new(line.data(), line.size()));
+  Bytes bytes(g_bytes_new(line->data(), line->size()));
   pending++;
   g_subprocess_communicate_async(process, bytes.get(), reading.get(), finished<&Session::executed>,
                                  this);
@@ -455,29 +454,31 @@ Session::answer(GBytes *output)
 {
   gsize size;
   auto *text = static_cast<const char *>(g_bytes_get_data(output, &size));
-  std::string line(text ? text : "", size), message, why;
+  std::string line(text ? text : "", size);
   if (line.ends_with('\n'))
     line.pop_back();
-  if (options.format.read_line(line, &message, &why)) {
-    send(message);
-    return;
-  }
-  mishap("the command's output cannot be sent: " + why);
+  g_autoptr(GError) error = nullptr;
+  if (auto message = options.format.read_line(line, &error))
+    return send(*message);
+  mishap(std::string("the command's output cannot be sent: ") + error->message);
   read_next();
 }
 
 void
 Session::send_line()
 {
-  std::string message, why;
-  bool good = !input.too_long && options.format.read_line(input.line, &message, &why);
+  g_autoptr(GError) error = nullptr;
+  std::optional<std::string> message;
   if (input.too_long)
-    why = "it has more than " + std::to_string(input.limit) + " bytes";
-  input.has_line = false;
-  if (good)
-    send(message);
+    g_set_error(&error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
+                "it has more than %" G_GSIZE_FORMAT " bytes", input.limit);
   else
-    mishap("line " + std::to_string(input.number) + " is not sent: " + why);
+    message = options.format.read_line(input.line, &error);
+  input.has_line = false;
+  if (message)
+    send(*message);
+  else
+    mishap("line " + std::to_string(input.number) + " is not sent: " + error->message);
 }
 
 void
@@ -663,15 +664,16 @@ void
 TalkOptions::add_to(CommandLine &line)
 {
   const GOptionEntry entries[] = {
-      {"frames", 0, 0, G_OPTION_ARG_NONE, &frames, "A line is a message as it is (default)",
+      {"frames", 0, 0, G_OPTION_ARG_NONE, &frames, "A line is a message without changes (default)",
        nullptr},
       {"hex", 0, 0, G_OPTION_ARG_NONE, &hex, "A line is a message in hexadecimal digits", nullptr},
       {"variant", 0, 0, G_OPTION_ARG_STRING, &variant.value,
        "A line is a GVariant of this type in its text form", "TYPE"},
       {"strings", 0, 0, G_OPTION_ARG_STRING, &strings.value,
-       "No frames but strings that end with this byte: a character, \\n, \\0, \\xNN", "TERMINATOR"},
-      {"limit", 0, 0, G_OPTION_ARG_INT, &limit_option,
-       "Refuse messages of more bytes than this (default 64 MiB)", "BYTES"},
+       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+       "TERMINATOR"},
+      {"limit", 0, 0, G_OPTION_ARG_INT, &limit_option, "Refuse longer messages (default 64 MiB)",
+       "BYTES"},
       {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print each message as a JSON object", nullptr},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
   };

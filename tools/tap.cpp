@@ -2,28 +2,25 @@
 #include "tap.h"
 #include "layers.h"
 
-#include <cstring>
+#include <zelgvc/gvcwire.h>
 
-struct ToolTap {
+struct _ToolTap {
   GObject parent;
   GConverter *inner;
   TapState *state;
   TapKind kind;
 };
 
-struct ToolTapClass {
-  GObjectClass parent_class;
-};
-
 static void tool_tap_converter_init(GConverterIface *iface);
 
+G_DECLARE_FINAL_TYPE(ToolTap, tool_tap, TOOL, TAP, GObject)
 G_DEFINE_TYPE_WITH_CODE(ToolTap, tool_tap, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, tool_tap_converter_init))
 
 static void
 tool_tap_finalize(GObject *object)
 {
-  g_object_unref(reinterpret_cast<ToolTap *>(object)->inner);
+  g_object_unref(TOOL_TAP(object)->inner);
 
   G_OBJECT_CLASS(tool_tap_parent_class)->finalize(object);
 }
@@ -39,38 +36,29 @@ tool_tap_init(ToolTap *)
 {
 }
 
-static constexpr gsize header_size = 8;
+// Records and blocks have headers of the same size.
+static constexpr gsize header_size = gvc::wire::record::header_size;
+static_assert(header_size == gvc::wire::block::header_size);
 
-static guint64
-load_le(const guint8 *from, gsize size)
-{
-  guint64 value = 0;
-  while (size-- > 0)
-    value = value << 8 | from[size];
-  return value;
-}
-
-// What a stage may add to what it is given, stacked on another stage that has added as much.
+// An upper bound of the size after two stages, each of which adds as much as it can.
 static guint64
 with_overhead(guint64 size)
 {
   return size > G_MAXINT32 ? G_MAXUINT64 : size + size / 4 + 1024;
 }
 
-// Whether the header at the start of a unit can be one. An encrypted stream starts with its IV.
+// Whether a unit can start with this header. An encrypted stream starts with its IV.
 static bool
-is_plausible(const ToolTap &self, const void *header)
+is_plausible(const ToolTap *self, const void *header)
 {
-  auto *bytes = static_cast<const guint8 *>(header);
-  auto most = with_overhead(self.state->limit);
-
-  if (self.kind == TapKind::records) {
-    auto length = load_le(bytes, 8);
-    bool first = self.state->in == 0;
-    return length <= most && length % 16 == 0 && (!first || length == 0);
+  auto most = with_overhead(self->state->limit);
+  if (self->kind == TapKind::records) {
+    auto length = gvc::wire::record::load_length(header);
+    bool first = self->state->in == 0;
+    return length <= most && length % gvc::wire::record::aes_block == 0 && (!first || length == 0);
   }
-  auto payload = static_cast<guint32>(load_le(bytes, 4));
-  auto content = static_cast<guint32>(load_le(bytes + 4, 4));
+  auto payload = gvc::wire::block::load_payload_size(header);
+  auto content = gvc::wire::block::load_decoded_size(header);
   return payload <= most && content <= most && plausible_block(payload, content);
 }
 
@@ -79,7 +67,7 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
                  gsize outbuf_size, GConverterFlags flags, gsize *bytes_read, gsize *bytes_written,
                  GError **error)
 {
-  auto *self = reinterpret_cast<ToolTap *>(converter);
+  auto *self = TOOL_TAP(converter);
   auto passed_on = static_cast<guint>(flags);
   bool incoming = self->kind != TapKind::outgoing;
 
@@ -88,11 +76,11 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
       *bytes_read = *bytes_written = 0;
       return G_CONVERTER_FINISHED;
     }
-    // With the flag the stage would be finished after the next record, whatever follows it.
+    // With this flag, the stage would finish after the next record even if more follows.
     passed_on &= ~static_cast<guint>(G_CONVERTER_INPUT_AT_END);
   }
 
-  if (incoming && inbuf_size >= header_size && !is_plausible(*self, inbuf)) {
+  if (incoming && inbuf_size >= header_size && !is_plausible(self, inbuf)) {
     g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
                         self->kind == TapKind::records ? "no record of an encrypted stream"
                                                        : "no block of a compressed stream");
@@ -112,7 +100,7 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
 static void
 tool_tap_reset(GConverter *converter)
 {
-  g_converter_reset(reinterpret_cast<ToolTap *>(converter)->inner);
+  g_converter_reset(TOOL_TAP(converter)->inner);
 }
 
 static void
@@ -125,7 +113,7 @@ tool_tap_converter_init(GConverterIface *iface)
 GConverter *
 tap_new(GConverter *inner, TapState *state, TapKind kind)
 {
-  auto *self = static_cast<ToolTap *>(g_object_new(tool_tap_get_type(), nullptr));
+  auto *self = TOOL_TAP(g_object_new(tool_tap_get_type(), nullptr));
   self->inner = G_CONVERTER(g_object_ref(inner));
   self->state = state;
   self->kind = kind;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// A converter that does what a stage does, counts the bytes, and helps on the way in:
+// A converter around a stage that counts bytes and helps the reader:
 //
-// It makes the end of a channel with stages look like that of one without. Where the peer closes
-// between two records or blocks the stage reports a partial header, and this one the end.
+// It reports the end between two records or blocks as the end of the channel, where the stage would
+// report a partial header.
 //
-// It refuses what cannot be a record or a block before the stage waits for all of it. With a wrong
-// key, or a peer that has other stages, that is where it shows, and not at some timeout.
+// It refuses an impossible header at once, where the stage would wait for a whole record or block.
+// So a wrong key, or a peer with other stages, shows at once and not at a timeout.
 #pragma once
 
 #include <gio/gio.h>
@@ -13,7 +13,7 @@
 struct TapState {
   guint64 in = 0;              // what went into the converter
   guint64 out = 0;             // what came out
-  guint64 limit = G_MAXUINT64; // the longest message that is expected
+  guint64 limit = G_MAXUINT64; // the longest message to expect
 };
 
 enum class TapKind { outgoing, records, blocks };

@@ -72,7 +72,7 @@ report(const Transferred &file, const char *verb, bool json)
   try {
     print_report(file, verb, json);
   } catch (const OutputClosed &) {
-    // Nobody wants to know.
+    // Nobody reads the report.
   } catch (const Failure &failure) {
     if (failure.code != Exit::local)
       throw;

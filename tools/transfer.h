@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The protocol of send and receive. All messages but the data are dictionaries.
+// The protocol of send and receive. All messages except the data are dictionaries.
 //
-// After the hello the sender announces each file with "name", "size", "mode", and the seconds and
-// nanoseconds of its modification, "mtime" and "mtime-nsec". The
-// receiver answers "refused", and the sender goes on with the next file; or it answers "have", the
-// number of bytes it has of an earlier attempt, with their "sha256". The sender answers with the
-// "offset" that it starts at. The data follows in messages of up to chunk_size bytes; an empty
-// message among them says that a dictionary with "failed" follows instead of the rest. After the
-// last byte comes the "sha256" of the whole file, and the receiver answers "stored" or "failed".
-// At any time the receiver may say "failed", and whoever takes long says "busy". After the last
-// file both say "end".
+// After the hello, the sender announces a file with "name", "size", "mode", and its modification
+// time in seconds and nanoseconds, "mtime" and "mtime-nsec". The receiver answers "refused", and
+// the next file follows. Or it answers "have", the bytes that it has of an earlier attempt, with
+// their "sha256". The sender answers with the "offset" at which it starts.
+//
+// The data follows in messages of up to chunk_size bytes. An empty message means that the sender
+// gives up this file and that a dictionary with "failed" follows. After the last byte, the sender
+// sends the "sha256" of the file, and the receiver answers "stored" or "failed".
+//
+// The receiver may send "failed" at any time. A side that needs long sends "busy". After the last
+// file, both sides send "end".
 #pragma once
 
 #include "channel.h"
@@ -24,12 +26,12 @@ inline constexpr guint32 chunk_limit = 1024 * 1024;
 // The next message that is not "busy".
 Control next_answer(Channel &channel);
 
-// Feeds the first `size` bytes of the file to the checksum, telling the peer to be patient. False
-// where the file has less.
+// Feeds the first `size` bytes of the file to the checksum, and tells the peer "busy" meanwhile.
+// False if the file is shorter.
 bool hash_beginning(int fd, guint64 size, Sha256 &sha, Channel &channel);
 
 struct Transferred {
-  std::string name; // as it may be printed
+  std::string name; // printable
   guint64 size = 0;
   guint64 resumed_at = 0;
   guint64 wire = 0;
@@ -37,6 +39,6 @@ struct Transferred {
   std::string sha256;
 };
 
-// One line on standard output about a file that has arrived. A line that cannot be written is no
-// reason to leave other files behind: that is said on standard error, and Exit::local returned.
+// Prints one line about a stored file. If that fails, complains and returns Exit::local, so that
+// the other files are still transferred.
 Exit report(const Transferred &file, const char *verb, bool json);

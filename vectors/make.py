@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Writes vectors.json, over OpenSSL's AES and liblzo2. With --check only compares."""
+"""Writes vectors.json with OpenSSL's AES and liblzo2. With --check, only compares."""
 
 import ctypes
 import hashlib
@@ -31,13 +31,13 @@ def frame(message):
 
 
 def noise(size, seed=0):
-    """Bytes without a pattern, the same in every run."""
+    """Bytes without a pattern, but the same in every run."""
     parts = (hashlib.sha256(struct.pack("<II", seed, i)).digest() for i in range(size // 32 + 1))
     return b"".join(parts)[:size]
 
 
 class Aes:
-    """Records, and the cipher text that the next one is chained to."""
+    """Makes records, and keeps the cipher text to which the next is chained."""
 
     def __init__(self, bits=256, key=KEY):
         self.key, self.chain = key[: bits // 8], bytes(16)
@@ -67,7 +67,7 @@ def stock(data, encoder="lzo1x_1"):
 
 
 def stock_decode(payload, room):
-    """What liblzo2 makes of a stream, or nothing if it refuses it."""
+    """Decodes a stream with liblzo2. Returns None if liblzo2 refuses it."""
     out = ctypes.create_string_buffer(room + 1)
     size = ctypes.c_ulong(room)
     status = LZO.lzo1x_decompress_safe(
@@ -99,7 +99,7 @@ def chunked(data, number, total=None, sizes=None, shares=None):
 
 
 CASES = []
-# Readers may differ in these: refuse what this library takes, or take what it refuses.
+# Other readers may refuse what this library accepts here, or accept what it refuses.
 OPTIONAL = {
     "frames/empty",
     "encrypted/no-iv",
@@ -118,7 +118,7 @@ OPTIONAL = {
 
 
 def case(name, stages, wire, messages, error, bits=256, blocking=None, orderly=False, zeros=0):
-    """`wire` is a list of units for one stage, else bytes and the borders of each stage."""
+    """`wire` is bytes, a list of units for one stage, or bytes and the borders of each stage."""
     borders = []
     if isinstance(wire, list):
         units, at = [], 0
@@ -183,7 +183,7 @@ def encrypted():
         records(name, lambda a: [a.iv(), *make(a)], messages, HEADER, bits, orderly=True)
 
     def bad(name, make, error=HEADER):
-        """A record as it should be, and then others."""
+        """A valid record, and then others."""
         records(name, lambda a: [a.iv(), a.record(hello), *make(a)], [b"hello"], error)
 
     for bits in (256, 128):
@@ -222,7 +222,7 @@ def encrypted():
 
 
 def every_instruction():
-    """A stream by hand: each class of instruction, lengths with length bytes, every far distance."""
+    """A hand-made stream: each class of instruction, length bytes, every far distance."""
     run = noise(300, 7)
     stream = b"\0" + bytes([0, 300 - 18 - 255]) + run
     stream += bytes([0x20, 0, 0, 0, 0, 100]) + struct.pack("<H", (299 << 2) | 2) + b"ab"  # 1,153 from 300
@@ -246,7 +246,7 @@ def compressed():
         case(f"compressed/{name}", ["compress"], units, messages, error, **more)
 
     def payload(name, content, message, error=HEADER, more=0, **others):
-        """The length of a message in a block of its own, then its payload."""
+        """A block with the length of a message, then a block with its payload."""
         prefix = packed(frame(message)[:4])
         blocks(
             name,
@@ -321,7 +321,7 @@ def compressed():
 
 
 def stacked():
-    """Stages on stages; each unit of an upper one is a record of the lower, or they are cut anew."""
+    """Stacked stages. A unit of the upper stage is one unit of the lower, unless cut again."""
     messages = [b"hello", noise(500, 3), b"x" * 700]
     data = b"".join(map(frame, messages))
 

@@ -2,10 +2,10 @@
 --
 -- Wireshark dissector for libzelgvc channels: message frames, compressed blocks, encrypted records.
 --
--- Copy it to the personal Lua plugins folder (Help > About Wireshark > Folders), or give it to
--- tshark with -X lua_script:zelgvc.lua. Set the port in the preferences of the protocol, or with
--- -o zelgvc.ports:5000; "Decode as" works, too. What is seen is the layer next to the socket: with
--- encryption the records, with compression alone the blocks, and otherwise the frames.
+-- Copy this file to the personal Lua plugins folder (Help > About Wireshark > Folders), or load it
+-- with tshark -X lua_script:zelgvc.lua. Set the port in the preferences of the protocol, with
+-- -o zelgvc.ports:5000, or with "Decode as". The dissector shows the layer next to the socket:
+-- records with encryption, blocks with compression alone, frames without stages.
 
 local zelgvc = Proto("zelgvc", "libzelgvc channel")
 
@@ -51,11 +51,11 @@ function zelgvc.init()
   layers = {}
 end
 
--- A length below this is taken to be one; beyond it a stream would be waited for in vain.
+-- The largest plausible length. A larger length would make the dissector wait for ever.
 local MOST = 0x7fffffff
 
--- Each layer: how long its header is, how long the unit is that starts at an offset (nil where it
--- cannot be one), and how the unit is shown.
+-- Each layer has the size of its header, a function for the size of the unit at an offset (nil if no
+-- unit can start there), and a function that shows a unit.
 
 local frames = { header = 4, name = "frame" }
 
@@ -82,7 +82,7 @@ end
 
 local blocks = { header = 8, name = "block" }
 
--- No encoder makes more of its input than this, and a byte stands for 255 bytes at most.
+-- No encoder enlarges its input by more, and a byte of a stream decodes to 255 bytes at most.
 local function plausible_block(payload, content)
   if payload == 0 or content == 0 then
     return payload == 0 and content == 0
@@ -136,8 +136,8 @@ end
 
 local by_preference = { [FRAMES] = frames, [BLOCKS] = blocks, [RECORDS] = records }
 
--- An encrypted stream starts with 8 bytes of zero and the IV. A block's two sizes fit each other,
--- which the beginning of a frame hardly does; and a frame's length is a write of its own.
+-- An encrypted stream starts with 8 zero bytes and the IV. The two sizes of a block fit each other;
+-- the start of a frame rarely looks so.
 local function guess(tvb)
   if tvb:len() < 8 then
     return frames
@@ -169,7 +169,7 @@ local function show_damage(tvb, tree, layer)
   item:add_proto_expert_info(bad_length)
 end
 
--- Takes unit after unit; where the last one is not complete, asks TCP for the rest.
+-- Dissects unit after unit. If the last unit is incomplete, asks TCP for more.
 function zelgvc.dissector(tvb, pinfo, root)
   local layer = layer_of(tvb)
   local length = tvb:len()

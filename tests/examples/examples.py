@@ -4,10 +4,12 @@
 usage: examples.py SERVE CALL
 """
 
+import contextlib
 import functools
 import os
 import pathlib
 import re
+import resource
 import select
 import signal
 import socket
@@ -15,6 +17,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 
 import tap
 
@@ -208,6 +211,32 @@ def a_caller_that_stops_reading_holds_up_nobody():
         caller.close()
 
 
+def gives_up_on_a_server_that_drips():
+    """Each byte comes within the timeout, but the answer does not."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        options = ["--port", str(server.getsockname()[1]), "--timeout", "1"]
+        with subprocess.Popen([CALL, *options], stderr=subprocess.PIPE, text=True) as caller:
+            with server.accept()[0] as sock, contextlib.suppress(OSError):
+                for byte in frame(bytes(60)):
+                    sock.sendall(bytes([byte]))
+                    time.sleep(0.2)
+            _, complaints = caller.communicate(timeout=LIMIT)
+    assert caller.returncode == 1 and "the server took too long" in complaints, complaints
+
+
+def rests_while_it_is_out_of_descriptors():
+    with Pair(callers=0) as pair:
+        resource.prlimit(pair.server.pid, resource.RLIMIT_NOFILE, (14, 14))
+        crowd = [socket.create_connection(("127.0.0.1", pair.port)) for _ in range(12)]
+        time.sleep(2)
+        log = pathlib.Path(pair.log.name).read_text()
+        assert 1 <= log.count("Too many open files") <= 20, log
+        for sock in crowd:
+            sock.close()
+        status, _, complaints = pair.call("--messages", "1")
+        assert status == 0, complaints
+
+
 def calling_nobody_fails():
     with socket.create_server(("127.0.0.1", 0)) as server:
         port = server.getsockname()[1]
@@ -273,6 +302,8 @@ sys.exit(tap.run([
     ("/examples/survives-a-negative-length", survives_a_negative_length),
     ("/examples/a-caller-that-stops-reading-holds-up-nobody",
      a_caller_that_stops_reading_holds_up_nobody),
+    ("/examples/gives-up-on-a-server-that-drips", gives_up_on_a_server_that_drips),
+    ("/examples/rests-while-it-is-out-of-descriptors", rests_while_it_is_out_of_descriptors),
     ("/examples/calling-nobody-fails", calling_nobody_fails),
     ("/examples/stops-when-told", stops_when_told),
 ]))
