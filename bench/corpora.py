@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """Writes the corpora into the folder of the index that is named: 1 MiB of each kind, made here or
 found on the machine. The codec is tuned on one half of the kinds and judged on the other, which
-stays unseen until a change is done. The index lists them: half, name, file, description. A kind
-that the machine does not have is left out."""
+stays unseen until a change is done. The index lists them: half, file, name. A kind that the machine
+does not have is left out."""
 
 import ctypes
 import glob
@@ -343,8 +343,9 @@ def main():
             continue
         file = index.with_name(f"{index.stem}-{name.replace(' ', '-')}.bin")
         file.write_bytes(content)
-        lines.append(f"{half}\t{name}\t{file.name}\t{description}\n")
+        lines.append(f"{half} {file.absolute()} {name}\n")
     index.write_text("".join(lines), encoding="utf-8")
 
 
-main()
+if __name__ == "__main__":
+    main()

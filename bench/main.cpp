@@ -6,7 +6,6 @@
 #include <gcrypt.h>
 #include <lz4.h>
 #include <lzo/lzo1x.h>
-#include <openssl/crypto.h>
 
 #include <cstdio>
 
@@ -15,28 +14,15 @@ namespace
 
 using bench::Report;
 
-struct Group {
-  const char *name;
-  void (*measure)(const Report &);
-};
+using Arguments = std::vector<std::string>;
+using Measure = std::function<void(const Report &, const Arguments &)>;
 
-constexpr Group groups[] = {
-    {"blocking", bench::measureBlocking},     {"async", bench::measureAsync},
-    {"strings", bench::measureStrings},       {"channels", bench::measureChannels},
-    {"stages", bench::measureStages},         {"ciphers", bench::measureCiphers},
-    {"converters", bench::measureConverters}, {"codec", bench::measureCodec},
-};
-
-struct Single {
-  const char *name;
-  void (*measure)(const Report &, const std::vector<std::string> &);
-};
-
-constexpr Single singles[] = {
-    {"crowd", bench::measureCrowd},
-    {"memory", bench::measureMemory},
-    {"work", bench::measureWork},
-};
+// A group that takes no arguments.
+Measure
+whole(void (*measure)(const Report &))
+{
+  return [=](const Report &report, const Arguments &) { measure(report); };
+}
 
 // What run.py cannot know of the libraries that were measured.
 void
@@ -49,11 +35,11 @@ printLibraries()
       "g++ ";
 #endif
   std::printf("{\"group\": \"libraries\", \"compiler\": \"%s%s\", \"glib\": \"%u.%u.%u\", "
-              "\"libgcrypt\": \"%s\", \"openssl\": \"%s\", \"liblzo2\": \"%s\", \"lz4\": \"%s\", "
+              "\"libgcrypt\": \"%s\", \"liblzo2\": \"%s\", \"lz4\": \"%s\", "
               "\"tls\": \"%s\"}\n",
               compiler, __VERSION__, glib_major_version, glib_minor_version, glib_micro_version,
-              gcry_check_version(nullptr), OpenSSL_version(OPENSSL_VERSION), lzo_version_string(),
-              LZ4_versionString(), bench::tlsDescription().c_str());
+              gcry_check_version(nullptr), lzo_version_string(), LZ4_versionString(),
+              bench::tlsDescription().c_str());
 }
 
 } // namespace
@@ -86,24 +72,24 @@ main(int argc, char **argv)
   std::vector<std::string> wanted;
   for (char **value = only; value && *value; value++)
     wanted.emplace_back(*value);
-  std::string name = words[0];
-  Report report(name, effort, wanted);
-  if (name == "libraries") {
-    printLibraries();
-    return 0;
+  const std::map<std::string, Measure> groups = {{"blocking", whole(bench::measureBlocking)},
+                                                 {"async", whole(bench::measureAsync)},
+                                                 {"strings", whole(bench::measureStrings)},
+                                                 {"channels", whole(bench::measureChannels)},
+                                                 {"stages", whole(bench::measureStages)},
+                                                 {"ciphers", whole(bench::measureCiphers)},
+                                                 {"converters", whole(bench::measureConverters)},
+                                                 {"codec", whole(bench::measureCodec)},
+                                                 {"crowd", bench::measureCrowd},
+                                                 {"memory", bench::measureMemory},
+                                                 {"work", bench::measureWork}};
+  auto group = groups.find(words[0]);
+  if (group == groups.end()) {
+    std::fprintf(stderr, "no group is named %s\n", words[0]);
+    return 2;
   }
-  for (const auto &group : groups)
-    if (name == group.name) {
-      group.measure(report);
-      if (name == "channels")
-        printLibraries();
-      return 0;
-    }
-  for (const auto &single : singles)
-    if (name == single.name) {
-      single.measure(report, {words + 1, words + g_strv_length(words)});
-      return 0;
-    }
-  std::fprintf(stderr, "no group is named %s\n", words[0]);
-  return 2;
+  group->second(Report(words[0], effort, wanted), {words + 1, words + g_strv_length(words)});
+  if (group->first == "channels")
+    printLibraries();
+  return 0;
 }

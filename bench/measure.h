@@ -23,8 +23,6 @@ struct Effort {
   unsigned batches = 8; // in which contenders take turns within a round
 };
 
-constexpr unsigned leastRounds = 7;
-
 // One way to do what is measured. run(n) does it n times, each with this many operations.
 struct Contender {
   std::string name;
@@ -42,14 +40,6 @@ repeat(Once once)
       once();
   };
 }
-
-double medianOf(std::vector<double> values);
-
-// Seconds per operation of each contender, round by round. Every contender warms up and finds how
-// often it must run to fill its slice. A round counts as the median of its batches, which leaves
-// out interruptions by other programs.
-std::vector<std::vector<double>> takeTurns(const std::vector<Contender> &contenders,
-                                           const Effort &effort);
 
 using Value = std::variant<std::int64_t, std::string>;
 using Parameters = std::vector<std::pair<std::string, Value>>;
@@ -73,15 +63,11 @@ public:
   // False for a row that was not asked for.
   bool wants(const Parameters &parameters) const;
 
-  // Measures and prints a row. `figures` are further values that are not times.
+  // Measures and prints a row, if it is wanted. `figures` are values that are not times.
   void race(const Parameters &parameters, const std::vector<Contender> &contenders,
             const Figures &figures = {}) const;
-  void print(const Parameters &parameters, const Figures &figures) const;
 
 private:
-  void printRow(const Parameters &parameters, const std::string &seconds,
-                const Figures &figures) const;
-
   std::string _group;
   Effort _effort;
   std::vector<std::string> _only;

@@ -4,50 +4,37 @@
 #include "asyncends.h"
 #include "groups.h"
 
-#include <cstdlib>
-
 namespace bench
 {
 
-namespace
+static Contender
+makeWork(const std::string &what, const std::string &stages, GBytes *message)
 {
-
-constexpr std::size_t frames = 16; // of a burst
-
-Contender
-work(const std::string &what, Stages stages, GBytes *message)
-{
-  auto sockets = connectSockets(Transport::unixSocket);
+  constexpr std::size_t frames = 16; // of a burst
+  auto sockets = connectSockets("unix");
+  bool byHand = stages == "by hand";
   if (what == "blocking burst")
-    return burst("", stages == Stages::bare ? linkGathering(sockets) : linkZelgvc(sockets, stages),
-                 {message}, frames);
-  auto pair = std::make_shared<AsyncPair>(streamsOn(sockets, stages),
-                                          stages == Stages::bare ? framesByHand : framesZelgvc);
+    return burst("seconds", makeLink(sockets, byHand ? "gathering" : stages), {message}, frames);
+  auto pair =
+      std::make_shared<AsyncPair>(streamsOn(sockets, stages), byHand ? framesByHand : framesZelgvc);
   if (what == "async burst")
-    return {"", repeat([=] { pair->burst(message, frames); }), frames};
+    return {"seconds", repeat([=] { pair->burst(message, frames); }), frames};
   must(what == "async round trip", nullptr, "no such work");
-  return {"", [=](std::size_t times) { pair->roundTrips(message, times); }};
+  return {"seconds", [=](std::size_t times) { pair->roundTrips(message, times); }};
 }
-
-} // namespace
 
 // The arguments are what is done, the stages, and how often. Without the last it is timed.
 void
 measureWork(const Report &report, const std::vector<std::string> &arguments)
 {
   must(arguments.size() == 2 || arguments.size() == 3, nullptr, "work WHAT STAGES [TIMES]");
-  Stages stages = arguments[1] == "plain"  ? Stages::none
-                  : arguments[1] == "both" ? Stages::both
-                                           : Stages::bare;
   static char data[64];
   Ref<GBytes> message(g_bytes_new_static(data, sizeof data));
-  auto contender = work(arguments[0], stages, message.get());
-  if (arguments.size() == 3) {
-    contender.run(static_cast<std::size_t>(std::atol(arguments[2].c_str())) / contender.operations);
-    return;
-  }
-  contender.name = "seconds";
-  report.race({{"what", arguments[0]}, {"stages", arguments[1]}}, {contender});
+  auto contender = makeWork(arguments[0], arguments[1], message.get());
+  if (arguments.size() == 3)
+    contender.run(std::stoul(arguments[2]) / contender.operations);
+  else
+    report.race({{"what", arguments[0]}, {"stages", arguments[1]}}, {contender});
 }
 
 } // namespace bench
