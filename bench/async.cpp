@@ -2,7 +2,6 @@
 // Asynchronous frames beside frames by hand, and strings beside GDataInputStream.
 #include "asyncends.h"
 #include "corpora.h"
-#include "groups.h"
 
 namespace bench
 {

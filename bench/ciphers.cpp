@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Encryptor and decryptor beside bare libgcrypt: one record again and again.
 #include "corpora.h"
-#include "groups.h"
+#include "measure.h"
 #include "refs.h"
 
 #include <gcrypt.h>
@@ -87,7 +87,7 @@ void
 measureCiphers(const Report &report)
 {
   std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
-  if (report.effort().quick)
+  if (report.effort.quick)
     sizes = {64, 4096, 65536};
   for (unsigned bits : {128U, 256U})
     for (auto size : sizes) {

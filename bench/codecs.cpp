@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The LZO1X codec beside liblzo2 and LZ4, and the converters beside the bare codec.
 #include "corpora.h"
-#include "groups.h"
+#include "measure.h"
 #include "refs.h"
 
 #include "codec/lzo1x/lzo1x.h"
@@ -162,7 +162,7 @@ parametersOf(const char *direction, const Corpus &corpus, std::size_t size)
 std::vector<std::size_t>
 sizesOf(const Report &report, std::size_t small)
 {
-  if (report.effort().quick)
+  if (report.effort.quick)
     return {small, 4096, 65536};
   return {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
 }

@@ -128,7 +128,7 @@ joined(const Items &items, TextOf textOfItem)
 bool
 Report::wants(const Parameters &parameters) const
 {
-  return std::all_of(_only.begin(), _only.end(), [&](const std::string &wanted) {
+  return std::all_of(values.begin(), values.end(), [&](const std::string &wanted) {
     return std::any_of(parameters.begin(), parameters.end(),
                        [&](const auto &parameter) { return textOf(parameter.second) == wanted; });
   });
@@ -141,7 +141,7 @@ Report::race(const Parameters &parameters, const std::vector<Contender> &contend
   if (!wants(parameters))
     return;
   auto rounds =
-      contenders.empty() ? std::vector<std::vector<double>>() : takeTurns(contenders, _effort);
+      contenders.empty() ? std::vector<std::vector<double>>() : takeTurns(contenders, effort);
   std::string row = "\"group\": " + quoted(_group);
   for (const auto &[name, value] : parameters)
     row +=
@@ -149,11 +149,11 @@ Report::race(const Parameters &parameters, const std::vector<Contender> &contend
   auto seconds = joined(contenders, [&, i = 0U](const Contender &contender) mutable {
     return quoted(contender.name) + ": [" + joined(rounds[i++], number) + "]";
   });
-  auto values = joined(figures, [](const auto &figure) {
+  auto others = joined(figures, [](const auto &figure) {
     return quoted(figure.first) + ": " + number(figure.second);
   });
   std::printf("{%s, \"seconds\": {%s}, \"figures\": {%s}}\n", row.c_str(), seconds.c_str(),
-              values.c_str());
+              others.c_str());
   std::fflush(stdout);
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Blocking messages: beside frames by hand, beside TLS, and beside the conversions alone.
 #include "corpora.h"
-#include "groups.h"
 #include "links.h"
 
 #include <cstring>
@@ -48,7 +47,7 @@ measureChannels(const Report &report)
                             {"round trip", roundTrip, 1 << 20},
                             {"burst", burstOf16, 4096}};
   std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 65536, 1 << 20, 8 << 20, 64 << 20};
-  if (report.effort().quick)
+  if (report.effort.quick)
     sizes = {64, 1024, 65536, 1 << 20, 8 << 20};
   auto data = source(static_cast<std::size_t>(sizes.back()));
   std::map<std::string, SharedLink> links;

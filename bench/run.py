@@ -52,13 +52,12 @@ class Runner:
     def __init__(self, options):
         self.options = options
         self.rows = []
-        self.libraries = {}
+        self.build = {}
 
     def take(self, line):
         data = json.loads(line)
-        if data["group"] == "libraries":
-            self.libraries.update((name, text) for name, text in data.items()
-                                  if text and name != "group")
+        if data["group"] == "build":
+            self.build = {name: data[name] for name in ("compiler", "tls")}
         else:
             self.add(data)
 
@@ -86,8 +85,7 @@ class Runner:
 
     def run(self, group):
         if group in PROGRAM_GROUPS:
-            only = [word for value in self.options.only for word in ("--only", value)]
-            self.stream(*only, group)
+            self.stream(group, *self.options.only)
         else:
             getattr(self, group)()
 
@@ -151,13 +149,20 @@ def first_match(path, pattern):
     return found.group(1) if found else "unknown"
 
 
+def version_of(package):
+    return subprocess.run(["pkg-config", "--modversion", package], stdout=subprocess.PIPE, text=True,
+                          check=True).stdout.strip()
+
+
 def describe_machine():
     return {"date": datetime.date.today().isoformat(),
             "processor": first_match("/proc/cpuinfo", r"^model name\s*: (.*)$"),
             "processors": str(os.cpu_count()),
             "memory": first_match("/proc/meminfo", r"^MemTotal:\s*(.*)$"),
             "kernel": f"{platform.system()} {platform.release()}",
-            "load before": f"{os.getloadavg()[0]:.2f}"}
+            "load before": f"{os.getloadavg()[0]:.2f}",
+            **{package: version_of(package)
+               for package in ("glib-2.0", "libgcrypt", "lzo2", "liblz4")}}
 
 
 def main():
@@ -180,7 +185,7 @@ def main():
     runner = Runner(options)
     for group in options.groups or every:
         runner.run(group)
-    results = Results(runner.rows, {**machine, **runner.libraries}, options.quick)
+    results = Results(runner.rows, {**machine, **runner.build}, options.quick)
     if options.json:
         rows = [{"group": row.group, **row.parameters, "seconds": row.seconds,
                  "figures": row.figures} for row in results.all]

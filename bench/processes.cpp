@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Many channels in one process, most of which wait: round trips a second, and memory.
+// Rows that need a process of their own: many channels of which most wait, memory at rest, and
+// small messages whose system calls run.py counts or which run on another build of the library.
 #include "asyncends.h"
 #include "corpora.h"
-#include "groups.h"
 
 #include <malloc.h>
 
@@ -77,28 +77,28 @@ smallMessage()
 
 } // namespace
 
-// The arguments are a transport, stages, how many channels are busy ("all" or 10) and how many
-// there are.
+// The values are a transport, stages, how many channels are busy ("all" or 10) and how many there
+// are.
 void
-measureCrowd(const Report &report, const std::vector<std::string> &arguments)
+measureCrowd(const Report &report)
 {
-  must(arguments.size() == 4, nullptr, "crowd TRANSPORT STAGES BUSY CHANNELS");
+  must(report.values.size() == 4, nullptr, "crowd TRANSPORT STAGES BUSY CHANNELS");
   constexpr std::size_t few = 10;
-  auto channels = static_cast<std::size_t>(std::stoul(arguments[3]));
+  auto channels = static_cast<std::size_t>(std::stoul(report.values[3]));
 
   // A pair is two channels.
-  auto *small = new Crowd(arguments[0], arguments[1]);
-  auto *large = new Crowd(arguments[0], arguments[1]);
+  auto *small = new Crowd(report.values[0], report.values[1]);
+  auto *large = new Crowd(report.values[0], report.values[1]);
   small->growTo(few / 2);
   large->growTo(channels / 2);
-  auto busy = (arguments[2] == "all" ? channels : few) / 2;
+  auto busy = (report.values[2] == "all" ? channels : few) / 2;
   auto contender = [message = smallMessage()](const char *name, Crowd *crowd, std::size_t pairs) {
     auto run = [=](std::size_t times) { crowd->run(message, 0, pairs, times); };
     return Contender{name, run, pairs};
   };
-  report.race({{"transport", arguments[0]},
-               {"stages", arguments[1]},
-               {"busy", arguments[2]},
+  report.race({{"transport", report.values[0]},
+               {"stages", report.values[1]},
+               {"busy", report.values[2]},
                {"channels", static_cast<std::int64_t>(channels)}},
               {contender("crowd", large, busy), contender("10 channels", small, few / 2)});
 }
@@ -112,12 +112,12 @@ heapBytes()
   return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
-// The argument is the stages. Prints the heap of each channel: idle, and after messages of 64 B
+// The value is the stages. Prints the heap of each channel: idle, and after messages of 64 B
 // and of 1 MiB.
 void
-measureMemory(const Report &report, const std::vector<std::string> &arguments)
+measureMemory(const Report &report)
 {
-  must(arguments.size() == 1, nullptr, "memory STAGES");
+  must(report.values.size() == 1, nullptr, "memory STAGES");
   mallopt(M_ARENA_MAX, 1); // mallinfo2() counts the first arena only
 
   constexpr std::size_t pairs = 200;
@@ -125,7 +125,7 @@ measureMemory(const Report &report, const std::vector<std::string> &arguments)
   const std::pair<const char *, GBytes *> messages[] = {
       {"after 64 B, KiB", smallMessage()},
       {"after 1 MiB, KiB", g_bytes_new_static(large.data(), large.size())}};
-  auto *crowd = new Crowd("unix", arguments[0]);
+  auto *crowd = new Crowd("unix", report.values[0]);
   // The first channels of a process set up what all of them share: that is not counted.
   crowd->growTo(1);
   for (const auto &[name, message] : messages)
@@ -140,7 +140,39 @@ measureMemory(const Report &report, const std::vector<std::string> &arguments)
       crowd->run(message, i, 1, 1);
     figures[name] = perChannel();
   }
-  report.race({{"stages", arguments[0]}}, {}, figures);
+  report.race({{"stages", report.values[0]}}, {}, figures);
+}
+
+// ---- Small messages ----
+
+static Contender
+makeWork(const std::string &what, const std::string &stages, GBytes *message)
+{
+  constexpr std::size_t frames = 16; // of a burst
+  auto sockets = connectSockets("unix");
+  bool byHand = stages == "by hand";
+  if (what == "blocking burst")
+    return burst("seconds", makeLink(sockets, byHand ? "gathering" : stages), {message}, frames);
+  auto pair =
+      std::make_shared<AsyncPair>(streamsOn(sockets, stages), byHand ? framesByHand : framesZelgvc);
+  if (what == "async burst")
+    return {"seconds", repeat([=] { pair->burst(message, frames); }), frames};
+  must(what == "async round trip", nullptr, "no such work");
+  return {"seconds", [=](std::size_t times) { pair->roundTrips(message, times); }};
+}
+
+// The values are what is done, the stages, and how often. Without the last it is timed.
+void
+measureWork(const Report &report)
+{
+  must(report.values.size() == 2 || report.values.size() == 3, nullptr, "work WHAT STAGES [TIMES]");
+  static char data[64];
+  Ref<GBytes> message(g_bytes_new_static(data, sizeof data));
+  auto contender = makeWork(report.values[0], report.values[1], message.get());
+  if (report.values.size() == 3)
+    contender.run(std::stoul(report.values[2]) / contender.operations);
+  else
+    report.race({{"what", report.values[0]}, {"stages", report.values[1]}}, {contender});
 }
 
 } // namespace bench
