@@ -51,7 +51,8 @@ connectSockets(const std::string &transport)
     return std::make_shared<Pair<GSocketConnection>>(connectTcp());
   int fds[2];
   must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, nullptr, "socketpair");
-  return std::make_shared<Pair<GSocketConnection>>(wrapSocket(fds[0]), wrapSocket(fds[1]));
+  return std::make_shared<Pair<GSocketConnection>>(
+      Pair<GSocketConnection>{wrapSocket(fds[0]), wrapSocket(fds[1])});
 }
 
 // ---- Streams ----
