@@ -2,7 +2,6 @@
 // Asynchronous frames beside frames by hand, and strings beside GDataInputStream.
 #include "asyncends.h"
 #include "corpora.h"
-#include "groups.h"
 
 namespace bench
 {
@@ -26,9 +25,9 @@ checked(const char *name, AsyncPair &pair, const Mode &mode, GBytes *message)
 
 // `length` bytes with its end, a line feed.
 Ref<GBytes>
-makeString(gsize length)
+makeString(std::int64_t length)
 {
-  std::string text(length - 1, 'x');
+  std::string text(static_cast<std::size_t>(length) - 1, 'x');
   text += '\n';
   return Ref<GBytes>(g_bytes_new(text.data(), text.size()));
 }
@@ -41,19 +40,16 @@ measureAsync(const Report &report)
   auto data = source(1 << 16);
   for (auto transport : transports) {
     auto sockets = connectSockets(transport);
-    AsyncPair plain(streamsOn(sockets, Stages::none), framesZelgvc);
-    AsyncPair both(streamsOn(sockets, Stages::both), framesZelgvc);
-    AsyncPair byHand(streamsOn(sockets, Stages::bare), framesByHand);
+    AsyncPair plain(streamsOn(sockets, "plain"), framesZelgvc);
+    AsyncPair both(streamsOn(sockets, "both"), framesZelgvc);
+    AsyncPair byHand(streamsOn(sockets, "by hand"), framesByHand);
     for (const auto &mode : modes)
       for (std::int64_t size : {64, 1024, 65536}) {
-        Parameters parameters = {
-            {"transport", transportName(transport)}, {"mode", mode.name}, {"size", size}};
-        if (!report.wants(parameters))
-          continue;
         Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-        report.race(parameters, {checked("plain", plain, mode, message.get()),
-                                 checked("both", both, mode, message.get()),
-                                 checked("by hand", byHand, mode, message.get())});
+        report.race({{"transport", transport}, {"mode", mode.name}, {"size", size}},
+                    {checked("plain", plain, mode, message.get()),
+                     checked("both", both, mode, message.get()),
+                     checked("by hand", byHand, mode, message.get())});
       }
   }
 }
@@ -61,36 +57,16 @@ measureAsync(const Report &report)
 // ---- Strings ----
 
 static void
-raceAsyncStrings(const Report &report, const Parameters &common, const Streams &streams)
-{
-  AsyncPair ours(streams, stringsZelgvc);
-  AsyncPair lines(streams, stringsGDataInputStream);
-  for (const auto &mode : modes)
-    for (std::int64_t size : {16, 64, 256, 1024}) {
-      auto parameters = common;
-      parameters.insert(parameters.end(), {{"mode", mode.name}, {"size", size}});
-      if (!report.wants(parameters))
-        continue;
-      auto message = makeString(static_cast<gsize>(size));
-      report.race(parameters, {checked("zelgvc", ours, mode, message.get()),
-                               checked("GDataInputStream", lines, mode, message.get())});
-    }
-}
-
-static void
-raceBlockingStrings(const Report &report, Parameters parameters, const Streams &streams)
+raceBlockingStrings(const Report &report, const char *transport, const char *stages,
+                    const Pair<GIOStream> &streams)
 {
   constexpr gsize size = 1024;
-  parameters.insert(parameters.end(), {{"mode", "blocking"}, {"size", std::int64_t{size}}});
-  if (!report.wants(parameters))
-    return;
-  auto *in = g_io_stream_get_input_stream(streams->far.get());
+  auto *in = g_io_stream_get_input_stream(streams.far.get());
   Ref<GvcDataInputStream> strings(gvc_data_input_stream_new(in));
   Ref<GDataInputStream> lines(g_data_input_stream_new(in));
-
   auto message = makeString(size);
-  auto write = [&, out = g_io_stream_get_output_stream(streams->near.get())] {
-    GError *error = nullptr;
+  GError *error = nullptr;
+  auto write = [&, out = g_io_stream_get_output_stream(streams.near.get())] {
     must(g_output_stream_write_all(out, g_bytes_get_data(message.get(), nullptr), size, nullptr,
                                    nullptr, &error),
          error, "write");
@@ -98,7 +74,6 @@ raceBlockingStrings(const Report &report, Parameters parameters, const Streams &
   auto ours = [&] {
     write();
     gsize length = 0;
-    GError *error = nullptr;
     g_autofree char *text =
         gvc_data_input_stream_read_string(strings.get(), '\n', &length, nullptr, &error);
     must(text && length == size, error, "read string");
@@ -106,22 +81,33 @@ raceBlockingStrings(const Report &report, Parameters parameters, const Streams &
   auto theirs = [&] {
     write();
     gsize length = 0;
-    GError *error = nullptr;
     g_autofree char *text = g_data_input_stream_read_line(lines.get(), &length, nullptr, &error);
     must(text && length == size - 1, error, "read line");
   };
-  report.race(parameters, {{"zelgvc", repeat(ours)}, {"GDataInputStream", repeat(theirs)}});
+  report.race({{"transport", transport},
+               {"stages", stages},
+               {"mode", "blocking"},
+               {"size", std::int64_t{size}}},
+              {{"zelgvc", repeat(ours)}, {"GDataInputStream", repeat(theirs)}});
 }
 
 void
 measureStrings(const Report &report)
 {
   for (auto transport : transports)
-    for (auto stages : {Stages::none, Stages::both}) {
+    for (const char *stages : {"plain", "both"}) {
       auto streams = streamsOn(connectSockets(transport), stages);
-      Parameters common = {{"transport", transportName(transport)}, {"stages", stagesName(stages)}};
-      raceAsyncStrings(report, common, streams);
-      raceBlockingStrings(report, common, streams);
+      AsyncPair ours(streams, stringsZelgvc);
+      AsyncPair lines(streams, stringsGDataInputStream);
+      for (const auto &mode : modes)
+        for (std::int64_t size : {16, 64, 256, 1024}) {
+          auto message = makeString(size);
+          report.race(
+              {{"transport", transport}, {"stages", stages}, {"mode", mode.name}, {"size", size}},
+              {checked("zelgvc", ours, mode, message.get()),
+               checked("GDataInputStream", lines, mode, message.get())});
+        }
+      raceBlockingStrings(report, transport, stages, streams);
     }
 }
 

@@ -4,50 +4,68 @@
 
 #include "links.h"
 
-#include <string_view>
-
 namespace bench
 {
+
+class AsyncEnd;
+
+// One way to move messages. send() and receive() start an operation, whose callback calls sent() or
+// received(). These finish it; they return false if they started another step of the same message.
+struct Method {
+  GInputStream *(*wrapInput)(GInputStream *base);
+  GOutputStream *(*wrapOutput)(GOutputStream *base);
+  void (*send)(AsyncEnd &end);
+  bool (*sent)(AsyncEnd &end, GAsyncResult *result, GError **error);
+  void (*receive)(AsyncEnd &end);
+  bool (*received)(AsyncEnd &end, GAsyncResult *result, GError **error);
+};
+
+// The library's message streams on any streams.
+extern const Method framesZelgvc;
+// Frames by hand with g_output_stream_write_all_async() and g_input_stream_read_all_async().
+extern const Method framesByHand;
+// Strings that end in a line feed; the message is the string.
+extern const Method stringsZelgvc;
+// GDataInputStream reads ahead into a buffer of its own.
+extern const Method stringsGDataInputStream;
 
 // One operation per direction may be in flight. Callbacks come from the main loop.
 class AsyncEnd
 {
 public:
-  explicit AsyncEnd(GIOStream *stream);
-  virtual ~AsyncEnd() = default;
+  AsyncEnd(GIOStream *stream, const Method &method);
 
-  // By default sends the bytes alone, with GIO's write_all_async().
-  virtual void send(GBytes *message);
-  virtual void receive() = 0;
+  void send(GBytes *message);
+  void receive();
 
-  std::function<void()> sent;
-  std::function<void(std::string_view message)> received;
+  std::function<void()> onSent;
+  std::function<void(GBytes *message)> onReceived;
 
-protected:
-  static void bytesWritten(GObject *out, GAsyncResult *result, gpointer self);
+  static void whenSent(GObject *, GAsyncResult *result, gpointer user_data);
+  static void whenReceived(GObject *, GAsyncResult *result, gpointer user_data);
 
-  Ref<GInputStream> _in;
-  Ref<GOutputStream> _out;
+  Ref<GInputStream> in;
+  Ref<GOutputStream> out;
+  GBytes *sending = nullptr;
+  Ref<GBytes> arrived;
+  // For frames by hand.
+  guint32 outPrefix = 0;
+  guint32 inPrefix = 0;
+  bool prefixSent = false;
+  void *data = nullptr; // of a message that is not there yet
+
+private:
+  Ref<GIOStream> _stream;
+  const Method &_method;
 };
-
-using MakeAsyncEnd = std::unique_ptr<AsyncEnd> (*)(GIOStream *stream);
-
-// The library's message streams on any stream.
-std::unique_ptr<AsyncEnd> framesZelgvc(GIOStream *stream);
-// Frames by hand with g_output_stream_write_all_async() and g_input_stream_read_all_async().
-std::unique_ptr<AsyncEnd> framesByHand(GIOStream *stream);
-// Strings that end in a line feed; the message is the string.
-std::unique_ptr<AsyncEnd> stringsZelgvc(GIOStream *stream);
-// GDataInputStream reads ahead into a buffer of its own.
-std::unique_ptr<AsyncEnd> stringsGDataInputStream(GIOStream *stream);
 
 // Both ends in one thread and one main loop: that of the thread-default main context.
 class AsyncPair
 {
 public:
-  AsyncPair(Streams streams, MakeAsyncEnd make);
+  AsyncPair(const Pair<GIOStream> &streams, const Method &method);
 
-  // Ends the program unless messages arrive as they were sent.
+  // Ends the program unless a message arrives as it was sent.
   void check(GBytes *message);
   // Writes each message after the one before, until all have arrived.
   void oneWay(GBytes *message, std::size_t times);
@@ -62,27 +80,20 @@ public:
   void start(GBytes *message, std::size_t times, std::size_t *unfinished);
 
 private:
-  void armNear();
-  void armFar();
   void prepare(GBytes *message, std::size_t times);
-  void sendNext();
   void nextRoundTrip();
   void stepDone();
-  void checkArrived(std::string_view message) const;
+  void checkArrived(GBytes *arrived) const;
 
-  Streams _streams;
-  std::unique_ptr<AsyncEnd> _near;
-  std::unique_ptr<AsyncEnd> _far;
+  AsyncEnd _near;
+  AsyncEnd _far;
   GBytes *_message = nullptr;
   std::size_t _toSend = 0;
   std::size_t _toReceive = 0;
   std::size_t *_unfinished = nullptr;
   int _steps = 0; // of a round trip that are not done yet
-  bool _sending = false;
   bool _checkContent = false;
-  bool _staysArmed = false;
-  bool _nearArmed = false;
-  bool _farArmed = false;
+  bool _armed = false;
 };
 
 } // namespace bench

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The LZO1X codec beside liblzo2 and LZ4, and the converters beside the bare codec.
 #include "corpora.h"
-#include "groups.h"
+#include "measure.h"
 #include "refs.h"
 
 #include "codec/lzo1x/lzo1x.h"
@@ -18,81 +18,67 @@ namespace bench
 namespace
 {
 
-// Both functions return the bytes they made.
+// Returns the bytes it made.
+using Function = std::size_t (*)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
+                                 std::size_t room);
+
 struct Codec {
   const char *name;
-  std::size_t (*encode)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
-                        std::size_t room);
-  std::size_t (*decode)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
-                        std::size_t room);
+  Function encode;
+  Function decode;
 };
 
 // Large enough for the encoder state of each codec.
 alignas(16) std::uint8_t workMemory[1 << 17];
 
-std::size_t
-bareEncode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  auto state = std::as_writable_bytes(std::span(workMemory));
-  return lzo1x::encode({in, size}, {out, room}, state.first(lzo1x::encoderStateSize(size))).size;
-}
+constexpr Codec bare = {
+    "codec",
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      auto state = std::as_writable_bytes(std::span(workMemory));
+      return lzo1x::encode({in, size}, {out, room}, state.first(lzo1x::encoderStateSize(size)))
+          .size;
+    },
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      return lzo1x::decode({in, size}, {out, room}).size;
+    }};
 
-std::size_t
-bareDecode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  return lzo1x::decode({in, size}, {out, room}).size;
-}
+constexpr Codec lzo = {
+    "lzo",
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t) {
+      lzo_uint written = 0;
+      lzo1x_1_compress(in, size, out, &written, workMemory);
+      return std::size_t{written};
+    },
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      lzo_uint written = room;
+      lzo1x_decompress_safe(in, size, out, &written, nullptr);
+      return std::size_t{written};
+    }};
 
-std::size_t
-lzoEncode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t)
-{
-  lzo_uint written = 0;
-  lzo1x_1_compress(in, size, out, &written, workMemory);
-  return written;
-}
-
-std::size_t
-lzoDecode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  lzo_uint written = room;
-  return lzo1x_decompress_safe(in, size, out, &written, nullptr) == LZO_E_OK ? written : 0;
-}
-
-std::size_t
-lz4Encode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  return static_cast<std::size_t>(LZ4_compress_fast_extState(
-      workMemory, reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
-      static_cast<int>(size), static_cast<int>(room), 1));
-}
-
-std::size_t
-lz4Decode(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  return static_cast<std::size_t>(
-      LZ4_decompress_safe(reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
-                          static_cast<int>(size), static_cast<int>(room)));
-}
+constexpr Codec lz4 = {
+    "lz4",
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      return static_cast<std::size_t>(LZ4_compress_fast_extState(
+          workMemory, reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
+          static_cast<int>(size), static_cast<int>(room), 1));
+    },
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      return static_cast<std::size_t>(
+          LZ4_decompress_safe(reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
+                              static_cast<int>(size), static_cast<int>(room)));
+    }};
 
 // The converters hold no state between blocks, so one of each is enough.
-std::size_t
-compress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  static auto *compressor = G_CONVERTER(gvc_compressor_new());
-  return convert(compressor, in, size, out, room);
-}
-
-std::size_t
-decompress(const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room)
-{
-  static auto *decompressor = G_CONVERTER(gvc_decompressor_new());
-  return convert(decompressor, in, size, out, room);
-}
-
-constexpr Codec bare = {"codec", bareEncode, bareDecode};
-constexpr Codec lzo = {"lzo", lzoEncode, lzoDecode};
-constexpr Codec lz4 = {"lz4", lz4Encode, lz4Decode};
-constexpr Codec converters = {"converter", compress, decompress};
+constexpr Codec converters = {
+    "converter",
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      static auto *compressor = G_CONVERTER(gvc_compressor_new());
+      return convert(compressor, in, size, out, room);
+    },
+    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+      static auto *decompressor = G_CONVERTER(gvc_decompressor_new());
+      return convert(decompressor, in, size, out, room);
+    }};
 
 // ---- Blocks of a corpus ----
 
@@ -173,30 +159,31 @@ parametersOf(const char *direction, const Corpus &corpus, std::size_t size)
           {"size", static_cast<std::int64_t>(size)}};
 }
 
-constexpr std::size_t allSizes[] = {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
-constexpr std::size_t quickSizes[] = {64, 4096, 65536};
-constexpr std::size_t quickConverterSizes[] = {4, 4096, 65536};
+std::vector<std::size_t>
+sizesOf(const Report &report, std::size_t small)
+{
+  if (report.effort.quick)
+    return {small, 4096, 65536};
+  return {4, 16, 64, 256, 1024, 4096, 16384, 65536, 262144, 1 << 20};
+}
 
 } // namespace
 
 void
 measureConverters(const Report &report)
 {
-  std::span<const std::size_t> sizes = allSizes;
-  if (report.effort().quick)
-    sizes = quickConverterSizes;
   for (const auto &corpus : corpora())
-    for (auto size : sizes) {
+    for (auto size : sizesOf(report, 4)) {
       if (!isTypical(corpus))
         continue;
       Blocks blocks{corpus.bytes, size};
       auto byConverter = blocks.encoded(converters);
       auto byCodec = blocks.encoded(bare);
-      if (auto parameters = parametersOf("compress", corpus, size); report.wants(parameters))
-        report.race(parameters, {blocks.encoding(converters), blocks.encoding(bare)});
-      if (auto parameters = parametersOf("decompress", corpus, size); report.wants(parameters))
-        report.race(parameters, {blocks.decoding("converter", converters, byConverter),
-                                 blocks.decoding("codec", bare, byCodec)});
+      report.race(parametersOf("compress", corpus, size),
+                  {blocks.encoding(converters), blocks.encoding(bare)});
+      report.race(parametersOf("decompress", corpus, size),
+                  {blocks.decoding("converter", converters, byConverter),
+                   blocks.decoding("codec", bare, byCodec)});
     }
 }
 
@@ -204,11 +191,8 @@ void
 measureCodec(const Report &report)
 {
   must(lzo_init() == LZO_E_OK, nullptr, "liblzo2");
-  std::span<const std::size_t> sizes = allSizes;
-  if (report.effort().quick)
-    sizes = quickSizes;
   for (const auto &corpus : corpora())
-    for (auto size : sizes) {
+    for (auto size : sizesOf(report, 64)) {
       Blocks blocks{corpus.bytes, size};
       auto byUs = blocks.encoded(bare);
       auto byLzo = blocks.encoded(lzo);
@@ -217,15 +201,14 @@ measureCodec(const Report &report)
         return 100.0 * static_cast<double>(encoded.bytes.size()) /
                static_cast<double>(corpus.bytes.size());
       };
-      if (auto parameters = parametersOf("encode", corpus, size); report.wants(parameters))
-        report.race(parameters, {blocks.encoding(bare), blocks.encoding(lzo), blocks.encoding(lz4)},
-                    {{"codec", percent(byUs)}, {"lzo", percent(byLzo)}, {"lz4", percent(byLz4)}});
-      if (auto parameters = parametersOf("decode", corpus, size); report.wants(parameters))
-        report.race(parameters,
-                    {blocks.decoding("codec", bare, byUs), blocks.decoding("lzo", lzo, byUs),
-                     blocks.decoding("codec on lzo's", bare, byLzo),
-                     blocks.decoding("lzo on lzo's", lzo, byLzo),
-                     blocks.decoding("lz4", lz4, byLz4)});
+      report.race(parametersOf("encode", corpus, size),
+                  {blocks.encoding(bare), blocks.encoding(lzo), blocks.encoding(lz4)},
+                  {{"codec", percent(byUs)}, {"lzo", percent(byLzo)}, {"lz4", percent(byLz4)}});
+      report.race(parametersOf("decode", corpus, size),
+                  {blocks.decoding("codec", bare, byUs), blocks.decoding("lzo", lzo, byUs),
+                   blocks.decoding("codec on lzo's", bare, byLzo),
+                   blocks.decoding("lzo on lzo's", lzo, byLzo),
+                   blocks.decoding("lz4", lz4, byLz4)});
     }
 }
 

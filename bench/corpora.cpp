@@ -7,35 +7,23 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 namespace bench
 {
 
-static std::vector<Corpus>
-readAll()
-{
-  const std::string index = CORPORA;
-  std::ifstream lines(index);
-  std::vector<Corpus> all;
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream fields(line);
-    Corpus corpus;
-    std::string name;
-    std::getline(fields, corpus.half, '\t');
-    std::getline(fields, corpus.name, '\t');
-    std::getline(fields, name, '\t');
-    std::ifstream file(index.substr(0, index.rfind('/') + 1) + name, std::ios::binary);
-    corpus.bytes.assign(std::istreambuf_iterator<char>(file), {});
-    all.push_back(std::move(corpus));
-  }
-  return all;
-}
-
 const std::vector<Corpus> &
 corpora()
 {
-  static const auto all = readAll();
+  static std::vector<Corpus> all;
+  std::ifstream index(CORPORA);
+  Corpus corpus;
+  if (all.empty())
+    for (std::string file;
+         index >> corpus.half >> file && std::getline(index >> std::ws, corpus.name);) {
+      std::ifstream content(file, std::ios::binary);
+      corpus.bytes.assign(std::istreambuf_iterator<char>(content), {});
+      all.push_back(corpus);
+    }
   return all;
 }
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Writes the corpora into the folder of the index that is named: 1 MiB of each kind, made here or
-found on the machine. The codec is tuned on one half of the kinds and judged on the other, which
-stays unseen until a change is done. The index lists them: half, name, file, description. A kind
-that the machine does not have is left out."""
+"""Writes the corpora beside the index whose path is given: 1 MiB of each kind, made here or found
+on the machine. We tune the codec on one half of the kinds. The judging half stays unseen until a
+change is done. Each line of the index has half, file and name. The script leaves out a kind that the
+machine does not have."""
 
 import ctypes
 import glob
@@ -29,7 +29,7 @@ WORDS = NOUNS + VERBS + ["primary", "audio", "left", "right", "the", "of", "a", 
 
 
 def until_full(make):
-    """What `make` returns, again and again."""
+    """1 MiB of the results of `make`."""
     parts = []
     size = 0
     while size < SIZE:
@@ -109,7 +109,7 @@ VOCABULARY = vocabulary(random.Random("words"), "eeeaaiioutnsrhldcmfpgwyb", 4000
 
 
 def prose(rng, most, vocabulary=None):
-    """Words as often as in a language: the n-th one in proportion to 1 / n."""
+    """Words with natural frequencies: the n-th word in proportion to 1 / n."""
     vocabulary = vocabulary or VOCABULARY
     return " ".join(vocabulary[int(len(vocabulary) ** rng.random()) - 1]
                     for _ in range(rng.randint(1, most)))
@@ -145,7 +145,7 @@ def utf16(rng):
 # Records
 
 def variants(rng):
-    """Messages as g_variant_get_data() has them, each at a multiple of 8."""
+    """Messages as g_variant_get_data() returns them, each aligned to 8 bytes."""
     glib = ctypes.CDLL("libglib-2.0.so.0")
     for name in ("g_variant_parse", "g_variant_get_data", "g_variant_type_new"):
         getattr(glib, name).restype = ctypes.c_void_p
@@ -200,7 +200,7 @@ def pixels_of(rows):
 
 
 def screen_flat(rng):
-    """Windows with borders, a gradient, and text in a font of hard edges."""
+    """Windows with borders, a gradient, and text without anti-aliasing."""
     rows = [[0x003A6EA5] * WIDTH for _ in range(HEIGHT)]
 
     def fill(x, y, width, height, colour):
@@ -227,7 +227,7 @@ def screen_flat(rng):
 
 
 def screen_text(rng):
-    """Strokes with soft edges, each glyph in four places between two pixels, dark on white."""
+    """Anti-aliased text, dark on white, each glyph at four subpixel positions."""
     def glyph(strokes, phase):
         picture = []
         for y in range(14):
@@ -259,7 +259,7 @@ def screen_text(rng):
 
 
 def screen_photograph(rng):
-    """Gradients under noise, as a camera sees them."""
+    """Gradients with noise, as in a photograph."""
     def channel(x, y, slope, phase):
         level = 128 + 90 * math.sin(x * slope + phase) * math.cos(y * slope * 0.7 + phase)
         return max(0, min(255, round(level + rng.gauss(0, 2))))
@@ -271,7 +271,7 @@ def screen_photograph(rng):
 # Other bytes
 
 def sound(rng):
-    """Two channels of 16 bits: notes that fade, and a little noise."""
+    """Stereo, 16 bits: fading notes with a little noise."""
     samples = []
     notes = []
     for frame in range(SIZE // 4):
@@ -343,8 +343,9 @@ def main():
             continue
         file = index.with_name(f"{index.stem}-{name.replace(' ', '-')}.bin")
         file.write_bytes(content)
-        lines.append(f"{half}\t{name}\t{file.name}\t{description}\n")
+        lines.append(f"{half} {file.absolute()} {name}\n")
     index.write_text("".join(lines), encoding="utf-8")
 
 
-main()
+if __name__ == "__main__":
+    main()

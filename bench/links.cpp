@@ -1,22 +1,18 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "links.h"
+#include "corpora.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cstring>
+#include <thread>
 
 namespace bench
 {
 
 // ---- Sockets ----
-
-const char *
-transportName(Transport transport)
-{
-  return transport == Transport::tcp ? "tcp" : "unix";
-}
 
 static Ref<GSocketConnection>
 wrapSocket(int fd)
@@ -27,51 +23,19 @@ wrapSocket(int fd)
   return Ref<GSocketConnection>(g_socket_connection_factory_create_connection(socket.get()));
 }
 
-static SocketPair
-connectUnix()
-{
-  int fds[2];
-  must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, nullptr, "socketpair");
-  return {wrapSocket(fds[0]), wrapSocket(fds[1])};
-}
-
-// A listener's port carries this many connections: a closed connection keeps its port for a minute.
-struct Listening {
-  Ref<GSocketListener> listener;
-  Ref<GSocketAddress> address;
-  unsigned left = 4096;
-};
-
-static Listening
-startListening()
-{
-  GError *error = nullptr;
-  Listening made{Ref<GSocketListener>(g_socket_listener_new()), nullptr};
-  Ref<GInetAddress> loopback(g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4));
-  Ref<GSocketAddress> wanted(g_inet_socket_address_new(loopback.get(), 0));
-  GSocketAddress *address = nullptr;
-  must(g_socket_listener_add_address(made.listener.get(), wanted.get(), G_SOCKET_TYPE_STREAM,
-                                     G_SOCKET_PROTOCOL_TCP, nullptr, &address, &error),
-       error, "listen");
-  made.address.reset(address);
-  return made;
-}
-
-static SocketPair
+static Pair<GSocketConnection>
 connectTcp()
 {
-  static Listening listening = startListening();
-  if (listening.left-- == 0)
-    listening = startListening();
-
+  static auto *listener = g_socket_listener_new();
+  static auto port = g_socket_listener_add_any_inet_port(listener, nullptr, nullptr);
   GError *error = nullptr;
   Ref<GSocketClient> client(g_socket_client_new());
   g_socket_client_set_enable_proxy(client.get(), FALSE);
-  SocketPair pair;
-  pair.near.reset(g_socket_client_connect(
-      client.get(), G_SOCKET_CONNECTABLE(listening.address.get()), nullptr, &error));
+  Pair<GSocketConnection> pair;
+  pair.near.reset(
+      g_socket_client_connect_to_host(client.get(), "127.0.0.1", port, nullptr, &error));
   must(pair.near != nullptr, error, "connect");
-  pair.far.reset(g_socket_listener_accept(listening.listener.get(), nullptr, nullptr, &error));
+  pair.far.reset(g_socket_listener_accept(listener, nullptr, nullptr, &error));
   must(pair.far != nullptr, error, "accept");
   for (auto *connection : {pair.near.get(), pair.far.get()})
     must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
@@ -81,48 +45,90 @@ connectTcp()
 }
 
 Sockets
-connectSockets(Transport transport)
+connectSockets(const std::string &transport)
 {
-  return std::make_shared<SocketPair>(transport == Transport::tcp ? connectTcp() : connectUnix());
+  if (transport == "tcp")
+    return std::make_shared<Pair<GSocketConnection>>(connectTcp());
+  int fds[2];
+  must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, nullptr, "socketpair");
+  return std::make_shared<Pair<GSocketConnection>>(
+      Pair<GSocketConnection>{wrapSocket(fds[0]), wrapSocket(fds[1])});
 }
 
-// ---- The library's channel ----
-
-const char *
-stagesName(Stages stages)
-{
-  const char *const names[] = {"by hand", "plain", "compressed", "encrypted", "both"};
-  return names[static_cast<int>(stages)];
-}
+// ---- Streams ----
 
 static Ref<GIOStream>
-makeStream(GSocketConnection *connection, Stages stages)
+streamOn(GSocketConnection *connection, const std::string &kind)
 {
-  if (stages == Stages::bare)
+  if (kind == "by hand")
     return share(G_IO_STREAM(connection));
 
   static const guint8 keyData[32] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
-  Ref<GvcConnection> channel(gvc_connection_new(connection));
-  if (stages == Stages::encryption || stages == Stages::both) {
+  auto *channel = gvc_connection_new(connection);
+  auto addStage = [&](gpointer in, gpointer out) {
+    gvc_connection_add_converters(channel, G_CONVERTER(in), G_CONVERTER(out));
+    g_object_unref(in);
+    g_object_unref(out);
+  };
+  if (kind == "encrypted" || kind == "both") {
     Ref<GBytes> key(g_bytes_new_static(keyData, sizeof keyData));
-    Ref<GvcDecryptor> in(gvc_decryptor_new(key.get()));
-    Ref<GvcEncryptor> out(gvc_encryptor_new(key.get()));
-    gvc_connection_add_converters(channel.get(), G_CONVERTER(in.get()), G_CONVERTER(out.get()));
+    addStage(gvc_decryptor_new(key.get()), gvc_encryptor_new(key.get()));
   }
-  if (stages == Stages::compression || stages == Stages::both) {
-    Ref<GvcDecompressor> in(gvc_decompressor_new());
-    Ref<GvcCompressor> out(gvc_compressor_new());
-    gvc_connection_add_converters(channel.get(), G_CONVERTER(in.get()), G_CONVERTER(out.get()));
-  }
-  return Ref<GIOStream>(G_IO_STREAM(channel.release()));
+  if (kind == "compressed" || kind == "both")
+    addStage(gvc_decompressor_new(), gvc_compressor_new());
+  return Ref<GIOStream>(G_IO_STREAM(channel));
 }
 
-Streams
-streamsOn(const Sockets &sockets, Stages stages)
+Pair<GIOStream>
+streamsOn(const Sockets &sockets, const std::string &kind)
 {
-  return std::make_shared<StreamPair>(
-      StreamPair{makeStream(sockets->near.get(), stages), makeStream(sockets->far.get(), stages)});
+  return {streamOn(sockets->near.get(), kind), streamOn(sockets->far.get(), kind)};
 }
+
+static std::string lastTls;
+
+static void
+shakeHands(GIOStream *stream)
+{
+  GError *error = nullptr;
+  must(g_tls_connection_handshake(G_TLS_CONNECTION(stream), nullptr, &error), error,
+       "TLS handshake");
+}
+
+static Pair<GIOStream>
+tlsOn(const Sockets &sockets)
+{
+  GError *error = nullptr;
+  Ref<GTlsCertificate> certificate(g_tls_certificate_new_from_file(CERTIFICATE, &error));
+  must(certificate != nullptr, error, "certificate (is glib-networking installed?)");
+  Pair<GIOStream> pair;
+  pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets->near.get()), nullptr, &error));
+  must(pair.near != nullptr, error, "TLS");
+  pair.far.reset(
+      g_tls_server_connection_new(G_IO_STREAM(sockets->far.get()), certificate.get(), &error));
+  must(pair.far != nullptr, error, "TLS");
+  auto acceptAny = +[](GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags,
+                       gpointer) -> gboolean { return TRUE; };
+  g_signal_connect(pair.near.get(), "accept-certificate", G_CALLBACK(acceptAny), nullptr);
+
+  std::thread peer(shakeHands, pair.far.get());
+  shakeHands(pair.near.get());
+  peer.join();
+
+  auto *tls = G_TLS_CONNECTION(pair.near.get());
+  g_autofree gchar *suite = g_tls_connection_get_ciphersuite_name(tls);
+  bool newest = g_tls_connection_get_protocol_version(tls) == G_TLS_PROTOCOL_VERSION_TLS_1_3;
+  lastTls = std::string(newest ? "TLS 1.3" : "TLS 1.2 or older") + ", " + (suite ? suite : "?");
+  return pair;
+}
+
+std::string
+tlsDescription()
+{
+  return lastTls;
+}
+
+// ---- Ends ----
 
 namespace
 {
@@ -130,10 +136,10 @@ namespace
 class ZelgvcEnd : public End
 {
 public:
-  explicit ZelgvcEnd(GIOStream *channel)
-      : _channel(share(channel)),
-        _in(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(channel))),
-        _out(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(channel)))
+  explicit ZelgvcEnd(Ref<GIOStream> channel)
+      : _channel(std::move(channel)),
+        _in(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(_channel.get()))),
+        _out(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(_channel.get())))
   {
   }
 
@@ -159,14 +165,42 @@ private:
   Ref<GvcBytesOutputStream> _out;
 };
 
-// ---- Frames by hand, on any pair of streams ----
+using SendFrame = bool (*)(GOutputStream *out, const guint32 *prefix, const void *data, gsize size,
+                           GError **error);
 
+bool
+twoWrites(GOutputStream *out, const guint32 *prefix, const void *data, gsize size, GError **error)
+{
+  return g_output_stream_write_all(out, prefix, sizeof *prefix, nullptr, nullptr, error) &&
+         g_output_stream_write_all(out, data, size, nullptr, nullptr, error);
+}
+
+bool
+gatheringWrite(GOutputStream *out, const guint32 *prefix, const void *data, gsize size,
+               GError **error)
+{
+  GOutputVector vectors[] = {{prefix, sizeof *prefix}, {data, size}};
+  return g_output_stream_writev_all(out, vectors, 2, nullptr, nullptr, error);
+}
+
+// For large messages, copying them would cost more than the TLS record that it saves.
+bool
+oneWrite(GOutputStream *out, const guint32 *prefix, const void *data, gsize size, GError **error)
+{
+  static thread_local guint8 frame[sizeof *prefix + (64 << 10)];
+  if (sizeof *prefix + size > sizeof frame)
+    return twoWrites(out, prefix, data, size, error);
+  std::memcpy(frame, prefix, sizeof *prefix);
+  std::memcpy(frame + sizeof *prefix, data, size);
+  return g_output_stream_write_all(out, frame, sizeof *prefix + size, nullptr, nullptr, error);
+}
+
+// Frames by hand, on any stream.
 class HandEnd : public End
 {
 public:
-  explicit HandEnd(GIOStream *stream)
-      : _stream(share(stream)), _in(g_io_stream_get_input_stream(stream)),
-        _out(g_io_stream_get_output_stream(stream))
+  HandEnd(Ref<GIOStream> stream, SendFrame sendFrame)
+      : _stream(std::move(stream)), _sendFrame(sendFrame)
   {
   }
 
@@ -176,7 +210,9 @@ public:
     gsize size;
     auto *data = g_bytes_get_data(message, &size);
     auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
-    sendFrame(&prefix, data, size);
+    GError *error = nullptr;
+    must(_sendFrame(g_io_stream_get_output_stream(_stream.get()), &prefix, data, size, &error),
+         error, "write");
   }
 
   Ref<GBytes>
@@ -190,191 +226,20 @@ public:
     return Ref<GBytes>(g_bytes_new_take(data, size));
   }
 
-protected:
-  virtual void
-  sendFrame(const guint32 *prefix, const void *data, gsize size)
-  {
-    write(prefix, sizeof *prefix);
-    write(data, size);
-  }
-
-  void
-  write(const void *data, gsize size)
-  {
-    GError *error = nullptr;
-    must(g_output_stream_write_all(_out, data, size, nullptr, nullptr, &error), error, "write");
-  }
-
+private:
   void
   read(void *data, gsize size)
   {
     GError *error = nullptr;
     gsize nread;
-    must(g_input_stream_read_all(_in, data, size, &nread, nullptr, &error) && nread == size, error,
+    auto *in = g_io_stream_get_input_stream(_stream.get());
+    must(g_input_stream_read_all(in, data, size, &nread, nullptr, &error) && nread == size, error,
          "read");
   }
 
   Ref<GIOStream> _stream;
-  GInputStream *_in;
-  GOutputStream *_out;
+  SendFrame _sendFrame;
 };
-
-class GatheringEnd : public HandEnd
-{
-public:
-  using HandEnd::HandEnd;
-
-protected:
-  void
-  sendFrame(const guint32 *prefix, const void *data, gsize size) override
-  {
-    GOutputVector vectors[] = {{prefix, sizeof *prefix}, {data, size}};
-    GError *error = nullptr;
-    must(g_output_stream_writev_all(_out, vectors, 2, nullptr, nullptr, &error), error, "writev");
-  }
-};
-
-// ---- Frames over TLS ----
-
-class TlsEnd : public HandEnd
-{
-public:
-  using HandEnd::HandEnd;
-
-protected:
-  // For large messages, copying them would cost more than the record that it saves.
-  void
-  sendFrame(const guint32 *prefix, const void *data, gsize size) override
-  {
-    constexpr gsize mostCopied = 64 << 10;
-    if (size > mostCopied) {
-      HandEnd::sendFrame(prefix, data, size);
-      return;
-    }
-    _frame.resize(sizeof *prefix + size);
-    std::memcpy(_frame.data(), prefix, sizeof *prefix);
-    std::memcpy(_frame.data() + sizeof *prefix, data, size);
-    write(_frame.data(), _frame.size());
-  }
-
-private:
-  std::vector<guint8> _frame;
-};
-
-class TlsZlibEnd : public TlsEnd
-{
-public:
-  explicit TlsZlibEnd(GIOStream *stream) : TlsEnd(stream)
-  {
-    Ref<GZlibDecompressor> inflate(g_zlib_decompressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW));
-    Ref<GZlibCompressor> deflate(g_zlib_compressor_new(G_ZLIB_COMPRESSOR_FORMAT_RAW, 1));
-    _inflating.reset(g_converter_input_stream_new(_in, G_CONVERTER(inflate.get())));
-    _deflating.reset(g_converter_output_stream_new(_out, G_CONVERTER(deflate.get())));
-    _in = _inflating.get();
-    _out = _deflating.get();
-  }
-
-protected:
-  void
-  sendFrame(const guint32 *prefix, const void *data, gsize size) override
-  {
-    TlsEnd::sendFrame(prefix, data, size);
-    GError *error = nullptr;
-    must(g_output_stream_flush(_out, nullptr, &error), error, "flush");
-  }
-
-private:
-  Ref<GInputStream> _inflating;
-  Ref<GOutputStream> _deflating;
-};
-
-std::string lastTls;
-
-void
-shakeHands(GIOStream *stream)
-{
-  GError *error = nullptr;
-  must(g_tls_connection_handshake(G_TLS_CONNECTION(stream), nullptr, &error), error,
-       "TLS handshake");
-}
-
-StreamPair
-startTls(const SocketPair &sockets)
-{
-  GError *error = nullptr;
-  Ref<GTlsCertificate> certificate(g_tls_certificate_new_from_file(CERTIFICATE, &error));
-  must(certificate != nullptr, error, "certificate (is glib-networking installed?)");
-  StreamPair pair;
-  pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets.near.get()), nullptr, &error));
-  must(pair.near != nullptr, error, "TLS");
-  pair.far.reset(
-      g_tls_server_connection_new(G_IO_STREAM(sockets.far.get()), certificate.get(), &error));
-  must(pair.far != nullptr, error, "TLS");
-  auto acceptAny = +[](GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags,
-                       gpointer) -> gboolean { return TRUE; };
-  g_signal_connect(pair.near.get(), "accept-certificate", G_CALLBACK(acceptAny), nullptr);
-
-  std::thread peer(shakeHands, pair.far.get());
-  shakeHands(pair.near.get());
-  peer.join();
-
-  auto *tls = G_TLS_CONNECTION(pair.near.get());
-  g_autofree gchar *suite = g_tls_connection_get_ciphersuite_name(tls);
-  bool newest = g_tls_connection_get_protocol_version(tls) == G_TLS_PROTOCOL_VERSION_TLS_1_3;
-  lastTls = std::string(newest ? "TLS 1.3" : "TLS 1.2 or older") + ", " + (suite ? suite : "?");
-  return pair;
-}
-
-template <typename Kind>
-SharedLink
-linkOver(const Sockets &sockets, const StreamPair &streams)
-{
-  return std::make_shared<Link>(Link{sockets, std::make_unique<Kind>(streams.near.get()),
-                                     std::make_unique<Kind>(streams.far.get())});
-}
-
-} // namespace
-
-std::string
-tlsDescription()
-{
-  return lastTls;
-}
-
-SharedLink
-linkZelgvc(const Sockets &sockets, Stages stages)
-{
-  return linkOver<ZelgvcEnd>(sockets, *streamsOn(sockets, stages));
-}
-
-SharedLink
-linkByHand(const Sockets &sockets)
-{
-  return linkOver<HandEnd>(sockets, *streamsOn(sockets, Stages::bare));
-}
-
-SharedLink
-linkGathering(const Sockets &sockets)
-{
-  return linkOver<GatheringEnd>(sockets, *streamsOn(sockets, Stages::bare));
-}
-
-SharedLink
-linkTls(const Sockets &sockets)
-{
-  return linkOver<TlsEnd>(sockets, startTls(*sockets));
-}
-
-SharedLink
-linkTlsZlib(const Sockets &sockets)
-{
-  return linkOver<TlsZlibEnd>(sockets, startTls(*sockets));
-}
-
-// ---- Moving messages ----
-
-namespace
-{
 
 void
 receiveOne(End &end, gsize size)
@@ -422,8 +287,7 @@ answered(const std::string &name, const SharedLink &link, GBytes *message, std::
          GBytes *answer)
 {
   auto peer = std::make_shared<Answering>(link, batch, answer);
-  auto size = g_bytes_get_size(answer ? answer : message);
-  auto once = [=] {
+  auto once = [=, size = g_bytes_get_size(answer ? answer : message)] {
     for (std::size_t i = 0; i < batch; i++)
       link->near->send(message);
     receiveOne(*link->near, size);
@@ -434,13 +298,35 @@ answered(const std::string &name, const SharedLink &link, GBytes *message, std::
 
 } // namespace
 
-void
-checkLink(const SharedLink &link, GBytes *message)
+SharedLink
+makeLink(const Sockets &sockets, const std::string &kind)
 {
+  SendFrame sendFrame = kind == "gathering" ? gatheringWrite
+                        : kind == "tls"     ? oneWrite
+                        : kind == "by hand" ? twoWrites
+                                            : nullptr;
+  auto streams =
+      kind == "tls" ? tlsOn(sockets) : streamsOn(sockets, kind == "gathering" ? "by hand" : kind);
+  auto makeEnd = [&](Ref<GIOStream> stream) -> std::unique_ptr<End> {
+    if (sendFrame)
+      return std::make_unique<HandEnd>(std::move(stream), sendFrame);
+    return std::make_unique<ZelgvcEnd>(std::move(stream));
+  };
+  auto link = std::make_shared<Link>(
+      Link{sockets, makeEnd(std::move(streams.near)), makeEnd(std::move(streams.far))});
+
   Answering peer(link, 1, nullptr);
-  link->near->send(message);
-  must(g_bytes_equal(link->near->receive().get(), message), nullptr, "a message came back changed");
+  static const auto data = source(1 << 20);
+  for (gsize size : {16, 1024, 65536, 1 << 20}) {
+    Ref<GBytes> message(g_bytes_new_static(data.data(), size));
+    link->near->send(message.get());
+    must(g_bytes_equal(link->near->receive().get(), message.get()), nullptr,
+         "a message came back changed");
+  }
+  return link;
 }
+
+// ---- Contenders ----
 
 Contender
 burst(const std::string &name, const SharedLink &link, const std::vector<GBytes *> &messages,

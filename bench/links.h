@@ -9,43 +9,28 @@
 
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace bench
 {
 
-enum class Transport { tcp, unixSocket };
+constexpr const char *transports[] = {"tcp", "unix"};
 
-constexpr Transport transports[] = {Transport::tcp, Transport::unixSocket};
-const char *transportName(Transport transport);
-
-struct SocketPair {
-  Ref<GSocketConnection> near;
-  Ref<GSocketConnection> far;
+template <typename T> struct Pair {
+  Ref<T> near;
+  Ref<T> far;
 };
 
 // Contenders that put the same bytes on the wire share one connection, because its cost depends on
 // its history: windows and acknowledgements above all.
-using Sockets = std::shared_ptr<SocketPair>;
+using Sockets = std::shared_ptr<Pair<GSocketConnection>>;
 
 // Over TCP both ends have TCP_NODELAY set, as GLib does since 2.80.
-Sockets connectSockets(Transport transport);
+Sockets connectSockets(const std::string &transport);
 
-// The stages between messages and socket; `bare` is no channel at all.
-enum class Stages { bare, none, compression, encryption, both };
-
-const char *stagesName(Stages stages);
-
-struct StreamPair {
-  Ref<GIOStream> near;
-  Ref<GIOStream> far;
-};
-
-using Streams = std::shared_ptr<StreamPair>;
-
-// A channel at each end, with the same key; for Stages::bare the sockets themselves.
-Streams streamsOn(const Sockets &sockets, Stages stages);
+// The streams of both ends. `kind` is the stages of a channel: "plain", "compressed", "encrypted"
+// or "both". "by hand" are the sockets themselves.
+Pair<GIOStream> streamsOn(const Sockets &sockets, const std::string &kind);
 
 // One end of a pair. Both ends may be used from different threads.
 class End
@@ -64,28 +49,20 @@ struct Link {
 
 using SharedLink = std::shared_ptr<Link>;
 
-// The library's channel with its message streams.
-SharedLink linkZelgvc(const Sockets &sockets, Stages stages);
-// Frames by hand: a write for the length and one for the message, a read for each.
-SharedLink linkByHand(const Sockets &sockets);
-// The same with one gathering write for both.
-SharedLink linkGathering(const Sockets &sockets);
-// Frames over TLS, in one write each, so that a frame is one TLS record.
-SharedLink linkTls(const Sockets &sockets);
-// The same over GIO's zlib converters at their fastest level, flushed after each message.
-SharedLink linkTlsZlib(const Sockets &sockets);
+// Kinds are those of streamsOn() and more peers:
+// "by hand": a write for the length and one for the message, a read for each;
+// "gathering": the same with one gathering write for both;
+// "tls": one write for a frame, so that it is one TLS record.
+// Ends the program unless a message arrives as it was sent.
+SharedLink makeLink(const Sockets &sockets, const std::string &kind);
 
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();
-
-// Ends the program unless a message arrives as it was sent.
-void checkLink(const SharedLink &link, GBytes *message);
 
 // In one thread: sends so many messages, then receives them. They must fit into the socket's
 // buffers. The messages take turns, and must outlive the contender.
 Contender burst(const std::string &name, const SharedLink &link,
                 const std::vector<GBytes *> &messages, std::size_t count);
-
 // A second thread receives, and answers the last of a batch of messages.
 Contender oneWay(const std::string &name, const SharedLink &link, GBytes *message);
 // A second thread sends back each message.

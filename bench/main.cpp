@@ -1,109 +1,53 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Measures groups of comparisons and prints a line of JSON for each row. run.py starts it.
-#include "groups.h"
+// zelgvc-bench [--quick] GROUP [VALUE...]: prints a line of JSON for each row of a group that has
+// all these values among its parameters. run.py starts it.
 #include "links.h"
-
-#include <gcrypt.h>
-#include <lz4.h>
-#include <lzo/lzo1x.h>
-#include <openssl/crypto.h>
 
 #include <cstdio>
 
-namespace
+// What run.py cannot know of this build.
+static void
+printBuild()
 {
-
-using bench::Report;
-
-struct Group {
-  const char *name;
-  void (*measure)(const Report &);
-};
-
-constexpr Group groups[] = {
-    {"blocking", bench::measureBlocking},     {"async", bench::measureAsync},
-    {"strings", bench::measureStrings},       {"channels", bench::measureChannels},
-    {"stages", bench::measureStages},         {"ciphers", bench::measureCiphers},
-    {"converters", bench::measureConverters}, {"codec", bench::measureCodec},
-};
-
-struct Single {
-  const char *name;
-  void (*measure)(const Report &, const std::vector<std::string> &);
-};
-
-constexpr Single singles[] = {
-    {"crowd", bench::measureCrowd},
-    {"memory", bench::measureMemory},
-    {"work", bench::measureWork},
-};
-
-// What run.py cannot know of the libraries that were measured.
-void
-printLibraries()
-{
-  const char *compiler =
 #ifdef __clang__
-      "clang ";
+  const char *compiler = "clang " __VERSION__;
 #else
-      "g++ ";
+  const char *compiler = "g++ " __VERSION__;
 #endif
-  std::printf("{\"group\": \"libraries\", \"compiler\": \"%s%s\", \"glib\": \"%u.%u.%u\", "
-              "\"libgcrypt\": \"%s\", \"openssl\": \"%s\", \"liblzo2\": \"%s\", \"lz4\": \"%s\", "
-              "\"tls\": \"%s\"}\n",
-              compiler, __VERSION__, glib_major_version, glib_minor_version, glib_micro_version,
-              gcry_check_version(nullptr), OpenSSL_version(OPENSSL_VERSION), lzo_version_string(),
-              LZ4_versionString(), bench::tlsDescription().c_str());
+  std::printf("{\"group\": \"build\", \"compiler\": \"%s\", \"tls\": \"%s\"}\n", compiler,
+              bench::tlsDescription().c_str());
 }
-
-} // namespace
 
 int
 main(int argc, char **argv)
 {
-  gboolean quick = FALSE;
-  g_auto(GStrv) only = nullptr;
-  g_auto(GStrv) words = nullptr;
-  const GOptionEntry entries[] = {
-      {"quick", 0, 0, G_OPTION_ARG_NONE, &quick, "Fewer sizes and shorter turns", nullptr},
-      {"only", 0, 0, G_OPTION_ARG_STRING_ARRAY, &only,
-       "Only rows with this parameter, tcp or 65536 for example; with all of them if repeated",
-       "VALUE"},
-      {G_OPTION_REMAINING, 0, 0, G_OPTION_ARG_STRING_ARRAY, &words, "", "GROUP [PARAMETER...]"},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
-  g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
-  g_option_context_add_main_entries(context, entries, nullptr);
-  g_autoptr(GError) error = nullptr;
-  if (!g_option_context_parse(context, &argc, &argv, &error) || !words) {
-    std::fprintf(stderr, "%s\n", error ? error->message : "no group");
+  const std::map<std::string, void (*)(const bench::Report &)> groups = {
+      {"blocking", bench::measureBlocking},
+      {"async", bench::measureAsync},
+      {"strings", bench::measureStrings},
+      {"channels", bench::measureChannels},
+      {"stages", bench::measureStages},
+      {"ciphers", bench::measureCiphers},
+      {"converters", bench::measureConverters},
+      {"codec", bench::measureCodec},
+      {"crowd", bench::measureCrowd},
+      {"memory", bench::measureMemory},
+      {"work", bench::measureWork},
+  };
+  std::vector<std::string> words(argv + 1, argv + argc);
+  bench::Effort effort;
+  if (!words.empty() && words[0] == "--quick") {
+    effort = {.quick = true, .rounds = 9, .slice = 0.001};
+    words.erase(words.begin());
+  }
+  auto group = groups.find(words.empty() ? "" : words[0]);
+  if (group == groups.end()) {
+    std::fprintf(stderr, "usage: zelgvc-bench [--quick] GROUP [VALUE...]\n");
     return 2;
   }
-
   gvc_init();
-  bench::Effort effort;
-  if (quick)
-    effort = {.quick = true, .rounds = 9, .slice = 0.001};
-  std::vector<std::string> wanted;
-  for (char **value = only; value && *value; value++)
-    wanted.emplace_back(*value);
-  std::string name = words[0];
-  Report report(name, effort, wanted);
-  if (name == "libraries") {
-    printLibraries();
-    return 0;
-  }
-  for (const auto &group : groups)
-    if (name == group.name) {
-      group.measure(report);
-      if (name == "channels")
-        printLibraries();
-      return 0;
-    }
-  for (const auto &single : singles)
-    if (name == single.name) {
-      single.measure(report, {words + 1, words + g_strv_length(words)});
-      return 0;
-    }
-  std::fprintf(stderr, "no group is named %s\n", words[0]);
-  return 2;
+  group->second({words[0], effort, {words.begin() + 1, words.end()}});
+  if (words[0] == "channels")
+    printBuild();
+  return 0;
 }

@@ -10,7 +10,9 @@
 namespace bench
 {
 
-double
+constexpr unsigned leastRounds = 7;
+
+static double
 medianOf(std::vector<double> values)
 {
   auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
@@ -65,7 +67,10 @@ playRound(const std::vector<Contender> &contenders, const std::vector<Turn> &tur
     rounds[i].push_back(medianOf(std::move(seconds[i])));
 }
 
-std::vector<std::vector<double>>
+// Seconds per operation of each contender, round by round. Every contender warms up and finds how
+// often it must run to fill its slice. A round counts as the median of its batches, which leaves
+// out interruptions by other programs.
+static std::vector<std::vector<double>>
 takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 {
   std::vector<Turn> turns;
@@ -109,19 +114,21 @@ textOf(const Value &value)
   return text ? *text : std::to_string(std::get<std::int64_t>(value));
 }
 
+// The items with commas between them.
+template <typename Items, typename TextOf>
 static std::string
-joined(const std::vector<std::string> &items)
+joined(const Items &items, TextOf textOfItem)
 {
   std::string text;
   for (const auto &item : items)
-    text += (text.empty() ? "" : ", ") + item;
+    text += (text.empty() ? "" : ", ") + textOfItem(item);
   return text;
 }
 
 bool
 Report::wants(const Parameters &parameters) const
 {
-  return std::all_of(_only.begin(), _only.end(), [&](const std::string &wanted) {
+  return std::all_of(values.begin(), values.end(), [&](const std::string &wanted) {
     return std::any_of(parameters.begin(), parameters.end(),
                        [&](const auto &parameter) { return textOf(parameter.second) == wanted; });
   });
@@ -131,37 +138,22 @@ void
 Report::race(const Parameters &parameters, const std::vector<Contender> &contenders,
              const Figures &figures) const
 {
-  auto rounds = takeTurns(contenders, _effort);
-  std::vector<std::string> seconds;
-  for (std::size_t i = 0; i < contenders.size(); i++) {
-    std::vector<std::string> values;
-    for (double each : rounds[i])
-      values.push_back(number(each));
-    seconds.push_back(quoted(contenders[i].name) + ": [" + joined(values) + "]");
-  }
-  printRow(parameters, joined(seconds), figures);
-}
-
-void
-Report::print(const Parameters &parameters, const Figures &figures) const
-{
-  printRow(parameters, "", figures);
-}
-
-void
-Report::printRow(const Parameters &parameters, const std::string &seconds,
-                 const Figures &figures) const
-{
-  std::vector<std::string> fields = {"\"group\": " + quoted(_group)};
-  for (const auto &[name, value] : parameters) {
-    auto text = textOf(value);
-    fields.push_back(quoted(name) + ": " + (value.index() == 0 ? text : quoted(text)));
-  }
-  std::vector<std::string> values;
-  for (const auto &[name, value] : figures)
-    values.push_back(quoted(name) + ": " + number(value));
-  std::printf("{%s, \"seconds\": {%s}, \"figures\": {%s}}\n", joined(fields).c_str(),
-              seconds.c_str(), joined(values).c_str());
+  if (!wants(parameters))
+    return;
+  auto rounds =
+      contenders.empty() ? std::vector<std::vector<double>>() : takeTurns(contenders, effort);
+  std::string row = "\"group\": " + quoted(_group);
+  for (const auto &[name, value] : parameters)
+    row +=
+        ", " + quoted(name) + ": " + (value.index() == 0 ? textOf(value) : quoted(textOf(value)));
+  auto seconds = joined(contenders, [&, i = 0U](const Contender &contender) mutable {
+    return quoted(contender.name) + ": [" + joined(rounds[i++], number) + "]";
+  });
+  auto others = joined(figures, [](const auto &figure) {
+    return quoted(figure.first) + ": " + number(figure.second);
+  });
+  std::printf("{%s, \"seconds\": {%s}, \"figures\": {%s}}\n", row.c_str(), seconds.c_str(),
+              others.c_str());
   std::fflush(stdout);
 }
 

@@ -23,8 +23,6 @@ struct Effort {
   unsigned batches = 8; // in which contenders take turns within a round
 };
 
-constexpr unsigned leastRounds = 7;
-
 // One way to do what is measured. run(n) does it n times, each with this many operations.
 struct Contender {
   std::string name;
@@ -43,48 +41,45 @@ repeat(Once once)
   };
 }
 
-double medianOf(std::vector<double> values);
-
-// Seconds per operation of each contender, round by round. Every contender warms up and finds how
-// often it must run to fill its slice. A round counts as the median of its batches, which leaves
-// out interruptions by other programs.
-std::vector<std::vector<double>> takeTurns(const std::vector<Contender> &contenders,
-                                           const Effort &effort);
-
 using Value = std::variant<std::int64_t, std::string>;
 using Parameters = std::vector<std::pair<std::string, Value>>;
 using Figures = std::map<std::string, double>;
 
-// The rows of one group.
+// The rows of one group. Only rows are measured that have all `values` among their parameters.
 class Report
 {
 public:
-  Report(std::string group, const Effort &effort, std::vector<std::string> only)
-      : _group(std::move(group)), _effort(effort), _only(std::move(only))
+  Report(std::string group, const Effort &effort, std::vector<std::string> values)
+      : effort(effort), values(std::move(values)), _group(std::move(group))
   {
   }
 
-  const Effort &
-  effort() const
-  {
-    return _effort;
-  }
-
-  // False for a row that was not asked for.
-  bool wants(const Parameters &parameters) const;
-
-  // Measures and prints a row. `figures` are further values that are not times.
+  // Measures and prints a row, if it is wanted. `figures` are values that are not times.
   void race(const Parameters &parameters, const std::vector<Contender> &contenders,
             const Figures &figures = {}) const;
-  void print(const Parameters &parameters, const Figures &figures) const;
+
+  const Effort effort;
+  const std::vector<std::string> values;
 
 private:
-  void printRow(const Parameters &parameters, const std::string &seconds,
-                const Figures &figures) const;
+  bool wants(const Parameters &parameters) const;
 
   std::string _group;
-  Effort _effort;
-  std::vector<std::string> _only;
 };
+
+// The groups.
+void measureBlocking(const Report &report);
+void measureChannels(const Report &report);
+void measureStages(const Report &report);
+void measureAsync(const Report &report);
+void measureStrings(const Report &report);
+void measureCiphers(const Report &report);
+void measureConverters(const Report &report);
+void measureCodec(const Report &report);
+
+// Rows that need a fresh process each, with all their parameters as values.
+void measureCrowd(const Report &report);
+void measureMemory(const Report &report);
+void measureWork(const Report &report);
 
 } // namespace bench

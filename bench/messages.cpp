@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // Blocking messages: beside frames by hand, beside TLS, and beside the conversions alone.
 #include "corpora.h"
-#include "groups.h"
 #include "links.h"
 
 #include <cstring>
@@ -9,98 +8,61 @@
 namespace bench
 {
 
-static Ref<GBytes>
-messageOf(const Bytes &data, std::int64_t size)
-{
-  return Ref<GBytes>(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
-}
-
 void
 measureBlocking(const Report &report)
 {
   auto data = source(1 << 16);
   for (auto transport : transports) {
     auto sockets = connectSockets(transport);
-    const std::pair<const char *, SharedLink> links[] = {
-        {"plain", linkZelgvc(sockets, Stages::none)},
-        {"both", linkZelgvc(sockets, Stages::both)},
-        {"gathering", linkGathering(sockets)},
-        {"two writes", linkByHand(sockets)}};
+    std::map<std::string, SharedLink> links;
+    for (const char *kind : {"plain", "both", "gathering", "by hand"})
+      links[kind] = makeLink(sockets, kind);
     for (std::int64_t size : {64, 1024, 65536}) {
-      Parameters parameters = {{"transport", transportName(transport)}, {"size", size}};
-      if (!report.wants(parameters))
-        continue;
-      auto message = messageOf(data, size);
+      Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
       std::vector<Contender> contenders;
-      for (const auto &[name, link] : links) {
-        checkLink(link, message.get());
-        contenders.push_back(burst(name, link, {message.get()}, 1));
-      }
-      report.race(parameters, contenders);
+      for (const auto &[kind, link] : links)
+        contenders.push_back(burst(kind, link, {message.get()}, 1));
+      report.race({{"transport", transport}, {"size", size}}, contenders);
     }
   }
 }
 
 // ---- Whole channels ----
 
-namespace
-{
-
-Contender
+static Contender
 burstOf16(const std::string &name, const SharedLink &link, GBytes *message)
 {
   return burst(name, link, {message}, 16);
 }
 
-struct Mode {
-  const char *name;
-  Contender (*contender)(const std::string &, const SharedLink &, GBytes *);
-  std::int64_t most; // bytes of message
-};
-
-constexpr Mode modes[] = {
-    {"one way", oneWay, INT64_MAX}, {"round trip", roundTrip, 1 << 20}, {"burst", burstOf16, 4096}};
-
-using NamedLinks = std::vector<std::pair<const char *, SharedLink>>;
-
-NamedLinks
-makeLinks()
-{
-  auto tcp = [] { return connectSockets(Transport::tcp); };
-  NamedLinks links = {{"by hand", linkByHand(tcp())}};
-  for (auto stages : {Stages::none, Stages::compression, Stages::encryption, Stages::both})
-    links.emplace_back(stagesName(stages), linkZelgvc(tcp(), stages));
-  links.emplace_back("tls", linkTls(tcp()));
-  links.emplace_back("tls+zlib", linkTlsZlib(tcp()));
-  return links;
-}
-
-} // namespace
-
 void
 measureChannels(const Report &report)
 {
-  // zlib is too slow for larger messages.
-  constexpr std::int64_t mostForZlib = 1 << 20;
-  std::vector<std::int64_t> sizes = {16,    64,      256,     1024,    4096,
-                                     65536, 1 << 20, 8 << 20, 64 << 20};
-  if (report.effort().quick)
+  struct Mode {
+    const char *name;
+    Contender (*contender)(const std::string &, const SharedLink &, GBytes *);
+    std::int64_t most; // bytes of message
+  };
+  constexpr Mode modes[] = {{"one way", oneWay, INT64_MAX},
+                            {"round trip", roundTrip, 1 << 20},
+                            {"burst", burstOf16, 4096}};
+  std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 65536, 1 << 20, 8 << 20, 64 << 20};
+  if (report.effort.quick)
     sizes = {64, 1024, 65536, 1 << 20, 8 << 20};
   auto data = source(static_cast<std::size_t>(sizes.back()));
-  auto links = makeLinks();
+  std::map<std::string, SharedLink> links;
+  for (const char *kind : {"by hand", "plain", "compressed", "encrypted", "both", "tls"})
+    links[kind] = makeLink(connectSockets("tcp"), kind);
+
   for (const auto &mode : modes)
     for (auto size : sizes) {
-      Parameters parameters = {{"mode", mode.name}, {"size", size}};
-      if (size > mode.most || !report.wants(parameters))
+      if (size > mode.most)
         continue;
-      auto message = messageOf(data, size);
+      Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
       std::vector<Contender> contenders;
-      for (const auto &[name, link] : links)
-        if (size <= mostForZlib || std::strcmp(name, "tls+zlib") != 0) {
-          checkLink(link, message.get());
-          contenders.push_back(mode.contender(name, link, message.get()));
-        }
-      report.race(parameters, contenders);
+      for (const auto &[kind, link] : links)
+        contenders.push_back(mode.contender(kind, link, message.get()));
+      report.race({{"mode", mode.name}, {"size", size}}, contenders);
     }
 }
 
@@ -137,14 +99,11 @@ public:
     must(left == size, nullptr, "the conversions made a message of another length");
   }
 
-  // Ends the program unless the message comes out as it was.
-  void
-  check(GBytes *message)
+  bool
+  restored(GBytes *message) const
   {
-    run(message);
-    must(std::memcmp(_buffers[3].data(), g_bytes_get_data(message, nullptr),
-                     g_bytes_get_size(message)) == 0,
-         nullptr, "the conversions changed a message");
+    return std::memcmp(_buffers[3].data(), g_bytes_get_data(message, nullptr),
+                       g_bytes_get_size(message)) == 0;
   }
 
 private:
@@ -164,12 +123,10 @@ private:
 void
 measureStages(const Report &report)
 {
-  auto link = linkZelgvc(connectSockets(Transport::unixSocket), Stages::both);
+  auto link = makeLink(connectSockets("unix"), "both");
   for (std::size_t size : {std::size_t{64}, std::size_t{1024}, largest})
     for (const auto &corpus : corpora()) {
-      Parameters parameters = {{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}};
-      bool shown = size == largest ? isTypical(corpus) : corpus.name == "source";
-      if (!shown || !report.wants(parameters))
+      if (size == largest ? !isTypical(corpus) : corpus.name != "source")
         continue;
       std::vector<Ref<GBytes>> owned;
       std::vector<GBytes *> messages;
@@ -178,13 +135,13 @@ measureStages(const Report &report)
         messages.push_back(owned.back().get());
       }
       Conversions conversions;
-      conversions.check(messages.front());
-      checkLink(link, messages.front());
+      conversions.run(messages[0]);
+      must(conversions.restored(messages[0]), nullptr, "the conversions changed a message");
       auto convertNext = [&, at = std::size_t{0}]() mutable {
         conversions.run(messages[at++ % messages.size()]);
       };
-      report.race(parameters, {burst("both", link, messages, 1),
-                               {"conversions", repeat(convertNext)}});
+      report.race({{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}},
+                  {burst("both", link, messages, 1), {"conversions", repeat(convertNext)}});
     }
 }
 
