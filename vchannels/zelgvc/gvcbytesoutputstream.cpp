@@ -128,7 +128,7 @@ gvc_bytes_output_stream_init(GvcBytesOutputStream *)
 GvcBytesOutputStream *
 gvc_bytes_output_stream_new(GOutputStream *base_stream)
 {
-  g_return_val_if_fail(G_IS_OUTPUT_STREAM(base_stream), nullptr);
+  g_return_val_if_fail(G_IS_OUTPUT_STREAM (base_stream), nullptr);
 
   return GVC_BYTES_OUTPUT_STREAM(
       g_object_new(GVC_TYPE_BYTES_OUTPUT_STREAM, "base-stream", base_stream, nullptr));
@@ -154,7 +154,7 @@ gboolean
 gvc_bytes_output_stream_put_bytes(GvcBytesOutputStream *stream, GBytes *bytes,
                                   GCancellable *cancellable, GError **error)
 {
-  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM (stream), FALSE);
   g_return_val_if_fail(bytes != NULL, FALSE);
 
   auto *out = G_OUTPUT_STREAM(stream);
@@ -186,7 +186,7 @@ gboolean
 gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *variant,
                                     GCancellable *cancellable, GError **error)
 {
-  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM(stream), FALSE);
+  g_return_val_if_fail(GVC_IS_BYTES_OUTPUT_STREAM (stream), FALSE);
   g_return_val_if_fail(variant != NULL, FALSE);
 
   g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(variant);

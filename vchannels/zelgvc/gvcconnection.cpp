@@ -52,13 +52,6 @@ get_private(gpointer self)
       gvc_connection_get_instance_private(GVC_CONNECTION(self)));
 }
 
-// g_io_stream_get_input_stream() and its sibling crash without a stream.
-static gboolean
-check_is_io_stream(GSocketConnection *connection, const char *getter)
-{
-  return gvc::check_as_gio(connection != nullptr, getter, "G_IS_IO_STREAM (stream)");
-}
-
 static gboolean
 is_tcp(GSocket *socket)
 {
@@ -83,10 +76,13 @@ adopt_connection(GvcConnectionPrivate *priv, GSocketConnection *connection)
 {
   priv->connection = connection;
 
+  constexpr char check[] = "G_IS_IO_STREAM (stream)";
+  gboolean holds = connection != nullptr;
   auto *stream = G_IO_STREAM(connection);
-  if (check_is_io_stream(connection, "g_io_stream_get_input_stream"))
+  // GIO's getters crash without a stream.
+  if (gvc::check_as_gio(holds, "g_io_stream_get_input_stream", check))
     priv->in = G_INPUT_STREAM(g_object_ref(g_io_stream_get_input_stream(stream)));
-  if (check_is_io_stream(connection, "g_io_stream_get_output_stream"))
+  if (gvc::check_as_gio(holds, "g_io_stream_get_output_stream", check))
     priv->out = G_OUTPUT_STREAM(g_object_ref(g_io_stream_get_output_stream(stream)));
 
   if (connection)
@@ -96,30 +92,21 @@ adopt_connection(GvcConnectionPrivate *priv, GSocketConnection *connection)
 static void
 gvc_connection_set_property(GObject *object, guint prop_id, const GValue *value, GParamSpec *pspec)
 {
-  switch (prop_id) {
-  case PROP_CONNECTION:
-    adopt_connection(get_private(object),
-                     static_cast<GSocketConnection *>(g_value_dup_object(value)));
-    break;
-  default:
+  if (prop_id == PROP_CONNECTION)
+    adopt_connection(get_private(object), G_SOCKET_CONNECTION(g_value_dup_object(value)));
+  else
     gvc::warn_invalid_property(gvc::connection_file, gvc::connection_setter_line, object, prop_id,
                                pspec);
-    break;
-  }
 }
 
 static void
 gvc_connection_get_property(GObject *object, guint prop_id, GValue *value, GParamSpec *pspec)
 {
-  switch (prop_id) {
-  case PROP_CONNECTION:
+  if (prop_id == PROP_CONNECTION)
     g_value_set_object(value, get_private(object)->connection);
-    break;
-  default:
+  else
     gvc::warn_invalid_property(gvc::connection_file, gvc::connection_getter_line, object, prop_id,
                                pspec);
-    break;
-  }
 }
 
 static void

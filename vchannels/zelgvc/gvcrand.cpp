@@ -116,9 +116,10 @@ initialise(IppsPRNGState *prng)
 GvcRand *
 gvc_rand_new(void)
 {
-  auto *prng = allocate<IppsPRNGState>(prng_size());
+  int size = prng_size();
+  auto *prng = allocate<IppsPRNGState>(size);
   if (!initialise(prng)) {
-    wipe_and_free(prng, prng_size());
+    wipe_and_free(prng, size);
     return nullptr;
   }
 

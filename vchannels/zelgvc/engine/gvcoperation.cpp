@@ -45,19 +45,6 @@ Operation<D>::next_part()
   return more_urgent ? Next::turn : Next::again;
 }
 
-// The socket does not become readable for input that a stage holds.
-static Next
-wait_for(GInputStream *stream)
-{
-  return gvc::stages_hold_input(stream) ? Next::turn : Next::ready;
-}
-
-static Next
-wait_for(GOutputStream *)
-{
-  return Next::ready;
-}
-
 template <class D>
 Next
 Operation<D>::failed()
@@ -73,8 +60,10 @@ Operation<D>::blocked_or_failed()
   if (!g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK))
     return failed();
   g_clear_error(&error_);
-  return g_cancellable_set_error_if_cancelled(cancellable(), &error_) ? Next::done
-                                                                      : wait_for(target_);
+  if (g_cancellable_set_error_if_cancelled(cancellable(), &error_))
+    return Next::done;
+  // The socket does not become readable for input that a stage holds.
+  return D::holds_input(target_) ? Next::turn : Next::ready;
 }
 
 template <class D>
@@ -178,7 +167,8 @@ Operation<D>::wait(Next what)
   } else if (what == Next::ready) {
     wait_ready();
   } else {
-    attach(g_idle_source_new(), turn_callback);
+    attach(g_idle_source_new(),
+           [](gpointer self) { return static_cast<Operation *>(self)->resume(Next::turn); });
   }
 }
 
@@ -191,19 +181,17 @@ Operation<D>::wait_ready()
   while (auto *below = stage_base(bottom))
     bottom = below;
 
-  if (!wait_for_socket(bottom, task_, priority_, {socket_ready, this}))
-    attach(D::create_source(reinterpret_cast<typename D::Pollable *>(bottom), cancellable()),
-           G_SOURCE_FUNC(ready_callback));
-}
-
-template <class D>
-void
-Operation<D>::socket_ready(gpointer user_data)
-{
-  auto *self = static_cast<Operation *>(user_data);
-
-  self->starting_ = FALSE;
-  self->run(Next::again);
+  auto socket_ready = [](gpointer self) {
+    static_cast<Operation *>(self)->starting_ = FALSE;
+    static_cast<Operation *>(self)->run(Next::again);
+  };
+  if (wait_for_socket(bottom, task_, priority_, {socket_ready, this}))
+    return;
+  auto ready = [](GObject *, gpointer self) {
+    return static_cast<Operation *>(self)->resume(Next::ready);
+  };
+  attach(D::create_source(reinterpret_cast<typename D::Pollable *>(bottom), cancellable()),
+         G_SOURCE_FUNC(static_cast<GPollableSourceFunc>(ready)));
 }
 
 // The source takes over the reference to the task.
@@ -231,20 +219,6 @@ Operation<D>::resume(Next what)
   run(ended_ ? Next::done : changing_part_ ? next_part() : Next::again);
   dispatched_ = Next::done;
   return keep_source_;
-}
-
-template <class D>
-gboolean
-Operation<D>::turn_callback(gpointer self)
-{
-  return static_cast<Operation *>(self)->resume(Next::turn);
-}
-
-template <class D>
-gboolean
-Operation<D>::ready_callback(GObject *, gpointer self)
-{
-  return static_cast<Operation *>(self)->resume(Next::ready);
 }
 
 template <class D>

@@ -97,9 +97,6 @@ private:
   void wait_ready();
   void attach(GSource *source, GSourceFunc callback);
   gboolean resume(Next what);
-  static gboolean turn_callback(gpointer self);
-  static gboolean ready_callback(GObject *, gpointer self);
-  static void socket_ready(gpointer self);
 
   Stream *lowest_busy_ = nullptr; // the pending flag is set from stream_ down to here
   Next dispatched_ = Next::done;  // what the source that is running now has waited for

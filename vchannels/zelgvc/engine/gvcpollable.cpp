@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcpollable.h"
-#include "gvcinputstage.h"
 #include "gvcoutputstage.h"
 
 #include <cerrno>
@@ -80,18 +79,6 @@ source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
 
 // ---- Filters ----
 
-static gboolean
-holds_input(GInputStream *stream)
-{
-  return gvc::stages_hold_input(stream);
-}
-
-static gboolean
-holds_input(GOutputStream *)
-{
-  return FALSE;
-}
-
 template <class D>
 static gboolean
 filter_can_poll(typename D::Pollable *filter)
@@ -104,7 +91,7 @@ template <class D>
 static gboolean
 filter_is_ready(typename D::Pollable *filter)
 {
-  return holds_input(reinterpret_cast<typename D::Stream *>(filter)) ||
+  return D::holds_input(reinterpret_cast<typename D::Stream *>(filter)) ||
          D::is_ready(pollable_base<D>(filter));
 }
 
@@ -113,7 +100,7 @@ static gboolean
 needs_no_wait(gpointer filter)
 {
   auto *stream = static_cast<typename D::Stream *>(filter);
-  return holds_input(stream) || D::is_closed(stream) || D::is_closed(base_of<D>(filter));
+  return D::holds_input(stream) || D::is_closed(stream) || D::is_closed(base_of<D>(filter));
 }
 
 template <class D>

@@ -4,7 +4,7 @@
 // without worker threads.
 #pragma once
 
-#include <gio/gio.h>
+#include "gvcinputstage.h"
 
 namespace gvc
 {
@@ -24,6 +24,7 @@ struct Input {
   static constexpr auto can_poll = g_pollable_input_stream_can_poll;
   static constexpr auto is_ready = g_pollable_input_stream_is_readable;
   static constexpr auto create_source = g_pollable_input_stream_create_source;
+  static constexpr auto holds_input = stages_hold_input;
   static constexpr auto move_async = &GInputStreamClass::read_async;
   static constexpr auto ready_method = &GPollableInputStreamInterface::is_readable;
   static constexpr auto move_method = &GPollableInputStreamInterface::read_nonblocking;
@@ -43,6 +44,7 @@ struct Output {
   static constexpr auto can_poll = g_pollable_output_stream_can_poll;
   static constexpr auto is_ready = g_pollable_output_stream_is_writable;
   static constexpr auto create_source = g_pollable_output_stream_create_source;
+  static constexpr auto holds_input = [](GOutputStream *) { return FALSE; };
   static constexpr auto move_async = &GOutputStreamClass::write_async;
   static constexpr auto ready_method = &GPollableOutputStreamInterface::is_writable;
   static constexpr auto move_method = &GPollableOutputStreamInterface::write_nonblocking;
