@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Any bytes encoded, after one byte that says how much less room than the worst case there is: the
-// result fits and decodes to the same bytes, here and in the plain reference decoder, or there was
-// no room.
+// Encodes any bytes, after one byte by which the room is less than the worst case. The result fits
+// and decodes to the same bytes, also in the reference decoder, or there was no room.
 #include "codec/lzo1x/lzo1x.h"
 #include "tests/codec/lzo1xreference.h"
 
@@ -17,8 +16,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     return 0;
   const std::size_t inSize = size - 1;
   const std::unique_ptr<std::uint8_t[]> in(new std::uint8_t[inSize]);
-  if (inSize > 0)
-    std::memcpy(in.get(), data + 1, inSize);
+  std::copy_n(data + 1, inSize, in.get());
   const std::size_t worst = lzo1x::worstCase(inSize);
   const std::size_t room = worst - std::min<std::size_t>(worst, data[0]);
   const std::unique_ptr<std::uint8_t[]> stream(new std::uint8_t[room]);
@@ -35,11 +33,10 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const std::unique_ptr<std::uint8_t[]> out(new std::uint8_t[inSize]);
   const auto decoded = lzo1x::decode({stream.get(), encoded.size}, {out.get(), inSize});
   const auto plain = referenceDecode(stream.get(), encoded.size, inSize);
-  if (decoded.status != lzo1x::Status::ok || decoded.size != inSize || !plain.has_value() ||
-      plain->size() != inSize)
-    std::abort();
-  if (inSize > 0 && (std::memcmp(out.get(), in.get(), inSize) != 0 ||
-                     std::memcmp(plain->data(), in.get(), inSize) != 0))
+  const std::span<const std::uint8_t> expected(in.get(), inSize);
+  if (decoded.status != lzo1x::Status::ok || !plain.has_value() ||
+      !std::ranges::equal(expected, std::span(out.get(), decoded.size)) ||
+      !std::ranges::equal(expected, *plain))
     std::abort();
   return 0;
 }

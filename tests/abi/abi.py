@@ -171,7 +171,7 @@ def header_compiles(header, dialect):
 
 
 def installed(scratch):
-    toolchain.capture("meson", "install", "-C", BUILD, "--no-rebuild", "--destdir", scratch)
+    toolchain.capture("meson", "install", "-C", BUILD, "--destdir", scratch)
     (package,) = pathlib.Path(scratch).rglob("zelgvc.pc")
     return package
 
