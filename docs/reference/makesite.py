@@ -41,38 +41,26 @@ def page_names(docs):
     return list(dict.fromkeys([START, *listed, *others]))
 
 
-class Page:
-    """Turns one page into what gi-docgen reads."""
-
-    def __init__(self, path, linker):
-        self.path = path
-        self.linker = linker
-        self.complaints = []
-
-    def symbol(self, match):
-        return self.linker.link(match[1], match[0])
-
-    def local_link(self, match):
+def convert(path, linker, dead):
+    """Turns a page into what gi-docgen reads, and adds its dead links to `dead`."""
+    def local_link(match):
         text, target, anchor = match.groups()
-        if not (self.path.parent / target).exists() and not target.endswith(".html"):
-            self.complaints.append(f"{self.path}: dead link to {target}")
+        if not (path.parent / target).exists() and not target.endswith(".html"):
+            dead.append(f"{path}: dead link to {target}")
         if "/" in target:  # A file of the sources, which the site does not have.
             return text
         target = re.sub(r"\.md$", ".html", target.replace(START, "index.md"))
         return f"[{text}]({target}{anchor or ''})"
 
-    def line(self, line):
-        return line if line.startswith("#") else SYMBOL.sub(self.symbol, line)
+    def symbols(line):
+        return line if line.startswith("#") else SYMBOL.sub(lambda m: linker.link(m[1], m[0]), line)
 
-    def convert(self):
-        text = self.path.read_text()
-        parts = FENCED.split(text)
-        for i in range(0, len(parts), 2):
-            linked = LOCAL_LINK.sub(self.local_link, parts[i])
-            parts[i] = "\n".join(map(self.line, linked.split("\n")))
-        title = re.search(r"^# (.*)", text, re.MULTILINE)[1]
-        header = "" if text.startswith("Title:") else f"Title: {title}\n\n"
-        return header + "".join(parts)
+    text = path.read_text()
+    parts = FENCED.split(text)
+    for i in range(0, len(parts), 2):
+        parts[i] = "\n".join(map(symbols, LOCAL_LINK.sub(local_link, parts[i]).split("\n")))
+    title = re.search(r"^# (.*)", text, re.MULTILINE)[1]
+    return ("" if text.startswith("Title:") else f"Title: {title}\n\n") + "".join(parts)
 
 
 class Sections(html.parser.HTMLParser):
@@ -129,15 +117,6 @@ def symbol_pages(out):
     return names
 
 
-def prepare(docs, pages, linker, target):
-    complaints = []
-    for name in pages:
-        page = Page(docs / name, linker)
-        (target / name).write_text(page.convert())
-        complaints += page.complaints
-    return complaints + [f"docs: {name} does not exist" for name in linker.dead]
-
-
 def start_page(page, introduction):
     """Puts the introduction in place of the bare heading, and leaves out fields without a value."""
     body = INTRODUCTION.search(introduction)[0]
@@ -163,14 +142,6 @@ def finish_page(page, pages_list):
     return page
 
 
-def follow_colour_scheme(plot):
-    """Inverts a plot that knows no dark mode of its own."""
-    if "prefers-color-scheme" in plot:
-        return plot
-    return plot.replace(">", "><style>@media (prefers-color-scheme: dark) "
-                        "{ svg { filter: invert(1) hue-rotate(180deg); } }</style>", 1)
-
-
 def finish(docs, out):
     start = out / "README.html"
     index = start_page((out / "index.html").read_text(), start.read_text())
@@ -183,24 +154,26 @@ def finish(docs, out):
     for path in out.glob("*.devhelp2"):
         path.write_text(re.sub(r'<sub name="[^"]*" link="README.html" />', "", path.read_text()))
     for path in docs.glob("*.svg"):
-        (out / path.name).write_text(follow_colour_scheme(path.read_text()))
+        shutil.copy(path, out)
     with open(out / "style.css", "a") as style:
         style.write((HERE / "site.css").read_text())
     shutil.copy(HERE / "search.js", out)
     entries = json.dumps(list(search_entries(out, symbol_pages(out))), ensure_ascii=False)
     (out / "index.js").write_text(f"onSearchIndex({entries});\n")
     for unused in "index.json", "fzy.js":
-        (out / unused).unlink()
+        (out / unused).unlink(missing_ok=True)
 
 
 def main(gi_docgen, config, gir, docs, out, depfile):
     docs, out = pathlib.Path(docs), pathlib.Path(out)
     pages = page_names(docs)
+    linker, dead = linkify.Linker(linkify.known_links(gir)), []
     with tempfile.TemporaryDirectory() as scratch:
-        linker = linkify.Linker(linkify.known_links(gir))
-        complaints = prepare(docs, pages, linker, pathlib.Path(scratch))
-        if complaints:
-            sys.exit("\n".join(complaints))
+        for name in pages:
+            pathlib.Path(scratch, name).write_text(convert(docs / name, linker, dead))
+        dead += [f"{docs}: {name} does not exist" for name in linker.dead]
+        if dead:
+            sys.exit("\n".join(dead))
         toml = pathlib.Path(scratch, "config.toml")
         content = f"\n[extra]\ncontent_files = {json.dumps(pages)}\n"
         toml.write_text(pathlib.Path(config).read_text() + content)
