@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""What the built library is to those who link it: its symbols, what it needs, its headers, its
+"""Checks the built library as a linked program sees it: its symbols, its needs, its headers, its
 installed files.
 
 usage: abi.py LIBRARY SOURCE_ROOT BUILD_ROOT PUBLIC_HEADER...

@@ -116,7 +116,7 @@ def allocated():
 
 
 def run_python(code):
-    """What a program that does this writes to standard error."""
+    """Runs these lines as a program and returns its standard error."""
     prologue = "import gi\ngi.require_version('ZelGvc', '1.0')\n"
     prologue += "from gi.repository import Gio, GLib, GObject, ZelGvc\n"
     done = subprocess.run(
@@ -617,7 +617,7 @@ class Life(TestCase):
         self.assertEqual(callback.source.read_bytes_finish(result).get_data(), b"late")
 
     def growth(self, step, count=10000):
-        """What a step leaves allocated, in bytes, on an average of `count`."""
+        """The bytes that a step leaves allocated, as an average of `count` steps."""
         for _ in range(count // 10):
             step()
         gc.collect()
@@ -628,7 +628,7 @@ class Life(TestCase):
         return (allocated() - before) / count
 
     def binding_growth(self):
-        """What PyGObject itself leaves behind of an asynchronous call, measured with GIO's own."""
+        """The bytes that PyGObject itself leaks in an asynchronous call, measured with one of GIO."""
         stream = Gio.MemoryInputStream.new_from_bytes(GLib.Bytes.new(bytes(8)))
 
         def step():

@@ -188,7 +188,7 @@ def damaged(case):
 
 
 def unused_channels():
-    """What a channel sends that carries no message, once it closes."""
+    """The bytes of a channel that carries no message and closes."""
     for stages, size in (("", 0), ("c", 8), ("e", 24), ("ce", 48), ("ee", 64)):
         stages = ["encrypt" if stage == "e" else "compress" for stage in stages]
         case = {"stages": stages, "key": make.KEY.hex(), "key-length": 256}

@@ -204,8 +204,6 @@ assert_string_message(const Message &message, const char *string, gsize length)
   g_assert_cmpmem(string, length, expected.data(), expected.size());
 }
 
-/* ---- Blocking ---- */
-
 void
 put(End &end, const Message &message)
 {
@@ -263,8 +261,8 @@ get(End &end, const Message &message)
   }
 }
 
-// What a reader meets where the peer has closed: on a staged channel the missing header of the
-// next block or record.
+// The error of a reader whose peer has closed. On a staged channel the header of the next block or
+// record is missing.
 void
 assert_channel_end(const Stages &stages, Error &error)
 {
@@ -526,6 +524,8 @@ framed(ByteView message)
 {
   return join({little_endian(message.size(), 4), message});
 }
+
+/* ---- Blocking ---- */
 
 void
 test_blocking(gconstpointer data)
@@ -797,7 +797,7 @@ test_hundred_channels(gconstpointer data)
 
 /* ---- The bytes on the wire ---- */
 
-// What a channel sends, taken apart by OpenSSL and liblzo2.
+// OpenSSL and liblzo2 take apart the bytes that a channel sends.
 void
 test_wire_of_what_is_sent(gconstpointer data)
 {
@@ -857,7 +857,7 @@ test_wire_of_an_unused_channel(gconstpointer data)
   g_assert_cmpuint(plain.size(), ==, 0);
 }
 
-// What OpenSSL and liblzo2 have made, received by a channel.
+// A channel receives bytes that OpenSSL and liblzo2 made.
 void
 test_wire_of_what_is_received(gconstpointer data)
 {

@@ -30,7 +30,7 @@ constexpr gsize most_events = 6;
 // Under valgrind and the like.
 constexpr gsize most_events_slowly = 4;
 
-// What else differs between two runs of the same schedule.
+// Further differences between two runs of the same schedule.
 struct World {
   bool gio;   // GIO's own calls on the message streams, not the message calls
   bool whole; // the peer ends by closing its socket, not only its sending side
@@ -89,7 +89,7 @@ convert_units(GConverter *converter, std::string *from)
   return result;
 }
 
-// What a peer makes of the bytes from the wire.
+// How a peer reads the bytes from the wire.
 class Decoder
 {
 public:
@@ -570,7 +570,7 @@ Host::play(char event)
   check_progress();
 }
 
-// What may not be in flight once the main loop is dry.
+// Operations that may not be in flight once the main loop has nothing to do.
 void
 Host::check_progress()
 {

@@ -12,8 +12,6 @@ using namespace support;
 namespace
 {
 
-/* ---- First use ---- */
-
 constexpr gsize racers = 16;
 constexpr int rounds = 25; /* each in a process of its own */
 
@@ -223,6 +221,8 @@ race_first_objects()
   for (auto &thread : threads)
     thread.join();
 }
+
+/* ---- First use ---- */
 
 void
 test_types_together()

@@ -275,7 +275,7 @@ addFile(std::vector<Bytes> &files, const char *path)
   g_free(content);
 }
 
-// This program, the libraries that it has loaded, and headers where there are some.
+// This program, its loaded libraries, and headers if there are any.
 const std::vector<Bytes> &
 realFiles()
 {
@@ -703,8 +703,8 @@ testReachOfMatches()
     g_assert_cmpuint(encodedSizeOfTwice(twice, distance) + 20, >, encodedSizeOfTwice(twice, 49152));
 }
 
-// What the encoder remembers moves on with it in large inputs: repeats are found wherever they
-// stand, also behind a match that is larger than all that it can look back.
+// The encoder's window moves with it in large inputs. It finds repeats anywhere, also behind a
+// match that is larger than the window.
 void
 testReachInLargeInputs()
 {
@@ -770,8 +770,8 @@ testChangesOfKeys()
   }
 }
 
-// What follows a pixel differs more than the pixel, so the latest place that begins like this one
-// says little about what comes.
+// The bytes behind a pixel differ more than the pixel. So the latest place with the same beginning
+// is a poor match.
 void
 testRepeatedShapes()
 {
@@ -837,7 +837,7 @@ testEveryInstruction()
   g_assert_cmpuint(valid, >, 10000);
 }
 
-// What the instructions of the three long forms mean, said once more in numbers.
+// The meaning of the three long forms of instructions, stated once more in numbers.
 void
 testFormsByHand()
 {

@@ -127,7 +127,7 @@ testGoldenStreams()
     EXPECT(take(file, quick) && take(file, best) && take(file, ours));
     for (const Bytes &stream : {quick, best, ours})
       checkStream(stream, content);
-    // What is written does not depend on the machine.
+    // The encoder writes the same bytes on every machine.
     EXPECT(encoded(content) == ours);
   }
   std::fclose(file);

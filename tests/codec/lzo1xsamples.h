@@ -38,7 +38,7 @@ fewSymbols(Random &random, std::size_t size)
   return bytes;
 }
 
-// Pieces of what stands before, at all kinds of distances, and noise in between.
+// Copies of earlier pieces, at all kinds of distances, with noise between them.
 inline Bytes
 repeats(Random &random, std::size_t size)
 {

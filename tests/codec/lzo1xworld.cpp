@@ -296,7 +296,7 @@ eachMiddleOrFarMatch(const Stream &stream, bool far, const Visit &visit)
               });
 }
 
-// What says the distance of the end marker.
+// The bytes that encode the distance of the end marker.
 void
 eachFalseEnd(const Stream &stream, const Visit &visit)
 {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What an operation on a message does beside moving its bytes: whom it lets run in between, how it
-// ends when its stream is odd or is closed below it, and what it leaves for the next one.
+// Operations on messages beside moving bytes: their turns in the main loop, how they end if the
+// stream is odd or is closed below them, and the state that they leave for the next one.
 #include "tests/support/faulty.h"
 
 #include <sys/socket.h>
@@ -91,8 +91,6 @@ frame_through_stages(int stages, const std::string &payload)
 {
   return faulty::through_stages(stages, {le32(static_cast<guint32>(payload.size())), payload});
 }
-
-/* ---- Priorities ---- */
 
 constexpr int urgent = -100;
 constexpr int between = -50; // less urgent than the length, more so than the payload
@@ -199,8 +197,8 @@ constexpr gsize most_in_a_turn = 8 * mebibyte;
 // Between two ticks of a timer, a main loop that gets its turns cannot read this much.
 constexpr gsize most_between_ticks = 256 * mebibyte;
 
-// What one read without blocking gets from `wire`, which comes in so many pieces and an error,
-// through a stage, as from GIO's converter stream.
+// Returns the result of one read without blocking. `wire` comes in so many pieces and an error,
+// through a stage or through GIO's converter stream.
 std::string
 read_at_once(const std::string &wire, guint pieces, const std::function<Ref<GConverter>()> &make)
 {
@@ -366,6 +364,8 @@ read_with_bad_type(int stages, const BadType &bad)
     g_assert_cmpstr(g_variant_get_string(variant.get(), nullptr), ==, expected);
   }
 }
+
+/* ---- Priorities ---- */
 
 // The length has had its turn when the other source gets its own, and the payload has not.
 void
@@ -677,7 +677,7 @@ test_source_waits_for_the_rest_of_a_unit(int stages)
   g_assert_cmpint(in_vain, <=, 2 * most_in_vain);
 }
 
-// What is_readable() says of the channel and of a message stream over it.
+// is_readable() of the channel and of a message stream over it.
 void
 test_readable_while_a_stage_holds_input(int stages)
 {

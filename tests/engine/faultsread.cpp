@@ -238,7 +238,7 @@ const Operation close_plain_async = {
           error));
     }};
 
-/* ---- What must hold ---- */
+/* ---- Expectations ---- */
 
 bool
 is_one_of(const Operation &operation, std::initializer_list<const Operation *> list)
@@ -295,7 +295,7 @@ assert_goes_on(const Case &one, Rig &rig, bool untouched)
     assert_bytes(*again.value, expected_value(one.operation));
 }
 
-/* What an operation makes of a stream that ends after `got` bytes, with no stage. */
+/* How an operation ends if its stream ends after `got` bytes, with no stage. */
 void
 assert_end(const Operation &operation, gsize got, Outcome &outcome)
 {
@@ -371,7 +371,7 @@ test_end(const Case &one)
           assert_end(one.operation, rig.faults().delivered(), outcome);
         } else if (is_one_of(one.operation, {&splice_plain, &splice_plain_async}) &&
                    outcome.value) {
-          /* It ended where it would have ended anyway. */
+          /* It has ended as it would without the fault. */
           g_assert_cmpuint(rig.faults().delivered(), ==, rig.faults().wire.size());
         } else {
           outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);

@@ -19,7 +19,7 @@ enum class Departure {
 const std::string payload = pattern(60, 21);
 const std::string message = frame(payload);
 
-/* What closing the descriptor will be to the other end. */
+/* How the other end sees the descriptor closed. */
 void
 set_departure(int fd, Departure departure)
 {
@@ -63,8 +63,6 @@ private:
   RawPeer peer_;
   Ref<GvcConnection> channel_;
 };
-
-/* ---- Reading ---- */
 
 struct ReadCase {
   bool async;
@@ -191,6 +189,8 @@ write_through_gio(Rig &rig, GError **error)
              ? std::optional<std::string>("")
              : std::nullopt;
 }
+
+/* ---- Reading ---- */
 
 void
 test_read(const ReadCase &one)

@@ -93,7 +93,7 @@ const Operation write_plain = {
                                                   nullptr, rig.cancellable(), error));
     }};
 
-/* What GIO's own asynchronous write has accepted need not have left yet: a flush sees to that. */
+/* GIO's own asynchronous write may succeed before its bytes have left. A flush sends them. */
 const Operation write_plain_async = {
     "write-and-flush-async", Way::gio_async, [](Rig &rig, GError **error) {
       GAsyncResult *result = rig.await([&](GAsyncReadyCallback ready, gpointer data) {
@@ -184,7 +184,7 @@ const Operation close_channel_async = {
           error));
     }};
 
-/* ---- What must hold ---- */
+/* ---- Expectations ---- */
 
 void
 set_chunk(Rig &rig)
@@ -192,8 +192,8 @@ set_chunk(Rig &rig)
   rig.faults().chunk = rig.stages() == 0 ? 25 : 61;
 }
 
-/* What the peer gets is what was accepted of the first attempt, and after it all of the second:
- * nothing is lost in between, and nothing comes twice. */
+/* The peer gets the accepted part of the first attempt and then all of the second one: no byte is
+ * lost, and none comes twice. */
 void
 assert_first_part_then_whole(const Rig &rig)
 {
@@ -287,7 +287,7 @@ test_flush(const Case &one)
   });
 }
 
-/* What could not leave when a stream was closed is lost, and the stream is closed all the same. */
+/* A stream that cannot send its bytes when it closes loses them, and is closed nevertheless. */
 void
 test_close(const Case &one)
 {

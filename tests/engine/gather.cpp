@@ -19,7 +19,7 @@ namespace
 
 constexpr gsize blocked = G_MAXSIZE; // a limit: this call would block
 
-// What it has been asked for, and what it does about it.
+// The requests that it got, and how it answers them.
 struct Sink {
   using Sizes = std::vector<gsize>;
   std::vector<Sizes> calls; // the sizes of the vectors of each
@@ -165,7 +165,7 @@ brackets()
   });
 }
 
-// What a write becomes on the wire: each stage converts at most 1 MiB at once.
+// The bytes of a write on the wire: each stage converts at most 1 MiB at once.
 std::string
 write_on_wire(const std::string &data, int stages)
 {
@@ -272,7 +272,7 @@ send_over_tcp(const Case &one)
   return {frames, segments};
 }
 
-/* ---- Who is asked how often ---- */
+/* ---- Number of calls ---- */
 
 // The length and the payload reach the stream in one call, as vectors of their own; what stages
 // have made of them may lie in one piece.
@@ -333,7 +333,7 @@ test_two_writes_where_nothing_gathers(const Case &one)
 
 /* ---- Calls that take a part ---- */
 
-// Whatever each call takes, and whether it blocks in between.
+// For any number of bytes in each call, with and without blocking in between.
 void
 test_partial_calls_lose_nothing(const Case &one)
 {

@@ -14,8 +14,6 @@ using namespace faulty;
 namespace
 {
 
-/* ---- Allocations that fail ---- */
-
 std::atomic<guint> allocations;
 std::atomic<guint> failing_allocation; /* counted from 1; 0 for none */
 
@@ -171,7 +169,7 @@ struct Sender {
       Error error;
       g_assert_false(
           gvc_bytes_output_stream_put_bytes_finish(stream.get(), collectors[i]->wait(), &error));
-      /* A cancelled task says so even where it had been refused. */
+      /* A cancelled task reports that, even if it had been refused. */
       g_assert_true(g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED) ||
                     (i > 0 && g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_PENDING)));
     }
@@ -201,6 +199,8 @@ struct SlowCase {
  * take is 500 MiB. */
 constexpr gsize most_for_one = 8 * block;
 
+/* ---- Allocations that fail ---- */
+
 void
 test_allocation(const MemoryCase &one)
 {
@@ -226,7 +226,7 @@ test_allocation(const MemoryCase &one)
       return;
     }
     outcome.error.assert_is(G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
-    /* The payload is still there for whoever knows what to do with it, and the stream closes. */
+    /* The payload can still be read, and the stream can be closed. */
     Error error;
     if (!one.cut) {
       std::string rest(payload.size(), '\0');

@@ -38,7 +38,7 @@ struct Stage {
     end();
   }
 
-  // What the peer has got once the stage is closed.
+  // The peer's bytes once the stage is closed.
   std::string
   close()
   {
@@ -180,7 +180,7 @@ test_errors_are_those_of_the_converter()
   }
 }
 
-// What a refused write brought is forgotten; what was kept before it is not.
+// The stage drops the bytes of a refused write, and keeps earlier ones.
 void
 test_refused_write_leaves_what_was_kept()
 {

@@ -192,7 +192,7 @@ warm_up(Pair &pair)
   read.expect("warm");
 }
 
-/* ---- What the main loop does ---- */
+/* ---- Main loop ---- */
 
 GPollFunc real_poll;
 std::function<void()> before_poll;
@@ -465,7 +465,7 @@ test_pending()
   assert_quiet();
 }
 
-/* What arrives on a channel that nobody reads is no work for the loop. */
+/* Data on a channel that nobody reads is no work for the loop. */
 void
 test_unread()
 {

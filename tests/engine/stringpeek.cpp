@@ -91,7 +91,7 @@ struct Line {
   {
     return g_socket_connection_get_socket(peer.connection());
   }
-  // What is behind the last string, read from the stream below by itself.
+  // The bytes behind the last string, read from the base stream itself.
   void
   assert_next(std::string_view expected)
   {
@@ -205,7 +205,7 @@ run_base_test(const std::pair<BaseTest, Base> &one)
   one.first(one.second);
 }
 
-/* ---- What is taken ---- */
+/* ---- Consumed bytes ---- */
 
 void
 test_nothing_behind_the_terminator(const Case &one)
@@ -314,7 +314,7 @@ test_peer_that_has_closed(const Case &one)
 
 /* ---- Waiting, which only the asynchronous reader does in the main loop ---- */
 
-// Whatever has come of a string, a silent peer leaves the main loop at rest.
+// A silent peer leaves the main loop idle, whatever part of a string has arrived.
 void
 test_silent_peer(Base base)
 {

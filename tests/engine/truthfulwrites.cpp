@@ -23,8 +23,6 @@ turn_main_loop(const Collector &collector)
     g_main_context_iteration(nullptr, FALSE);
 }
 
-/* ---- Asynchronous writes to a slow peer ---- */
-
 // Each returns how many bytes the operation has reported as written.
 struct AsyncWrite {
   const char *name;
@@ -241,7 +239,7 @@ until_exclamation_mark()
   });
 }
 
-// What comes of the same calls over the library's stage and over the running GLib's.
+// The results of the same calls over the library's stage and over the running GLib's.
 std::vector<std::string>
 calls_after_the_end(bool library, std::string_view last)
 {
@@ -304,6 +302,8 @@ struct Hoarder {
     });
   }
 };
+
+/* ---- Asynchronous writes to a slow peer ---- */
 
 // The peer reads late, and only as much as lets the writer go on, so that the socket buffers are
 // full when the callback comes. All that the peer ever gets has been sent by then.
@@ -513,8 +513,8 @@ test_retried_writes(gconstpointer stages)
     test_retried_write(GPOINTER_TO_INT(stages), library, cancel, at);
 }
 
-// What a failed write has left with the stage is sent, and so is another write that follows: only
-// the same bytes are taken for a retry.
+// The stage sends the bytes that a failed write left in it, and then another write. Only the same
+// bytes count as a retry.
 void
 test_other_write_after_a_failed_one(gconstpointer stages)
 {
@@ -703,7 +703,7 @@ main(int argc, char **argv)
                  test_nothing_taken_by_one_nonblocking_write);
   add_for_stages("retried-write-sends-each-byte-once/failed", test_retried_writes<true, false>);
   add_for_stages("retried-write-sends-each-byte-once/cancelled", test_retried_writes<true, true>);
-  // GIO's own streams lose bytes where there are two.
+  // GIO's own streams lose bytes if there are two.
   g_test_add_data_func("/truthful-writes/retried-write-sends-each-byte-once/failed/gio",
                        GINT_TO_POINTER(1), test_retried_writes<false, false>);
   g_test_add_data_func("/truthful-writes/retried-write-sends-each-byte-once/cancelled/gio",

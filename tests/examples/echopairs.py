@@ -24,7 +24,7 @@ class Server:
         self.port = self.process.stdout.readline().strip()
 
     def stop(self):
-        """What it had to complain about."""
+        """Its text on standard error."""
         self.process.terminate()
         return self.process.communicate(timeout=WATCHDOG)[1].strip()
 

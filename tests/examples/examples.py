@@ -126,7 +126,7 @@ def serves_many_callers_at_once():
 
 
 def peers_that_differ_fail(serving, calling):
-    """Whatever stages the two sides do not share, both end with an error of their own."""
+    """If the two sides do not have the same stages, each ends with an error of its own."""
     with Pair("--timeout", "2", *serving) as pair:
         status, output, complaints = pair.call("--timeout", "2", *calling)
         assert status == 1, (status, output)

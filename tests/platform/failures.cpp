@@ -87,7 +87,7 @@ functions_called()
   return functions;
 }
 
-// What the code writes to standard error.
+// Returns the text that the code writes to standard error.
 template <typename Code>
 std::string
 standard_error_of(Code code)

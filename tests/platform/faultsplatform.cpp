@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// Whole channels over a platform whose n-th call fails, whatever function that is.
+// Whole channels over a platform whose n-th call fails, for any function.
 #include "tests/support/faulty.h"
 #include "tests/platform/ippdouble.h"
 
@@ -66,7 +66,7 @@ const Operation get_async = {
           error));
     }};
 
-/* ---- What must come of it ---- */
+/* ---- Expected outcomes ---- */
 
 /* Which call of `function` the n-th call of all was. */
 unsigned

@@ -1350,7 +1350,7 @@ assertBroken(const Bytes &payload, std::size_t room)
   g_assert_cmpint(decodeStatus(payload, room), ==, ippStsBrokenStreamErr);
 }
 
-// What a payload that is not recognised as chunks must give: what a plain stream's decoder gives.
+// A payload that is not recognised as chunks must decode as a plain stream does.
 static void
 assertReadAsOneStream(const Bytes &payload, std::size_t room)
 {

@@ -226,7 +226,7 @@ runGenerator(Recorder &recorder)
   return ippStsNoErr;
 }
 
-// What both directions of the codec do once their arguments are good.
+// Both directions of the codec do this if their arguments are valid.
 IppStatus
 store(Recorder &recorder, IppStatus whenTooSmall, Ipp32u *count)
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// A double of the platform functions, linked in place of them, that fails where a test says so.
+// A double of the platform functions, linked in place of them, that fails on demand.
 //
 // Left alone it works, with toys: the cipher XORs each block with the folded key and the block
 // before it, the generator is a 64-bit mixer over the seed, and the codec stores its input as it
@@ -40,7 +40,7 @@ enum class Function {
   count,
 };
 
-// What one function does from now on. Calls are counted from 1 since reset().
+// The behaviour of one function from now on. Calls count from 1 since reset().
 struct Plan {
   unsigned failFrom = 0;         // the first call that fails; 0 for none
   unsigned failTimes = 1;        // how many calls fail from there
@@ -51,7 +51,7 @@ struct Plan {
   std::optional<Ipp32u> produced;           // the count that the codec reports
 };
 
-// One call, as it was made. What a function has no argument for stays empty.
+// One call. Members for which the function has no argument stay empty.
 struct Call {
   Function function = Function::count;
   IppStatus status = ippStsNoErr; // what it returned

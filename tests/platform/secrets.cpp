@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What is left of secrets in the memory of a process once the objects that had them are gone.
+// Looks for secrets in the memory of a process after the objects that held them are gone.
 //
 // Every case is a process of its own. A child that it forks makes the secrets and hands them over
 // masked, so that nothing but the case itself puts them into its memory. The case runs on a stack
@@ -47,7 +47,7 @@ bool is_secret_time; // GLib asks for the time too, before and after a case
 
 } // namespace
 
-// The library finds this clock. During a case its seconds are secret and stand still.
+// The library finds this clock. During a case its seconds are secret and do not change.
 extern "C" int
 gettimeofday(struct timeval *__restrict now, void *__restrict) noexcept
 {
@@ -243,7 +243,7 @@ public:
     return *this;
   }
 
-  // What a masked word of memory is, or NULL.
+  // The name of the secret in a masked word of memory, or NULL.
   const Needle *
   find(guint64 masked) const
   {
@@ -290,7 +290,7 @@ writable_memory()
   return ranges;
 }
 
-// How often one of the needles stands in writable memory.
+// Counts the needles in writable memory.
 unsigned
 count_needles(const Needles &needles, bool report)
 {
@@ -653,7 +653,7 @@ run_decompressor()
   explicit_bzero(text, sizeof text);
 }
 
-// The sender forgets everything. What it sent lies in the socket, with the kernel.
+// The sender forgets everything. Sent bytes are in the kernel's buffers.
 void
 run_sending_channel()
 {

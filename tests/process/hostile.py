@@ -55,7 +55,7 @@ HANDSHAKE = b"TLS"  # a turn of both sides
 Turn = collections.namedtuple("Turn", "side data")
 
 
-# What goes over the wire.
+# The bytes on the wire.
 
 
 def frame(data, announced=None):
@@ -243,7 +243,7 @@ class Process:
         with open(top / "lines" if talks else os.devnull, "rb") as lines:
             self.popen = subprocess.Popen(words, cwd=self.home, stdin=lines, stdout=self.files[0],
                                           stderr=self.files[1], env=os.environ | QUIET)
-        # So that a crowd comes to the end of them soon.
+        # So that a crowd uses them up soon.
         with contextlib.suppress(ProcessLookupError):
             resource.prlimit(self.popen.pid, resource.RLIMIT_NOFILE, (DESCRIPTORS, DESCRIPTORS))
         self.begun, self.time, self.peak = time.monotonic(), None, 0
@@ -265,7 +265,7 @@ class Process:
         return b"".join(os.pread(each.fileno(), 1 << 20, 0) for each in self.files).decode("latin1")
 
     def complaint(self):
-        """What it said last on standard error."""
+        """The last line on standard error."""
         lines = os.pread(self.files[1].fileno(), 1 << 20, 0).decode("latin1").splitlines()
         lines = [line for line in lines if not re.match("listening|connected|stored", line)]
         return lines[-1] if lines else ""
@@ -413,7 +413,7 @@ class Peer:
             self.sock = context.wrap_socket(self.sock, server_side=True)
 
     def take(self, count):
-        """What the victim says. Measured times make a message longer or shorter."""
+        """The messages of the victim. Measured times make them longer or shorter."""
         self.sock.settimeout(1)
         with contextlib.suppress(TimeoutError):
             while count > 0 and (data := self.sock.recv(min(count, 1 << 20))):
@@ -421,7 +421,7 @@ class Peer:
         self.sock.settimeout(WATCHDOG)
 
     def rest(self):
-        """What an honest peer would say next, turn by turn, and again from the beginning."""
+        """The next bytes of an honest peer, turn by turn, and again from the beginning."""
         own = [turn.data for turn in self.turns if turn.side == self.side]
         last = len([turn for turn in self.turns[: self.phase] if turn.side == self.side])
         return own[last:] + own or [bytes(64)]
@@ -475,7 +475,7 @@ def drip(peer):
 
 def empty_units(peer):
     unit = {"": bytes(4), "c": bytes(8), "e": bytes(24)}[peer.victim.layers[-1:]]
-    # What a victim without a deadline has not read by the end of the attack it reads afterwards.
+    # After the attack a victim without a deadline reads the remaining bytes.
     return itertools.repeat((unit * 1000, 0), *[] if peer.bounded else [50])
 
 
@@ -682,7 +682,7 @@ def cases(top, victim):
         yield from (((load,), 0) for load in LOADS)
 
 
-# What came of it.
+# The outcome.
 
 
 def run_all(top):

@@ -12,7 +12,7 @@ namespace
 {
 
 constexpr guint many_pairs = 5000;
-/* What the program has open beside its sockets, with some to spare. */
+/* Descriptors beside the sockets, with some to spare. */
 constexpr rlim_t other_descriptors = 100;
 
 /* A channel with both ends, and a message under way in each direction. */

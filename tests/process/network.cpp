@@ -47,7 +47,7 @@ struct Scenario {
   Plan plan;
   Event event = Event::none;
   gsize event_after = 0; /* so many bytes have been delivered from client to server */
-  /* What must have happened to packets for the scenario to deserve its name. */
+  /* The least that must have happened to packets in this scenario. */
   guint64 Tally::*effect = &Tally::forwarded;
 };
 
@@ -136,7 +136,7 @@ talks_of(const Scenario &scenario)
   return talks;
 }
 
-/* ---- What has to come out ---- */
+/* ---- Expected outcomes ---- */
 
 bool
 is_error(const Outcome &outcome, GQuark domain, int code)

@@ -23,7 +23,7 @@ namespace
 {
 
 constexpr char device[] = "link0";
-/* What waits behind a slow line; more is lost, as in any router. */
+/* The queue in front of a slow line. It drops what exceeds it, as any router does. */
 constexpr gsize most_waiting = 200;
 
 std::string

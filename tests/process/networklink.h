@@ -28,7 +28,7 @@ struct Faults {
   int mtu = 1500;
 };
 
-/* What has happened to packets. */
+/* Counts of packets. */
 struct Tally {
   guint64 forwarded = 0, lost = 0, duplicated = 0, reordered = 0, damaged = 0;
   guint64 waited = 0; /* behind others, for the rate */

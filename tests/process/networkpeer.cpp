@@ -171,7 +171,7 @@ protected:
     const auto rest = data.find_last_not_of('\0') + 1;
     return data.compare(0, rest, expected, 0, rest) == 0;
   }
-  /* After the farewell nothing comes but the end, and it is told from everything else. */
+  /* Only the end of the stream may follow the farewell. */
   void
   expect_end(bool got, Error &error)
   {
@@ -316,7 +316,7 @@ class AsyncPeer : public Peer
     self->receive_next();
     self->send_next();
   }
-  /* What else is under way ends as well. */
+  /* The other operations end as well. */
   void
   give_up(const Error &error)
   {

@@ -9,7 +9,7 @@
 namespace network
 {
 
-/* What is said: from the client to the server, and back. */
+/* The planned messages: from the client to the server, and back. */
 enum class Plan {
   many,  /* 60 messages each way, two of them of 100 kB */
   huge,  /* the same, and one of 1.5 MB each way */
@@ -32,7 +32,7 @@ enum class Role { client, server };
 /* The messages that the role sends. */
 std::vector<traffic::Message> planned(const Talk &talk, Role sender);
 
-/* What a peer has to say in the end: an error is the one that ended it. */
+/* The report of a peer. Its error is the one that ended the conversation. */
 struct Outcome {
   guint received = 0;
   guint sent = 0;

@@ -116,7 +116,7 @@ check_received(const Message &message, const std::optional<std::string> &data, c
   counts.bytes += data->size();
 }
 
-/* Whoever loses his peer, or stops an operation, must be told so; nothing else may be said. */
+/* An operation that loses its peer or is stopped must say so, and nothing else. */
 void
 check_failed(const char *what, bool failed, const Error &error)
 {
@@ -335,7 +335,7 @@ close_orderly(Pair &pair, Random &random)
   pair.over = true;
 }
 
-/* What is under way keeps alive what it needs, and ends when the socket does. */
+/* An operation keeps alive all that it needs, and ends when the socket does. */
 void
 drop_while_pending(Pair &pair, Random &)
 {

@@ -29,8 +29,7 @@ lzo2_compress(ByteView data, Effort effort = Effort::fast)
   return out;
 }
 
-// What the payload decodes to in a room of `room` bytes; nothing if liblzo2's safe decoder refuses
-// it.
+// Decodes the payload into `room` bytes. Returns nothing if liblzo2's safe decoder refuses it.
 inline std::optional<Bytes>
 lzo2_decompress(ByteView payload, gsize room)
 {

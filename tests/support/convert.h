@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the converter tests share: one call of convert over guarded buffers, whole streams through
-// GIO's converter streams, generated data and the facts that every converter type has in common.
+// Shared by the tests of converters: one call of convert over guarded buffers, whole streams
+// through GIO's converter streams, generated data and the facts that all converter types have in
+// common.
 #pragma once
 
 #include <gio/gio.h>
@@ -24,7 +25,7 @@ struct ErrorFree {
 };
 using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
 
-// What the counts hold before a call. A failed call leaves it there.
+// The value of the counts before a call. A failed call does not change it.
 inline constexpr gsize untouched = 0x5aa5c33c5aa5c33c;
 
 struct Conversion {

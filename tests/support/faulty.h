@@ -37,7 +37,7 @@ enum class Flavour {
   pollable,
 };
 
-/* What both base streams of a channel share. A step is a read, a write, a skip, a flush, a close,
+/* Shared by both base streams of a channel. A step is a read, a write, a skip, a flush, a close,
  * or a wait for readiness. Worker threads take steps as well. */
 class Faults
 {
@@ -166,10 +166,11 @@ private:
   support::LifeWatch lives_;
 };
 
-/* What `plain` becomes when it is written to a channel with that many stages, each part by itself.
+/* Returns the wire bytes of a channel with that many stages, to which each part is written by
+ * itself.
  */
 std::string through_stages(int stages, std::initializer_list<std::string_view> parts);
-/* What a peer with that many stages reads from `wire`, until its end. */
+/* Returns the bytes that a peer with that many stages reads from `wire`, until its end. */
 std::string from_stages(int stages, const std::string &wire);
 
 /* One public operation. */
@@ -211,7 +212,7 @@ void assert_outcome(const Case &one, Rig &rig, Outcome &outcome, const std::stri
 void add_cases(const char *subject, const Operation &operation, std::initializer_list<Fault> faults,
                void (*test)(const Case &), guint least_steps = 2, int stages_up_to = most_stages);
 
-/* What a message holds; nothing where there is none. All take the message over. */
+/* Return the contents of a message, or nothing if it is NULL. All take the message over. */
 std::optional<std::string> take(GBytes *bytes);
 std::optional<std::string> take(GVariant *variant);
 std::optional<std::string> take(char *string, gsize length);

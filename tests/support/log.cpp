@@ -53,7 +53,7 @@ bool
 store_message(const char *domain, GLogLevelFlags level, std::string text)
 {
   const std::lock_guard lock(log_mutex);
-  /* What ends the program is printed. */
+  /* A fatal message is printed. */
   if (!log_capturing || (level & (G_LOG_FLAG_FATAL | G_LOG_LEVEL_ERROR)) != 0)
     return false;
   const auto plain = static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK);
@@ -70,8 +70,9 @@ log_handler(const gchar *domain, GLogLevelFlags level, const gchar *text, gpoint
     g_log_default_handler(domain, level, text, nullptr);
 }
 
-/* What g_log_structured() sends; what comes by g_log() never gets here while messages are being
- * collected. */
+/* Gets messages of g_log_structured() alone: while messages are collected, g_log() does not come
+ * here.
+ */
 GLogWriterOutput
 log_writer(GLogLevelFlags level, const GLogField *fields, gsize n_fields, gpointer)
 {

@@ -57,8 +57,7 @@ std::vector<std::string> own_properties(GType owner);
 /* Names of the signals that the type itself adds. */
 std::vector<std::string> own_signals(GType owner);
 
-/* Fails where the class of a stream type sets an operation that its parent type has: for types that
- * promise to override none. */
+/* Fails if the class of a stream type overrides an operation of its parent type. */
 void assert_overrides_nothing(GType stream_type);
 
 } // namespace support

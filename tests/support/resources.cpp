@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-/* There is one where a sanitizer has taken malloc() over, and mallinfo2() does not know. */
+/* Exists if a sanitizer has replaced malloc(), which mallinfo2() does not notice. */
 extern "C" __attribute__((weak)) size_t __sanitizer_get_current_allocated_bytes();
 
 gsize

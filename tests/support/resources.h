@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-/* What this process holds. */
+/* The resources that this process holds. */
 #ifndef TESTS_RESOURCES_H
 #define TESTS_RESOURCES_H
 
@@ -16,7 +16,7 @@ struct Resources {
   gsize threads;
 
   static Resources now();
-  /* What never was, and is more than any other. */
+  /* Larger than any real value. */
   static Resources most();
   /* The least of both. What a moment of rest has beyond another one belongs to a cache, or to a
    * thread that has not ended yet. */

@@ -19,7 +19,7 @@
 namespace support
 {
 
-/* What one call of read or write does. */
+/* The behaviour of one call of read or write. */
 struct Step {
   enum class What {
     move,        /* deliver, or accept, at most `count` bytes */
@@ -62,8 +62,8 @@ public:
   std::string data;
   /* Bytes moved by a call that has no step. */
   gsize max_per_call = G_MAXSIZE;
-  /* What the calls do in order; once used up, calls move at most max_per_call bytes, and an input
-   * stream whose data has gone reports 0. */
+  /* The behaviour of the calls in order. Once used up, calls move at most max_per_call bytes, and
+   * an input stream whose data has gone reports 0. */
   std::deque<Step> steps;
   /* Calls, counted from 1, with a step of their own, before `steps` is looked at. */
   std::map<guint, Step> at_call;

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""That scripts/tally counts honestly, on logs as meson leaves them.
+"""Checks that scripts/tally counts honestly, on logs as meson leaves them.
 
 usage: tally.py SCRIPT
 """

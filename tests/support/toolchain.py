@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""How the Python tests compile and run a program as a user of the library would.
+"""Compiles and runs programs for the Python tests, as a user of the library would.
 
 The build tells them its compilers in CC and CXX and, in TEST_SANITIZE, the sanitizers that a
 program must be linked with to load a library that was built with them.

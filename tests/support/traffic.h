@@ -30,8 +30,7 @@ struct Channel {
 
   GSocket *socket() const;
   bool close(GError **error);
-  /* What a host does that has given up on its peer: the socket goes first, so that nothing waits.
-   */
+  /* Gives up on the peer: closes the socket first, so that nothing waits. */
   void abandon();
   /* The same, but the peer is sent a reset. */
   void reset();

@@ -245,7 +245,7 @@ def a_broken_record_does_not_hide_the_others():
     plain = b"two" * 10 + b"\xc8\xc8"
     iv = stream[3][-16:]
     bad = struct.pack("<Q", 32) + aes_cbc(plain, iv, 256)
-    # What follows is chained to the cipher text as it was sent.
+    # The next record is chained to the cipher text as it was sent.
     chained = aes_cbc(struct.pack("<i", 5) + b"\x0c" * 12, bad[-16:], 256)
     rest = [struct.pack("<Q", 16) + chained]
     for piece in (b"three",):
@@ -334,7 +334,7 @@ def expanded(data):
 
 
 def listened(stream, *options):
-    """What the reader of the library makes of it."""
+    """How the reader of the library decodes it."""
     listen = Process("listen", "127.0.0.1:0", "--json", *options)
     host, port = listen.address().rsplit(":", 1)
     with socket.create_connection((host, int(port))) as peer:

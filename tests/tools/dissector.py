@@ -84,7 +84,7 @@ def values(port, *names, layer=None):
 
 
 def exchange(server, data, sizes):
-    """Sends the data in pieces of these sizes, each a segment where the system lets it be one."""
+    """Sends the data in pieces of these sizes, each as a segment if the system allows that."""
     def action():
         with socket.create_connection(server.getsockname()) as client:
             peer = server.accept()[0]

@@ -23,7 +23,7 @@ def page():
 
 
 def complete(*words):
-    """What bash offers for the last of these words."""
+    """The completions that bash offers for the last of these words."""
     script = """
         compopt() { :; }
         source "$1"; shift

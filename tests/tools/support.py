@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""What the tests of the program share: cases reported as TAP, and processes that always end."""
+"""Shared by the tests of the program: cases reported as TAP, and processes that always end."""
 
 import os
 import pathlib

@@ -39,7 +39,7 @@ LINES = b"".join(b"%d %s\n" % (number, b"x" * (number * 7 % 3000)) for number in
 
 
 def snapshot(folder="."):
-    """What every file holds, but those that a command is asked to write."""
+    """The contents of all files, without those that a command is asked to write."""
     found = {}
     for path in sorted(pathlib.Path(folder).rglob("*")):
         if path.parts[0] not in ("in", "disk", "key", "out", "log") and not path.is_socket():
@@ -240,7 +240,7 @@ def closed(*descriptors):
     return {"before": close}
 
 
-# What each command needs: the exit code is 6 where one of these is closed.
+# The descriptors that each command needs: the exit code is 6 if one of these is closed.
 NEEDED = {"receive": {1}, "send": {1}, "listen": {0, 1}, "connect": {0, 1}, "ping": {1}, "perf": {1}}
 
 
@@ -374,7 +374,7 @@ def replace_the_part():
     os.symlink("../precious", "in/.file.zelgvc-part")
 
 
-# What happens in the middle of a transfer, and where the file is afterwards: nowhere if it fails.
+# Events in the middle of a transfer, and the place of the file afterwards: none if it fails.
 EVENTS = [
     (remove, None),
     (move_away, "old/file"),

@@ -510,7 +510,7 @@ def a_line_over_the_limit_is_not_sent_and_takes_no_memory():
     connect.complained("line 4 is not sent: it has more than 1000 bytes", lines=2)
     connect.used_at_most(32 * 1024)
     assert listen.wait().output == b"x" * 1000 + b"\nz\n"
-    # Digits stand for less than they are.
+    # A digit counts less than its value.
     listen = Process("listen", "unix:socket", "--hex")
     run("connect", listen.address(), "--hex", "--limit", "1000", data=b"7a" * 1000 + b"\n")
     assert listen.wait().output == b"7a" * 1000 + b"\n"

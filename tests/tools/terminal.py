@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""What the program shows on a terminal: sessions on a pseudo-terminal."""
+"""The program on a terminal: sessions on a pseudo-terminal."""
 
 import fcntl
 import os

@@ -381,7 +381,7 @@ def a_full_disk_is_told_to_both_sides():
         send = run("send", receive.address(), "small", "file", codes=(1,))
         send.complained("gave up on file: cannot write .file.zelgvc-part: No space left on device")
         receive.wait(6).complained("cannot write .file.zelgvc-part: No space left on device")
-        # What was complete is there.
+        # Complete files are there.
         assert pathlib.Path("in/small").read_bytes() == content(100000, 5)
         assert not os.path.exists("in/file")
     finally:

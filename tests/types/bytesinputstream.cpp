@@ -282,7 +282,7 @@ empty_frame_is_an_empty_message_when_asynchronous()
   }
 }
 
-/* The prefix bytes that did arrive do not matter, not even where they look like a length. */
+/* The reader ignores part of a prefix, even if it looks like a length. */
 static void
 end_within_the_length_is_a_disconnection()
 {
@@ -316,7 +316,7 @@ end_within_the_payload_is_a_disconnection_when_asynchronous()
   }
 }
 
-/* What never arrived reads as zeros, not as what the memory held before. */
+/* Missing bytes read as zeros, not as earlier contents of the memory. */
 static void
 end_within_the_payload_leaves_zeros_when_blocking()
 {

@@ -245,7 +245,7 @@ frames_follow_each_other_with_nothing_between()
   assert_bytes(fixture.script->written(), expected);
 }
 
-/* Whatever the base accepts at a time. */
+/* The base stream accepts any number of bytes at a time. */
 static void
 any_split_gives_the_same_bytes()
 {
@@ -433,7 +433,7 @@ socket_whose_peer_has_gone_fails()
 
 /* ---- Priority and cancellation ---- */
 
-/* What is more urgent than the length comes before the payload. */
+/* A source more urgent than the prefix runs before the payload. */
 static void
 payload_waits_for_its_length()
 {

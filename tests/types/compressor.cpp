@@ -256,7 +256,7 @@ test_short_inputs_stay_inside_the_room()
   g_assert_cmpuint(refused, >, 0);
 }
 
-// Lengths are cut to 32 bits in the block and in what the encoder is told, while all of the input
+// The block and the encoder get lengths cut to 32 bits, while all of the input
 // counts as consumed.
 void
 test_inputs_above_32_bits_are_cut()
@@ -281,7 +281,7 @@ test_room_above_32_bits_is_cut()
   const auto compressor = new_compressor();
   const Bytes plain = sample(Kind::noise, 1000);
   Reserve out{(gsize{1} << 32) + 8192};
-  // The encoder is told of 5 bytes.
+  // The encoder gets a size of 5 bytes.
   Conversion c = convert_in_place(compressor.get(), plain.data(), plain.size(), out.data(),
                                   (gsize{1} << 32) + 5);
   ASSERT_FAILED(c, G_IO_ERROR_FAILED, "Failed to encode LZO");

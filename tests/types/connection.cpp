@@ -502,7 +502,7 @@ tcp_sockets_send_without_delay()
   }
 }
 
-/* What is set on TCP sockets is not asked of others. */
+/* Only TCP sockets get the options of TCP. */
 static void
 datagram_sockets_are_left_alone()
 {
@@ -592,7 +592,7 @@ converters_wrap_the_current_streams()
   g_assert_true(gvc_connection_get_connection(fixture.channel.get()) == fixture.socket.get());
 }
 
-/* What is skipped is what would be read, not what comes from the socket. */
+/* Skipping drops converted bytes, not bytes of the socket. */
 static void
 skips_count_converted_bytes()
 {
@@ -679,7 +679,7 @@ refused_converters_change_nothing()
   log.expect({not_out});
   gvc_connection_add_converters(channel, good.get(), bad);
   log.expect({not_out});
-  /* The first failure is the only one told. */
+  /* Only the first failure is reported. */
   gvc_connection_add_converters(nullptr, nullptr, nullptr);
   log.expect({not_channel});
   gvc_connection_add_converters(channel, nullptr, nullptr);
@@ -861,7 +861,7 @@ close_async_closes_at_once_and_calls_back_later()
     Collector collector;
     g_io_stream_close_async(fixture.stream(), priority, nullptr, Collector::ready, &collector);
 
-    /* Closed within the call, on this thread; told afterwards. */
+    /* Closes within the call, on this thread. The callback comes afterwards. */
     const auto in_closes = fixture.in_script->calls(Call::Kind::close);
     const auto out_closes = fixture.out_script->calls(Call::Kind::close);
     g_assert_cmpuint(in_closes.size(), ==, 1);

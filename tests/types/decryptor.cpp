@@ -372,7 +372,7 @@ test_padding_beyond_the_record_fails()
       for (int flags : {int{G_CONVERTER_NO_FLAGS}, int{G_CONVERTER_INPUT_AT_END}})
         ASSERT_FAILED(convert(decryptor.get(), record, length + 5, flags), G_IO_ERROR_FAILED,
                       "Decryption failed");
-      // The chain is where it was.
+      // The chain has not advanced.
       assert_opens(decryptor.get(), sealer, sample(Kind::text, last));
     }
 }

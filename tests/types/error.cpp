@@ -16,7 +16,7 @@ quark_is_that_of_its_string()
   g_assert_cmpuint(GVC_ERROR, ==, quark);
 }
 
-/* A process of its own, where the quark does not exist before the threads ask for it. */
+/* In a process of its own, so that the threads are the first to ask for the quark. */
 static void
 quark_is_the_same_in_every_thread()
 {

@@ -307,7 +307,7 @@ socket_delivers_in_pieces()
     read.finish(in);
     read.assert_read(data.substr(0, 200));
 
-    /* What is left, and the end. */
+    /* The remaining bytes, and the end of the stream. */
     ReadAll rest(1000);
     rest.start(in);
     peer.shutdown_write();
