@@ -6,11 +6,11 @@
 /**
  * gvc_init:
  *
- * Initialises the cryptography and compression engine.
+ * Initialises cryptography and compression.
  *
- * Call it once at start-up, before other threads use the library. It may be called again, and it
- * leaves alone a libgcrypt that the host has already initialised. It reports nothing: what depends
- * on the engine fails with its own error when the engine does not work.
+ * Call this function at start-up, before the first thread uses the library. More calls do no harm.
+ * The function does not touch a libgcrypt that the host has already initialised. It reports
+ * nothing: if the platform does not work, later functions fail with their own errors.
  *
  * Since: 0.1
  */

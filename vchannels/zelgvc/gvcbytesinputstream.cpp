@@ -15,15 +15,17 @@
  * A filter stream that reads the frames that #GvcBytesOutputStream writes: the length of a message
  * in 4 bytes, little-endian, and then the message.
  *
- * The two ways of reading take the end of a channel differently. The blocking readers report a
- * length of 0, which a stream that has ended also yields, as %GVC_ERROR_DISCONNECTED, and do not
- * notice a stream that ends within a message: what is missing reads as zeros. The asynchronous
- * readers take a length of 0 for an empty message, and report %GVC_ERROR_DISCONNECTED when the
- * stream ends anywhere before the end of a message.
+ * Blocking and asynchronous readers treat the end of a channel differently:
+ *
+ * - Blocking readers fail with %GVC_ERROR_DISCONNECTED if the length is 0 or the stream has ended.
+ *   If the stream ends within a message, the missing bytes read as zeros.
+ * - Asynchronous readers return an empty message if the length is 0. They fail with
+ *   %GVC_ERROR_DISCONNECTED if the stream ends before the end of a message.
  *
  * A message is read into one allocation of its announced size, up to 2 GiB.
  *
- * One message at a time may be in progress on a stream. Closing the stream closes its base stream.
+ * Start the next message only after the last one has ended. Closing the stream closes its base
+ * stream. Use a stream from one thread at a time.
  *
  * Since: 0.1
  */
@@ -43,8 +45,8 @@ set_no_memory(GError **error)
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "Not enough memory for the frame");
 }
 
-// The length that the 4 bytes of a prefix announce, and memory for it: NULL for a length of 0, and
-// NULL with an error where the length cannot be met.
+// Allocates memory for the length that a prefix announces. Returns NULL for a length of 0, and NULL
+// with an error if the length is invalid or there is not enough memory.
 static void *
 allocate_payload(const void *prefix, gsize *size, GError **error)
 {
@@ -63,7 +65,7 @@ allocate_payload(const void *prefix, gsize *size, GError **error)
   return buffer;
 }
 
-// A type string as a definite type, or NULL with a critical, of `function` where it is not GLib's.
+// Converts a type string to a definite type. Returns NULL after a critical of GLib's or `function`.
 static const GVariantType *
 check_format(const gchar *format, const char *function)
 {
@@ -81,7 +83,7 @@ namespace
 class FrameRead final : public gvc::Reader
 {
 public:
-  // As a GBytes if `type` is NULL, else as a variant.
+  // Reads a GBytes if `type` is NULL, else a variant.
   void
   begin(const GVariantType *type, int io_priority)
   {
@@ -122,7 +124,7 @@ private:
                             reinterpret_cast<GDestroyNotify>(g_bytes_unref));
   }
 
-  guint32 prefix_ = 0; // as it stands on the wire
+  guint32 prefix_ = 0; // in the byte order of the wire
   gsize size_ = 0;
   void *payload_ = nullptr; // until the result owns it
   GVariantType *type_ = nullptr;
@@ -131,8 +133,8 @@ private:
 
 } // namespace
 
-// The payload of a frame that broke off: what never arrived must not hand out what the allocator
-// left there. It is not written to either, since a peer can announce 2 GiB and send nothing.
+// Zeros hide old memory behind the received part of a truncated payload. Fresh zeroed memory costs
+// no page until it is used: a peer can announce 2 GiB and send nothing.
 static void *
 zero_missing(void *buffer, gsize size, gsize nread, GError **error)
 {
@@ -145,8 +147,8 @@ zero_missing(void *buffer, gsize size, gsize nread, GError **error)
   return zeroed;
 }
 
-// Whether a blocking read does no more than to read from the base stream. Then a frame can come
-// from there directly, which saves a layer of calls for each of its parts.
+// A blocking read only reads from the base stream, unless a derived class overrides it. Then a
+// frame is read there directly, which saves a layer of calls for each part.
 static gboolean
 passes_on(GInputStream *stream)
 {
@@ -190,7 +192,8 @@ gvc_bytes_input_stream_init(GvcBytesInputStream *)
  * gvc_bytes_input_stream_new:
  * @base_stream: the stream to read frames from
  *
- * Creates a stream that reads frames from @base_stream, the input stream of a #GvcConnection, say.
+ * Creates a stream that reads frames from @base_stream, for example the input stream of a
+ * #GvcConnection.
  *
  * Returns: (transfer full): a new stream, which holds a reference to @base_stream; release it with
  *   g_object_unref()
@@ -212,12 +215,12 @@ gvc_bytes_input_stream_new(GInputStream *base_stream)
  * @cancellable: (nullable): a #GCancellable
  * @error: return location for a #GError
  *
- * Reads one message; blocks until it is there.
+ * Reads one message and blocks until it has arrived.
  *
- * Fails with %GVC_ERROR_DISCONNECTED when the length is 0 or the stream has ended before it, with
- * %G_IO_ERROR_INVALID_DATA when the length is negative, and with %G_IO_ERROR_NO_SPACE when there is
- * no memory for the message. Other errors are those of the base stream, unchanged. When the stream
- * ends within the message, what is missing reads as zeros.
+ * Fails with %GVC_ERROR_DISCONNECTED if the length is 0 or the stream has ended, with
+ * %G_IO_ERROR_INVALID_DATA if the length is negative, and with %G_IO_ERROR_NO_SPACE if there is no
+ * memory for the message. Other errors are those of the base stream, unchanged. If the stream ends
+ * within the message, the missing bytes read as zeros.
  *
  * Returns: (transfer full): the message, or %NULL with @error set
  *
@@ -247,8 +250,9 @@ gvc_bytes_input_stream_read_bytes(GvcBytesInputStream *stream, GCancellable *can
  * @cancellable: (nullable): a #GCancellable
  * @error: return location for a #GError
  *
- * Reads one message as a value of type @format; blocks until it is there. The data is not trusted:
- * malformed data reads as default values. Fails as gvc_bytes_input_stream_read_bytes() does.
+ * Reads one message as a value of type @format and blocks until it has arrived. The data is not
+ * trusted: malformed data reads as default values. The errors are those of
+ * gvc_bytes_input_stream_read_bytes().
  *
  * Returns: (transfer floating): the value, with a floating reference, or %NULL with @error set
  *
@@ -260,7 +264,7 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
 {
   g_return_val_if_fail(GVC_IS_BYTES_INPUT_STREAM(stream), nullptr);
 
-  // Before the read, so that a wrong format costs no message.
+  // Checks before the read, so that a wrong format loses no message.
   auto *type = check_format(format, __func__);
   if (!type)
     return nullptr;
@@ -272,10 +276,10 @@ gvc_bytes_input_stream_read_variant(GvcBytesInputStream *stream, const gchar *fo
 /**
  * gvc_bytes_input_stream_read_bytes_async:
  * @stream: a #GvcBytesInputStream
- * @io_priority: the priority of the read of the length; the message itself is read at
+ * @io_priority: the priority for reading the length; the message itself is read at
  *   %G_PRIORITY_DEFAULT
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the message is there or the read has failed
+ * @callback: (scope async): called when the message has arrived or the read has failed
  * @user_data: data for @callback
  *
  * Reads one message without blocking. @callback runs in the thread-default main context of the
@@ -296,14 +300,14 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
 /**
  * gvc_bytes_input_stream_read_bytes_finish:
  * @stream: a #GvcBytesInputStream
- * @result: the result that the callback was given
+ * @result: the result that the callback received
  * @error: return location for a #GError
  *
- * Ends gvc_bytes_input_stream_read_bytes_async().
+ * Finishes gvc_bytes_input_stream_read_bytes_async().
  *
- * Fails with %GVC_ERROR_DISCONNECTED when the stream ended before the message did, with
- * %G_IO_ERROR_INVALID_DATA when the length is negative, and with %G_IO_ERROR_NO_SPACE when there is
- * no memory for the message. Other errors are those of the base stream, unchanged.
+ * Fails with %GVC_ERROR_DISCONNECTED if the stream ended before the message did, with
+ * %G_IO_ERROR_INVALID_DATA if the length is negative, and with %G_IO_ERROR_NO_SPACE if there is no
+ * memory for the message. Other errors are those of the base stream, unchanged.
  *
  * Returns: (transfer full): the message, which may be empty, or %NULL with @error set
  *
@@ -323,14 +327,15 @@ gvc_bytes_input_stream_read_bytes_finish(GvcBytesInputStream *stream, GAsyncResu
  * gvc_bytes_input_stream_read_variant_async:
  * @stream: a #GvcBytesInputStream
  * @format: the type string of the message, a definite type; it is copied
- * @io_priority: the priority of the read of the length; the message itself is read at
+ * @io_priority: the priority for reading the length; the message itself is read at
  *   %G_PRIORITY_DEFAULT
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the message is there or the read has failed
+ * @callback: (scope async): called when the message has arrived or the read has failed
  * @user_data: data for @callback
  *
- * Reads one message as a value of type @format without blocking. Like
- * gvc_bytes_input_stream_read_bytes_async() otherwise.
+ * Reads one message as a value of type @format without blocking. If @format is invalid, the
+ * operation fails with %G_IO_ERROR_INVALID_ARGUMENT and reads nothing. Otherwise this works like
+ * gvc_bytes_input_stream_read_bytes_async().
  *
  * Since: 0.1
  */
@@ -341,7 +346,7 @@ gvc_bytes_input_stream_read_variant_async(GvcBytesInputStream *stream, const gch
 {
   auto tag = reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_variant_async);
 
-  // Before anything is read, so that a wrong format costs no message.
+  // Checks before the read, so that a wrong format loses no message.
   auto *type = check_format(format, __func__);
   if (!type) {
     g_task_report_new_error(stream, callback, user_data, tag, G_IO_ERROR,
@@ -355,11 +360,12 @@ gvc_bytes_input_stream_read_variant_async(GvcBytesInputStream *stream, const gch
 /**
  * gvc_bytes_input_stream_read_variant_finish:
  * @stream: a #GvcBytesInputStream
- * @result: the result that the callback was given
+ * @result: the result that the callback received
  * @error: return location for a #GError
  *
- * Ends gvc_bytes_input_stream_read_variant_async(). The data is not trusted: malformed data reads
- * as default values. Fails as gvc_bytes_input_stream_read_bytes_finish() does.
+ * Finishes gvc_bytes_input_stream_read_variant_async(). The data is not trusted: malformed data
+ * reads as default values. The errors are those of gvc_bytes_input_stream_read_bytes_finish(), and
+ * %G_IO_ERROR_INVALID_ARGUMENT for an invalid format.
  *
  * Returns: (transfer floating): the value, with a floating reference, or %NULL with @error set
  *

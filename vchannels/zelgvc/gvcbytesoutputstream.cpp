@@ -12,11 +12,12 @@
  * A filter stream that writes messages as frames: the length of the message in 4 bytes,
  * little-endian, and then the message. #GvcBytesInputStream reads them.
  *
- * A message is a #GBytes or the serialised data of a #GVariant, whose type is not sent. Messages of
- * 2 GiB and more cannot be expressed. An empty message is legal, but the blocking reader takes it
+ * A message is a #GBytes or the serialised data of a #GVariant. The type of a variant is not sent.
+ * A message must be smaller than 2 GiB. An empty message is legal, but the blocking reader takes it
  * for the end of the channel.
  *
- * One message at a time may be in progress on a stream. Closing the stream closes its base stream.
+ * Start the next message only after the last one has ended. Closing the stream closes its base
+ * stream. Use a stream from one thread at a time.
  *
  * Since: 0.1
  */
@@ -36,7 +37,7 @@ namespace
 class FrameWrite final : public gvc::Writer
 {
 public:
-  // The prefix goes out at `io_priority`, the payload at the default priority: in one call if both
+  // Writes the prefix at `io_priority` and the payload at the default priority: in one call if both
   // are the same.
   void
   begin(GBytes *bytes, int io_priority)
@@ -72,14 +73,14 @@ private:
   }
 
   GBytes *payload_ = nullptr;
-  guint32 prefix_ = 0; // as it stands on the wire
+  guint32 prefix_ = 0; // in the byte order of the wire
   gboolean payload_offered_ = FALSE;
 };
 
 } // namespace
 
-// Whether a blocking write does no more than to write to the base stream. Then a frame can go there
-// directly, which saves a layer of calls for each of its parts.
+// A blocking write only writes to the base stream, unless a derived class overrides it. Then a
+// frame is written there directly, which saves a layer of calls for each part.
 static gboolean
 passes_on(GOutputStream *stream)
 {
@@ -87,7 +88,7 @@ passes_on(GOutputStream *stream)
          static_cast<GOutputStreamClass *>(gvc_bytes_output_stream_parent_class)->write_fn;
 }
 
-// Two writes, or one that keeps the two apart where the stream gathers.
+// Two writes, or one write of two vectors if the stream gathers.
 static gboolean
 write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError **error)
 {
@@ -118,7 +119,8 @@ gvc_bytes_output_stream_init(GvcBytesOutputStream *)
  * gvc_bytes_output_stream_new:
  * @base_stream: the stream to write frames to
  *
- * Creates a stream that writes frames to @base_stream, the output stream of a #GvcConnection, say.
+ * Creates a stream that writes frames to @base_stream, for example the output stream of a
+ * #GvcConnection.
  *
  * Returns: (transfer full): a new stream, which holds a reference to @base_stream; release it with
  *   g_object_unref()
@@ -141,10 +143,11 @@ gvc_bytes_output_stream_new(GOutputStream *base_stream)
  * @cancellable: (nullable): a #GCancellable
  * @error: return location for a #GError
  *
- * Writes @bytes as one frame; blocks until the base stream has taken it. Errors are those of the
- * base stream, unchanged. After one, a part of the frame may have been written, and the rest of it
- * may wait in the stages of a channel: the next write, a flush or closing the stream sends that
- * first.
+ * Writes @bytes as one frame and blocks until the base stream has accepted it.
+ *
+ * Errors are those of the base stream, unchanged, such as %G_IO_ERROR_CANCELLED. After an error, a
+ * part of the frame may have been written. The stages of a channel may hold another part: the next
+ * write, a flush or closing the stream sends it first.
  *
  * Returns: %TRUE when the whole frame was written
  *
@@ -175,8 +178,17 @@ gvc_bytes_output_stream_put_bytes(GvcBytesOutputStream *stream, GBytes *bytes,
  * @cancellable: (nullable): a #GCancellable
  * @error: return location for a #GError
  *
- * Writes the serialised data of @variant as one frame, in the byte order that @variant has. Like
- * gvc_bytes_output_stream_put_bytes() otherwise.
+ * Writes the serialised data of @variant as one frame, in the byte order of @variant. Otherwise
+ * this works like gvc_bytes_output_stream_put_bytes().
+ *
+ * Warning: a floating @variant is not sunk, so a call with an inline g_variant_new() leaks. Sink
+ * the variant yourself:
+ *
+ * |[<!-- language="C" -->
+ * g_autoptr(GVariant) v = g_variant_ref_sink(g_variant_new("(su)", name, id));
+ *
+ * gvc_bytes_output_stream_put_variant(stream, v, NULL, &error);
+ * ]|
  *
  * Returns: %TRUE when the whole frame was written
  *
@@ -197,14 +209,15 @@ gvc_bytes_output_stream_put_variant(GvcBytesOutputStream *stream, GVariant *vari
  * gvc_bytes_output_stream_put_bytes_async:
  * @stream: a #GvcBytesOutputStream
  * @bytes: the message, less than 2 GiB; held until the operation has ended
- * @io_priority: the priority of the write of the length; the message itself is written at
+ * @io_priority: the priority for writing the length; the message itself is written at
  *   %G_PRIORITY_DEFAULT
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the frame is written or has failed
+ * @callback: (scope async): called when the frame is written or the write has failed
  * @user_data: data for @callback
  *
  * Writes @bytes as one frame without blocking. @callback runs in the thread-default main context of
- * the caller, after this function has returned. The arguments are not checked.
+ * the caller, after this function has returned. Over the stages of a #GvcConnection the operation
+ * ends when the socket has accepted the last byte. The arguments are not checked.
  *
  * Since: 0.1
  */
@@ -222,10 +235,11 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
 /**
  * gvc_bytes_output_stream_put_bytes_finish:
  * @stream: a #GvcBytesOutputStream
- * @result: the result that the callback was given
+ * @result: the result that the callback received
  * @error: return location for a #GError
  *
- * Ends gvc_bytes_output_stream_put_bytes_async(). Errors are those of the base stream, unchanged.
+ * Finishes gvc_bytes_output_stream_put_bytes_async(). Errors are those of the base stream,
+ * unchanged.
  *
  * Returns: %TRUE when the whole frame was written
  *
@@ -245,14 +259,23 @@ gvc_bytes_output_stream_put_bytes_finish(GvcBytesOutputStream *stream, GAsyncRes
  * gvc_bytes_output_stream_put_variant_async:
  * @stream: a #GvcBytesOutputStream
  * @variant: the message; a floating reference is not sunk
- * @io_priority: the priority of the write of the length; the message itself is written at
+ * @io_priority: the priority for writing the length; the message itself is written at
  *   %G_PRIORITY_DEFAULT
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the frame is written or has failed
+ * @callback: (scope async): called when the frame is written or the write has failed
  * @user_data: data for @callback
  *
- * Writes the serialised data of @variant as one frame without blocking. Like
- * gvc_bytes_output_stream_put_bytes_async() otherwise.
+ * Writes the serialised data of @variant as one frame without blocking. Otherwise this works like
+ * gvc_bytes_output_stream_put_bytes_async().
+ *
+ * Warning: a floating @variant is not sunk, so a call with an inline g_variant_new() leaks. Sink
+ * the variant yourself; the operation keeps its data alive:
+ *
+ * |[<!-- language="C" -->
+ * g_autoptr(GVariant) v = g_variant_ref_sink(g_variant_new("(su)", name, id));
+ *
+ * gvc_bytes_output_stream_put_variant_async(stream, v, G_PRIORITY_DEFAULT, NULL, written, NULL);
+ * ]|
  *
  * Since: 0.1
  */
@@ -272,10 +295,11 @@ gvc_bytes_output_stream_put_variant_async(GvcBytesOutputStream *stream, GVariant
 /**
  * gvc_bytes_output_stream_put_variant_finish:
  * @stream: a #GvcBytesOutputStream
- * @result: the result that the callback was given
+ * @result: the result that the callback received
  * @error: return location for a #GError
  *
- * Ends gvc_bytes_output_stream_put_variant_async(). Errors are those of the base stream, unchanged.
+ * Finishes gvc_bytes_output_stream_put_variant_async(). Errors are those of the base stream,
+ * unchanged.
  *
  * Returns: %TRUE when the whole frame was written
  *

@@ -14,15 +14,18 @@ namespace block = gvc::wire::block;
  *
  * A #GConverter that compresses a byte stream. #GvcDecompressor reverses it.
  *
- * Each conversion produces one block, which decodes by itself: the size of its payload and the size
- * of the input, 4 bytes each and little-endian, and the payload, one LZO1X stream. So the size of
- * the writes that reach a compressor decides how well it compresses.
+ * Each conversion produces one block that decodes by itself. A block is the size of its payload,
+ * the size of the input, 4 bytes each and little-endian, and the payload, one LZO1X stream. Larger
+ * writes compress better.
  *
- * Up to 3,904,515,716 bytes can be converted at once. The room that more of them need has more than
- * 32 bits, of which the encoder is told the lower ones: it may fail with "Failed to encode LZO".
- * From 4 GiB on the block announces only the lower 32 bits of the size of its input.
+ * One conversion accepts up to 3,904,515,716 bytes. Beyond that the encoder receives only the lower
+ * 32 bits of the output size, and may fail with "Failed to encode LZO". From 4 GiB on, the block
+ * announces only the lower 32 bits of the input size.
  *
- * A compressor has no state; any number of threads may use one.
+ * Errors are in the domain %G_IO_ERROR: %G_IO_ERROR_NO_SPACE if the output has too little room, and
+ * %G_IO_ERROR_FAILED if the encoder fails.
+ *
+ * A compressor has no state. Any number of threads may use it at once.
  *
  * Since: 0.1
  */
@@ -97,10 +100,9 @@ gvc_compressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void *
   if (outbuf_size < guint64{inbuf_size} + inbuf_size / 10 + block::header_size)
     return gvc::failed(error, G_IO_ERROR_NO_SPACE, "Not enough space");
 
-  // The encoder is told the whole output although the header takes 8 bytes of it. From 40 bytes of
-  // input on, the tenth that the check above asks for covers the worst that the encoder can
-  // produce. Below that it does not, so a short output is encoded beside the caller's buffer and
-  // measured.
+  // The encoder is told the size of the whole output, header included. From 40 bytes of input on,
+  // the check above leaves room for the longest payload. Shorter outputs go to a scratch buffer
+  // first.
   guint8 scratch[128];
   auto *out = static_cast<guint8 *>(outbuf);
   gboolean short_output = outbuf_size <= sizeof scratch;

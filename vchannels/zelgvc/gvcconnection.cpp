@@ -18,22 +18,22 @@ enum {
  *
  * A channel over an established #GSocketConnection.
  *
- * Its streams are at first those of the socket connection.
- * gvc_connection_add_converters() slides a pair of converters between the caller and the socket;
- * the streams fetched afterwards with g_io_stream_get_input_stream() and
- * g_io_stream_get_output_stream() pass through them.
+ * At first, its streams are those of the socket connection. gvc_connection_add_converters() inserts
+ * a pair of converters between the caller and the socket. Streams fetched afterwards, with
+ * g_io_stream_get_input_stream() and g_io_stream_get_output_stream(), pass through them.
  *
- * Closing the channel closes its input stream and then its output stream. While a message is in
- * flight on one of them, that fails with %G_IO_ERROR_PENDING, and the message goes on. With
- * g_io_stream_close_async() this happens within the call, on the calling thread. Closing an output
- * stream that has stages, also by dropping the last reference to it or to a message stream over it,
- * sends what a cancelled write has left there and the end of each stage, and waits for a peer that
- * does not read. A host that has given up on the peer closes the socket first, with
- * g_socket_close().
+ * Closing the channel closes its input stream and then its output stream. If a message is in
+ * progress on one of them, closing fails with %G_IO_ERROR_PENDING and the message continues.
+ * g_io_stream_close_async() closes within the call, on the calling thread.
  *
- * A channel is used from one thread at a time. On GLib before 2.80 it sets `TCP_NODELAY` on a TCP
- * socket that it wraps, as GLib itself does since: without it each message waits for the
- * acknowledgement of the one before. A host that wants Nagle's algorithm sets the option back.
+ * Closing an output stream with stages sends the bytes that a cancelled write has left and the end
+ * of each stage. This blocks while the peer does not read. Dropping the last reference to the
+ * stream, or to a message stream over it, does the same. If you have given up on the peer, close
+ * the socket first with g_socket_close().
+ *
+ * Use a channel from one thread at a time. Before GLib 2.80 a channel sets `TCP_NODELAY` on its TCP
+ * socket, as later versions of GLib do. Without this option each message waits for the
+ * acknowledgement of the last one. To use Nagle's algorithm, clear the option again.
  *
  * Since: 0.1
  */
@@ -203,7 +203,7 @@ gvc_connection_init(GvcConnection *)
  * gvc_connection_new:
  * @connection: an established socket connection
  *
- * Wraps @connection in a channel. The channel takes its own reference.
+ * Creates a channel over @connection. The channel takes its own reference.
  *
  * Returns: (transfer full): a new channel; release it with g_object_unref()
  *
@@ -219,7 +219,7 @@ gvc_connection_new(GSocketConnection *connection)
  * gvc_connection_get_connection:
  * @connection: a channel
  *
- * The socket connection that the channel wraps; converters do not change it.
+ * Gets the socket connection of the channel. Converters do not change it.
  *
  * Returns: (transfer none) (nullable): the socket connection, valid while the channel lives
  *
@@ -236,15 +236,15 @@ gvc_connection_get_connection(GvcConnection *connection)
 /**
  * gvc_connection_add_converters:
  * @connection: a channel
- * @in_conv: the converter for incoming bytes, a #GvcDecryptor or #GvcDecompressor, say
- * @out_conv: the converter for outgoing bytes, a #GvcEncryptor or #GvcCompressor, say
+ * @in_conv: the converter for incoming bytes, for example a #GvcDecryptor or #GvcDecompressor
+ * @out_conv: the converter for outgoing bytes, for example a #GvcEncryptor or #GvcCompressor
  *
  * Wraps the current streams of the channel in converter streams. The converters added last are
- * nearest to the caller, so to compress before encrypting add the encryption pair first and the
- * compression pair second. Both peers add their stages in the same order.
+ * nearest to the caller: to compress before encrypting, add the encryption pair first and the
+ * compression pair second. Both peers must add their stages in the same order.
  *
  * Streams fetched from the channel earlier stay unconverted. No read or write may be in progress on
- * the channel meanwhile. The channel takes its own references to the converters.
+ * the channel during the call. The channel takes its own references to the converters.
  *
  * Since: 0.1
  */
@@ -259,7 +259,7 @@ gvc_connection_add_converters(GvcConnection *connection, GConverter *in_conv, GC
   auto *in = gvc::input_stage_new(priv->in, in_conv);
   auto *out = gvc::output_stage_new(priv->out, out_conv);
 
-  // The converter streams hold the old streams now.
+  // The new streams hold references to the old ones.
   g_clear_object(&priv->in);
   g_clear_object(&priv->out);
   priv->in = in;

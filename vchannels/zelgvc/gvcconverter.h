@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// How a convert operation answers, the same for all four converters.
+// The results of a convert operation, the same for all four converters.
 #pragma once
 
 #include <gio/gio.h>
@@ -16,7 +16,7 @@ converted(GConverterFlags flags, gsize consumed, gsize produced, gsize *bytes_re
   return flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED : G_CONVERTER_CONVERTED;
 }
 
-// Nothing is ever held back between two calls, so there is nothing to flush.
+// No converter holds bytes between two calls, so there is nothing to flush.
 inline GConverterResult
 flushed(gsize *bytes_read, gsize *bytes_written)
 {
@@ -32,9 +32,9 @@ failed(GError **error, GIOErrorEnum code, const char *message)
   return G_CONVERTER_ERROR;
 }
 
-// A peer can announce more than it will ever send, and GIO's converter streams answer a call for
-// more input or more room by doubling a buffer. What can be known to fail in the end fails once
-// that much has been offered; smaller buffers get the plain answer first.
+// A peer can announce more than it will ever send, and GIO's converter streams then double their
+// buffers again and again. A conversion that must fail in the end fails once a buffer has this
+// size.
 inline constexpr guint64 hopeless_from = 1024 * 1024;
 
 } // namespace gvc

@@ -2,7 +2,7 @@
 #include "gvccryptutilsprivate.h"
 #include "gvcfixedtexts.h"
 
-// The host's logger. A host without one does not define it, so the reference is weak.
+// The host's logger. The reference is weak because a host need not define it.
 extern "C" __attribute__((weak)) void zel_log(const char *log_domain, int log_level,
                                               const char *function, int line, const char *format,
                                               ...) G_GNUC_PRINTF(5, 6);
@@ -11,12 +11,11 @@ extern "C" __attribute__((weak)) void zel_log(const char *log_domain, int log_le
  * gvc_get_crypt_key_len:
  * @value: a #GValue that holds an int
  *
- * Turns a configured key length into one that gvc_encryptor_set_key_length() and
- * gvc_decryptor_set_key_length() accept. Any other value than 128 and 256 is logged as a warning in
- * the domain "ZEL", through the host's function `zel_log` where there is one and through g_log()
- * otherwise.
+ * Converts a configured key length to one that gvc_encryptor_set_key_length() and
+ * gvc_decryptor_set_key_length() accept. Logs a warning in the domain "ZEL" if the value is neither
+ * 128 nor 256: with the host's function `zel_log` if there is one, else with g_log().
  *
- * Returns: 128 or 256, in bits; 256 where @value holds anything else
+ * Returns: the key length in bits, 128 or 256; 256 if @value holds anything else
  *
  * Since: 0.1
  */

@@ -10,17 +10,17 @@
 /**
  * GvcDataInputStream:
  *
- * A filter stream that reads strings closed by a terminator byte of the caller's choice.
+ * A filter stream that reads strings that end with a terminator byte of the caller's choice.
  *
- * A string is ended by its terminator, by a read error or by cancellation, and by nothing else: at
- * the end of the stream the readers go on asking for more, so give them a #GCancellable. There is
- * no limit to the length of a string.
+ * Only the terminator, a read error or a cancellation ends a string. At the end of the stream the
+ * readers keep reading, so pass a #GCancellable. A string can have any length.
  *
- * Nothing behind the terminator is consumed. The readers look ahead into the socket, into the
- * stages of a channel or into a #GBufferedInputStream, and take exactly what belongs to the string.
- * Any other base stream is read one byte at a time.
+ * The readers consume no byte after the terminator. They look ahead into the socket, the stages of
+ * a channel or a #GBufferedInputStream, and read exactly the bytes of the string. They read any
+ * other base stream one byte at a time.
  *
- * One string at a time may be in progress on a stream. Closing the stream closes its base stream.
+ * Start the next string only after the last one has ended. Closing the stream closes its base
+ * stream. Use a stream from one thread at a time.
  *
  * Since: 0.1
  */
@@ -28,8 +28,8 @@ G_DEFINE_TYPE_WITH_CODE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
 
-// What a read of `stream` takes its bytes from, so that looking into it tells what comes: the base
-// stream, unless a derived class reads in its own way.
+// The stream to look into for the bytes of the next read: the base stream, unless a derived class
+// overrides reading.
 static GInputStream *
 read_from(GInputStream *stream)
 {
@@ -77,7 +77,7 @@ public:
   {
     return length_ - used_;
   }
-  // How many bytes to read next, when `ahead` bytes at the tail are known to come.
+  // The size of the next read. `ahead` bytes at the tail are known to come.
   gsize
   wanted(gssize ahead) const
   {
@@ -86,7 +86,7 @@ public:
     auto *end = static_cast<gchar *>(memchr(tail(), end_, static_cast<gsize>(ahead)));
     return static_cast<gsize>(end ? end - tail() + 1 : ahead);
   }
-  // Takes over `count` bytes at the tail. TRUE when the last one is the terminator.
+  // Accepts `count` bytes at the tail. Returns TRUE if the last one is the terminator.
   gboolean
   add(gsize count)
   {
@@ -114,8 +114,7 @@ private:
   gsize used_ = 0;
 };
 
-// Reads what it can see to belong to the string, and single bytes from a stream that cannot be
-// looked into: nothing behind the terminator is consumed.
+// Reads bytes that belong to the string for certain, and single bytes if it cannot look ahead.
 class StringRead final : public gvc::Reader
 {
 public:
@@ -184,7 +183,8 @@ gvc_data_input_stream_init(GvcDataInputStream *)
  * gvc_data_input_stream_new:
  * @base_stream: the stream to read strings from
  *
- * Creates a stream that reads strings from @base_stream, the input stream of a #GvcConnection, say.
+ * Creates a stream that reads strings from @base_stream, for example the input stream of a
+ * #GvcConnection.
  *
  * Returns: (transfer full): a new stream, which holds a reference to @base_stream; release it with
  *   g_object_unref()
@@ -208,11 +208,11 @@ gvc_data_input_stream_new(GInputStream *base_stream)
  * @cancellable: (nullable): a #GCancellable
  * @error: return location for a #GError
  *
- * Reads one string; blocks until its terminator is there. The end of the stream does not end it.
- * Errors are those of the base stream, unchanged; what had arrived of the string is lost then.
+ * Reads one string and blocks until its terminator arrives. The end of the stream does not end the
+ * string. Errors are those of the base stream, unchanged; an error loses the bytes read so far.
  *
  * Returns: (transfer full) (array length=length) (element-type guint8): the string with its
- *   terminator and no NUL behind it, or %NULL with @error set; free it with g_free()
+ *   terminator and no additional NUL, or %NULL with @error set; free it with g_free()
  *
  * Since: 0.1
  */
@@ -252,7 +252,7 @@ gvc_data_input_stream_read_string(GvcDataInputStream *stream, gchar string_end, 
  * @string_end: the terminator
  * @io_priority: the priority of the first read; the others are made at %G_PRIORITY_DEFAULT
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the string is there or a read has failed
+ * @callback: (scope async): called when the string has arrived or a read has failed
  * @user_data: data for @callback
  *
  * Reads one string without blocking. @callback runs in the thread-default main context of the
@@ -274,14 +274,15 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
 /**
  * gvc_data_input_stream_read_string_finish:
  * @stream: a #GvcDataInputStream
- * @result: the result that the callback was given
+ * @result: the result that the callback received
  * @length: (out) (optional): the length of the string in bytes, terminator included
  * @error: return location for a #GError
  *
- * Ends gvc_data_input_stream_read_string_async(). Errors are those of the base stream, unchanged.
+ * Finishes gvc_data_input_stream_read_string_async(). Errors are those of the base stream,
+ * unchanged.
  *
  * Returns: (transfer full) (array length=length) (element-type guint8): the string with its
- *   terminator and no NUL behind it, or %NULL with @error set; free it with g_free()
+ *   terminator and no additional NUL, or %NULL with @error set; free it with g_free()
  *
  * Since: 0.1
  */

@@ -10,14 +10,17 @@ namespace block = gvc::wire::block;
 /**
  * GvcDecompressor:
  *
- * A #GConverter that decompresses the blocks that a #GvcCompressor writes, one in each conversion.
- * The format is described there. Payloads in the chunked layout, several streams side by side, are
- * understood too.
+ * A #GConverter that decompresses the blocks of a #GvcCompressor, which describes the format. Each
+ * conversion decodes one block. A payload may also have the chunked layout of several streams.
  *
- * The size that a block announces is the room for what it holds: less than that is taken as it is,
- * more is an error.
+ * A block that decodes to less than it announces is accepted. A block that decodes to more is an
+ * error.
  *
- * A decompressor has no state; any number of threads may use one.
+ * Errors are in the domain %G_IO_ERROR: %G_IO_ERROR_PARTIAL_INPUT if the block is not complete,
+ * %G_IO_ERROR_NO_SPACE if the output has too little room, and %G_IO_ERROR_FAILED if the payload is
+ * corrupt.
+ *
+ * A decompressor has no state. Any number of threads may use it at once.
  *
  * Since: 0.1
  */
@@ -51,8 +54,8 @@ gvc_decompressor_new(void)
   return GVC_DECOMPRESSOR(g_object_new(GVC_TYPE_DECOMPRESSOR, nullptr));
 }
 
-// A byte of LZO1X data stands for 255 bytes of output at most, the value of a length byte. A
-// payload for which this much room was not enough has a header that lies.
+// A byte of LZO1X data decodes to 255 bytes at most, the value of a length byte. If this much room
+// is too small, the header is corrupt.
 static guint64
 most_output(guint32 src_size)
 {

@@ -12,14 +12,17 @@ namespace record = gvc::wire::record;
 /**
  * GvcDecryptor:
  *
- * A #GConverter that decrypts what a #GvcEncryptor with the same key and key length has encrypted.
- * The format is described there.
+ * A #GConverter that decrypts the output of a #GvcEncryptor with the same key and key length.
+ * #GvcEncryptor describes the format. Each conversion decrypts one record.
  *
- * The padding of a record is trusted: a wrong key or a damaged record is in general not noticed
- * here and yields wrong bytes. Only a last byte that asks for more padding than the record has
- * bytes is refused.
+ * A decryptor trusts the padding of a record: a wrong key or a damaged record usually yields wrong
+ * bytes and no error. It refuses only padding that is longer than the record.
  *
- * A decryptor is used from one thread at a time.
+ * Errors are in the domain %G_IO_ERROR: %G_IO_ERROR_PARTIAL_INPUT if the record is not complete,
+ * %G_IO_ERROR_NO_SPACE if the output has too little room, and %G_IO_ERROR_FAILED if the length or
+ * the padding is invalid or the cipher fails.
+ *
+ * Use a decryptor from one thread at a time.
  *
  * Since: 0.1
  */
@@ -73,7 +76,7 @@ gvc_decryptor_init(GvcDecryptor *)
  * gvc_decryptor_new:
  * @key: the key, 32 bytes
  *
- * Creates a decryptor with a key length of 256 bits. It takes its own reference to @key.
+ * Creates a decryptor with a key length of 256 bits, which references @key.
  *
  * Returns: (transfer full): a new decryptor; release it with g_object_unref()
  *
@@ -93,8 +96,8 @@ gvc_decryptor_new(GBytes *key)
  * @decryptor: a decryptor
  * @key_length: 128 or 256, in bits
  *
- * Changes the key length, from the next record on. The chain of blocks runs on until the peer,
- * which has to change its length at the same place, sends a new IV record.
+ * Sets the key length for the records that follow. The peer must change its key length at the same
+ * place. The chain of blocks continues until the peer sends a new IV record.
  *
  * Since: 0.1
  */
@@ -107,8 +110,8 @@ gvc_decryptor_set_key_length(GvcDecryptor *decryptor, guint key_length)
   gvc::change_key_length(&decryptor->cipher, key_length);
 }
 
-// Decrypts the record body of `length` bytes, a positive multiple of the block size, and carries
-// the chain on. *plain is the length without the padding. FALSE leaves the chain as it was.
+// Decrypts the body of a record, `length` bytes in whole blocks, and continues the chain. *plain is
+// the length without the padding. A failure leaves the chain as it was.
 static gboolean
 decrypt_record(GvcDecryptor *self, const guint8 *from, gsize length, guint8 *to, gsize *plain)
 {

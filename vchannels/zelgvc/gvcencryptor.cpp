@@ -15,15 +15,18 @@ namespace record = gvc::wire::record;
  *
  * A #GConverter that encrypts a byte stream with AES in CBC mode. #GvcDecryptor reverses it.
  *
- * Its output is a sequence of records. The first is an IV record, 8 zero bytes and 16 random ones.
+ * Its output is a sequence of records. The first is an IV record: 8 zero bytes and 16 random ones.
  * Each data record carries the input of one conversion: the length of the cipher text in 8 bytes,
- * little-endian, and the cipher text, padded to whole blocks of 16 bytes. The chain of blocks runs
- * on across records; after a reset a new IV record comes first.
+ * little-endian, and the cipher text, padded to whole blocks of 16 bytes. The chain of blocks
+ * continues across records. After a reset, the next record is a new IV record.
  *
- * The stream is not authenticated, and the initial IV follows from the time of day. Run the channel
- * over TLS where that matters.
+ * The stream is not authenticated, and the initial IV derives from the time of day. If that
+ * matters, run the channel over TLS.
  *
- * An encryptor is used from one thread at a time.
+ * Errors are in the domain %G_IO_ERROR: %G_IO_ERROR_NO_SPACE if the output has too little room, and
+ * %G_IO_ERROR_FAILED if the cipher fails.
+ *
+ * Use an encryptor from one thread at a time.
  *
  * Since: 0.1
  */
@@ -90,7 +93,7 @@ gvc_encryptor_init(GvcEncryptor *self)
  * gvc_encryptor_new:
  * @key: the key, 32 bytes
  *
- * Creates an encryptor with a key length of 256 bits. It takes its own reference to @key.
+ * Creates an encryptor with a key length of 256 bits, which references @key.
  *
  * Returns: (transfer full): a new encryptor; release it with g_object_unref()
  *
@@ -110,7 +113,7 @@ gvc_encryptor_new(GBytes *key)
  * @encryptor: an encryptor
  * @key_length: 128 or 256, in bits
  *
- * Changes the key length. A new value resets the encryptor: its next output is a new IV record.
+ * Sets the key length. A new value resets the encryptor: its next output is a new IV record.
  *
  * Since: 0.1
  */
@@ -123,7 +126,8 @@ gvc_encryptor_set_key_length(GvcEncryptor *encryptor, guint key_length)
   gvc::change_key_length(&encryptor->cipher, key_length);
 }
 
-// Encrypts `size` bytes, whole blocks, and carries the chain on. FALSE leaves the chain as it was.
+// Encrypts `size` bytes, whole blocks, and continues the chain. A failure leaves the chain as it
+// was.
 static gboolean
 encrypt_blocks(GvcEncryptor *self, const guint8 *from, guint8 *to, gsize size)
 {
@@ -137,14 +141,14 @@ encrypt_blocks(GvcEncryptor *self, const guint8 *from, guint8 *to, gsize size)
   return TRUE;
 }
 
-// The last `rest` bytes of a record's plain text and their padding, which goes up to a whole block.
+// Encrypts the last `rest` bytes of a record, padded to a whole block.
 static gboolean
 encrypt_final_block(GvcEncryptor *self, const guint8 *from, gsize rest, guint8 *to)
 {
   guint8 block[record::aes_block];
   auto padding = record::aes_block - rest;
 
-  // Lengths that the compiler knows; where there is no rest, the block holds nothing secret.
+  // The sizes are constants for the compiler. Without a rest the block holds no secret.
   std::memset(block, static_cast<int>(padding), sizeof block);
   if (rest > 0)
     std::memcpy(block, from, rest);

@@ -5,8 +5,8 @@
 /**
  * gvc_error_quark:
  *
- * The error domain of the message streams, with the quark string "gvc-error-quark". May be called
- * from any thread.
+ * Gets the error domain of the message streams, "gvc-error-quark". Any thread may call this
+ * function.
  *
  * Returns: the quark behind %GVC_ERROR
  *

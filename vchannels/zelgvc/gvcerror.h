@@ -18,8 +18,7 @@ G_BEGIN_DECLS
 
 /**
  * GvcError:
- * @GVC_ERROR_DISCONNECTED: the stream ended where a message, or the rest of one, was expected;
- *   message "Disconnected"
+ * @GVC_ERROR_DISCONNECTED: the stream ended before or within a message; message "Disconnected"
  *
  * The codes of %GVC_ERROR.
  *
@@ -29,7 +28,7 @@ G_BEGIN_DECLS
 typedef enum {
   GVC_ERROR_DISCONNECTED = 0,
 #ifdef __GI_SCANNER__
-  /* The scanner takes the common prefix off the names of codes only where there are two. */
+  /* The scanner removes the common prefix of the names only if there are two. */
   /*< private >*/
   GVC_ERROR_PREFIX_END
 #endif

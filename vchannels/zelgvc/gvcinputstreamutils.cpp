@@ -3,7 +3,7 @@
 #include "gvcfixedtexts.h"
 #include "engine/gvcreader.h"
 
-// The mirror image of gvcoutputstreamutils.cpp.
+// The counterpart of gvcoutputstreamutils.cpp.
 
 namespace
 {
@@ -25,17 +25,18 @@ public:
 /**
  * gvc_input_stream_util_read_all_async: (skip)
  * @stream: a #GInputStream
- * @buffer: (array length=count) (element-type guint8) (out caller-allocates) (nullable): where the
- *   bytes go; it must stay valid until @callback has run
+ * @buffer: (array length=count) (element-type guint8) (out caller-allocates) (nullable): the buffer
+ *   to read into; it must stay valid until @callback has run
  * @count: how many bytes to read
  * @io_priority: the priority of each read
  * @cancellable: (nullable): a #GCancellable
- * @callback: (scope async): called when the bytes are there, the stream has ended or a read failed
+ * @callback: (scope async): called when the bytes have arrived, the stream has ended or a read
+ * failed
  * @user_data: data for @callback
  *
- * Reads until @count bytes have arrived or @stream ends. Bytes land in @buffer directly; each read
- * asks for all that is missing. @callback is never called before this function returns; it runs in
- * the thread-default main context of the caller. No other read may be in progress on @stream.
+ * Reads until @count bytes have arrived or @stream ends. Each read asks for all missing bytes and
+ * writes directly to @buffer. @callback runs in the thread-default main context of the caller,
+ * after this function has returned. No other read may be in progress on @stream.
  *
  * Since: 0.1
  */
@@ -55,13 +56,13 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
 /**
  * gvc_input_stream_util_read_all_finish: (skip)
  * @stream: a #GInputStream
- * @result: the result that the callback was given
- * @bytes_read: (out) (optional): how many bytes arrived; set on failure too, and smaller than asked
- *   for when the stream ended first
+ * @result: the result that the callback received
+ * @bytes_read: (out) (optional): the number of bytes that arrived; set after a failure too, and
+ *   smaller than requested if the stream ended
  * @error: return location for a #GError
  *
- * Ends gvc_input_stream_util_read_all_async(). Errors are those of @stream, unchanged; the end of
- * the stream is not an error.
+ * Finishes gvc_input_stream_util_read_all_async(). Errors are those of @stream, unchanged; the end
+ * of the stream is not an error.
  *
  * Returns: %TRUE unless a read failed
  *

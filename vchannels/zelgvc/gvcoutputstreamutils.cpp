@@ -3,7 +3,7 @@
 #include "gvcfixedtexts.h"
 #include "engine/gvcwriter.h"
 
-// The mirror image of gvcinputstreamutils.cpp.
+// The counterpart of gvcinputstreamutils.cpp.
 
 namespace
 {
@@ -33,12 +33,12 @@ public:
  * @callback: (scope async): called when all bytes are written or a write failed
  * @user_data: data for @callback
  *
- * Writes @count bytes, straight from @buffer; each write offers all that is left. @callback is
- * never called before this function returns; it runs in the thread-default main context of the
- * caller. No other write may be in progress on @stream.
+ * Writes @count bytes directly from @buffer. Each write offers all remaining bytes. @callback runs
+ * in the thread-default main context of the caller, after this function has returned. No other
+ * write may be in progress on @stream.
  *
- * Over the output stages of a #GvcConnection the operation ends when the socket has taken the last
- * converted byte.
+ * Over the output stages of a #GvcConnection the operation ends when the socket has accepted the
+ * last converted byte.
  *
  * Since: 0.1
  */
@@ -58,11 +58,11 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
 /**
  * gvc_output_stream_util_write_all_finish: (skip)
  * @stream: a #GOutputStream
- * @result: the result that the callback was given
- * @bytes_written: (out) (optional): how many bytes were written; set on failure too
+ * @result: the result that the callback received
+ * @bytes_written: (out) (optional): the number of written bytes; set after a failure too
  * @error: return location for a #GError
  *
- * Ends gvc_output_stream_util_write_all_async(). Errors are those of @stream, unchanged.
+ * Finishes gvc_output_stream_util_write_all_async(). Errors are those of @stream, unchanged.
  *
  * Returns: %TRUE when all bytes were written
  *

@@ -16,8 +16,8 @@
  *
  * A random generator seeded with the time of day in microseconds.
  *
- * Its output is as unpredictable as that time and no more: it serves for initialisation vectors,
- * not for keys. A generator is used from one thread at a time.
+ * Its output is only as unpredictable as that time. Use it for initialisation vectors, not for
+ * keys. Use a generator from one thread at a time.
  *
  * Since: 0.1
  */
@@ -105,10 +105,9 @@ initialise(IppsPRNGState *prng)
 /**
  * gvc_rand_new: (skip)
  *
- * Creates a generator and seeds it with the time of day. What goes wrong is written to standard
- * error.
+ * Creates a generator and seeds it with the time of day. Writes failures to standard error.
  *
- * Returns: (transfer full) (nullable): a new generator, or %NULL where the engine fails; release it
+ * Returns: (transfer full) (nullable): a new generator, or %NULL if the platform fails; release it
  *   with gvc_rand_free()
  *
  * Since: 0.1
@@ -131,19 +130,19 @@ gvc_rand_new(void)
 /**
  * gvc_rand_array: (skip)
  * @rand: a generator
- * @data: (array length=len) (out caller-allocates): where the bytes go
+ * @data: (array length=len) (out caller-allocates): the buffer to fill
  * @len: how many bytes, 1 to 268435455
  *
  * Fills @data with random bytes. The arguments are not checked.
  *
- * Returns: %TRUE when all of @data is filled; %FALSE where @len is out of range or the engine fails
+ * Returns: %TRUE if all of @data is filled, %FALSE if @len is out of range or the platform fails
  *
  * Since: 0.1
  */
 gboolean
 gvc_rand_array(GvcRand *rand, guint8 *data, gsize len)
 {
-  // The engine counts bits in an int. A count that does not fit must not wrap to a smaller one.
+  // The platform counts bits in an int. A larger count must not wrap.
   int bits = len <= INT_MAX / 8 ? static_cast<int>(len * 8) : -1;
   return ippsPRNGen(reinterpret_cast<Ipp32u *>(data), bits, rand->prng) == ippStsNoErr;
 }

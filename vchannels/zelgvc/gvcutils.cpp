@@ -17,11 +17,11 @@ get_socket_connection(GIOStream *stream)
  * gvc_io_stream_get_remote_address_string:
  * @stream: a #GSocketConnection or a #GvcConnection
  *
- * Names the peer of @stream as address, colon, port. No brackets are put around an IPv6 address:
- * port 5900 of fe80::1 reads fe80::1:5900.
+ * Formats the address of the peer as address, colon, port. An IPv6 address has no brackets: port
+ * 5900 of fe80::1 becomes fe80::1:5900.
  *
- * Returns: (transfer full): the peer, or "UNKNOWN" where @stream is neither of the two types, is
- * not connected or has no internet address, a Unix socket for example; free it with g_free()
+ * Returns: (transfer full): the address, or "UNKNOWN" if @stream has another type, is not connected
+ *   or has no internet address, such as a Unix socket; free it with g_free()
  *
  * Since: 0.1
  */

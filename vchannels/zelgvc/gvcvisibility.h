@@ -5,7 +5,7 @@
 /* The headers declare types by hand: G_DECLARE_FINAL_TYPE() and G_DECLARE_DERIVABLE_TYPE() would
  * rename the members `parent` and drop class macros that programs may use. */
 
-/* Marks what the library exports; everything else in it is hidden. */
+/* Marks exported functions; all other symbols are hidden. */
 #if defined(__GNUC__) || defined(__clang__)
 #define GVC_EXPORT __attribute__((visibility("default"))) extern
 #else

@@ -7,8 +7,8 @@
 
 using gvc::Buffer;
 
-// A unit is what the converter takes at once: a block or a record. Bytes go from the base stream to
-// `raw`, and from there straight to the reader if a unit fits, else to `converted`.
+// A unit is one block or record, the input of one conversion. Bytes move from the base stream to
+// `raw`, and from there directly to the reader if the unit fits, else to `converted`.
 G_DECLARE_FINAL_TYPE(GvcInputStage, gvc_input_stage, GVC, INPUT_STAGE, GConverterInputStream)
 
 struct _GvcInputStage {
@@ -113,9 +113,9 @@ convert(GvcInputStage *self, void *to, gsize room, gsize *produced, GError **err
   return result;
 }
 
-// Converts the next unit: to the reader's memory if it fits there, else to `converted`. Counts in
-// *nread what has come to the reader. FALSE with an error, which may be that the converter needs
-// more input.
+// Converts the next unit: to the reader's memory if it fits there, else to `converted`. *nread
+// counts the bytes that the reader got. Fails with G_IO_ERROR_PARTIAL_INPUT if the unit is not
+// complete.
 static gboolean
 convert_unit(GvcInputStage *self, void *to, gsize room, gsize *nread, GError **error)
 {

@@ -11,7 +11,7 @@
 using gvc::Next;
 using gvc::Operation;
 
-// The entry of a pure virtual function, which is never called. It usually comes from libstdc++.
+// The linker needs this entry of pure virtual functions, usually from libstdc++. Nothing calls it.
 extern "C" [[noreturn]] void
 __cxa_pure_virtual()
 {
@@ -34,7 +34,7 @@ template <class D>
 Next
 Operation<D>::next_part()
 {
-  // What the call that starts the operation has moved counts from the next turn on.
+  // Bytes moved within the starting call count from the next turn on.
   changing_part_ = starting_ && (priority_ != G_PRIORITY_DEFAULT || cancellable());
   if (changing_part_)
     return Next::turn;

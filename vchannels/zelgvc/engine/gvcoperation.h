@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // The engine: one object for each asynchronous operation on a stream.
 //
-//   start() --> run() --> attempt()      moves bytes without blocking, and says what comes next:
+//   start() --> run() --> attempt()      moves bytes without blocking, and returns the next step:
 //                ^           |
 //                |           +-- again   another attempt, up to a budget, then as `turn`
 //                |           +-- turn    resume in the next turn of the main loop
@@ -74,7 +74,7 @@ protected:
   Next blocked_or_failed();
 
   virtual Next attempt() = 0;
-  // For `gio`: GIO's asynchronous functions take gio_callback(), which asks what came of it.
+  // For `gio`: GIO's asynchronous functions take gio_callback(), which calls ended().
   static void gio_callback(GObject *source, GAsyncResult *result, gpointer self);
   virtual Next ended(GAsyncResult *result) = 0;
   // Gives the task its result if there is no error: TRUE by default.
@@ -99,7 +99,7 @@ private:
   gboolean resume(Next what);
 
   Stream *lowest_busy_ = nullptr; // the pending flag is set from stream_ down to here
-  Next dispatched_ = Next::done;  // what the source that is running now has waited for
+  Next dispatched_ = Next::done;  // the wait that the current source has ended
   gboolean keep_source_ = FALSE;  // the operation waits for the same again
   gboolean starting_ = FALSE;
   gboolean changing_part_ = FALSE; // next_part() has yet to change the priority

@@ -16,9 +16,9 @@ struct _GvcOutputStage {
   GConverterOutputStream parent;
   GConverter *converter; // that of the parent
   GConverterIface *iface;
-  Buffer unconverted; // what the converter wants more input for
-  Buffer converted;   // what the base stream has not taken yet
-  gsize first_part;   // of `converted`: what the first of two vectors has become
+  Buffer unconverted; // incomplete input of the converter
+  Buffer converted;   // not yet accepted by the base stream
+  gsize first_part;   // of `converted`, made of the first of two vectors
   Buffer retried;     // accepted by a write that failed: not accepted twice if it is tried again
   GError *deferred;   // met after the bytes of a write had been accepted; for the next operation
   gboolean finished;  // the converter has said so; nothing more is accepted
@@ -80,8 +80,8 @@ convert_once(GvcOutputStage *self, const guint8 *in, gsize size, GConverterFlags
   }
 }
 
-// Converts `in` as far as it goes. An error counts only where nothing could be converted before it:
-// otherwise it comes again with the next call.
+// Converts as much of `in` as possible. Reports an error only if nothing was converted before it:
+// otherwise the next call meets the error again.
 static gboolean
 convert_all(GvcOutputStage *self, const guint8 *in, gsize size, gsize *used, GError **error)
 {
@@ -136,7 +136,7 @@ accept(GvcOutputStage *self, const guint8 *in, gsize size, GError **error)
   return -1;
 }
 
-// What becomes of a write after the end of the converted stream, as with GIO's own class.
+// Answers a write after the end of the converted stream as GIO's own class does.
 static gssize
 write_after_end(GError **error)
 {
@@ -147,7 +147,7 @@ write_after_end(GError **error)
   return -1;
 }
 
-// What `converted` holds, in the parts that the base stream is to see.
+// Splits `converted` into the writes to the base stream.
 static gsize
 parts(GvcOutputStage *self, GOutputVector vectors[2])
 {
@@ -302,7 +302,7 @@ write_vectors(GvcOutputStage *self, const GOutputVector *vectors, gsize n_vector
   if (sent)
     return taken;
   gboolean would_block = g_error_matches(failure, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK);
-  // What failed first is told first; the other failure comes again.
+  // The first failure is reported first; the other one comes again.
   if (!would_block && self->deferred) {
     g_error_free(failure);
     failure = std::exchange(self->deferred, nullptr);
@@ -357,7 +357,7 @@ gvc_output_stage_flush(GOutputStream *stream, GCancellable *cancellable, GError 
   if (!push(self, TRUE, cancellable, error))
     return FALSE;
 
-  // Closing goes on to the base stream by itself.
+  // Closing a filter stream closes its base stream as well.
   return closing || g_output_stream_flush(base_stream(self), cancellable, error);
 }
 

@@ -226,7 +226,7 @@ gvc::write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsiz
   case G_POLLABLE_RETURN_OK:
     return static_cast<gssize>(written);
   case G_POLLABLE_RETURN_WOULD_BLOCK:
-    // The one failure that comes without an error.
+    // GIO sets no error for this failure alone.
     set_would_block(error);
     return -1;
   default:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the engine asks of streams: whether they can be polled, what they forward to, whether they
+// Properties of streams: whether they can be polled, which stream they forward to, whether they
 // gather. GIO runs asynchronous operations of a pollable stream in the caller's main context,
 // without worker threads.
 #pragma once
@@ -65,16 +65,14 @@ template <class D> gboolean can_poll(typename D::Stream *stream);
 // The stream sends several vectors in one call. GIO's default writes them one by one.
 gboolean gathers(GOutputStream *stream);
 
-// Writes without blocking what one call takes. Only a stream that gathers is given more than one
-// vector.
+// One write without blocking. Pass more than one vector only to a stream that gathers.
 gssize write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                          GCancellable *cancellable, GError **error);
 
 // Sets G_IO_ERROR_WOULD_BLOCK.
 void set_would_block(GError **error);
 
-// `error`, or one for a stream that failed without saying why: it must not look like one that has
-// done its work.
+// Returns `error`, or a new one if a stream failed without an error.
 GError *or_unknown(GError *error);
 
 } // namespace gvc

@@ -65,15 +65,14 @@ Reader::ended(GAsyncResult *result)
   return nread >= 0 ? moved(nread) : failed();
 }
 
-// A peek takes a pending error off the socket, so what it says must not be lost: it is reported in
-// GIO's own words.
+// A peek removes a pending error from the socket, so the error is reported here, in GIO's words.
 static gssize
 peek_socket(GSocket *socket, void *to, gsize room, GError **error)
 {
   gssize count = recv(g_socket_get_fd(socket), to, room, MSG_PEEK | MSG_DONTWAIT);
   if (count >= 0)
     return count;
-  // A read reports what a socket keeps to itself: that it is closed, or has timed out.
+  // Only a read reports that the socket is closed or has timed out.
   if (errno == EINTR || errno == EBADF || (errno == EAGAIN && g_socket_get_timeout(socket) > 0))
     return 0;
   auto code = g_io_error_from_errno(errno);

@@ -6,7 +6,7 @@
 //   instance of its direction. It stays from one wait to the next, so that waiting costs no system
 //   call.
 // - Events are edges. None is lost: a wait begins only after the socket was found not ready, and an
-//   edge that comes before the wait is still in the epoll instance.
+//   edge before the wait stays in the epoll instance.
 // - Events name their place by a number, never by a pointer: epoll may report a place that is gone.
 // - A place that fires while nothing waits in it is taken out of the set until the next wait, so a
 //   peer that sends to a channel that nobody reads wakes nobody twice.
@@ -175,7 +175,7 @@ gvc::plain_socket(gpointer stream)
   return place ? place->socket : nullptr;
 }
 
-// Lets the epoll instance report the place. An edge comes at once if the socket is ready by now.
+// Adds the place to the epoll instance, which reports an edge at once if the socket is ready.
 static gboolean
 enter_epoll(Place *place)
 {

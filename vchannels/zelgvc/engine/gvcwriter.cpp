@@ -79,7 +79,7 @@ Writer::ended(GAsyncResult *result)
   return nwritten >= 0 ? moved(nwritten) : failed();
 }
 
-// Stages may hold what the stream has accepted.
+// Stages may still hold bytes that the stream has accepted.
 Next
 Writer::all_accepted()
 {

@@ -22,7 +22,7 @@ public:
 protected:
   void start(int io_priority);
   void offer(const void *from, gsize count);
-  // All vectors are accepted. Offers more, or sends what the stages still hold.
+  // All vectors are accepted. Offers more, or sends the bytes that the stages still hold.
   virtual Next all_accepted();
 
   Next attempt() override;
