@@ -24,6 +24,7 @@ typedef struct {
   GMainContext *clock; /* of the thread that watches the deadlines */
   int over;            /* ends this thread */
   guint timeout;
+  guint messages;      /* of each kind */
   guint64 frames;      /* sent and received */
   guint64 strings;     /* likewise */
   guint64 payload;     /* their bytes, without lengths and terminators */
@@ -215,7 +216,7 @@ exchange_bytes(Call *call, guint number, GError **error)
 static gboolean
 exchange_variant(Call *call, guint number, GError **error)
 {
-  g_autofree char *text = g_strdup_printf("message %u", number);
+  g_autofree char *text = g_strdup_printf("message %u of %u", number, call->messages);
   g_autofree char *backwards = g_utf8_strreverse(text, -1);
   g_autoptr(GVariant) answer = NULL;
   const char *answer_text;
@@ -235,7 +236,7 @@ exchange_variant(Call *call, guint number, GError **error)
 static gboolean
 exchange_string(Call *call, guint number, GError **error)
 {
-  g_autofree char *string = g_strdup_printf("line %u", number);
+  g_autofree char *string = g_strdup_printf("line %u of %u", number, call->messages);
   g_autofree char *capitals = g_ascii_strup(string, -1);
   g_autofree char *answer = NULL;
 
@@ -338,6 +339,7 @@ exchange_messages(Call *call, guint count, GError **error)
 {
   gint64 start = g_get_monotonic_time();
 
+  call->messages = count;
   for (guint kind = 0; kind < G_N_ELEMENTS(kinds); kind++) {
     if (!request(call, kinds[kind].kind, count, "", error))
       return FALSE;

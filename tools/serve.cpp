@@ -56,14 +56,13 @@ static void
 serve_perf_run(Channel &channel, const Control &wanted)
 {
   auto direction = wanted.bytes("direction");
-  auto size = wanted.number("size");
-  auto seconds = wanted.real("seconds");
-  bool possible = size > 0 && size <= message_limit && seconds <= 3600;
-  if (direction == "send" && possible) {
-    channel.put(report(receive_messages(channel, size, "")));
+  if (direction == "send") {
+    channel.put(report(receive_messages(channel, message_limit, "")));
     return;
   }
-  if (direction != "receive" || !possible)
+  auto size = wanted.number("size");
+  auto seconds = wanted.real("seconds");
+  if (direction != "receive" || size == 0 || size > message_limit || !(seconds <= 3600))
     fail(Exit::protocol, "%s wants a measurement that there is not", channel.peer().c_str());
   std::vector<char> data(size);
   if (!make_data(wanted.bytes("data"), data))

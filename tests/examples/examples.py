@@ -215,7 +215,8 @@ def gives_up_on_a_server_that_drips():
     """Each byte comes within the timeout, but the answer does not."""
     with socket.create_server(("127.0.0.1", 0)) as server:
         options = ["--port", str(server.getsockname()[1]), "--timeout", "1"]
-        with subprocess.Popen([CALL, *options], stderr=subprocess.PIPE, text=True) as caller:
+        with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.PIPE, text=True) as caller:
             with server.accept()[0] as sock, contextlib.suppress(OSError):
                 for byte in frame(bytes(60)):
                     sock.sendall(bytes([byte]))
