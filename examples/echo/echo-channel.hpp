@@ -21,45 +21,14 @@ struct Unref {
 
 template <typename T> using Ref = std::unique_ptr<T, Unref>;
 
-// An error that a C function sets through slot(), freed with its scope.
-class Failure
+// The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
+// that it could not get another block.
+inline bool
+is_end(const GError *error)
 {
-public:
-  Failure() = default;
-  Failure(const Failure &) = delete;
-  Failure &operator=(const Failure &) = delete;
-  ~Failure()
-  {
-    g_clear_error(&error_);
-  }
-
-  GError **
-  slot()
-  {
-    return &error_;
-  }
-  explicit operator bool() const
-  {
-    return error_ != nullptr;
-  }
-  const char *
-  message() const
-  {
-    return error_->message;
-  }
-
-  // The peer has closed its side. On a bare channel that reads as "Disconnected"; a stage reports
-  // that it could not get another block.
-  bool
-  is_end() const
-  {
-    return g_error_matches(error_, GVC_ERROR, GVC_ERROR_DISCONNECTED) ||
-           g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
-  }
-
-private:
-  GError *error_ = nullptr;
-};
+  return g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+}
 
 // A callback that calls a member function of its user data.
 template <auto method> struct Forward;

@@ -26,15 +26,21 @@ class Client
 {
 public:
   explicit Client(GSocketConnection *socket) : channel_(socket), messages_(make_messages()) {}
+  Client(const Client &) = delete;
+  Client &operator=(const Client &) = delete;
+  ~Client()
+  {
+    g_clear_error(&error_);
+  }
 
   bool
   run()
   {
     while (next_ < messages_.size()) {
       if (!gvc_bytes_output_stream_put_bytes(channel_.writer(), messages_[next_].get(), nullptr,
-                                             failure_.slot()))
+                                             &error_))
         return report();
-      if (!check(gvc_bytes_input_stream_read_bytes(channel_.reader(), nullptr, failure_.slot())))
+      if (!check(gvc_bytes_input_stream_read_bytes(channel_.reader(), nullptr, &error_)))
         return report();
     }
     return true;
@@ -79,14 +85,14 @@ private:
   void
   on_sent(GAsyncResult *result)
   {
-    if (!gvc_bytes_output_stream_put_bytes_finish(channel_.writer(), result, failure_.slot()))
+    if (!gvc_bytes_output_stream_put_bytes_finish(channel_.writer(), result, &error_))
       g_main_loop_quit(loop_);
   }
 
   void
   on_echo(GAsyncResult *result)
   {
-    if (check(gvc_bytes_input_stream_read_bytes_finish(channel_.reader(), result, failure_.slot())))
+    if (check(gvc_bytes_input_stream_read_bytes_finish(channel_.reader(), result, &error_)))
       send();
     else
       g_main_loop_quit(loop_);
@@ -102,7 +108,7 @@ private:
   bool
   report()
   {
-    g_printerr("echo-client: %s\n", failure_ ? failure_.message() : "The echo differs");
+    g_printerr("echo-client: %s\n", error_ ? error_->message : "The echo differs");
     return false;
   }
 
@@ -110,7 +116,7 @@ private:
   std::vector<Ref<GBytes>> messages_;
   std::size_t next_ = 0;
   GMainLoop *loop_ = nullptr;
-  Failure failure_;
+  GError *error_ = nullptr;
 };
 
 int
@@ -119,13 +125,13 @@ main(int argc, char **argv)
   auto port = static_cast<guint16>(argc > 1 ? std::atoi(argv[1]) : 0);
   bool async = argc > 2 && std::string_view(argv[2]) == "--async";
   Ref<GSocketClient> connector(g_socket_client_new());
-  Failure failure;
+  g_autoptr(GError) error = nullptr;
 
   gvc_init();
   Ref<GSocketConnection> socket(
-      g_socket_client_connect_to_host(connector.get(), "127.0.0.1", port, nullptr, failure.slot()));
+      g_socket_client_connect_to_host(connector.get(), "127.0.0.1", port, nullptr, &error));
   if (!socket) {
-    g_printerr("echo-client: %s\n", failure.message());
+    g_printerr("echo-client: %s\n", error->message);
     return 1;
   }
 

@@ -5,24 +5,23 @@
 #include <string_view>
 
 static void
-report(const Failure &failure)
+report(const GError *error)
 {
-  if (!failure.is_end())
-    g_printerr("echo-server: %s\n", failure.message());
+  if (!is_end(error))
+    g_printerr("echo-server: %s\n", error->message);
 }
 
 static void
 serve(GSocketConnection *socket)
 {
   Channel channel(socket);
-  Failure failure;
+  g_autoptr(GError) error = nullptr;
 
   for (;;) {
-    Ref<GBytes> message(
-        gvc_bytes_input_stream_read_bytes(channel.reader(), nullptr, failure.slot()));
-    if (!message || !gvc_bytes_output_stream_put_bytes(channel.writer(), message.get(), nullptr,
-                                                       failure.slot())) {
-      report(failure);
+    Ref<GBytes> message(gvc_bytes_input_stream_read_bytes(channel.reader(), nullptr, &error));
+    if (!message ||
+        !gvc_bytes_output_stream_put_bytes(channel.writer(), message.get(), nullptr, &error)) {
+      report(error);
       return;
     }
   }
@@ -51,11 +50,11 @@ private:
   void
   on_message(GAsyncResult *result)
   {
-    Failure failure;
+    g_autoptr(GError) error = nullptr;
     Ref<GBytes> message(
-        gvc_bytes_input_stream_read_bytes_finish(channel_.reader(), result, failure.slot()));
+        gvc_bytes_input_stream_read_bytes_finish(channel_.reader(), result, &error));
     if (!message)
-      return end(failure);
+      return end(error);
     gvc_bytes_output_stream_put_bytes_async(channel_.writer(), message.get(), G_PRIORITY_DEFAULT,
                                             nullptr, forward<&Session::on_sent>, this);
   }
@@ -63,16 +62,16 @@ private:
   void
   on_sent(GAsyncResult *result)
   {
-    Failure failure;
-    if (!gvc_bytes_output_stream_put_bytes_finish(channel_.writer(), result, failure.slot()))
-      return end(failure);
+    g_autoptr(GError) error = nullptr;
+    if (!gvc_bytes_output_stream_put_bytes_finish(channel_.writer(), result, &error))
+      return end(error);
     read();
   }
 
   void
-  end(const Failure &failure)
+  end(const GError *error)
   {
-    report(failure);
+    report(error);
     delete this;
   }
 
@@ -86,15 +85,14 @@ static void
 on_accepted(GObject *source, GAsyncResult *result, gpointer)
 {
   auto *listener = G_SOCKET_LISTENER(source);
-  Failure failure;
-  Ref<GSocketConnection> socket(
-      g_socket_listener_accept_finish(listener, result, nullptr, failure.slot()));
+  g_autoptr(GError) error = nullptr;
+  Ref<GSocketConnection> socket(g_socket_listener_accept_finish(listener, result, nullptr, &error));
 
   if (socket) {
     Session::start(socket.get());
     accept_next(listener);
   } else {
-    report(failure);
+    report(error);
     g_timeout_add_seconds(1, accept_next, listener);
   }
 }
@@ -107,13 +105,13 @@ accept_next(gpointer listener)
 }
 
 static guint16
-listen_on_loopback(GSocketListener *listener, Failure &failure)
+listen_on_loopback(GSocketListener *listener, GError **error)
 {
   Ref<GSocketAddress> wanted(g_inet_socket_address_new_from_string("127.0.0.1", 0));
   GSocketAddress *actual = nullptr;
 
   if (!g_socket_listener_add_address(listener, wanted.get(), G_SOCKET_TYPE_STREAM,
-                                     G_SOCKET_PROTOCOL_TCP, nullptr, &actual, failure.slot()))
+                                     G_SOCKET_PROTOCOL_TCP, nullptr, &actual, error))
     return 0;
   Ref<GInetSocketAddress> address(G_INET_SOCKET_ADDRESS(actual));
   return g_inet_socket_address_get_port(address.get());
@@ -123,23 +121,23 @@ int
 main(int argc, char **argv)
 {
   Ref<GSocketListener> listener(g_socket_listener_new());
-  Failure failure;
+  g_autoptr(GError) error = nullptr;
 
   gvc_init();
-  auto port = listen_on_loopback(listener.get(), failure);
-  if (!failure)
+  auto port = listen_on_loopback(listener.get(), &error);
+  if (!error)
     g_print("%d\n", port);
 
-  if (!failure && argc > 1 && std::string_view(argv[1]) == "--async") {
+  if (!error && argc > 1 && std::string_view(argv[1]) == "--async") {
     accept_next(listener.get());
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
   }
-  while (!failure) {
+  while (!error) {
     Ref<GSocketConnection> socket(
-        g_socket_listener_accept(listener.get(), nullptr, nullptr, failure.slot()));
+        g_socket_listener_accept(listener.get(), nullptr, nullptr, &error));
     if (socket)
       serve(socket.get());
   }
-  report(failure);
+  report(error);
   return 1;
 }
