@@ -29,12 +29,6 @@ measureBlocking(const Report &report)
 
 // ---- Whole channels ----
 
-static Contender
-burstOf16(const std::string &name, const SharedLink &link, GBytes *message)
-{
-  return burst(name, link, {message}, 16);
-}
-
 void
 measureChannels(const Report &report)
 {
@@ -43,9 +37,7 @@ measureChannels(const Report &report)
     Contender (*contender)(const std::string &, const SharedLink &, GBytes *);
     std::int64_t most; // bytes of message
   };
-  constexpr Mode modes[] = {{"one way", oneWay, INT64_MAX},
-                            {"round trip", roundTrip, 1 << 20},
-                            {"burst", burstOf16, 4096}};
+  constexpr Mode modes[] = {{"one way", oneWay, INT64_MAX}, {"round trip", roundTrip, 1 << 20}};
   std::vector<std::int64_t> sizes = {16, 64, 256, 1024, 4096, 65536, 1 << 20, 8 << 20, 64 << 20};
   if (report.effort.quick)
     sizes = {64, 1024, 65536, 1 << 20, 8 << 20};

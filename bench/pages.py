@@ -176,8 +176,7 @@ def stages(results, docs):
         "![Data rate by the size of the message](performance-stages.svg)",
         "## Beside TLS",
         f"TLS is glib-networking's `GTlsConnection` with {results.machine['tls']}, one write for a "
-        "message. The messages are C source. In a burst, one thread sends 16 messages and then "
-        "receives them.",
+        "message. The messages are C source. A second thread receives them, or sends them back.",
         table({"mode": parameter("mode"), "message": parameter("size"),
                **{named(name): time(name) for name in ("plain", "encrypted", "both", "tls")},
                "plain ÷ TLS": ratio("plain", "tls"),
