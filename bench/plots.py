@@ -34,7 +34,7 @@ def save(figure, path):
     text = text.replace("*{stroke", "@media (prefers-color-scheme: dark)"
                         "{text{fill: #c0c0c0 !important}} *{stroke", 1)
     text = re.sub(r' transform="rotate\(-?0 [^"]*"', "", text)
-    path.write_text("\n".join(filter(None, map(str.strip, text.splitlines()))) + "\n")
+    path.write_text(" ".join(text.split()).replace("> <", "><") + "\n")
 
 
 def legend(figure, axes, columns):

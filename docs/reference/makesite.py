@@ -45,7 +45,7 @@ def convert(path, linker, dead):
     """Turns a page into what gi-docgen reads, and adds its dead links to `dead`."""
     def local_link(match):
         text, target, anchor = match.groups()
-        if not (path.parent / target).exists() and not target.endswith(".html"):
+        if not (path.parent / target).exists():
             dead.append(f"{path}: dead link to {target}")
         if "/" in target:  # A file of the sources, which the site does not have.
             return text
@@ -60,7 +60,7 @@ def convert(path, linker, dead):
     for i in range(0, len(parts), 2):
         parts[i] = "\n".join(map(symbols, LOCAL_LINK.sub(local_link, parts[i]).split("\n")))
     title = re.search(r"^# (.*)", text, re.MULTILINE)[1]
-    return ("" if text.startswith("Title:") else f"Title: {title}\n\n") + "".join(parts)
+    return f"Title: {title}\n\n" + "".join(parts)
 
 
 class Sections(html.parser.HTMLParser):

@@ -148,21 +148,20 @@ def tool_victims(layers, kind):
     # 64 MiB of a message, again in the stages' buffers and on their way, and the program itself.
     large = 400 if layers else 200
     common = {"layers": layers, "kind": kind}
-    file = (TIMEOUT, TIMEOUT, TIMEOUT + 32)
-    message = (TIMEOUT, TIMEOUT, TIMEOUT + 2048)
+    drawn = (TIMEOUT, TIMEOUT, TIMEOUT + 32)
     pairs = [
         ("listen", ["{a}"], "connect", ["{a}"], {"memory": large, "wishes": True}),
         ("listen --keep", ["--keep", "{a}"], "connect", ["{a}"],
          {"memory": large, "serves": "in turn"}),
         ("listen --strings", ["--strings", "\\n", "--limit", 1 << 20, "{a}"], "connect",
          ["--strings", "\\n", "{a}"], {"memory": 48, "wishes": True}),
-        ("receive", [*limit, "--force", "{a}", "."], "send", ["{a}", "{f}"], {"deadlines": file}),
+        ("receive", [*limit, "--force", "{a}", "."], "send", ["{a}", "{f}"], {"deadlines": drawn}),
         ("receive --keep", [*limit, "--keep", "--force", "{a}", "."], "send", ["{a}", "{f}"],
-         {"deadlines": file, "serves": "in turn"}),
+         {"deadlines": drawn, "serves": "in turn"}),
         ("serve (ping)", [*limit, "{a}"], "ping", ["-c", 2, "{a}"],
-         {"deadlines": message, "memory": large, "serves": "at once"}),
+         {"deadlines": drawn, "memory": large, "serves": "at once"}),
         ("serve (perf)", [*limit, "{a}"], "perf", ["-t", 0.05, "-s", 1000, "{a}"],
-         {"deadlines": message, "memory": large, "serves": "at once"}),
+         {"deadlines": drawn, "memory": large, "serves": "at once"}),
     ]
     for name, server, client, options, more in pairs:
         own, their = tool(name.split()[0], *server), tool(client, *options)
@@ -185,7 +184,7 @@ def example_victims(layers):
     yield Victim("serve.c", [*server, "--timeout", TIMEOUT], [*client, *file], serves="at once",
                  deadlines=limits, **large)
     yield Victim("call.c", [*client, "--timeout", TIMEOUT, *file], server, listens=False,
-                 codes=(0, 1), deadlines=(TIMEOUT, TIMEOUT, None), **large)
+                 codes=(0, 1), deadlines=limits, **large)
 
 
 def echo_victims():
