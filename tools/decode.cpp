@@ -16,7 +16,7 @@ static constexpr gsize variant_limit = 64 * 1024 * 1024;
 
 namespace
 {
-struct Options {
+struct DecodeOptions {
   gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
   OptionText variant, strings, from;
   int limit = 256;
@@ -26,7 +26,7 @@ struct Options {
 class Printer : public Reporter
 {
 public:
-  explicit Printer(const Options &options) : Reporter(options.strict), options(options) {}
+  explicit Printer(const DecodeOptions &options) : Reporter(options.strict), options(options) {}
 
   void iv_record(const Unit &unit, const char *iv) override;
   void record(const Unit &unit, gint64 content) override;
@@ -52,7 +52,7 @@ private:
   void add_contents(JsonLine &json, guint64 length, const std::string &shown);
   std::string cut(const std::string &shown) const;
 
-  const Options &options;
+  const DecodeOptions &options;
   std::vector<guint64> counts;
 };
 } // namespace
@@ -289,7 +289,7 @@ namespace
 class Stack
 {
 public:
-  Stack(const Options &options, const Stages &stages, Printer &printer);
+  Stack(const DecodeOptions &options, const Stages &stages, Printer &printer);
   Stack(const Stack &) = delete;
 
   Layer &
@@ -318,7 +318,8 @@ Stack::add(const char *name, std::unique_ptr<Layer> layer)
 }
 
 // The last stage on the way out is the first on the way in.
-Stack::Stack(const Options &options, const Stages &stages, Printer &printer) : printer(printer)
+Stack::Stack(const DecodeOptions &options, const Stages &stages, Printer &printer)
+    : printer(printer)
 {
   if (options.encrypted) {
     add("record", std::make_unique<RecordLayer>(printer, nullptr));
@@ -359,7 +360,7 @@ feed(int fd, const std::string &shown, Layer &bottom)
 }
 
 static void
-check(const Options &options, const Stages &stages)
+check(const DecodeOptions &options, const Stages &stages)
 {
   if (options.hex + options.text + (options.variant.value != nullptr) > 1)
     fail(Exit::usage, "--hex, --text and --variant exclude each other");
@@ -376,7 +377,7 @@ check(const Options &options, const Stages &stages)
 }
 
 static Exit
-decode(const Options &options, const Stages &stages, const std::string *path)
+decode(const DecodeOptions &options, const Stages &stages, const std::string *path)
 {
   auto shown = path ? printable(*path) : "standard input";
   int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
@@ -402,7 +403,7 @@ decode(const Options &options, const Stages &stages, const std::string *path)
 Exit
 run_decode(CommandLine &line)
 {
-  Options options;
+  DecodeOptions options;
   const GOptionEntry entries[] = {
       {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
        "Show the records of an encrypted stream without its key", nullptr},

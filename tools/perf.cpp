@@ -10,7 +10,7 @@
 
 namespace
 {
-struct Options {
+struct PerfOptions {
   double seconds = 1;
   OptionText sizes, direction, data;
   gboolean json = FALSE;
@@ -64,8 +64,8 @@ read_report(Channel &channel)
 }
 
 static Run
-measure(Channel &channel, const Options &options, const std::string &kind, const char *direction,
-        guint64 size)
+measure(Channel &channel, const PerfOptions &options, const std::string &kind,
+        const char *direction, guint64 size)
 {
   Run run{direction, size, {}, {}};
   std::vector<char> data(size);
@@ -121,7 +121,7 @@ print_row(const Run &run)
 Exit
 run_perf(CommandLine &line)
 {
-  Options options;
+  PerfOptions options;
   const GOptionEntry entries[] = {
       {"sizes", 's', 0, G_OPTION_ARG_STRING, &options.sizes.value,
        "Bytes in a message (default 64,1024,16384,262144)", "N,N..."},

@@ -13,7 +13,7 @@
 
 namespace
 {
-struct Options {
+struct PingOptions {
   int count = 10;
   int size = 32;
   double interval = 0.1;
@@ -53,7 +53,7 @@ static constexpr struct {
 } percentiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p95", 0.95}, {"p99", 0.99}, {"p99.9", 0.999}};
 
 static void
-print_summary(const Options &options, const Stages &stages, Channel &channel,
+print_summary(const PingOptions &options, const Stages &stages, Channel &channel,
               std::vector<double> times)
 {
   std::sort(times.begin(), times.end());
@@ -91,7 +91,7 @@ pause_for(double seconds)
 }
 
 static std::vector<double>
-measure(Channel &channel, const Options &options)
+measure(Channel &channel, const PingOptions &options)
 {
   std::vector<char> message(static_cast<gsize>(options.size), '.');
   std::vector<double> times;
@@ -117,7 +117,7 @@ measure(Channel &channel, const Options &options)
 Exit
 run_ping(CommandLine &line)
 {
-  Options options;
+  PingOptions options;
   const GOptionEntry entries[] = {
       {"count", 'c', 0, G_OPTION_ARG_INT, &options.count,
        "Stop after this many round trips, 0 for never (default 10)", "N"},

@@ -23,7 +23,7 @@ static constexpr guint64 sync_interval = 256 * 1024 * 1024;
 
 namespace
 {
-struct Options {
+struct ReceiveOptions {
   gboolean force = FALSE, resume = FALSE, keep = FALSE, json = FALSE;
   int dir = -1;
 };
@@ -196,7 +196,7 @@ check_name(const std::string &name)
 }
 
 static void
-check_free(const Options &options, const std::string &name)
+check_free(const ReceiveOptions &options, const std::string &name)
 {
   struct stat status;
   if (fstatat(options.dir, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
@@ -281,7 +281,7 @@ say_what_is_kept(const Part &part, const Announced &file)
 }
 
 static Transferred
-receive_into(Channel &channel, Part &part, const Announced &file, const Options &options,
+receive_into(Channel &channel, Part &part, const Announced &file, const ReceiveOptions &options,
              bool resume)
 {
   Transferred result;
@@ -304,7 +304,7 @@ receive_into(Channel &channel, Part &part, const Announced &file, const Options 
 }
 
 static Exit
-receive_file(Channel &channel, const Announced &file, const Options &options, bool resume)
+receive_file(Channel &channel, const Announced &file, const ReceiveOptions &options, bool resume)
 {
   bool answered = false;
   try {
@@ -330,7 +330,7 @@ receive_file(Channel &channel, const Announced &file, const Options &options, bo
 }
 
 static Exit
-receive_files(Channel &channel, const Options &options, bool resume)
+receive_files(Channel &channel, const ReceiveOptions &options, bool resume)
 {
   auto worst = Exit::ok;
   for (;;) {
@@ -362,7 +362,7 @@ tell(Channel &channel, const Failure &failure)
 }
 
 static Exit
-serve_sender(GSocketConnection *connection, const CommandLine &line, const Options &options)
+serve_sender(GSocketConnection *connection, const CommandLine &line, const ReceiveOptions &options)
 {
   Channel channel(connection, line.stages, line.timeout);
   std::string service;
@@ -378,7 +378,7 @@ serve_sender(GSocketConnection *connection, const CommandLine &line, const Optio
 }
 
 static void
-open_directory(Options &options, const std::string &path)
+open_directory(ReceiveOptions &options, const std::string &path)
 {
   options.dir = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (options.dir < 0 || faccessat(options.dir, ".", W_OK | X_OK, AT_EACCESS) != 0)
@@ -387,7 +387,7 @@ open_directory(Options &options, const std::string &path)
 
 // Goes on after a sender that fails.
 static Exit
-serve_senders(Listener &listener, const CommandLine &line, const Options &options)
+serve_senders(Listener &listener, const CommandLine &line, const ReceiveOptions &options)
 {
   for (;;) {
     try {
@@ -403,7 +403,7 @@ serve_senders(Listener &listener, const CommandLine &line, const Options &option
 Exit
 run_receive(CommandLine &line)
 {
-  Options options;
+  ReceiveOptions options;
   const GOptionEntry entries[] = {
       {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace existing files", nullptr},
       {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume, "Continue an interrupted transfer",
