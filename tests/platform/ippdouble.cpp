@@ -371,7 +371,7 @@ IppStatus
 ippsRijndael128Init(const Ipp8u *pKey, IppsRijndaelKeyLength keyLen, IppsRijndael128Spec *pCtx)
 {
   Recorder recorder(Function::rijndaelInit);
-  Call &call = recorder.call;
+  auto &call = recorder.call;
   call.context = pCtx;
   call.source = pKey;
   call.option = keyLen;
@@ -448,7 +448,7 @@ IppStatus
 ippsSet_BN(IppsBigNumSGN sgn, int len32, const Ipp32u *pData, IppsBigNumState *pBN)
 {
   Recorder recorder(Function::setBn);
-  Call &call = recorder.call;
+  auto &call = recorder.call;
   call.context = pBN;
   call.source = pData;
   call.length = len32;
