@@ -97,7 +97,8 @@ write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError
   auto *payload = g_bytes_get_data(bytes, &size);
 
   if (size > 0 && gvc::gathers(out)) {
-    GOutputVector vectors[] = {{&prefix, sizeof prefix}, {payload, size}};
+    GOutputVector vectors[] = {{.buffer = &prefix, .size = sizeof prefix},
+                               {.buffer = payload, .size = size}};
     return g_output_stream_writev_all(out, vectors, G_N_ELEMENTS(vectors), nullptr, cancellable,
                                       error);
   }

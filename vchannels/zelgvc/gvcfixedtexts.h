@@ -22,12 +22,18 @@ struct Assertion {
 inline constexpr char connection_file[] = "vchannels/zelgvc/gvcconnection";
 inline constexpr int connection_setter_line = 68;
 inline constexpr int connection_getter_line = 90;
-inline constexpr Assertion read_assertion = {"vchannels/zelgvc/gvcinputstreamutils", 49,
-                                             "read_all_callback", "nread <= data->to_read"};
-inline constexpr Assertion write_assertion = {"vchannels/zelgvc/gvcoutputstreamutils", 48,
-                                              "write_all_callback", "nwritten <= data->to_write"};
-inline constexpr Assertion write_warning = {"vchannels/zelgvc/gvcoutputstreamutils", 49,
-                                            "write_all_callback", "nwritten > 0"};
+inline constexpr Assertion read_assertion = {.file = "vchannels/zelgvc/gvcinputstreamutils",
+                                             .line = 49,
+                                             .function = "read_all_callback",
+                                             .expression = "nread <= data->to_read"};
+inline constexpr Assertion write_assertion = {.file = "vchannels/zelgvc/gvcoutputstreamutils",
+                                              .line = 48,
+                                              .function = "write_all_callback",
+                                              .expression = "nwritten <= data->to_write"};
+inline constexpr Assertion write_warning = {.file = "vchannels/zelgvc/gvcoutputstreamutils",
+                                            .line = 49,
+                                            .function = "write_all_callback",
+                                            .expression = "nwritten > 0"};
 
 // The warning about a key length: also its function, the only one that logs it.
 inline constexpr char key_length_domain[] = "ZEL";

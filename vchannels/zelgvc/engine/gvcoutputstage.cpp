@@ -155,11 +155,11 @@ parts(GvcOutputStage *self, GOutputVector vectors[2])
   gsize size = self->converted.size(), first = self->first_part;
 
   if (first == 0 || first >= size) {
-    vectors[0] = {data, size};
+    vectors[0] = {.buffer = data, .size = size};
     return size > 0 ? 1 : 0;
   }
-  vectors[0] = {data, first};
-  vectors[1] = {data + first, size - first};
+  vectors[0] = {.buffer = data, .size = first};
+  vectors[1] = {.buffer = data + first, .size = size - first};
   return self->gathered ? 2 : 1;
 }
 
@@ -322,7 +322,7 @@ static gssize
 gvc_output_stage_write(GOutputStream *stream, const void *buffer, gsize count,
                        GCancellable *cancellable, GError **error)
 {
-  GOutputVector vector = {buffer, count};
+  GOutputVector vector = {.buffer = buffer, .size = count};
   return write_vectors(GVC_OUTPUT_STAGE(stream), &vector, 1, Sending::blocking, cancellable, error);
 }
 
@@ -414,7 +414,7 @@ static gssize
 gvc_output_stage_write_nonblocking(GPollableOutputStream *stream, const void *buffer, gsize count,
                                    GError **error)
 {
-  GOutputVector vector = {buffer, count};
+  GOutputVector vector = {.buffer = buffer, .size = count};
   return write_nonblocking(stream, &vector, 1, error);
 }
 

@@ -66,7 +66,12 @@ static GSource *
 source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
             GCancellable *cancellable)
 {
-  static GSourceFuncs funcs = {prepare, check, dispatch, finalize, nullptr, nullptr};
+  static GSourceFuncs funcs = {.prepare = prepare,
+                               .check = check,
+                               .dispatch = dispatch,
+                               .finalize = finalize,
+                               .closure_callback = nullptr,
+                               .closure_marshal = nullptr};
 
   g_autoptr(GSource) held = g_source_new(&funcs, sizeof(ReadySource));
   reinterpret_cast<ReadySource *>(held)->stream = g_object_ref(stream);
@@ -133,7 +138,7 @@ filter_write_nonblocking(GPollableOutputStream *filter, const void *buffer, gsiz
   auto sending =
       g_output_stream_has_pending(G_OUTPUT_STREAM(filter)) ? Sending::until_sent : Sending::kept;
   auto *base = base_of<Output>(filter);
-  GOutputVector vector = {buffer, count};
+  GOutputVector vector = {.buffer = buffer, .size = count};
 
   if (!g_output_stream_set_pending(base, error))
     return -1;

@@ -186,7 +186,7 @@ enter_epoll(Place *place)
   event.data.u64 = place->number;
 
   if (epoll->fd < 0) {
-    *epoll = {epoll_create1(EPOLL_CLOEXEC), G_IO_IN, 0};
+    *epoll = {.fd = epoll_create1(EPOLL_CLOEXEC), .events = G_IO_IN, .revents = 0};
     if (epoll->fd < 0)
       return FALSE;
     // GLib would call a source with g_source_add_unix_fd() ready whatever its check says.
@@ -441,8 +441,12 @@ make_sets()
 static Set *
 make_set(GMainContext *context, int priority)
 {
-  static GSourceFuncs funcs = {set_prepare,  set_check, set_dispatch,
-                               set_finalize, nullptr,   nullptr};
+  static GSourceFuncs funcs = {.prepare = set_prepare,
+                               .check = set_check,
+                               .dispatch = set_dispatch,
+                               .finalize = set_finalize,
+                               .closure_callback = nullptr,
+                               .closure_marshal = nullptr};
 
   auto *source = g_source_new(&funcs, sizeof(Set));
   auto *set = reinterpret_cast<Set *>(source);

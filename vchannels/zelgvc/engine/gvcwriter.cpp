@@ -19,7 +19,7 @@ void
 Writer::offer(const void *from, gsize count)
 {
   if (count > 0)
-    vectors_[n_vectors_++] = {from, count};
+    vectors_[n_vectors_++] = {.buffer = from, .size = count};
 }
 
 Next
@@ -42,7 +42,8 @@ Writer::moved(gssize nwritten)
   }
   if (n_vectors_ == 0)
     return all_accepted();
-  vectors_[0] = {static_cast<const guint8 *>(vectors_[0].buffer) + left, vectors_[0].size - left};
+  vectors_[0] = {.buffer = static_cast<const guint8 *>(vectors_[0].buffer) + left,
+                 .size = vectors_[0].size - left};
   return n_offered_ > 1 || n_vectors_ == before ? Next::again : next_part();
 }
 
