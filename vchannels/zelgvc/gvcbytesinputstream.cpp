@@ -293,7 +293,7 @@ gvc_bytes_input_stream_read_bytes_async(GvcBytesInputStream *stream, int io_prio
                                         gpointer user_data)
 {
   FrameRead::create<FrameRead>(stream, cancellable, callback, user_data,
-                               reinterpret_cast<gpointer>(gvc_bytes_input_stream_read_bytes_async))
+                               gvc_bytes_input_stream_read_bytes_async)
       ->begin(nullptr, io_priority);
 }
 

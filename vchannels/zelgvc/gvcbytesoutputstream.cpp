@@ -227,9 +227,8 @@ gvc_bytes_output_stream_put_bytes_async(GvcBytesOutputStream *stream, GBytes *by
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  FrameWrite::create<FrameWrite>(
-      stream, cancellable, callback, user_data,
-      reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_bytes_async))
+  FrameWrite::create<FrameWrite>(stream, cancellable, callback, user_data,
+                                 gvc_bytes_output_stream_put_bytes_async)
       ->begin(bytes, io_priority);
 }
 
@@ -287,9 +286,8 @@ gvc_bytes_output_stream_put_variant_async(GvcBytesOutputStream *stream, GVariant
 {
   g_autoptr(GBytes) bytes = g_variant_get_data_as_bytes(variant);
 
-  FrameWrite::create<FrameWrite>(
-      stream, cancellable, callback, user_data,
-      reinterpret_cast<gpointer>(gvc_bytes_output_stream_put_variant_async))
+  FrameWrite::create<FrameWrite>(stream, cancellable, callback, user_data,
+                                 gvc_bytes_output_stream_put_variant_async)
       ->begin(bytes, io_priority);
 }
 

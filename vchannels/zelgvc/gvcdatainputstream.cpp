@@ -265,9 +265,8 @@ gvc_data_input_stream_read_string_async(GvcDataInputStream *stream, gchar string
                                         int io_priority, GCancellable *cancellable,
                                         GAsyncReadyCallback callback, gpointer user_data)
 {
-  StringRead::create<StringRead>(
-      stream, cancellable, callback, user_data,
-      reinterpret_cast<gpointer>(gvc_data_input_stream_read_string_async))
+  StringRead::create<StringRead>(stream, cancellable, callback, user_data,
+                                 gvc_data_input_stream_read_string_async)
       ->begin(string_end, io_priority);
 }
 

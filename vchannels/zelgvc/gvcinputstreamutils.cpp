@@ -49,7 +49,7 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
   g_return_if_fail(buffer != NULL || count == 0);
 
   ReadAll::create<ReadAll>(stream, cancellable, callback, user_data,
-                           reinterpret_cast<gpointer>(gvc_input_stream_util_read_all_async))
+                           gvc_input_stream_util_read_all_async)
       ->begin(buffer, count, io_priority);
 }
 

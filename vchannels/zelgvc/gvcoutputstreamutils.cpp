@@ -51,7 +51,7 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
   g_return_if_fail(buffer != NULL || count == 0);
 
   WriteAll::create<WriteAll>(stream, cancellable, callback, user_data,
-                             reinterpret_cast<gpointer>(gvc_output_stream_util_write_all_async))
+                             gvc_output_stream_util_write_all_async)
       ->begin(buffer, count, io_priority);
 }
 

@@ -190,7 +190,7 @@ Operation<D>::wait_ready()
   auto ready = [](GObject *, gpointer self) {
     return static_cast<Operation *>(self)->resume(Next::ready);
   };
-  attach(D::create_source(reinterpret_cast<typename D::Pollable *>(bottom), cancellable()),
+  attach(D::create_source(to_pollable<D>(bottom), cancellable()),
          G_SOURCE_FUNC(static_cast<GPollableSourceFunc>(ready)));
 }
 

@@ -34,13 +34,15 @@ template <class Direction> class Operation
 {
 public:
   // Makes a task whose data is a new operation. The operation drops the task in finish().
-  template <class Op>
+  // `function`, the public one that starts the operation, is the tag of the task.
+  template <class Op, class Function>
   static Op *
   create(gpointer source, GCancellable *cancellable, GAsyncReadyCallback callback,
-         gpointer user_data, gpointer tag)
+         gpointer user_data, Function *function)
   {
     auto *op = new (g_malloc(sizeof(Op))) Op();
     op->task_ = g_task_new(source, cancellable, callback, user_data);
+    auto tag = reinterpret_cast<gpointer>(function);
     g_task_set_source_tag(op->task_, tag);
     g_task_set_task_data(op->task_, op, [](gpointer data) {
       static_cast<Op *>(data)->~Op();

@@ -20,7 +20,7 @@ template <class D>
 static typename D::Pollable *
 pollable_base(gpointer filter)
 {
-  return reinterpret_cast<typename D::Pollable *>(base_of<D>(filter));
+  return gvc::to_pollable<D>(base_of<D>(filter));
 }
 
 // ---- Sources ----
@@ -74,8 +74,9 @@ source_with(gpointer stream, GSource *child, gboolean (*ready)(gpointer stream),
                                .closure_marshal = nullptr};
 
   g_autoptr(GSource) held = g_source_new(&funcs, sizeof(ReadySource));
-  reinterpret_cast<ReadySource *>(held)->stream = g_object_ref(stream);
-  reinterpret_cast<ReadySource *>(held)->ready = ready;
+  auto *self = reinterpret_cast<ReadySource *>(held);
+  self->stream = g_object_ref(stream);
+  self->ready = ready;
   auto *source = g_pollable_source_new_full(stream, child, cancellable);
   g_source_add_child_source(source, held);
   g_source_unref(child);
@@ -96,7 +97,7 @@ template <class D>
 static gboolean
 filter_is_ready(typename D::Pollable *filter)
 {
-  return D::holds_input(reinterpret_cast<typename D::Stream *>(filter)) ||
+  return D::holds_input(G_TYPE_CHECK_INSTANCE_CAST(filter, D::stream_type(), typename D::Stream)) ||
          D::is_ready(pollable_base<D>(filter));
 }
 
@@ -202,8 +203,7 @@ gvc::can_poll(typename D::Stream *stream)
   auto *own = G_TYPE_INSTANCE_GET_CLASS(stream, G_TYPE_OBJECT, typename D::Class);
   auto *of_gio = static_cast<typename D::Class *>(g_type_class_peek(D::stream_type()));
   return G_TYPE_CHECK_INSTANCE_TYPE(stream, D::pollable_type()) &&
-         own->*D::move_async == of_gio->*D::move_async &&
-         D::can_poll(reinterpret_cast<typename D::Pollable *>(stream));
+         own->*D::move_async == of_gio->*D::move_async && D::can_poll(to_pollable<D>(stream));
 }
 
 template gboolean gvc::can_poll<Input>(GInputStream *);
@@ -220,7 +220,7 @@ gssize
 gvc::write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                        GCancellable *cancellable, GError **error)
 {
-  auto *pollable = reinterpret_cast<GPollableOutputStream *>(stream);
+  auto *pollable = G_POLLABLE_OUTPUT_STREAM(stream);
   gsize written;
 
   if (n_vectors == 1)

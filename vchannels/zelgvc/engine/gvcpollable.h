@@ -55,6 +55,14 @@ struct Output {
 void init_pollable_filter_input(GPollableInputStreamInterface *iface);
 void init_pollable_filter_output(GPollableOutputStreamInterface *iface);
 
+// The checked cast of a stream, as by G_POLLABLE_INPUT_STREAM().
+template <class D>
+typename D::Pollable *
+to_pollable(gpointer stream)
+{
+  return G_TYPE_CHECK_INSTANCE_CAST(stream, D::pollable_type(), typename D::Pollable);
+}
+
 // The base stream of a filter with such an interface, else NULL.
 GInputStream *forwards_to(GInputStream *stream);
 GOutputStream *forwards_to(GOutputStream *stream);
