@@ -403,29 +403,24 @@ Exit
 run_decode(CommandLine &line)
 {
   Options options;
-  const GOptionEntry entries[] = {
-      {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
-       "Show the records of an encrypted stream without its key", nullptr},
-      {"strings", 0, 0, G_OPTION_ARG_STRING, &options.strings.value,
-       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
-       "TERMINATOR"},
-      {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
-       nullptr},
-      {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
-      {"variant", 0, 0, G_OPTION_ARG_STRING, &options.variant.value,
-       "Show messages as GVariants of this type", "TYPE"},
-      {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
-       "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
-      {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
-       "Also note what a careful writer would not send", nullptr},
-      {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
-       "Decode this TCP stream of a pcap or pcapng file", "N"},
-      {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
-       "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE"},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("encrypted", G_OPTION_ARG_NONE, &options.encrypted,
+           "Show the records of an encrypted stream without its key");
+  line.add("strings", G_OPTION_ARG_STRING, &options.strings.value,
+           "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+           "TERMINATOR");
+  line.add("hex", G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits");
+  line.add("text", G_OPTION_ARG_NONE, &options.text, "Show messages as text");
+  line.add("variant", G_OPTION_ARG_STRING, &options.variant.value,
+           "Show messages as GVariants of this type", "TYPE");
+  line.add("limit", G_OPTION_ARG_INT, &options.limit,
+           "Show this many bytes of a message, 0 for all (default 256)", "BYTES");
+  line.add("strict", G_OPTION_ARG_NONE, &options.strict,
+           "Also note what a careful writer would not send");
+  line.add("stream", G_OPTION_ARG_INT, &options.stream,
+           "Decode this TCP stream of a pcap or pcapng file", "N");
+  line.add("from", G_OPTION_ARG_STRING, &options.from.value,
+           "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE");
+  line.add("json", G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item");
   line.add_stages();
   auto arguments = line.parse(0, 1);
   check(options, line.stages);
