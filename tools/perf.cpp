@@ -3,7 +3,6 @@
 #include "command.h"
 #include "measure.h"
 #include "output.h"
-#include "progress.h"
 
 #include <cstring>
 #include <vector>

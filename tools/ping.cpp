@@ -4,7 +4,6 @@
 #include "interrupt.h"
 #include "measure.h"
 #include "output.h"
-#include "progress.h"
 
 #include <algorithm>
 #include <cmath>

@@ -4,7 +4,6 @@
 #include "files.h"
 #include "interrupt.h"
 #include "output.h"
-#include "progress.h"
 #include "transfer.h"
 
 #include <algorithm>
