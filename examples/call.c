@@ -52,22 +52,25 @@ on_late(gpointer cancellable)
   return G_SOURCE_REMOVE;
 }
 
-/* Sets the deadline of the next blocking call. */
-static GSource *
+/* The deadline of the blocking calls until the end of the block. */
+typedef GSource Deadline;
+
+static void
+deadline_free(Deadline *deadline)
+{
+  g_source_destroy(deadline);
+  g_source_unref(deadline);
+}
+G_DEFINE_AUTOPTR_CLEANUP_FUNC(Deadline, deadline_free)
+
+static Deadline *
 begin(Call *call)
 {
-  GSource *deadline = g_timeout_source_new_seconds(call->timeout);
+  Deadline *deadline = g_timeout_source_new_seconds(call->timeout);
 
   g_source_set_callback(deadline, on_late, call->cancellable, NULL);
   g_source_attach(deadline, call->clock);
   return deadline;
-}
-
-static void
-end(GSource *deadline)
-{
-  g_source_destroy(deadline);
-  g_source_unref(deadline);
 }
 
 /* Messages. */
@@ -75,11 +78,10 @@ end(GSource *deadline)
 static gboolean
 put_bytes(Call *call, GBytes *bytes, GError **error)
 {
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   gboolean done =
       gvc_bytes_output_stream_put_bytes(call->channel->frames_out, bytes, call->cancellable, error);
 
-  end(deadline);
   call->frames++;
   call->payload += g_bytes_get_size(bytes);
   return done;
@@ -88,11 +90,10 @@ put_bytes(Call *call, GBytes *bytes, GError **error)
 static GBytes *
 read_bytes(Call *call, GError **error)
 {
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   GBytes *bytes =
       gvc_bytes_input_stream_read_bytes(call->channel->frames_in, call->cancellable, error);
 
-  end(deadline);
   if (bytes == NULL)
     return NULL;
   call->frames++;
@@ -104,11 +105,10 @@ static gboolean
 put_variant(Call *call, GVariant *variant, GError **error)
 {
   g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   gboolean done = gvc_bytes_output_stream_put_variant(call->channel->frames_out, sunk,
                                                       call->cancellable, error);
 
-  end(deadline);
   call->frames++;
   call->payload += g_variant_get_size(sunk);
   return done;
@@ -117,11 +117,10 @@ put_variant(Call *call, GVariant *variant, GError **error)
 static GVariant *
 read_variant(Call *call, const char *format, GError **error)
 {
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   GVariant *variant = gvc_bytes_input_stream_read_variant(call->channel->frames_in, format,
                                                           call->cancellable, error);
 
-  end(deadline);
   if (variant == NULL)
     return NULL;
   call->frames++;
@@ -133,11 +132,10 @@ static gboolean
 put_string(Call *call, const char *string, GError **error)
 {
   g_autofree char *line = g_strdup_printf("%s%c", string, STRING_END);
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   gboolean done = g_output_stream_write_all(G_OUTPUT_STREAM(call->channel->frames_out), line,
                                             strlen(line), NULL, call->cancellable, error);
 
-  end(deadline);
   call->strings++;
   call->payload += strlen(string);
   return done;
@@ -147,12 +145,11 @@ put_string(Call *call, const char *string, GError **error)
 static char *
 read_string(Call *call, GError **error)
 {
-  GSource *deadline = begin(call);
+  g_autoptr(Deadline) deadline = begin(call);
   gsize length;
   char *string = gvc_data_input_stream_read_string(call->channel->strings_in, STRING_END, &length,
                                                    call->cancellable, error);
 
-  end(deadline);
   if (string == NULL)
     return NULL;
   call->strings++;
@@ -369,26 +366,21 @@ run(Call *call, const Options *options, GError **error)
 static gboolean
 close_call(Call *call, GError **error)
 {
-  GSource *deadline = begin(call);
-  gboolean closed = channel_close(call->channel, call->cancellable, error);
+  g_autoptr(Deadline) deadline = begin(call);
 
-  end(deadline);
-  return closed;
+  return channel_close(call->channel, call->cancellable, error);
 }
 
 static GSocketConnection *
 connect_to_server(Call *call, const Options *options, GError **error)
 {
   g_autoptr(GSocketClient) client = g_socket_client_new();
-  GSource *deadline = begin(call);
-  GSocketConnection *socket;
+  g_autoptr(Deadline) deadline = begin(call);
 
   /* Proxies are for the internet; this server is near. */
   g_socket_client_set_enable_proxy(client, FALSE);
-  socket = g_socket_client_connect_to_host(client, options->address, (guint16)options->port,
-                                           call->cancellable, error);
-  end(deadline);
-  return socket;
+  return g_socket_client_connect_to_host(client, options->address, (guint16)options->port,
+                                         call->cancellable, error);
 }
 
 static gboolean
@@ -469,10 +461,6 @@ parse_arguments(Options *options, int *argc, char ***argv, GError **error)
   };
   g_autoptr(GOptionContext) context = g_option_context_new("- exchange messages and send files");
 
-  options->address = g_strdup("127.0.0.1");
-  options->messages = 100;
-  options->chunk = 64 * 1024;
-  options->timeout = 10;
   stages_add_options(&options->stages, context);
   g_option_context_add_main_entries(context, entries, NULL);
   return g_option_context_parse(context, argc, argv, error) && check_options(options, error);
@@ -482,7 +470,8 @@ parse_arguments(Options *options, int *argc, char ***argv, GError **error)
 int
 main(int argc, char **argv)
 {
-  Options options = {0};
+  Options options = {
+      .address = g_strdup("127.0.0.1"), .messages = 100, .chunk = 64 * 1024, .timeout = 10};
   g_autoptr(GError) error = NULL;
   int status = EXIT_SUCCESS;
 

@@ -580,8 +580,6 @@ parse_arguments(Server *server, int *argc, char ***argv, GError **error)
   };
   g_autoptr(GOptionContext) context = g_option_context_new("- answer messages and take files");
 
-  server->address = g_strdup("127.0.0.1");
-  server->timeout = 10;
   stages_add_options(&server->stages, context);
   g_option_context_add_main_entries(context, entries, NULL);
   if (!g_option_context_parse(context, argc, argv, error))
@@ -601,7 +599,7 @@ parse_arguments(Server *server, int *argc, char ***argv, GError **error)
 int
 main(int argc, char **argv)
 {
-  Server server = {0};
+  Server server = {.address = g_strdup("127.0.0.1"), .timeout = 10};
   g_autoptr(GError) error = NULL;
   int status = EXIT_SUCCESS;
 
@@ -611,16 +609,16 @@ main(int argc, char **argv)
   g_unix_signal_add(SIGINT, on_signal, server.loop);
   g_unix_signal_add(SIGTERM, on_signal, server.loop);
 
-  if (!parse_arguments(&server, &argc, &argv, &error)) {
-    g_printerr("%s: %s\n", g_get_prgname(), error->message);
+  if (!parse_arguments(&server, &argc, &argv, &error))
     status = 2;
-  } else if (!listen_on(&server, &error)) {
-    g_printerr("%s: %s\n", g_get_prgname(), error->message);
+  else if (!listen_on(&server, &error))
     status = EXIT_FAILURE;
-  } else {
+  else
     g_main_loop_run(server.loop);
-    status = server.failed ? EXIT_FAILURE : EXIT_SUCCESS;
-  }
+  if (server.failed)
+    status = EXIT_FAILURE;
+  if (error != NULL)
+    g_printerr("%s: %s\n", g_get_prgname(), error->message);
 
   g_clear_object(&server.listener);
   g_main_loop_unref(server.loop);

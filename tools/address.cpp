@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "address.h"
-#include "errors.h"
 #include "interrupt.h"
 
 #include <gio/gunixsocketaddress.h>
@@ -188,12 +187,26 @@ Listener::accept()
   fail(Exit::address, "cannot accept a connection: %s", error->message);
 }
 
-GSocketConnection *
-Listener::accept_only()
+Exit
+Listener::serve(bool keep, const std::function<Exit(GSocketConnection *)> &serve_peer,
+                Exit ends_with)
 {
-  auto *connection = accept();
-  close();
-  return connection;
+  if (!keep) {
+    auto *connection = accept();
+    close();
+    return serve_peer(connection);
+  }
+  for (;;) {
+    try {
+      serve_peer(accept());
+    } catch (const Failure &failure) {
+      if (interrupted())
+        return Exit::ok;
+      if (failure.code == ends_with)
+        throw;
+      complain(failure);
+    }
+  }
 }
 
 void

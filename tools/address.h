@@ -2,8 +2,10 @@
 // HOST:PORT, [V6]:PORT and unix:PATH.
 #pragma once
 
+#include "errors.h"
 #include "owners.h"
 
+#include <functional>
 #include <string>
 
 struct Address {
@@ -30,8 +32,10 @@ public:
   // The next peer. Throws if the user interrupts.
   GSocketConnection *accept();
 
-  // The only peer: closes the sockets and removes the path after it.
-  GSocketConnection *accept_only();
+  // Serves the only peer: closes the sockets and removes the path before. With `keep`, serves one
+  // peer after another until the user interrupts, and goes on after a failure of another code.
+  Exit serve(bool keep, const std::function<Exit(GSocketConnection *)> &serve_peer,
+             Exit ends_with = Exit::interrupted);
 
   // For a forked child: closes the sockets but leaves the path to the parent.
   void abandon();

@@ -50,40 +50,6 @@ is_capture(int fd)
   return got > 0 && is_capture(start, static_cast<gsize>(got));
 }
 
-namespace
-{
-// A packet as tshark shows it.
-struct Segment {
-  guint stream;
-  std::string from, to;
-  bool syn, ack;
-  guint32 seq;
-  guint32 length; // as sent; the capture can hold less of it
-  std::string bytes;
-};
-
-// Runs tshark over one stream of the capture, or over all if `stream` is -1.
-class Tshark
-{
-public:
-  Tshark(int capture, const std::string &shown, int stream, bool payload);
-  ~Tshark();
-  Tshark(const Tshark &) = delete;
-
-  bool next(Segment *segment);
-  // Why tshark could not read all of the capture; empty if it could.
-  std::string failure();
-
-private:
-  bool next_line(std::string *line);
-
-  const std::string &shown;
-  const Descriptor log;
-  Owned<GSubprocess> process;
-  Owned<GDataInputStream> lines;
-};
-} // namespace
-
 static int
 checked(int fd, const char *what)
 {
@@ -110,53 +76,6 @@ static const char *const command_line[] = {"tshark", "-n",
                                            "-e",     "tcp.seq_raw",
                                            "-e",     "tcp.len"};
 
-Tshark::Tshark(int capture, const std::string &shown, int stream, bool payload)
-    : shown(shown), log(checked(memfd_create("log", MFD_CLOEXEC), "a file in memory"))
-{
-  // An ICMP error quotes an earlier segment.
-  std::string filter = "tcp && !icmp && !icmpv6";
-  if (stream >= 0)
-    filter += " && tcp.stream==" + std::to_string(stream);
-  std::vector<const char *> arguments(std::begin(command_line), std::end(command_line));
-  if (payload)
-    arguments.insert(arguments.end(), {"-e", "tcp.payload"});
-  arguments.insert(arguments.end(), {"-Y", filter.c_str(), nullptr});
-
-  lseek(capture, 0, SEEK_SET);
-  Owned<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-  auto copy = [](int fd) { return checked(fcntl(fd, F_DUPFD_CLOEXEC, 3), "a descriptor"); };
-  g_subprocess_launcher_take_stdin_fd(launcher.get(), copy(capture));
-  g_subprocess_launcher_take_stderr_fd(launcher.get(), copy(log));
-  g_autoptr(GError) error = nullptr;
-  process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments.data(), &error));
-  if (g_error_matches(error, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT))
-    fail(Exit::local, "%s is a capture of packets, which takes tshark to read: install it",
-         shown.c_str());
-  if (!process)
-    fail(Exit::local, "cannot run tshark: %s", error->message);
-  lines.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())));
-}
-
-Tshark::~Tshark()
-{
-  if (process)
-    g_subprocess_force_exit(process.get());
-}
-
-bool
-Tshark::next_line(std::string *line)
-{
-  g_autoptr(GError) error = nullptr;
-  g_autofree char *text =
-      g_data_input_stream_read_line(lines.get(), nullptr, interrupt_soon(), &error);
-  if (interrupted())
-    throw Failure{Exit::interrupted, ""};
-  if (error)
-    fail(Exit::local, "cannot read what tshark prints: %s", error->message);
-  *line = text ? text : "";
-  return text;
-}
-
 static std::string
 from_hex(const char *digits)
 {
@@ -169,45 +88,120 @@ from_hex(const char *digits)
   return bytes;
 }
 
-// Skips the incomplete rows of packets that the capture has cut.
-bool
-Tshark::next(Segment *segment)
+namespace
 {
-  auto number = [](const char *text) {
-    return static_cast<guint32>(g_ascii_strtoull(text, nullptr, 0));
-  };
-  auto address = [](char **row) {
-    std::string host = *row[1] ? "[" + std::string(row[1]) + "]" : row[0];
-    return printable(host + ":" + row[2]);
-  };
-  std::string line;
-  while (next_line(&line)) {
-    g_auto(GStrv) row = g_strsplit(line.c_str(), "\t", -1);
-    if (g_strv_length(row) < 10 || !*row[0] || !*row[8])
-      continue;
-    auto flags = number(row[7]);
-    *segment = {number(row[0]),      address(row + 1), address(row + 4), (flags & 0x02) != 0,
-                (flags & 0x10) != 0, number(row[8]),   number(row[9]),   {}};
-    if (row[10])
-      segment->bytes = from_hex(row[10]);
-    return true;
-  }
-  return false;
-}
+// A packet as tshark shows it.
+struct Segment {
+  guint stream;
+  std::string from, to;
+  bool syn, ack;
+  guint32 seq;
+  guint32 length; // as sent; the capture can hold less of it
+  std::string bytes;
+};
 
-std::string
-Tshark::failure()
+// Runs tshark over one stream of the capture, or over all if `stream` is -1.
+class Tshark
 {
-  g_subprocess_wait(process.get(), nullptr, nullptr);
-  if (g_subprocess_get_successful(process.get()))
-    return "";
-  char text[4096];
-  auto got = pread(log, text, sizeof text, 0);
-  std::string said(text, got > 0 ? static_cast<gsize>(got) : 0);
-  while (!said.empty() && said.back() == '\n')
-    said.pop_back();
-  return "tshark cannot read all of " + shown + ": " + printable(said.substr(said.rfind('\n') + 1));
-}
+public:
+  Tshark(int capture, const std::string &shown, int stream, bool payload)
+      : shown(shown), log(checked(memfd_create("log", MFD_CLOEXEC), "a file in memory"))
+  {
+    // An ICMP error quotes an earlier segment.
+    std::string filter = "tcp && !icmp && !icmpv6";
+    if (stream >= 0)
+      filter += " && tcp.stream==" + std::to_string(stream);
+    std::vector<const char *> arguments(std::begin(command_line), std::end(command_line));
+    if (payload)
+      arguments.insert(arguments.end(), {"-e", "tcp.payload"});
+    arguments.insert(arguments.end(), {"-Y", filter.c_str(), nullptr});
+
+    lseek(capture, 0, SEEK_SET);
+    Owned<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+    auto copy = [](int fd) { return checked(fcntl(fd, F_DUPFD_CLOEXEC, 3), "a descriptor"); };
+    g_subprocess_launcher_take_stdin_fd(launcher.get(), copy(capture));
+    g_subprocess_launcher_take_stderr_fd(launcher.get(), copy(log));
+    g_autoptr(GError) error = nullptr;
+    process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments.data(), &error));
+    if (g_error_matches(error, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT))
+      fail(Exit::local, "%s is a capture of packets, which takes tshark to read: install it",
+           shown.c_str());
+    if (!process)
+      fail(Exit::local, "cannot run tshark: %s", error->message);
+    lines.reset(g_data_input_stream_new(g_subprocess_get_stdout_pipe(process.get())));
+  }
+
+  ~Tshark()
+  {
+    if (process)
+      g_subprocess_force_exit(process.get());
+  }
+
+  Tshark(const Tshark &) = delete;
+
+  // Skips the incomplete rows of packets that the capture has cut.
+  bool
+  next(Segment *segment)
+  {
+    auto number = [](const char *text) {
+      return static_cast<guint32>(g_ascii_strtoull(text, nullptr, 0));
+    };
+    auto address = [](char **row) {
+      std::string host = *row[1] ? "[" + std::string(row[1]) + "]" : row[0];
+      return printable(host + ":" + row[2]);
+    };
+    std::string line;
+    while (next_line(&line)) {
+      g_auto(GStrv) row = g_strsplit(line.c_str(), "\t", -1);
+      if (g_strv_length(row) < 10 || !*row[0] || !*row[8])
+        continue;
+      auto flags = number(row[7]);
+      *segment = {number(row[0]),      address(row + 1), address(row + 4), (flags & 0x02) != 0,
+                  (flags & 0x10) != 0, number(row[8]),   number(row[9]),   {}};
+      if (row[10])
+        segment->bytes = from_hex(row[10]);
+      return true;
+    }
+    return false;
+  }
+
+  // Why tshark could not read all of the capture; empty if it could.
+  std::string
+  failure()
+  {
+    g_subprocess_wait(process.get(), nullptr, nullptr);
+    if (g_subprocess_get_successful(process.get()))
+      return "";
+    char text[4096];
+    auto got = pread(log, text, sizeof text, 0);
+    std::string said(text, got > 0 ? static_cast<gsize>(got) : 0);
+    while (!said.empty() && said.back() == '\n')
+      said.pop_back();
+    return "tshark cannot read all of " + shown + ": " +
+           printable(said.substr(said.rfind('\n') + 1));
+  }
+
+private:
+  bool
+  next_line(std::string *line)
+  {
+    g_autoptr(GError) error = nullptr;
+    g_autofree char *text =
+        g_data_input_stream_read_line(lines.get(), nullptr, interrupt_soon(), &error);
+    if (interrupted())
+      throw Failure{Exit::interrupted, ""};
+    if (error)
+      fail(Exit::local, "cannot read what tshark prints: %s", error->message);
+    *line = text ? text : "";
+    return text;
+  }
+
+  const std::string &shown;
+  const Descriptor log;
+  Owned<GSubprocess> process;
+  Owned<GDataInputStream> lines;
+};
+} // namespace
 
 namespace
 {
@@ -219,32 +213,29 @@ struct Flow {
   int client = 0;
   bool certain = false;
 
-  void add(const Segment &segment);
-  std::string text() const;
+  void
+  add(const Segment &segment)
+  {
+    if (names[0].empty()) {
+      names[0] = segment.from;
+      names[1] = segment.to;
+    }
+    int side = segment.from == names[0] ? 0 : 1;
+    bytes[side] += segment.length;
+    if (segment.syn && !certain) {
+      client = segment.ack ? 1 - side : side;
+      certain = true;
+    }
+  }
+
+  std::string
+  text() const
+  {
+    return names[client] + " to " + names[1 - client] + ", " + std::to_string(bytes[client]) +
+           " and " + std::to_string(bytes[1 - client]) + " bytes";
+  }
 };
 } // namespace
-
-void
-Flow::add(const Segment &segment)
-{
-  if (names[0].empty()) {
-    names[0] = segment.from;
-    names[1] = segment.to;
-  }
-  int side = segment.from == names[0] ? 0 : 1;
-  bytes[side] += segment.length;
-  if (segment.syn && !certain) {
-    client = segment.ack ? 1 - side : side;
-    certain = true;
-  }
-}
-
-std::string
-Flow::text() const
-{
-  return names[client] + " to " + names[1 - client] + ", " + std::to_string(bytes[client]) +
-         " and " + std::to_string(bytes[1 - client]) + " bytes";
-}
 
 using Flows = std::map<guint, Flow>;
 
@@ -288,12 +279,60 @@ class Assembly
 public:
   explicit Assembly(Layer &bottom) : bottom(bottom) {}
 
-  void add(Segment segment);
-  void finish();
+  void
+  add(Segment segment)
+  {
+    auto seq = segment.seq + segment.syn;
+    if (!begun) {
+      begun = true;
+      base = seq;
+      // If the beginning is missing, decoding starts at a segment that looks like a start.
+      if (!segment.syn)
+        bottom.gap();
+    }
+    auto offset = next + static_cast<gint32>(seq - (base + static_cast<guint32>(next)));
+    if (segment.length == 0) // the end of a stream counts as a byte but is none
+      return;
+    end = std::max(end, offset + segment.length);
+    if (offset <= next) {
+      push(offset, segment.bytes);
+      push_waiting();
+    } else if (auto &kept = waiting[offset]; kept.size() < segment.bytes.size()) {
+      kept = std::move(segment.bytes);
+    }
+  }
+
+  void
+  finish()
+  {
+    while (!waiting.empty()) {
+      bottom.missing(static_cast<guint64>(waiting.begin()->first - next));
+      next = waiting.begin()->first;
+      push_waiting();
+    }
+    if (next < end)
+      bottom.missing(static_cast<guint64>(end - next));
+  }
 
 private:
-  void push(gint64 offset, const std::string &bytes);
-  void push_waiting();
+  void
+  push(gint64 offset, const std::string &bytes)
+  {
+    auto known = static_cast<gsize>(next - offset);
+    if (known >= bytes.size())
+      return;
+    next += static_cast<gint64>(bytes.size() - known);
+    bottom.push(bytes.data() + known, bytes.size() - known, 0);
+  }
+
+  void
+  push_waiting()
+  {
+    while (!waiting.empty() && waiting.begin()->first <= next) {
+      push(waiting.begin()->first, waiting.begin()->second);
+      waiting.erase(waiting.begin());
+    }
+  }
 
   Layer &bottom;
   bool begun = false;
@@ -303,60 +342,6 @@ private:
   std::map<gint64, std::string> waiting;
 };
 } // namespace
-
-void
-Assembly::push(gint64 offset, const std::string &bytes)
-{
-  auto known = static_cast<gsize>(next - offset);
-  if (known >= bytes.size())
-    return;
-  next += static_cast<gint64>(bytes.size() - known);
-  bottom.push(bytes.data() + known, bytes.size() - known, 0);
-}
-
-void
-Assembly::push_waiting()
-{
-  while (!waiting.empty() && waiting.begin()->first <= next) {
-    push(waiting.begin()->first, waiting.begin()->second);
-    waiting.erase(waiting.begin());
-  }
-}
-
-void
-Assembly::add(Segment segment)
-{
-  auto seq = segment.seq + segment.syn;
-  if (!begun) {
-    begun = true;
-    base = seq;
-    // If the beginning is missing, decoding starts at a segment that looks like a start.
-    if (!segment.syn)
-      bottom.gap();
-  }
-  auto offset = next + static_cast<gint32>(seq - (base + static_cast<guint32>(next)));
-  if (segment.length == 0) // the end of a stream counts as a byte but is none
-    return;
-  end = std::max(end, offset + segment.length);
-  if (offset <= next) {
-    push(offset, segment.bytes);
-    push_waiting();
-  } else if (auto &kept = waiting[offset]; kept.size() < segment.bytes.size()) {
-    kept = std::move(segment.bytes);
-  }
-}
-
-void
-Assembly::finish()
-{
-  while (!waiting.empty()) {
-    bottom.missing(static_cast<guint64>(waiting.begin()->first - next));
-    next = waiting.begin()->first;
-    push_waiting();
-  }
-  if (next < end)
-    bottom.missing(static_cast<guint64>(end - next));
-}
 
 bool
 read_capture(int fd, const std::string &shown, const CaptureChoice &choice, Layer &bottom)

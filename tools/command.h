@@ -50,7 +50,9 @@ public:
   CommandLine(const Command &command, int argc, char **argv);
   CommandLine(const CommandLine &) = delete;
 
-  void add(const GOptionEntry *entries);
+  // Adds an option that sets a variable. `argument` names its value in the help.
+  void add(const char *name, GOptionArg kind, gpointer variable, const char *help,
+           const char *argument = nullptr, char letter = 0);
   // Each fills in the member of its name.
   void add_stages();
   void add_timeout();

@@ -11,8 +11,10 @@ CommandLine::CommandLine(const Command &command, int argc, char **argv)
 }
 
 void
-CommandLine::add(const GOptionEntry *entries)
+CommandLine::add(const char *name, GOptionArg kind, gpointer variable, const char *help,
+                 const char *argument, char letter)
 {
+  const GOptionEntry entries[] = {{name, letter, 0, kind, variable, help, argument}, {}};
   g_option_context_add_main_entries(context.get(), entries, nullptr);
 }
 
@@ -26,23 +28,15 @@ CommandLine::add_stages()
 void
 CommandLine::add_timeout()
 {
-  const GOptionEntry entries[] = {
-      {"timeout", 0, 0, G_OPTION_ARG_INT, &timeout_option,
-       "Give up a peer that is silent this long, 0 for never (default 30)", "SECONDS"},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  add(entries);
+  add("timeout", G_OPTION_ARG_INT, &timeout_option,
+      "Give up a peer that is silent this long, 0 for never (default 30)", "SECONDS");
 }
 
 std::vector<std::string>
 CommandLine::parse(gsize least, gsize most)
 {
   gboolean help = FALSE;
-  const GOptionEntry help_entry[] = {
-      {"help", 'h', 0, G_OPTION_ARG_NONE, &help, "Show this help", nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  add(help_entry);
+  add("help", G_OPTION_ARG_NONE, &help, "Show this help", nullptr, 'h');
   // GLib's own --help leaves out the group of the stages.
   g_option_context_set_help_enabled(context.get(), FALSE);
 

@@ -14,141 +14,6 @@
 
 static constexpr gsize variant_limit = 64 * 1024 * 1024;
 
-namespace
-{
-struct DecodeOptions {
-  gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
-  OptionText variant, strings, from;
-  int limit = 256;
-  int stream = -1;
-};
-
-class Printer : public Reporter
-{
-public:
-  explicit Printer(const DecodeOptions &options) : Reporter(options.strict), options(options) {}
-
-  void iv_record(const Unit &unit, const char *iv) override;
-  void record(const Unit &unit, gint64 content) override;
-  void block(const Unit &unit, guint64 content, guint chunks) override;
-  void message(const Unit &unit, guint64 length, const std::string &shown) override;
-  void damage(const Place &place, const std::string &expected, const std::string &found) override;
-  void skipped(const Place &place, guint64 size) override;
-  void note(const Place &place, const std::string &text) override;
-  void summary();
-
-  std::vector<const char *> names; // of the layers, the lowest first
-  guint64 damages = 0, notes = 0;
-
-private:
-  void begin(JsonLine &json, const Place &place);
-  void begin(JsonLine &json, const Unit &unit);
-  template <typename Add> void print(const Unit &unit, const std::string &text, Add add);
-  void line(const Unit &unit, const std::string &rest);
-  void line(const Place &place, const std::string &text);
-  std::string origin(const Place &place) const;
-  std::optional<std::string> as_variant(guint64 length, const std::string &shown);
-  std::string contents(guint64 length, const std::string &shown);
-  void add_contents(JsonLine &json, guint64 length, const std::string &shown);
-  std::string cut(const std::string &shown) const;
-
-  const DecodeOptions &options;
-  std::vector<guint64> counts;
-};
-} // namespace
-
-std::string
-Printer::origin(const Place &place) const
-{
-  if (place.depth == 0)
-    return "";
-  return std::string(" (") + names[place.depth - 1] + " " + std::to_string(place.piece) + ")";
-}
-
-void
-Printer::begin(JsonLine &json, const Place &place)
-{
-  json.add("layer", place.layer).add("depth", guint64{place.depth}).add("offset", place.offset);
-  if (place.depth > 0)
-    json.add("inside", names[place.depth - 1]).add("inside-index", place.piece);
-}
-
-void
-Printer::begin(JsonLine &json, const Unit &unit)
-{
-  begin(json, static_cast<const Place &>(unit));
-  json.add("index", unit.index).add("size", unit.size);
-}
-
-void
-Printer::line(const Place &place, const std::string &text)
-{
-  output(std::string(2 * place.depth, ' ') + text + "\n");
-}
-
-void
-Printer::line(const Unit &unit, const std::string &rest)
-{
-  counts.resize(names.size());
-  counts[unit.depth]++;
-  line(static_cast<const Place &>(unit),
-       unit.layer + (" " + std::to_string(unit.index)) + ": offset " + std::to_string(unit.offset) +
-           origin(unit) + ", " + std::to_string(unit.size) + " bytes, " + rest);
-}
-
-// Prints a unit as text, or as an object to which `add` adds the same facts.
-template <typename Add>
-void
-Printer::print(const Unit &unit, const std::string &text, Add add)
-{
-  if (!options.json)
-    return line(unit, text);
-  JsonLine json;
-  begin(json, unit);
-  add(json);
-  json.print();
-}
-
-void
-Printer::iv_record(const Unit &unit, const char *iv)
-{
-  auto hex = hex_text(iv, 16);
-  print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
-}
-
-void
-Printer::record(const Unit &unit, gint64 content)
-{
-  print(unit,
-        content < 0 ? "encrypted with a key that is not given"
-                    : "holds " + std::to_string(content) + " bytes",
-        [&](JsonLine &json) {
-          if (content >= 0)
-            json.add("content-size", content);
-        });
-}
-
-void
-Printer::block(const Unit &unit, guint64 content, guint chunks)
-{
-  auto layout = chunks == 0 ? ", plain" : ", in chunks: " + std::to_string(chunks);
-  print(unit, "holds " + std::to_string(content) + " bytes" + (strict ? layout : ""),
-        [&](JsonLine &json) {
-          json.add("content-size", content);
-          if (strict)
-            json.add("layout", chunks == 0 ? "plain" : "chunked");
-          if (chunks > 0)
-            json.add("chunks", chunks);
-        });
-}
-
-std::string
-Printer::cut(const std::string &shown) const
-{
-  auto limit = static_cast<gsize>(options.limit);
-  return limit == 0 ? shown : shown.substr(0, limit);
-}
-
 static bool
 is_text(const std::string &bytes)
 {
@@ -172,116 +37,232 @@ ensure_memory(gsize shown)
     throw std::bad_alloc();
 }
 
-// Nothing, and damage, if the message is no such value.
-std::optional<std::string>
-Printer::as_variant(guint64 length, const std::string &shown)
+namespace
 {
-  ensure_memory(shown.size());
-  std::optional<std::string> text;
-  if (length <= variant_limit)
-    text = variant_text(options.variant.value, shown.data(), shown.size());
-  damages += !text;
-  return text;
-}
+struct DecodeOptions {
+  gboolean json = FALSE, hex = FALSE, text = FALSE, encrypted = FALSE, strict = FALSE;
+  OptionText variant, strings, from;
+  int limit = 256;
+  int stream = -1;
+};
 
-std::string
-Printer::contents(guint64 length, const std::string &shown)
+class Printer : public Reporter
 {
-  auto part = cut(shown);
-  auto hex = [&] { return hex_text(part.data(), part.size()); };
-  if (options.variant) {
-    auto text = as_variant(length, shown);
-    return text ? *text : std::string("no value of type ") + options.variant.value + ": " + hex();
+public:
+  explicit Printer(const DecodeOptions &options) : Reporter(options.strict), options(options) {}
+
+  void
+  iv_record(const Unit &unit, const char *iv) override
+  {
+    auto hex = hex_text(iv, 16);
+    print(unit, "IV " + hex, [&](JsonLine &json) { json.add("iv", hex); });
   }
-  bool as_text = options.text || (!options.hex && is_text(part));
-  return (as_text ? "\"" + printable(part) + "\"" : hex()) + (part.size() < length ? "..." : "");
-}
 
-void
-Printer::add_contents(JsonLine &json, guint64 length, const std::string &shown)
-{
-  if (options.variant) {
-    if (auto text = as_variant(length, shown)) {
-      json.add("variant", *text);
+  void
+  record(const Unit &unit, gint64 content) override
+  {
+    print(unit,
+          content < 0 ? "encrypted with a key that is not given"
+                      : "holds " + std::to_string(content) + " bytes",
+          [&](JsonLine &json) {
+            if (content >= 0)
+              json.add("content-size", content);
+          });
+  }
+
+  void
+  block(const Unit &unit, guint64 content, guint chunks) override
+  {
+    auto layout = chunks == 0 ? ", plain" : ", in chunks: " + std::to_string(chunks);
+    print(unit, "holds " + std::to_string(content) + " bytes" + (strict ? layout : ""),
+          [&](JsonLine &json) {
+            json.add("content-size", content);
+            if (strict)
+              json.add("layout", chunks == 0 ? "plain" : "chunked");
+            if (chunks > 0)
+              json.add("chunks", chunks);
+          });
+  }
+
+  void
+  message(const Unit &unit, guint64 length, const std::string &shown) override
+  {
+    if (!options.json)
+      return line(unit, "message of " + std::to_string(length) + " bytes" +
+                            (length > 0 || options.variant ? ": " + contents(length, shown) : ""));
+    JsonLine json;
+    begin(json, unit);
+    json.add("length", length);
+    add_contents(json, length, shown);
+    json.print();
+  }
+
+  void
+  damage(const Place &place, const std::string &expected, const std::string &found) override
+  {
+    damages++;
+    if (!options.json)
+      return line(place, "DAMAGE at offset " + std::to_string(place.offset) + " of the " +
+                             place.layer + "s" + origin(place) + ": expected " + expected +
+                             ", found " + found);
+    JsonLine json;
+    begin(json, place);
+    json.add("damage", true).add("expected", expected).add("found", found).print();
+  }
+
+  void
+  skipped(const Place &place, guint64 size) override
+  {
+    if (!options.json)
+      return line(place, "skipped " + std::to_string(size) + " bytes at offset " +
+                             std::to_string(place.offset) + " of the " + place.layer + "s");
+    JsonLine json;
+    json.add("layer", place.layer).add("depth", guint64{place.depth});
+    json.add("offset", place.offset).add("skipped", size).print();
+  }
+
+  void
+  note(const Place &place, const std::string &text) override
+  {
+    if (!strict)
       return;
-    }
-    json.add("expected", std::string("a value of type ") + options.variant.value);
+    notes++;
+    if (!options.json)
+      return line(place, "NOTE at offset " + std::to_string(place.offset) + " of the " +
+                             place.layer + "s" + origin(place) + ": " + text);
+    JsonLine json;
+    begin(json, place);
+    json.add("note", text).print();
   }
-  auto part = cut(shown);
-  ensure_memory(part.size());
-  bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
-  if (!options.variant && !options.hex && (options.text || valid))
-    json.add("text", part);
-  else
-    json.add("hex", hex_text(part.data(), part.size()));
-  if (part.size() < length)
-    json.add("cut", true);
-}
 
-void
-Printer::message(const Unit &unit, guint64 length, const std::string &shown)
-{
-  if (!options.json)
-    return line(unit, "message of " + std::to_string(length) + " bytes" +
-                          (length > 0 || options.variant ? ": " + contents(length, shown) : ""));
-  JsonLine json;
-  begin(json, unit);
-  json.add("length", length);
-  add_contents(json, length, shown);
-  json.print();
-}
+  void
+  summary()
+  {
+    if (options.json)
+      return;
+    counts.resize(names.size());
+    std::string text;
+    for (gsize i = 0; i < names.size(); i++)
+      text += std::to_string(counts[i]) + " " + names[i] + (counts[i] == 1 ? "" : "s") + ", ";
+    if (notes > 0)
+      text += std::to_string(notes) + (notes == 1 ? " note, " : " notes, ");
+    output(text + (damages == 0 ? "no damage" : std::to_string(damages) + " damaged") + "\n");
+  }
 
-void
-Printer::damage(const Place &place, const std::string &expected, const std::string &found)
-{
-  damages++;
-  if (!options.json)
-    return line(place, "DAMAGE at offset " + std::to_string(place.offset) + " of the " +
-                           place.layer + "s" + origin(place) + ": expected " + expected +
-                           ", found " + found);
-  JsonLine json;
-  begin(json, place);
-  json.add("damage", true).add("expected", expected).add("found", found).print();
-}
+  std::vector<const char *> names; // of the layers, the lowest first
+  guint64 damages = 0, notes = 0;
 
-void
-Printer::skipped(const Place &place, guint64 size)
-{
-  if (!options.json)
-    return line(place, "skipped " + std::to_string(size) + " bytes at offset " +
-                           std::to_string(place.offset) + " of the " + place.layer + "s");
-  JsonLine json;
-  json.add("layer", place.layer).add("depth", guint64{place.depth});
-  json.add("offset", place.offset).add("skipped", size).print();
-}
+private:
+  void
+  begin(JsonLine &json, const Place &place)
+  {
+    json.add("layer", place.layer).add("depth", guint64{place.depth}).add("offset", place.offset);
+    if (place.depth > 0)
+      json.add("inside", names[place.depth - 1]).add("inside-index", place.piece);
+  }
 
-void
-Printer::note(const Place &place, const std::string &text)
-{
-  if (!strict)
-    return;
-  notes++;
-  if (!options.json)
-    return line(place, "NOTE at offset " + std::to_string(place.offset) + " of the " + place.layer +
-                           "s" + origin(place) + ": " + text);
-  JsonLine json;
-  begin(json, place);
-  json.add("note", text).print();
-}
+  void
+  begin(JsonLine &json, const Unit &unit)
+  {
+    begin(json, static_cast<const Place &>(unit));
+    json.add("index", unit.index).add("size", unit.size);
+  }
 
-void
-Printer::summary()
-{
-  if (options.json)
-    return;
-  counts.resize(names.size());
-  std::string text;
-  for (gsize i = 0; i < names.size(); i++)
-    text += std::to_string(counts[i]) + " " + names[i] + (counts[i] == 1 ? "" : "s") + ", ";
-  if (notes > 0)
-    text += std::to_string(notes) + (notes == 1 ? " note, " : " notes, ");
-  output(text + (damages == 0 ? "no damage" : std::to_string(damages) + " damaged") + "\n");
-}
+  // Prints a unit as text, or as an object to which `add` adds the same facts.
+  template <typename Add>
+  void
+  print(const Unit &unit, const std::string &text, Add add)
+  {
+    if (!options.json)
+      return line(unit, text);
+    JsonLine json;
+    begin(json, unit);
+    add(json);
+    json.print();
+  }
+
+  void
+  line(const Unit &unit, const std::string &rest)
+  {
+    counts.resize(names.size());
+    counts[unit.depth]++;
+    line(static_cast<const Place &>(unit), unit.layer + (" " + std::to_string(unit.index)) +
+                                               ": offset " + std::to_string(unit.offset) +
+                                               origin(unit) + ", " + std::to_string(unit.size) +
+                                               " bytes, " + rest);
+  }
+
+  void
+  line(const Place &place, const std::string &text)
+  {
+    output(std::string(2 * place.depth, ' ') + text + "\n");
+  }
+
+  std::string
+  origin(const Place &place) const
+  {
+    if (place.depth == 0)
+      return "";
+    return std::string(" (") + names[place.depth - 1] + " " + std::to_string(place.piece) + ")";
+  }
+
+  // Nothing, and damage, if the message is no such value.
+  std::optional<std::string>
+  as_variant(guint64 length, const std::string &shown)
+  {
+    ensure_memory(shown.size());
+    std::optional<std::string> text;
+    if (length <= variant_limit)
+      text = variant_text(options.variant.value, shown.data(), shown.size());
+    damages += !text;
+    return text;
+  }
+
+  std::string
+  contents(guint64 length, const std::string &shown)
+  {
+    auto part = cut(shown);
+    auto hex = [&] { return hex_text(part.data(), part.size()); };
+    if (options.variant) {
+      auto text = as_variant(length, shown);
+      return text ? *text : std::string("no value of type ") + options.variant.value + ": " + hex();
+    }
+    bool as_text = options.text || (!options.hex && is_text(part));
+    return (as_text ? "\"" + printable(part) + "\"" : hex()) + (part.size() < length ? "..." : "");
+  }
+
+  void
+  add_contents(JsonLine &json, guint64 length, const std::string &shown)
+  {
+    if (options.variant) {
+      if (auto text = as_variant(length, shown)) {
+        json.add("variant", *text);
+        return;
+      }
+      json.add("expected", std::string("a value of type ") + options.variant.value);
+    }
+    auto part = cut(shown);
+    ensure_memory(part.size());
+    bool valid = g_utf8_validate_len(part.data(), part.size(), nullptr);
+    if (!options.variant && !options.hex && (options.text || valid))
+      json.add("text", part);
+    else
+      json.add("hex", hex_text(part.data(), part.size()));
+    if (part.size() < length)
+      json.add("cut", true);
+  }
+
+  std::string
+  cut(const std::string &shown) const
+  {
+    auto limit = static_cast<gsize>(options.limit);
+    return limit == 0 ? shown : shown.substr(0, limit);
+  }
+
+  const DecodeOptions &options;
+  std::vector<guint64> counts;
+};
+} // namespace
 
 namespace
 {
@@ -289,7 +270,32 @@ namespace
 class Stack
 {
 public:
-  Stack(const DecodeOptions &options, const Stages &stages, Printer &printer);
+  // The last stage on the way out is the first on the way in.
+  Stack(const DecodeOptions &options, const Stages &stages, Printer &printer) : printer(printer)
+  {
+    if (options.encrypted) {
+      add("record", record_layer(printer, nullptr));
+      return;
+    }
+    for (auto stage = stages.list.rbegin(); stage != stages.list.rend(); ++stage) {
+      auto *converter = new_decoder(*stage, stages.key_length);
+      converters.emplace_back(converter);
+      if (stage->kind == Stage::encrypt)
+        add("record", record_layer(printer, converter));
+      else
+        add("block", block_layer(printer, converter));
+    }
+    auto keep = options.limit == 0 ? G_MAXSIZE
+                : options.variant  ? variant_limit
+                                   : static_cast<gsize>(options.limit);
+    if (auto *strings = options.strings.value) {
+      auto format = MessageFormat::choose(false, false, nullptr, strings);
+      add("string", string_layer(printer, keep, format.terminator));
+    } else {
+      add("frame", frame_layer(printer, keep));
+    }
+  }
+
   Stack(const Stack &) = delete;
 
   Layer &
@@ -299,50 +305,21 @@ public:
   }
 
 private:
-  void add(const char *name, std::unique_ptr<Layer> layer);
+  void
+  add(const char *name, std::unique_ptr<Layer> layer)
+  {
+    layer->depth = layers.size();
+    if (!layers.empty())
+      layers.back()->upper = layer.get();
+    layers.push_back(std::move(layer));
+    printer.names.push_back(name);
+  }
 
   Printer &printer;
   std::vector<std::unique_ptr<Layer>> layers;
   std::vector<Owned<GConverter>> converters;
 };
 } // namespace
-
-void
-Stack::add(const char *name, std::unique_ptr<Layer> layer)
-{
-  layer->depth = layers.size();
-  if (!layers.empty())
-    layers.back()->upper = layer.get();
-  layers.push_back(std::move(layer));
-  printer.names.push_back(name);
-}
-
-// The last stage on the way out is the first on the way in.
-Stack::Stack(const DecodeOptions &options, const Stages &stages, Printer &printer)
-    : printer(printer)
-{
-  if (options.encrypted) {
-    add("record", std::make_unique<RecordLayer>(printer, nullptr));
-    return;
-  }
-  for (auto stage = stages.list.rbegin(); stage != stages.list.rend(); ++stage) {
-    auto *converter = new_decoder(*stage, stages.key_length);
-    converters.emplace_back(converter);
-    if (stage->kind == Stage::encrypt)
-      add("record", std::make_unique<RecordLayer>(printer, converter));
-    else
-      add("block", std::make_unique<BlockLayer>(printer, converter));
-  }
-  auto keep = options.limit == 0 ? G_MAXSIZE
-              : options.variant  ? variant_limit
-                                 : static_cast<gsize>(options.limit);
-  if (auto *strings = options.strings.value) {
-    auto format = MessageFormat::choose(false, false, nullptr, strings);
-    add("string", std::make_unique<StringLayer>(printer, keep, format.terminator));
-  } else {
-    add("frame", std::make_unique<FrameLayer>(printer, keep));
-  }
-}
 
 // The bytes of a file have no pieces: the borders between reads mean nothing.
 static void
@@ -404,29 +381,24 @@ Exit
 run_decode(CommandLine &line)
 {
   DecodeOptions options;
-  const GOptionEntry entries[] = {
-      {"encrypted", 0, 0, G_OPTION_ARG_NONE, &options.encrypted,
-       "Show the records of an encrypted stream without its key", nullptr},
-      {"strings", 0, 0, G_OPTION_ARG_STRING, &options.strings.value,
-       "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
-       "TERMINATOR"},
-      {"hex", 0, 0, G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits",
-       nullptr},
-      {"text", 0, 0, G_OPTION_ARG_NONE, &options.text, "Show messages as text", nullptr},
-      {"variant", 0, 0, G_OPTION_ARG_STRING, &options.variant.value,
-       "Show messages as GVariants of this type", "TYPE"},
-      {"limit", 0, 0, G_OPTION_ARG_INT, &options.limit,
-       "Show this many bytes of a message, 0 for all (default 256)", "BYTES"},
-      {"strict", 0, 0, G_OPTION_ARG_NONE, &options.strict,
-       "Also note what a careful writer would not send", nullptr},
-      {"stream", 0, 0, G_OPTION_ARG_INT, &options.stream,
-       "Decode this TCP stream of a pcap or pcapng file", "N"},
-      {"from", 0, 0, G_OPTION_ARG_STRING, &options.from.value,
-       "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE"},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item", nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("encrypted", G_OPTION_ARG_NONE, &options.encrypted,
+           "Show the records of an encrypted stream without its key");
+  line.add("strings", G_OPTION_ARG_STRING, &options.strings.value,
+           "Use strings that end with this byte instead of frames: a character, \\n, \\0, \\xNN",
+           "TERMINATOR");
+  line.add("hex", G_OPTION_ARG_NONE, &options.hex, "Show messages in hexadecimal digits");
+  line.add("text", G_OPTION_ARG_NONE, &options.text, "Show messages as text");
+  line.add("variant", G_OPTION_ARG_STRING, &options.variant.value,
+           "Show messages as GVariants of this type", "TYPE");
+  line.add("limit", G_OPTION_ARG_INT, &options.limit,
+           "Show this many bytes of a message, 0 for all (default 256)", "BYTES");
+  line.add("strict", G_OPTION_ARG_NONE, &options.strict,
+           "Also note what a careful writer would not send");
+  line.add("stream", G_OPTION_ARG_INT, &options.stream,
+           "Decode this TCP stream of a pcap or pcapng file", "N");
+  line.add("from", G_OPTION_ARG_STRING, &options.from.value,
+           "Decode what the client or the server sent, in a pcap or pcapng file", "SIDE");
+  line.add("json", G_OPTION_ARG_NONE, &options.json, "Print one JSON object per item");
   line.add_stages();
   auto arguments = line.parse(0, 1);
   check(options, line.stages);

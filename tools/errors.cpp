@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "errors.h"
 #include "output.h"
-#include "progress.h"
 
 #include <cstdarg>
 #include <unistd.h>

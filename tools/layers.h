@@ -8,7 +8,7 @@
 #include <gio/gio.h>
 
 #include <deque>
-#include <set>
+#include <memory>
 #include <string>
 
 struct Place {
@@ -124,139 +124,9 @@ private:
   guint64 lost_at = 0;
 };
 
-// Takes whole units with a header: records or blocks.
-class UnitLayer : public Layer
-{
-public:
-  using Layer::Layer;
-
-protected:
-  static constexpr gsize header_size = 8;
-
-  bool take() override;
-  void report_cut() override;
-  virtual void take_unit(std::string_view unit) = 0;
-  // "a record of ", say.
-  virtual std::string unit_name(const char *header) const = 0;
-  virtual void report_bad_header(const char *header) = 0;
-};
-
-// Without a decryptor, it reports the records alone.
-class RecordLayer : public UnitLayer
-{
-public:
-  RecordLayer(Reporter &reporter, GConverter *decryptor)
-      : UnitLayer("record", reporter), decryptor(decryptor)
-  {
-  }
-
-protected:
-  guint64 unit_size(const char *bytes, gsize size) const override;
-  void take_unit(std::string_view unit) override;
-  std::string unit_name(const char *header) const override;
-  void report_bad_header(const char *header) override;
-  void
-  forget() override
-  {
-    chained = false;
-  }
-
-private:
-  void take_iv(std::string_view iv);
-  void take_record(std::string_view present);
-  void decrypt(const Unit &unit, std::string_view present);
-  void note_padding(const Unit &unit, const std::string &plain, gsize content);
-  void set_iv(const char *iv);
-
-  GConverter *decryptor;
-  bool chained = false; // the cipher text before the next record is known
-  std::set<std::string> ivs;
-};
-
-class BlockLayer : public UnitLayer
-{
-public:
-  BlockLayer(Reporter &reporter, GConverter *decompressor)
-      : UnitLayer("block", reporter), decompressor(decompressor)
-  {
-  }
-
-protected:
-  guint64 unit_size(const char *bytes, gsize size) const override;
-  void take_unit(std::string_view unit) override;
-  std::string unit_name(const char *header) const override;
-  void report_bad_header(const char *header) override;
-  void
-  forget() override
-  {
-    after_empty = false;
-  }
-
-private:
-  bool decode(std::string_view unit, char *room, gsize size, gsize *produced);
-  guint chunks_read(std::string_view present, guint32 announced, std::string_view content);
-  void note_oddities(const Unit &unit, std::string_view payload, guint32 announced, gsize content,
-                     guint chunks);
-
-  GConverter *decompressor;
-  bool after_empty = false;
-};
-
-// Messages can be longer than memory, so only the first `keep` bytes of each are kept.
-class MessageLayer : public Layer
-{
-public:
-  MessageLayer(const char *name, Reporter &reporter, gsize keep) : Layer(name, reporter), keep(keep)
-  {
-  }
-
-protected:
-  bool
-  in_the_making() const override
-  {
-    return begun || Layer::in_the_making();
-  }
-  void forget() override;
-  void begin();
-  void take_part(gsize size);
-  void finish(guint64 size);
-
-  gsize keep;
-  bool begun = false;
-  Place first{}; // the start of the current message
-  guint64 arrived = 0;
-  std::string shown;
-};
-
-class FrameLayer : public MessageLayer
-{
-public:
-  FrameLayer(Reporter &reporter, gsize keep);
-
-protected:
-  bool take() override;
-  guint64 unit_size(const char *bytes, gsize size) const override;
-  void report_cut() override;
-
-private:
-  bool take_prefix();
-
-  guint32 length = 0;
-};
-
-class StringLayer : public MessageLayer
-{
-public:
-  StringLayer(Reporter &reporter, gsize keep, char terminator)
-      : MessageLayer("string", reporter, keep), terminator(terminator)
-  {
-  }
-
-protected:
-  bool take() override;
-  guint64 unit_size(const char *bytes, gsize size) const override;
-  void report_cut() override;
-
-private:
-  char terminator;
-};
+// The layers. Without a decryptor, a record layer reports the records alone. A message layer keeps
+// the first `keep` bytes of each message, because messages can be longer than memory.
+std::unique_ptr<Layer> record_layer(Reporter &reporter, GConverter *decryptor);
+std::unique_ptr<Layer> block_layer(Reporter &reporter, GConverter *decompressor);
+std::unique_ptr<Layer> frame_layer(Reporter &reporter, gsize keep);
+std::unique_ptr<Layer> string_layer(Reporter &reporter, gsize keep, char terminator);

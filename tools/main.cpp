@@ -3,7 +3,6 @@
 #include "command.h"
 #include "interrupt.h"
 #include "output.h"
-#include "progress.h"
 
 #include <zelgvc/zelgvc.h>
 

@@ -2,7 +2,6 @@
 #include "measure.h"
 #include "interrupt.h"
 #include "output.h"
-#include "progress.h"
 
 #include <sys/resource.h>
 

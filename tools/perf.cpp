@@ -3,7 +3,6 @@
 #include "command.h"
 #include "measure.h"
 #include "output.h"
-#include "progress.h"
 
 #include <cstring>
 #include <vector>
@@ -64,8 +63,8 @@ read_report(Channel &channel)
 }
 
 static Run
-measure(Channel &channel, const PerfOptions &options, const std::string &kind,
-        const char *direction, guint64 size)
+measure(Channel &channel, const PerfOptions &options, const std::string &kind, const char *direction,
+        guint64 size)
 {
   Run run{direction, size, {}, {}};
   std::vector<char> data(size);
@@ -122,20 +121,15 @@ Exit
 run_perf(CommandLine &line)
 {
   PerfOptions options;
-  const GOptionEntry entries[] = {
-      {"sizes", 's', 0, G_OPTION_ARG_STRING, &options.sizes.value,
-       "Bytes in a message (default 64,1024,16384,262144)", "N,N..."},
-      {"direction", 'd', 0, G_OPTION_ARG_STRING, &options.direction.value,
-       "send, receive, or both, one after the other (default)", "DIRECTION"},
-      {"seconds", 't', 0, G_OPTION_ARG_DOUBLE, &options.seconds,
-       "Duration of each measurement (default 1)", "SECONDS"},
-      {"data", 0, 0, G_OPTION_ARG_STRING, &options.data.value,
-       "Contents of the messages: text (default), random or zero", "KIND"},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object per measurement",
-       nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("sizes", G_OPTION_ARG_STRING, &options.sizes.value,
+           "Bytes in a message (default 64,1024,16384,262144)", "N,N...", 's');
+  line.add("direction", G_OPTION_ARG_STRING, &options.direction.value,
+           "send, receive, or both, one after the other (default)", "DIRECTION", 'd');
+  line.add("seconds", G_OPTION_ARG_DOUBLE, &options.seconds,
+           "Duration of each measurement (default 1)", "SECONDS", 't');
+  line.add("data", G_OPTION_ARG_STRING, &options.data.value,
+           "Contents of the messages: text (default), random or zero", "KIND");
+  line.add("json", G_OPTION_ARG_NONE, &options.json, "Print one JSON object per measurement");
   line.add_stages();
   line.add_timeout();
   auto arguments = line.parse(1, 1);

@@ -4,7 +4,6 @@
 #include "interrupt.h"
 #include "measure.h"
 #include "output.h"
-#include "progress.h"
 
 #include <algorithm>
 #include <cmath>
@@ -118,17 +117,12 @@ Exit
 run_ping(CommandLine &line)
 {
   PingOptions options;
-  const GOptionEntry entries[] = {
-      {"count", 'c', 0, G_OPTION_ARG_INT, &options.count,
-       "Stop after this many round trips, 0 for never (default 10)", "N"},
-      {"interval", 'i', 0, G_OPTION_ARG_DOUBLE, &options.interval,
-       "Wait this long between round trips (default 0.1)", "SECONDS"},
-      {"size", 's', 0, G_OPTION_ARG_INT, &options.size, "Bytes in a message (default 32)", "N"},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object, times in seconds",
-       nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("count", G_OPTION_ARG_INT, &options.count,
+           "Stop after this many round trips, 0 for never (default 10)", "N", 'c');
+  line.add("interval", G_OPTION_ARG_DOUBLE, &options.interval,
+           "Wait this long between round trips (default 0.1)", "SECONDS", 'i');
+  line.add("size", G_OPTION_ARG_INT, &options.size, "Bytes in a message (default 32)", "N", 's');
+  line.add("json", G_OPTION_ARG_NONE, &options.json, "Print one JSON object, times in seconds");
   line.add_stages();
   line.add_timeout();
   auto arguments = line.parse(1, 1);

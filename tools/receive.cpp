@@ -4,7 +4,6 @@
 #include "files.h"
 #include "interrupt.h"
 #include "output.h"
-#include "progress.h"
 #include "transfer.h"
 
 #include <algorithm>
@@ -20,6 +19,24 @@ static const std::string part_suffix = ".zelgvc-part";
 static constexpr gsize name_max = 255;
 // Bounds the data in memory that is not on disk, and so the time of the last fsync.
 static constexpr guint64 sync_interval = 256 * 1024 * 1024;
+
+// A name that is too long for the suffix is cut and gets its checksum, which keeps it unique.
+static std::string
+part_name(const std::string &name)
+{
+  auto path = "." + name + part_suffix;
+  if (path.size() <= name_max)
+    return path;
+  Sha256 sha;
+  sha.update(name.data(), name.size());
+  return "." + name.substr(0, 100) + "-" + hex_text(sha.digest().data(), 16) + part_suffix;
+}
+
+static bool
+all_zero(const char *bytes, gsize size)
+{
+  return size > 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+}
 
 namespace
 {
@@ -45,15 +62,88 @@ struct Refusal {
 class Part
 {
 public:
-  Part(int dir, const std::string &name);
-  ~Part();
+  Part(int dir, const std::string &name) : dir(dir), path(part_name(name))
+  {
+    fd = openat(dir, path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0)
+      throw Refusal{"cannot create " + printable(path) + ": " + g_strerror(errno)};
+    struct stat status;
+    std::string why;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+      why = printable(path) + " is in the way and no regular file";
+    else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
+      why = "another transfer of it is going on";
+    if (!why.empty()) {
+      close(fd);
+      throw Refusal{why};
+    }
+  }
+
+  ~Part()
+  {
+    if (state == unfinished && size() == 0)
+      unlinkat(dir, path.c_str(), 0);
+    close(fd);
+  }
+
   Part(const Part &) = delete;
 
-  guint64 size() const;
-  void truncate(guint64 size);
-  void write(const void *bytes, gsize size, guint64 offset);
-  void discard();
-  void commit(const Announced &file, bool force);
+  guint64
+  size() const
+  {
+    struct stat status;
+    return fstat(fd, &status) == 0 ? static_cast<guint64>(status.st_size) : 0;
+  }
+
+  void
+  truncate(guint64 size)
+  {
+    if (retry([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0)
+      fail_to("resize");
+  }
+
+  // Makes holes of zeros, so that a sparse file stays sparse.
+  void
+  write(const void *bytes, gsize size, guint64 offset)
+  {
+    auto *from = static_cast<const char *>(bytes);
+    if (size >= 4096 && all_zero(from, size)) {
+      truncate(offset + size);
+      return;
+    }
+    for (gsize done = 0; done < size;) {
+      auto written = retry(
+          [&] { return pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done)); });
+      if (written < 0)
+        fail_to("write");
+      done += static_cast<gsize>(written);
+    }
+    unsynced += size;
+    if (unsynced >= sync_interval) {
+      if (retry([&] { return fdatasync(fd); }) != 0)
+        fail_to("write");
+      unsynced = 0;
+    }
+  }
+
+  void
+  discard()
+  {
+    unlinkat(dir, path.c_str(), 0);
+    state = discarded;
+  }
+
+  void
+  commit(const Announced &file, bool force)
+  {
+    const timespec times[2] = {{0, UTIME_OMIT}, file.mtime};
+    if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || retry([&] { return fsync(fd); }))
+      fail_to("finish");
+    if (!give_name(dir, fd, path.c_str(), file.name.c_str(), force))
+      fail_to(("give the name " + printable(file.name) + " to").c_str());
+    state = stored;
+    fsync(dir);
+  }
 
   const int dir;
   const std::string path;
@@ -61,114 +151,15 @@ public:
   enum { unfinished, stored, discarded } state = unfinished;
 
 private:
+  [[noreturn]] void
+  fail_to(const char *what)
+  {
+    fail(Exit::local, "cannot %s %s: %s", what, printable(path).c_str(), g_strerror(errno));
+  }
+
   guint64 unsynced = 0;
 };
 } // namespace
-
-// A name that is too long for the suffix is cut and gets its checksum, which keeps it unique.
-static std::string
-part_name(const std::string &name)
-{
-  auto path = "." + name + part_suffix;
-  if (path.size() <= name_max)
-    return path;
-  Sha256 sha;
-  sha.update(name.data(), name.size());
-  return "." + name.substr(0, 100) + "-" + hex_text(sha.digest().data(), 16) + part_suffix;
-}
-
-Part::Part(int dir, const std::string &name) : dir(dir), path(part_name(name))
-{
-  fd = openat(dir, path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-  if (fd < 0)
-    throw Refusal{"cannot create " + printable(path) + ": " + g_strerror(errno)};
-  struct stat status;
-  std::string why;
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-    why = printable(path) + " is in the way and no regular file";
-  else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
-    why = "another transfer of it is going on";
-  if (!why.empty()) {
-    close(fd);
-    throw Refusal{why};
-  }
-}
-
-Part::~Part()
-{
-  if (state == unfinished && size() == 0)
-    unlinkat(dir, path.c_str(), 0);
-  close(fd);
-}
-
-guint64
-Part::size() const
-{
-  struct stat status;
-  return fstat(fd, &status) == 0 ? static_cast<guint64>(status.st_size) : 0;
-}
-
-[[noreturn]] static void
-fail_part(const Part &part, const char *what)
-{
-  fail(Exit::local, "cannot %s %s: %s", what, printable(part.path).c_str(), g_strerror(errno));
-}
-
-void
-Part::truncate(guint64 size)
-{
-  if (retry([&] { return ftruncate(fd, static_cast<off_t>(size)); }) != 0)
-    fail_part(*this, "resize");
-}
-
-static bool
-all_zero(const char *bytes, gsize size)
-{
-  return size > 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
-}
-
-// Makes holes of zeros, so that a sparse file stays sparse.
-void
-Part::write(const void *bytes, gsize size, guint64 offset)
-{
-  auto *from = static_cast<const char *>(bytes);
-  if (size >= 4096 && all_zero(from, size)) {
-    truncate(offset + size);
-    return;
-  }
-  for (gsize done = 0; done < size;) {
-    auto written = retry(
-        [&] { return pwrite(fd, from + done, size - done, static_cast<off_t>(offset + done)); });
-    if (written < 0)
-      fail_part(*this, "write");
-    done += static_cast<gsize>(written);
-  }
-  unsynced += size;
-  if (unsynced >= sync_interval) {
-    if (retry([&] { return fdatasync(fd); }) != 0)
-      fail_part(*this, "write");
-    unsynced = 0;
-  }
-}
-
-void
-Part::discard()
-{
-  unlinkat(dir, path.c_str(), 0);
-  state = discarded;
-}
-
-void
-Part::commit(const Announced &file, bool force)
-{
-  const timespec times[2] = {{0, UTIME_OMIT}, file.mtime};
-  if (fchmod(fd, file.mode) != 0 || futimens(fd, times) != 0 || retry([&] { return fsync(fd); }))
-    fail_part(*this, "finish");
-  if (!give_name(dir, fd, path.c_str(), file.name.c_str(), force))
-    fail_part(*this, ("give the name " + printable(file.name) + " to").c_str());
-  state = stored;
-  fsync(dir);
-}
 
 static Announced
 read_announcement(const Control &control)
@@ -385,35 +376,14 @@ open_directory(ReceiveOptions &options, const std::string &path)
     fail(Exit::local, "cannot store files in %s: %s", printable(path).c_str(), g_strerror(errno));
 }
 
-// Goes on after a sender that fails.
-static Exit
-serve_senders(Listener &listener, const CommandLine &line, const ReceiveOptions &options)
-{
-  for (;;) {
-    try {
-      serve_sender(listener.accept(), line, options);
-    } catch (const Failure &failure) {
-      if (interrupted())
-        return Exit::ok;
-      complain(failure);
-    }
-  }
-}
-
 Exit
 run_receive(CommandLine &line)
 {
   ReceiveOptions options;
-  const GOptionEntry entries[] = {
-      {"force", 0, 0, G_OPTION_ARG_NONE, &options.force, "Replace existing files", nullptr},
-      {"resume", 0, 0, G_OPTION_ARG_NONE, &options.resume, "Continue an interrupted transfer",
-       nullptr},
-      {"keep", 0, 0, G_OPTION_ARG_NONE, &options.keep, "Serve one sender after another", nullptr},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json, "Print one JSON object for each file",
-       nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("force", G_OPTION_ARG_NONE, &options.force, "Replace existing files");
+  line.add("resume", G_OPTION_ARG_NONE, &options.resume, "Continue an interrupted transfer");
+  line.add("keep", G_OPTION_ARG_NONE, &options.keep, "Serve one sender after another");
+  line.add("json", G_OPTION_ARG_NONE, &options.json, "Print one JSON object for each file");
   line.add_stages();
   line.add_timeout();
   auto arguments = line.parse(2, 2);
@@ -421,7 +391,6 @@ run_receive(CommandLine &line)
   auto address = Address::parse(arguments[0]);
   open_directory(options, arguments[1]);
   Listener listener(address);
-  if (options.keep)
-    return serve_senders(listener, line, options);
-  return serve_sender(listener.accept_only(), line, options);
+  auto serve = [&](auto *connection) { return serve_sender(connection, line, options); };
+  return listener.serve(options.keep, serve);
 }

@@ -4,7 +4,6 @@
 #include "files.h"
 #include "interrupt.h"
 #include "output.h"
-#include "progress.h"
 #include "transfer.h"
 
 #include <cerrno>
@@ -215,13 +214,9 @@ Exit
 run_send(CommandLine &line)
 {
   gboolean resume = FALSE, json = FALSE;
-  const GOptionEntry entries[] = {
-      {"resume", 0, 0, G_OPTION_ARG_NONE, &resume,
-       "Continue an interrupted transfer to this receiver", nullptr},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &json, "Print one JSON object for each file", nullptr},
-      {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
-  };
-  line.add(entries);
+  line.add("resume", G_OPTION_ARG_NONE, &resume,
+           "Continue an interrupted transfer to this receiver");
+  line.add("json", G_OPTION_ARG_NONE, &json, "Print one JSON object for each file");
   line.add_stages();
   line.add_timeout();
   auto arguments = line.parse(2, G_MAXSIZE);
