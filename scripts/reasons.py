@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Reads the lists in tests/data that give reasons for code that no test reaches and mutations that no test notices."""
+"""Reads the lists of reasons in tests/data: for code that no test reaches, and for mutations that no
+test notices."""
 
 import pathlib
 import sys
