@@ -3,12 +3,13 @@
 // wrong. The result equals a simple reading of the chunk layout over the reference decoder.
 #include "support.h"
 
+#include <zelgvc/gvcwire.h>
+
 #include "codec/lzo1x/lzo1x.h"
 #include "platform/ipp/ipp.h"
 #include "tests/codec/lzo1xreference.h"
 
 #include <algorithm>
-#include <cstring>
 
 using namespace fuzz;
 
@@ -22,8 +23,7 @@ constexpr std::size_t room_limit = 1 << 16;
 std::size_t
 number(View payload, std::size_t at)
 {
-  return payload[at] | payload[at + 1] << 8U | payload[at + 2] << 16U |
-         std::size_t{payload[at + 3]} << 24U;
+  return gvc::wire::load<std::uint32_t>(payload.data() + at);
 }
 
 Decoded

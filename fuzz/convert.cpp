@@ -4,10 +4,13 @@
 // progress never stops, and output and room stay within what the bytes can mean.
 #include "support.h"
 
+#include <zelgvc/gvcwire.h>
+
 #include <algorithm>
-#include <cstring>
 
 using namespace fuzz;
+namespace block = gvc::wire::block;
+namespace record = gvc::wire::record;
 
 namespace
 {
@@ -18,32 +21,26 @@ is_decompressor(unsigned kind)
   return kind == 1;
 }
 
-std::uint64_t
-load(View from, std::size_t size)
-{
-  std::uint64_t value = 0;
-  for (auto i = size; i-- > 0;)
-    value = value << 8 | from[i];
-  return value;
-}
-
 // The size of the block or record at the start of `in`, if its header is complete.
 std::optional<std::uint64_t>
 announced(unsigned kind, View in)
 {
-  if (in.size() < 8)
+  if (in.size() < record::header_size)
     return std::nullopt;
   if (is_decompressor(kind))
-    return 8 + load(in, 4);
-  const auto length = load(in, 8);
-  return length == 0 ? 24 : length > UINT64_MAX - 8 ? UINT64_MAX : 8 + length;
+    return block::header_size + std::uint64_t{block::load_payload_size(in.data())};
+  const auto length = record::load_length(in.data());
+  if (length == 0)
+    return record::iv_record_size;
+  return length > UINT64_MAX - record::header_size ? UINT64_MAX : record::header_size + length;
 }
 
-// The room that it asks for.
+// The room that the block or record asks for.
 std::uint64_t
 announced_room(unsigned kind, View in)
 {
-  return is_decompressor(kind) ? load(in.subspan(4), 4) : load(in, 8);
+  return is_decompressor(kind) ? block::load_decoded_size(in.data())
+                               : record::load_length(in.data());
 }
 
 // A block that announces more than its payload can hold may fail, or succeed if the room is enough.

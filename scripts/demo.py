@@ -20,6 +20,7 @@ import tempfile
 import threading
 
 import demoprogram
+from demoprogram import Failure
 
 MIB = 1 << 20
 SAMPLE_SIZE = 48 * MIB
@@ -35,43 +36,25 @@ STAGES = {
 TEXT = b"message 42 of %d" % MESSAGES
 
 
-class Failure(Exception):
-    pass
-
-
-def files_below(top, suffix):
-    for directory, folders, names in os.walk(top):
-        folders.sort()
-        for name in sorted(names):
-            path = os.path.join(directory, name)
-            if suffix in name and os.path.isfile(path) and not os.path.islink(path):
-                yield path
-
-
 def make_sample(path):
     """Writes a file of text (headers) and machine code (shared libraries) in equal parts."""
     with open(path, "wb") as sample:
-        for top, suffix, size in (("/usr/include", ".h", SAMPLE_SIZE // 2),
-                                  ("/usr/lib", ".so", SAMPLE_SIZE),
-                                  ("/usr", "", SAMPLE_SIZE)):
-            for source in files_below(top, suffix):
+        for top, pattern, size in (("/usr/include", "*.h", SAMPLE_SIZE // 2),
+                                   ("/usr/lib", "*.so*", SAMPLE_SIZE),
+                                   ("/usr", "*", SAMPLE_SIZE)):
+            for source in pathlib.Path(top).rglob(pattern):
                 if sample.tell() >= size:
                     break
-                try:
-                    with open(source, "rb") as data:
+                if source.is_file() and not source.is_symlink() and os.access(source, os.R_OK):
+                    with source.open("rb") as data:
                         sample.write(data.read(size - sample.tell()))
-                except OSError:
-                    continue
         if sample.tell() < SAMPLE_LEAST:
             raise Failure("too few files below /usr for the sample")
 
 
 def checksum(path):
-    digest = hashlib.sha256()
     with open(path, "rb") as data:
-        while block := data.read(MIB):
-            digest.update(block)
-    return digest.hexdigest()
+        return hashlib.file_digest(data, "sha256").hexdigest()
 
 
 class Relay:
@@ -215,7 +198,7 @@ def main():
             sample = os.path.join(directory, "sample")
             program, = build(sys.argv[1], "tools/zelgvc")
             demoprogram.run(program, sample, os.path.join(directory, "program"))
-    except (Failure, demoprogram.Failure, subprocess.TimeoutExpired) as failure:
+    except (Failure, subprocess.TimeoutExpired) as failure:
         print(f"demo: {failure}", file=sys.stderr)
         return 1
     return 0

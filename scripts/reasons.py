@@ -1,13 +1,11 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
-"""Reads the lists in tests/data that give reasons for what no test reaches or notices."""
+"""Reads the lists of reasons in tests/data: for code that no test reaches, and for mutations that no
+test notices."""
 
 import pathlib
-import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-# GLib's macros add branches that tests cannot reach, such as a type that two threads register at once.
-MACROS = re.compile(r"\b(G_DEFINE_\w+|G_IMPLEMENT_INTERFACE|G_ADD_PRIVATE|g_auto\w*)\b")
 
 
 def read(name, *fields):

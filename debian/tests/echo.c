@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: LGPL-2.1-or-later */
-/* One message through both stages, over a pair of connected sockets. */
+/* Sends a message through both stages, over a pair of connected sockets. */
 #include <string.h>
 #include <sys/socket.h>
 #include <zelgvc/zelgvc.h>
