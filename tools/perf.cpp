@@ -63,8 +63,8 @@ read_report(Channel &channel)
 }
 
 static Run
-measure(Channel &channel, const PerfOptions &options, const std::string &kind, const char *direction,
-        guint64 size)
+measure(Channel &channel, const PerfOptions &options, const std::string &kind,
+        const char *direction, guint64 size)
 {
   Run run{direction, size, {}, {}};
   std::vector<char> data(size);
