@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-// What run.py cannot know of this build.
+// Prints the facts about this build that run.py cannot know.
 static void
 printBuild()
 {

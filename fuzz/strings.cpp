@@ -22,7 +22,7 @@ struct Terminators {
   }
 };
 
-// What the reader has consumed of the source, if `base` may buffer more.
+// The bytes that the reader has consumed of the source, if `base` may buffer more.
 std::size_t
 consumed(const Source &source, GInputStream *base)
 {

@@ -27,7 +27,7 @@ struct Link {
   Owned<GvcBytesOutputStream> frames_out;
 };
 
-// What a peer is called in messages.
+// The name of a peer in messages.
 std::string name_of_peer(GSocketConnection *connection);
 
 // Whether the error means that the peer has closed the connection.

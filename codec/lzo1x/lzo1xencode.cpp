@@ -639,7 +639,7 @@ putMatches(Input in, Room room, HashTable table, Stretch &stretch, Progress &at)
   return Matcher<keyBytes, false>(in, room, table, stretch, start).run(at, stretch);
 }
 
-// What the search of a stretch read and wrote, without the literals that are still pending.
+// The bytes that the search of a stretch read and wrote, without the pending literals.
 struct Yield {
   std::size_t read;
   std::size_t written;

@@ -135,7 +135,7 @@ def check_peer(case, data):
         equal([make.message_form(message) for message in messages], case["messages"])
         equal(error, case["error"]["message"])
         for layer, borders in zip(reader.layers, reversed(case.get("borders", []))):
-            # Where it was refused or cut, the reader has not come to all of them.
+            # If the stream was refused or cut, the reader has not reached all of them.
             equal(layer.borders, borders[: len(layer.borders)])
             if case["orderly"]:
                 equal(len(layer.borders), len(borders))

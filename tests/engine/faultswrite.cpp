@@ -299,7 +299,7 @@ test_close(const Case &one)
       assert_bytes(from_stages(one.stages, rig.faults().accepted), filled(rig));
     g_assert_true(channel ? g_io_stream_is_closed(rig.channel())
                           : g_output_stream_is_closed(stream_of(rig)));
-    /* Where closing the input failed, the output was left open. */
+    /* If closing the input failed, the output was left open. */
     if (!channel) {
       Error error;
       g_assert_false(gvc_bytes_output_stream_put_bytes(rig.writer(), new_bytes(payload).get(),

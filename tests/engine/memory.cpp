@@ -122,7 +122,7 @@ struct Sender {
     const auto cancellable = own(g_cancellable_new());
     Error error;
     {
-      /* Where there is room, the message goes on until there is none. */
+      /* The message goes on until there is no room. */
       const Background canceller([&] {
         while (!is_full())
           g_thread_yield();

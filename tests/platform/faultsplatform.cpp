@@ -141,7 +141,7 @@ expected_message(const PlatformCase &one, unsigned n)
   case Function::decryptCbc:
     return cipher_message(one);
   default:
-    /* Where no call succeeds any more, the stage that comes first says so. */
+    /* If no call succeeds any more, the first stage reports it. */
     if (one.onward && one.writes && one.stages == 2)
       return "Failed to get LZO size";
     return one.onward || is_object_broken(one, n) ? cipher_message(one) : nullptr;

@@ -820,7 +820,7 @@ private:
     EVP_RAND_CTX *context = EVP_RAND_CTX_new(rand, parent);
     EVP_RAND_free(rand);
     g_assert_cmpint(EVP_RAND_CTX_set_params(context, params), ==, 1);
-    // Where it is given no personalisation string, OpenSSL takes one of its own.
+    // Without a personalisation string, OpenSSL takes one of its own.
     static constexpr Ipp8u none[1] = {};
     g_assert_cmpint(EVP_RAND_instantiate(context, 256, 0, none, 0, nullptr), ==, 1);
     return context;

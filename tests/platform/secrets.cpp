@@ -30,7 +30,7 @@ constexpr gsize key_size = 32;
 constexpr gsize text_size = 100;
 constexpr gsize window = 8;
 
-// Where secrets lie masked. The mask is another one in every process.
+// Secrets lie masked here. Every process has another mask.
 struct Secrets {
   guint64 mask;
   guint64 key[key_size / 8];
@@ -409,7 +409,7 @@ add_text(Needles &needles)
   needles.add("text", secrets.text, text_size);
 }
 
-// Where only the round keys can be what is found: nobody else has the key by then.
+// Only the round keys can be found here: nothing else holds the key by then.
 void
 expect_round_keys()
 {

@@ -162,7 +162,7 @@ protected:
     else
       wrong("wrong bytes");
   }
-  /* Where there are no stages the blocking reader shows a cut so. */
+  /* Without stages, the blocking reader reports a cut like this. */
   bool
   cut(const std::string &data, const std::string &expected)
   {

@@ -88,7 +88,7 @@ private:
 
 /* Stages of a channel, the one nearest to the socket first: encryption, then compression. */
 inline constexpr int most_stages = 2;
-/* Where `lives` is given, it watches the converters and the streams. */
+/* If `lives` is given, it watches the converters and the streams. */
 void add_stages(GvcConnection *channel, int stages, support::LifeWatch *lives = nullptr);
 
 /* A channel over faulty streams, and what belongs to one operation on it. */

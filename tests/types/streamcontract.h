@@ -31,7 +31,7 @@ struct Operation {
   bool (*propagate)(GTask *, GError **) = nullptr;
   // Whether a success follows a second transfer that moves nothing.
   std::optional<bool> after_zero = std::nullopt;
-  // Where the finish function put the number of bytes, if it does that: `untouched` before.
+  // The number of bytes from the finish function, if it sets one; `untouched` before.
   const gsize *count = nullptr;
 };
 
