@@ -29,11 +29,14 @@ std::function<void()> when_empty;
 
 } // namespace
 
-/* GIO calls this function in place of the C library's. */
-extern "C" ssize_t
-recv(int fd, void *buffer, size_t size, int flags)
+/* GIO calls this function in place of the C library's. The header may define an inline one of that
+   name, so the name is the linker's alone. */
+extern "C" ssize_t interposed_recv(int fd, void *buffer, size_t size, int flags) __asm__("recv");
+
+ssize_t
+interposed_recv(int fd, void *buffer, size_t size, int flags)
 {
-  static const auto real = reinterpret_cast<decltype(&recv)>(dlsym(RTLD_NEXT, "recv"));
+  static const auto real = reinterpret_cast<decltype(&interposed_recv)>(dlsym(RTLD_NEXT, "recv"));
   const ssize_t received = real(fd, buffer, size, flags);
   const int error = errno;
   if (received < 0 && fd == empty_fd && when_empty)
