@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <utility>
 
@@ -424,6 +425,76 @@ test_destroyed_context()
   warm_up(pair);
   run_in_thread([&] { warm_up(pair); });
   warm_up(pair);
+}
+
+/* GLib finalizes the sources of a context when it has already freed the context. A context that is
+   made between the two may have its address. */
+struct LateSource {
+  GSource source;
+  GMainContext *freed; // only its address is used
+};
+
+bool address_returned;
+
+void
+wait_at_the_same_address(GSource *source)
+{
+  const auto freed = reinterpret_cast<LateSource *>(source)->freed;
+  std::vector<GMainContext *> contexts;
+  for (int i = 0; i < 100 && (i == 0 || contexts.back() != freed); i++)
+    contexts.push_back(g_main_context_new());
+  if (contexts.back() == freed) {
+    address_returned = true;
+    g_main_context_push_thread_default(freed);
+    {
+      Pair pair;
+      warm_up(pair);
+    }
+    g_main_context_pop_thread_default(freed);
+  }
+  for (auto *context : contexts)
+    g_main_context_unref(context);
+}
+
+void
+attach_late_source(GMainContext *context)
+{
+  static GSourceFuncs funcs = {[](GSource *, int *) -> gboolean { return FALSE; },
+                               [](GSource *) -> gboolean { return FALSE; },
+                               nullptr,
+                               wait_at_the_same_address,
+                               nullptr,
+                               nullptr};
+  GSource *source = g_source_new(&funcs, sizeof(LateSource));
+  reinterpret_cast<LateSource *>(source)->freed = context;
+  g_source_attach(source, context);
+  g_source_unref(source);
+}
+
+void
+test_reused_address()
+{
+  /* calloc() takes nothing from the cache for freed blocks, so this fills the cache. */
+  std::array<GMainContext *, 16> others;
+  for (auto &other : others)
+    other = g_main_context_new();
+  GMainContext *context = others[8];
+  g_main_context_push_thread_default(context);
+  /* One of the two is finalized before the library's source. */
+  attach_late_source(context);
+  {
+    Pair pair;
+    warm_up(pair);
+  }
+  attach_late_source(context);
+  g_main_context_pop_thread_default(context);
+  for (gsize i = 0; i < 8; i++)
+    g_main_context_unref(others[i]);
+  g_main_context_unref(context);
+  for (gsize i = 9; i < others.size(); i++)
+    g_main_context_unref(others[i]);
+  if (!address_returned)
+    g_test_skip("the allocator gave no new context the address of the old one");
 }
 
 void
@@ -954,6 +1025,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/context/default", test_default_context);
   g_test_add_func("/socketwait/context/two", test_two_contexts);
   g_test_add_func("/socketwait/context/destroyed", test_destroyed_context);
+  g_test_add_func("/socketwait/context/reused-address", test_reused_address);
   g_test_add_func("/socketwait/context/nested", test_nested_loop);
   g_test_add_func("/socketwait/order/priorities", test_priorities);
   g_test_add_func("/socketwait/order/fair", test_fair);

@@ -477,6 +477,11 @@ set_of(GMainContext *context, int priority)
   key.context = context;
   key.priority = priority;
   auto *set = static_cast<Set *>(g_hash_table_lookup(sets, &key));
+  // GLib frees a context before it finalizes the sources, so a new one may have the same address.
+  if (set && g_source_is_destroyed(&set->source)) {
+    abandon(set);
+    set = nullptr;
+  }
   if (!set)
     return make_set(context, priority);
   renew_after_fork(set);
@@ -488,7 +493,8 @@ join(Place *place, GMainContext *context, int priority)
 {
   auto *set = place->set;
 
-  if (!set || set->context != context || set->priority != priority || set->generation != generation)
+  if (!set || set->context != context || set->priority != priority ||
+      set->generation != generation || g_source_is_destroyed(&set->source))
     set = set_of(context, priority);
   if (place->set == set)
     return place->fires || enter_epoll(place);
