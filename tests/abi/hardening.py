@@ -82,10 +82,10 @@ def program_is_position_independent():
 
 
 def compile_commands(room):
-    """How the sources of one directory are compiled."""
+    """How the sources of one directory are compiled: each alone, or several in a unit of Meson's."""
     commands = json.loads((BUILD / "compile_commands.json").read_text())
     found = [shlex.split(entry["command"]) for entry in commands
-             if re.search(rf"(^|/){room}/\w+\.cpp$", entry["file"])]
+             if re.search(rf"(^|/){room}/([\w.]+\.p/[\w.]+-unity\d+|\w+)\.cpp$", entry["file"])]
     assert found, room
     return found
 
