@@ -51,7 +51,7 @@ def snapshot(folder="."):
 
 def listening():
     """Whether a process listens. Its standard error, which would tell, may be closed."""
-    with open("/proc/net/unix") as table:
+    with open("/proc/net/unix", errors="replace") as table:
         found = [line.split() for line in table if line.endswith(f" {SOCKET}\n")]
     return any(columns[3] == "00010000" for columns in found) and os.path.exists(SOCKET)
 
@@ -518,7 +518,7 @@ FAULTS = {
     "socket": "EMFILE",
     "bind": "EACCES",
     "listen": "ENOBUFS",
-    "accept4": "ENFILE",
+    "accept": "ENFILE",
     "connect": "ECONNREFUSED",
     "sendto": "ECONNRESET ENOBUFS",
     "sendmsg": "ECONNRESET ENOBUFS",
@@ -529,7 +529,7 @@ FAULTS = {
     "unlink": "EPERM",
     "poll": "ENOMEM",
 }
-INTERRUPTIBLE = "read write pread64 pwrite64 recvfrom recvmsg sendto sendmsg poll accept4 fsync".split()
+INTERRUPTIBLE = "read write pread64 pwrite64 recvfrom recvmsg sendto sendmsg poll accept fsync".split()
 
 
 def inject(call, fault, when):
@@ -570,6 +570,23 @@ def a_system_call_fails(victim):
                 trouble = inject(call, f"error={error}", before[call] + number)
                 levels.append((f"{call} {number} fails with {error}", trouble))
     sweep("a system call fails", victim, levels)
+
+
+@each(("serve", "serve", [], "ping"), ("receive", "receive", ["in", "--keep"], "send", "lines"))
+def a_connection_that_the_system_refuses(service, options, client, *operands):
+    """A service goes on, and does not fill a log as long as nothing helps."""
+    traced("keygen")
+    pathlib.Path("lines").write_bytes(LINES)
+    os.mkdir("in")
+    for when in ("1..2", "1+"):
+        under = inject("accept", "error=ENFILE", when)["under"]
+        process = Process(service, f"unix:{SOCKET}", *options, under=[under[0], "-D", *under[2:]])
+        process.until(lambda: "listening on" in process.errors, "address")
+        codes = (0,) if when == "1..2" else (4, 5)
+        run(client, f"unix:{SOCKET}", *operands, "--timeout", "5", codes=codes)
+        assert 0 < len(process.complaints) < 50, len(process.complaints)
+        process.kill(signal.SIGTERM)
+        process.wait(0)
 
 
 @each(*((victim, victim) for victim in ("keygen", "receive", "send", "listen", "connect")))

@@ -236,6 +236,16 @@ def exec_answers_each_message(kind, stages):
 
 
 @case
+def exec_sends_no_more_than_the_limit():
+    listen = Process("listen", "unix:socket", "--limit", "5", "--exec", "read a; echo $a$a", "--keep")
+    assert run("connect", listen.address(), data=b"ab\nabc\n").output == b"abab\n"
+    listen.until(lambda: listen.complaints, "complaint")
+    listen.complained("it has more than 5 bytes")
+    listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+@case
 def keep_serves_one_peer_after_another():
     listen = Process("listen", "unix:socket", "--keep")
     for text in (b"one\n", b"two\n", b"three\n"):
@@ -532,6 +542,12 @@ def a_socket_left_behind_is_replaced_and_a_file_is_not():
     listen = Process("listen", "unix:socket")
     run("connect", listen.address(), data=b"x\n")
     listen.wait()
+    # A socket that is in use stays in use.
+    first = Process("listen", "unix:socket")
+    run("listen", first.address(), codes=(3,)).complained("cannot listen on unix:socket")
+    run("connect", "unix:socket", data=b"y\n")
+    first.wait()
+    assert first.output == b"y\n"
     pathlib.Path("file").write_text("precious")
     run("listen", "unix:file", codes=(3,)).complained("cannot listen on unix:file")
     assert pathlib.Path("file").read_text() == "precious"
