@@ -46,6 +46,8 @@ def help_version_and_usage():
     run("dance", codes=(2,)).complained('no command "dance"')
     run("ping", codes=(2,)).complained("an argument is missing")
     run("ping", "a:1", "b", codes=(2,)).complained("too many arguments")
+    # The shell expands a pattern to any name of a file.
+    run("send", "a:1", "-\x1b[2J\n\u009b", codes=(2,)).complained("option -\\x1b[2J\\x0a\\xc2\\x9b;")
     run("ping", "a:1", "--key-length", "192", codes=(2,)).complained("128 or 256")
     for address in ("nowhere", "host:99999", "host:http", "::1:5000", "unix:"):
         run("ping", address, codes=(2,)).complained("an address is HOST:PORT")
