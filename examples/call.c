@@ -170,6 +170,7 @@ static gboolean
 request(Call *call, const char *kind, guint64 count, const char *name, GError **error)
 {
   g_autoptr(GVariant) answer = NULL;
+  g_autofree char *shown = NULL;
   const char *reason;
   gboolean taken;
 
@@ -179,8 +180,9 @@ request(Call *call, const char *kind, guint64 count, const char *name, GError **
   if (answer == NULL)
     return FALSE;
   g_variant_get(answer, "(b&s)", &taken, &reason);
+  shown = printable(reason);
   if (!taken)
-    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the server refuses: %s", reason);
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the server refuses: %s", shown);
   return taken;
 }
 

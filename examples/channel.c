@@ -131,6 +131,20 @@ channel_free(Channel *channel)
   g_free(channel);
 }
 
+/* A peer must not control the terminal. */
+char *
+printable(const char *text)
+{
+  GString *shown = g_string_new(NULL);
+
+  for (; *text != '\0'; text = g_utf8_next_char(text)) {
+    gunichar c = g_utf8_get_char(text);
+
+    g_string_append_unichar(shown, g_unichar_isprint(c) ? c : '?');
+  }
+  return g_string_free(shown, FALSE);
+}
+
 char *
 checksum_of_file(const char *path, GError **error)
 {

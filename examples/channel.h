@@ -46,5 +46,6 @@ gboolean channel_close(Channel *channel, GCancellable *cancellable, GError **err
 void channel_free(Channel *channel);
 
 char *checksum_of_file(const char *path, GError **error);
+char *printable(const char *text);
 
 #endif /* EXAMPLE_CHANNEL_H */

@@ -392,19 +392,22 @@ read_file(Session *session)
     read_frame(session, on_file_bytes);
 }
 
-/* The caller chooses the name. It must not lead out of the directory or replace a file. */
+/* The caller chooses the name. It must not lead out of the directory, replace a file or control a
+ * terminal. */
 static gboolean
 open_file(Session *session, const char *name, guint64 size, GError **error)
 {
   g_autoptr(GFile) file = NULL;
+  g_autofree char *shown = printable(name);
 
   if (session->server->directory == NULL) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "no files are taken here");
     return FALSE;
   }
-  if (name[0] == '\0' || name[0] == '.' || strchr(name, G_DIR_SEPARATOR) != NULL) {
+  if (name[0] == '\0' || name[0] == '.' || strchr(name, G_DIR_SEPARATOR) != NULL ||
+      strcmp(name, shown) != 0) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_FILENAME, "not a name for a file: \"%s\"",
-                name);
+                shown);
     return FALSE;
   }
   g_free(session->path);
@@ -434,7 +437,9 @@ take_request(Session *session, const char *kind, guint64 count, const char *name
       session->read = kinds[i].read;
   }
   if (session->read == NULL) {
-    g_set_error(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "no such request: \"%s\"", kind);
+    g_autofree char *shown = printable(kind);
+
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "no such request: \"%s\"", shown);
     return FALSE;
   }
   if (session->read == read_file && !open_file(session, name, count, error))

@@ -105,8 +105,9 @@ remove_stale_socket(const std::string &path, GSocketAddress *address)
   if (lstat(path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode))
     return;
 
-  g_autoptr(GSocket) probe =
-      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_DEFAULT, nullptr);
+  // The type differs, so a listening socket refuses the probe without noticing it.
+  g_autoptr(GSocket) probe = g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_DATAGRAM,
+                                          G_SOCKET_PROTOCOL_DEFAULT, nullptr);
   g_autoptr(GError) error = nullptr;
   if (probe && !g_socket_connect(probe, address, nullptr, &error) &&
       g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED))
@@ -187,6 +188,23 @@ Listener::accept()
   fail(Exit::address, "cannot accept a connection: %s", error->message);
 }
 
+// The system may refuse a connection for a while, for example for want of descriptors. A service
+// goes on, with a pause so that the complaints do not fill a log.
+GSocketConnection *
+Listener::accept_next()
+{
+  for (;;) {
+    try {
+      return accept();
+    } catch (const Failure &failure) {
+      if (interrupted())
+        throw;
+      complain(failure);
+      wait_for(-1, 0, interrupt_soon(), 1000);
+    }
+  }
+}
+
 Exit
 Listener::serve(bool keep, const std::function<Exit(GSocketConnection *)> &serve_peer,
                 Exit ends_with)
@@ -198,7 +216,7 @@ Listener::serve(bool keep, const std::function<Exit(GSocketConnection *)> &serve
   }
   for (;;) {
     try {
-      serve_peer(accept());
+      serve_peer(accept_next());
     } catch (const Failure &failure) {
       if (interrupted())
         return Exit::ok;

@@ -31,6 +31,8 @@ public:
 
   // The next peer. Throws if the user interrupts.
   GSocketConnection *accept();
+  // The same for a service, which waits as long as the system refuses.
+  GSocketConnection *accept_next();
 
   // Serves the only peer: closes the sockets and removes the path before. With `keep`, serves one
   // peer after another until the user interrupts, and goes on after a failure of another code.

@@ -26,7 +26,7 @@ void
 complain(const Failure &failure)
 {
   if (!failure.message.empty())
-    inform("zelgvc: %s", failure.message.c_str());
+    inform("zelgvc: %s", printable(failure.message).c_str());
 }
 
 void

@@ -71,6 +71,8 @@ public:
     std::string why;
     if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
       why = printable(path) + " is in the way and no regular file";
+    else if (status.st_nlink > 1)
+      why = printable(path) + " is in the way and has another name, too";
     else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
       why = "another transfer of it is going on";
     if (!why.empty()) {

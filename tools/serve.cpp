@@ -127,11 +127,9 @@ run_serve(CommandLine &line)
   while (wait_for_room()) {
     GSocketConnection *connection;
     try {
-      connection = listener.accept();
+      connection = listener.accept_next();
     } catch (const Failure &) {
-      if (interrupted())
-        return Exit::ok;
-      throw;
+      return Exit::ok;
     }
     callers++;
     auto pid = fork();

@@ -495,7 +495,10 @@ private:
     if (line.ends_with('\n'))
       line.pop_back();
     g_autoptr(GError) error = nullptr;
-    if (auto message = options.format.read_line(line, &error))
+    if (line.size() > options.line_limit())
+      g_set_error(&error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
+                  "it has more than %" G_GSIZE_FORMAT " bytes", options.line_limit());
+    else if (auto message = options.format.read_line(line, &error))
       return send(*message);
     mishap(std::string("the command's output cannot be sent: ") + error->message);
     read_next();

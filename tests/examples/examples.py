@@ -145,6 +145,21 @@ def refuses_names_that_lead_elsewhere():
         assert not list(pair.stored.iterdir())
 
 
+def shows_nothing_that_controls_a_terminal():
+    with Pair() as pair:
+        status, _, complaints = pair.call("--messages", "0", pair.file("red\x1b[31m", b"data"))
+        log = pair.end()[1] + pair.server.stdout.read()
+        assert status == 1 and "not a name for a file: \"red?[31m\"" in log, log
+        assert "\x1b" not in complaints + log
+    # A server that refuses.
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
+        with subprocess.Popen([CALL, *options], stderr=subprocess.PIPE, text=True) as caller:
+            server.accept()[0].sendall(b"\x08\0\0\0" + b"\0" + b"\x1b[31mn\0")
+            complaints = caller.communicate(timeout=LIMIT)[1]
+        assert "the server refuses: ?[31mn" in complaints, complaints
+
+
 def does_not_overwrite():
     with Pair() as pair:
         (pair.stored / "sample").write_bytes(b"precious")
@@ -297,6 +312,7 @@ sys.exit(tap.run([
       for name, use in WRONG.items()),
     ("/examples/serves-many-callers-at-once", serves_many_callers_at_once),
     ("/examples/refuses-names-that-lead-elsewhere", refuses_names_that_lead_elsewhere),
+    ("/examples/shows-nothing-that-controls-a-terminal", shows_nothing_that_controls_a_terminal),
     ("/examples/does-not-overwrite", does_not_overwrite),
     ("/examples/reports-a-caller-that-goes-away", reports_a_caller_that_goes_away),
     ("/examples/gives-up-on-an-unfinished-string", gives_up_on_an_unfinished_string),

@@ -31,6 +31,8 @@ import time
 import support
 from support import SANITIZED, Peer, Process, Skip, case, each, frame, main, run
 
+# A shell starts jobs in the background with SIGINT ignored, and the program leaves it ignored.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 ALL = "--all" in sys.argv
 CODES = {0, 1, 2, 3, 4, 5, 6, 130, 143}
 SOCKET = f"socket-{os.getpid()}"  # a name that no other test has
@@ -49,7 +51,7 @@ def snapshot(folder="."):
 
 def listening():
     """Whether a process listens. Its standard error, which would tell, may be closed."""
-    with open("/proc/net/unix") as table:
+    with open("/proc/net/unix", errors="replace") as table:
         found = [line.split() for line in table if line.endswith(f" {SOCKET}\n")]
     return any(columns[3] == "00010000" for columns in found) and os.path.exists(SOCKET)
 
@@ -93,13 +95,32 @@ class Storm(threading.Thread):
             pass
 
 
+class Messenger(threading.Thread):
+    """Waits until a process stops, sends it a signal and lets it go on."""
+
+    def __init__(self, process, number):
+        super().__init__()
+        self.process, self.number = process, number
+        self.start()
+
+    def run(self):
+        try:
+            stopped = os.waitid(os.P_PID, self.process.popen.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
+            if stopped.si_code == os.CLD_STOPPED:
+                self.process.kill(self.number)
+                self.process.kill(signal.SIGCONT)
+        except (ProcessLookupError, ChildProcessError):
+            pass
+
+
 class Run:
     """A command against its peer, one of them in trouble: `trouble` are arguments for Process, the
-    seconds of a storm and the options of a disk."""
+    seconds of a storm, the signal that it gets as soon as it stops, and the options of a disk."""
 
     def __init__(self, victim, trouble):
         trouble = dict(trouble)
         self.victim, self.storm = victim, trouble.pop("storm", None)
+        self.signal = trouble.pop("signal", None)
         disk = trouble.pop("disk", None)
         self.trouble = trouble
         pathlib.Path("file").write_bytes(DATA)
@@ -117,6 +138,8 @@ class Run:
         process = Process(*arguments, **{**more, **self.trouble})
         if self.storm:
             Storm(process, self.storm)
+        if self.signal:
+            Messenger(process, self.signal)
         return process
 
     def server(self, *arguments, **more):
@@ -208,6 +231,7 @@ table = []
 def sweep(what, victim, levels, judge=None):
     """One run for each level, a label and arguments for Process, in a folder of its own."""
     top, failures, codes = os.getcwd(), [], {}
+    assert levels, "nothing to try"
     for number, (label, trouble) in enumerate(levels):
         os.mkdir(str(number))
         os.chdir(str(number))
@@ -494,7 +518,7 @@ FAULTS = {
     "socket": "EMFILE",
     "bind": "EACCES",
     "listen": "ENOBUFS",
-    "accept4": "ENFILE",
+    "accept": "ENFILE",
     "connect": "ECONNREFUSED",
     "sendto": "ECONNRESET ENOBUFS",
     "sendmsg": "ECONNRESET ENOBUFS",
@@ -505,7 +529,7 @@ FAULTS = {
     "unlink": "EPERM",
     "poll": "ENOMEM",
 }
-INTERRUPTIBLE = "read write pread64 pwrite64 recvfrom recvmsg sendto sendmsg poll accept4 fsync".split()
+INTERRUPTIBLE = "read write pread64 pwrite64 recvfrom recvmsg sendto sendmsg poll accept fsync".split()
 
 
 def inject(call, fault, when):
@@ -548,6 +572,23 @@ def a_system_call_fails(victim):
     sweep("a system call fails", victim, levels)
 
 
+@each(("serve", "serve", [], "ping"), ("receive", "receive", ["in", "--keep"], "send", "lines"))
+def a_connection_that_the_system_refuses(service, options, client, *operands):
+    """A service goes on, and does not fill a log as long as nothing helps."""
+    traced("keygen")
+    pathlib.Path("lines").write_bytes(LINES)
+    os.mkdir("in")
+    for when in ("1..2", "1+"):
+        under = inject("accept", "error=ENFILE", when)["under"]
+        process = Process(service, f"unix:{SOCKET}", *options, under=[under[0], "-D", *under[2:]])
+        process.until(lambda: "listening on" in process.errors, "address")
+        codes = (0,) if when == "1..2" else (4, 5)
+        run(client, f"unix:{SOCKET}", *operands, "--timeout", "5", codes=codes)
+        assert 0 < len(process.complaints) < 50, len(process.complaints)
+        process.kill(signal.SIGTERM)
+        process.wait(0)
+
+
 @each(*((victim, victim) for victim in ("keygen", "receive", "send", "listen", "connect")))
 def interrupted_calls(victim):
     def judge(label, run):
@@ -565,6 +606,25 @@ def killed_at_a_system_call(victim):
     levels = [(f"{call} {number}", inject(call, "signal=KILL", before[call] + number))
               for call in sorted(after) for number in range(1, after[call] + 1)]
     sweep("SIGKILL at a system call", victim, some(levels, 20))
+
+
+@each(*((victim, victim) for victim in ("keygen", "receive", "send", "listen", "connect")))
+def a_signal_at_a_system_call(victim):
+    """SIGTERM or SIGINT comes between two system calls: the program stops there."""
+
+    def judge(label, run):
+        assert run.code in (0, 128 + run.signal), f"exit code {run.code}"
+
+    before, after = traced(victim)
+    places = [(call, number) for call in sorted(after) for number in range(1, after[call] + 1)]
+    signals = itertools.cycle((signal.SIGTERM, signal.SIGINT))
+    levels = []
+    for (call, number), sent in zip(some(places, 20), signals):
+        trouble = inject(call, "signal=STOP", before[call] + number)
+        # Traces one thread, from a grandchild: the program itself is the process here.
+        trouble["under"][1] = "-D"
+        levels.append((f"{sent.name} at {call} {number}", {**trouble, "signal": sent}))
+    sweep("SIGTERM or SIGINT at a system call", victim, levels, judge)
 
 
 def print_table():

@@ -46,6 +46,8 @@ def help_version_and_usage():
     run("dance", codes=(2,)).complained('no command "dance"')
     run("ping", codes=(2,)).complained("an argument is missing")
     run("ping", "a:1", "b", codes=(2,)).complained("too many arguments")
+    # The shell expands a pattern to any name of a file.
+    run("send", "a:1", "-\x1b[2J\n\u009b", codes=(2,)).complained("option -\\x1b[2J\\x0a\\xc2\\x9b;")
     run("ping", "a:1", "--key-length", "192", codes=(2,)).complained("128 or 256")
     for address in ("nowhere", "host:99999", "host:http", "::1:5000", "unix:"):
         run("ping", address, codes=(2,)).complained("an address is HOST:PORT")
@@ -233,6 +235,16 @@ def exec_answers_each_message(kind, stages):
     connect.wait()
     listen.wait()
     assert connect.output == b"ONE\ndone\nTWO\ndone\n"
+
+
+@case
+def exec_sends_no_more_than_the_limit():
+    listen = Process("listen", "unix:socket", "--limit", "5", "--exec", "read a; echo $a$a", "--keep")
+    assert run("connect", listen.address(), data=b"ab\nabc\n").output == b"abab\n"
+    listen.until(lambda: listen.complaints, "complaint")
+    listen.complained("it has more than 5 bytes")
+    listen.kill(signal.SIGINT)
+    listen.wait(0)
 
 
 @case
@@ -532,6 +544,12 @@ def a_socket_left_behind_is_replaced_and_a_file_is_not():
     listen = Process("listen", "unix:socket")
     run("connect", listen.address(), data=b"x\n")
     listen.wait()
+    # A socket that is in use stays in use.
+    first = Process("listen", "unix:socket")
+    run("listen", first.address(), codes=(3,)).complained("cannot listen on unix:socket")
+    run("connect", "unix:socket", data=b"y\n")
+    first.wait()
+    assert first.output == b"y\n"
     pathlib.Path("file").write_text("precious")
     run("listen", "unix:file", codes=(3,)).complained("cannot listen on unix:file")
     assert pathlib.Path("file").read_text() == "precious"

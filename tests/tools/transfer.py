@@ -136,6 +136,17 @@ def names_that_would_leave_the_directory_are_refused():
 
 
 @case
+def a_file_with_two_names_is_not_written():
+    pathlib.Path("precious").write_text("precious")
+    pathlib.Path("file").write_text("data")
+    receive = receiver("unix", "--resume")
+    os.link("precious", "in/.file.zelgvc-part")
+    run("send", receive.address(), "file", codes=(1,)).complained("has another name, too")
+    receive.wait(1)
+    assert pathlib.Path("precious").read_text() == "precious" and not os.path.exists("in/file")
+
+
+@case
 def any_date_is_kept():
     # 2300 and 1906, as far as the file system knows them.
     for number, seconds in enumerate((10413792000, -2000000000)):
