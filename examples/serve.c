@@ -27,17 +27,28 @@ typedef struct {
 } Server;
 
 typedef struct Session Session;
-typedef void (*Step)(Session *session);
+/* Starts an operation. FALSE if that fails. */
+typedef gboolean (*Start)(Session *session, GError **error);
+/* Takes the result of the pending operation and starts the next one. */
+typedef gboolean (*Step)(Session *session, GAsyncResult *result, GError **error);
 
-/* One caller. Exactly one operation is pending for it at any time, so the callback that ends a
- * session can free it. */
+typedef struct {
+  const char *name;
+  void (*read)(Session *session, Step step);
+  Step take;    /* what was read */
+  Start finish; /* when nothing is left to read */
+} Kind;
+
+/* One caller. Exactly one operation is pending for it at any time. */
 struct Session {
   Server *server;
   Channel *channel;
   char *peer;
-  Step read;         /* starts to read what the last request announced */
-  Step next;         /* follows when the pending answer has been sent */
-  guint64 remaining; /* messages or bytes that the last request announced and are still to come */
+  const char *doing; /* the pending operation, for the log */
+  Step step;         /* follows when this operation has ended */
+  Start next;        /* follows when the pending answer has been sent */
+  const Kind *kind;  /* of the last request */
+  guint64 remaining; /* messages or bytes that it announced and are still to come */
   char *string;      /* the pending answer to a string */
   char *path;        /* the file that is being received */
   guint64 size;
@@ -47,28 +58,7 @@ struct Session {
   gboolean refused; /* logs one refused request per caller, so that nobody can fill the log */
 };
 
-static void read_request(Session *session);
 static void accept_next(Server *server);
-
-static gboolean
-on_watchdog(gpointer data)
-{
-  Session *session = data;
-
-  session->watchdog = 0;
-  g_cancellable_cancel(session->cancellable);
-  return G_SOURCE_REMOVE;
-}
-
-/* Returns a cancellable that ends the next operation at a deadline. The timeout of a socket is no
- * deadline: it starts again with each byte. */
-static GCancellable *
-limited(Session *session)
-{
-  g_clear_handle_id(&session->watchdog, g_source_remove);
-  session->watchdog = g_timeout_add_seconds((guint)session->server->timeout, on_watchdog, session);
-  return session->cancellable;
-}
 
 static gboolean
 served_all(const Server *server)
@@ -81,7 +71,6 @@ session_free(Session *session)
 {
   Server *server = session->server;
 
-  g_clear_handle_id(&session->watchdog, g_source_remove);
   g_clear_object(&session->file);
   g_object_unref(session->cancellable);
   channel_free(session->channel);
@@ -96,225 +85,210 @@ session_free(Session *session)
     g_main_loop_quit(server->loop);
 }
 
-static void
-session_fail(Session *session, const char *doing, const GError *error)
-{
-  gboolean late = g_cancellable_is_cancelled(session->cancellable);
-
-  g_printerr("%s: %s: %s\n", session->peer, doing, late ? "it took too long" : error->message);
-  session->server->failed = TRUE;
-  session_free(session);
-}
-
-static void
-on_closed(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+on_watchdog(gpointer data)
 {
   Session *session = data;
+
+  session->watchdog = 0;
+  g_cancellable_cancel(session->cancellable);
+  return G_SOURCE_REMOVE;
+}
+
+/* Sets what follows the operation that the caller of this function starts. Returns a cancellable
+ * that ends this operation at a deadline. The timeout of a socket is no deadline: it starts again
+ * with each byte. */
+static GCancellable *
+begin(Session *session, const char *doing, Step step)
+{
+  session->doing = doing;
+  session->step = step;
+  session->watchdog = g_timeout_add_seconds((guint)session->server->timeout, on_watchdog, session);
+  return session->cancellable;
+}
+
+/* The callback of all operations. A step that starts no other operation ends the session. */
+static void
+on_step(GObject *object, GAsyncResult *result, gpointer data)
+{
+  Session *session = data;
+  Step step = g_steal_pointer(&session->step);
   g_autoptr(GError) error = NULL;
 
-  if (!g_output_stream_close_finish(G_OUTPUT_STREAM(object), result, &error)) {
-    session_fail(session, "closing", error);
+  g_clear_handle_id(&session->watchdog, g_source_remove);
+  if (!step(session, result, &error)) {
+    gboolean late = g_cancellable_is_cancelled(session->cancellable);
+
+    g_printerr("%s: %s: %s\n", session->peer, session->doing,
+               late ? "it took too long" : error->message);
+    session->server->failed = TRUE;
+  } else if (session->step != NULL) {
     return;
   }
-  g_print("%s: done\n", session->peer);
   session_free(session);
 }
 
-/* Closing sends the end of the stages. A blocking close would wait for a caller that does not
- * read. */
-static void
-session_end(Session *session)
+static gboolean
+go_on(Session *session, GError **error)
 {
-  GIOStream *io = G_IO_STREAM(session->channel->connection);
-
-  g_output_stream_close_async(g_io_stream_get_output_stream(io), G_PRIORITY_DEFAULT,
-                              limited(session), on_closed, session);
+  if (session->remaining == 0)
+    return session->kind->finish(session, error);
+  session->kind->read(session, session->kind->take);
+  return TRUE;
 }
 
-static void
-session_continue(Session *session)
+static gboolean
+answered(Session *session, GAsyncResult *result, GError **error)
 {
-  if (session->remaining > 0)
-    session->read(session);
-  else
-    read_request(session);
+  return gvc_bytes_output_stream_put_variant_finish(session->channel->frames_out, result, error) &&
+         session->next(session, error);
 }
 
-static void
-on_variant_answered(GObject *object, GAsyncResult *result, gpointer data)
-{
-  Session *session = data;
-  g_autoptr(GError) error = NULL;
-
-  if (gvc_bytes_output_stream_put_variant_finish(session->channel->frames_out, result, &error))
-    session->next(session);
-  else
-    session_fail(session, "answering", error);
-}
-
-static void
-answer(Session *session, GVariant *variant, Step next)
+static gboolean
+answer(Session *session, GVariant *variant, Start next)
 {
   g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
 
   session->next = next;
   gvc_bytes_output_stream_put_variant_async(session->channel->frames_out, sunk, G_PRIORITY_DEFAULT,
-                                            limited(session), on_variant_answered, session);
-}
-
-static GVariant *
-read_variant_finish(Session *session, GAsyncResult *result)
-{
-  g_autoptr(GError) error = NULL;
-  GVariant *variant =
-      gvc_bytes_input_stream_read_variant_finish(session->channel->frames_in, result, &error);
-
-  if (variant != NULL)
-    return g_variant_ref_sink(variant);
-  session_fail(session, "reading", error);
-  return NULL;
+                                            begin(session, "answering", answered), on_step,
+                                            session);
+  return TRUE;
 }
 
 static void
-read_frame(Session *session, GAsyncReadyCallback callback)
+read_variant(Session *session, const char *format, Step step)
 {
-  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
-                                          limited(session), callback, session);
+  gvc_bytes_input_stream_read_variant_async(session->channel->frames_in, format, G_PRIORITY_DEFAULT,
+                                            begin(session, "reading", step), on_step, session);
 }
 
-static GBytes *
-read_frame_finish(Session *session, GAsyncResult *result)
+static GVariant *
+read_variant_finish(Session *session, GAsyncResult *result, GError **error)
 {
-  g_autoptr(GError) error = NULL;
-  GBytes *bytes =
-      gvc_bytes_input_stream_read_bytes_finish(session->channel->frames_in, result, &error);
+  GVariant *variant =
+      gvc_bytes_input_stream_read_variant_finish(session->channel->frames_in, result, error);
 
-  if (bytes == NULL)
-    session_fail(session, "reading", error);
-  return bytes;
+  return variant != NULL ? g_variant_ref_sink(variant) : NULL;
 }
 
 /* Byte messages. */
 
 static void
-on_bytes_answered(GObject *object, GAsyncResult *result, gpointer data)
+read_bytes(Session *session, Step step)
 {
-  Session *session = data;
-  g_autoptr(GError) error = NULL;
-
-  if (gvc_bytes_output_stream_put_bytes_finish(session->channel->frames_out, result, &error))
-    session_continue(session);
-  else
-    session_fail(session, "answering", error);
+  gvc_bytes_input_stream_read_bytes_async(session->channel->frames_in, G_PRIORITY_DEFAULT,
+                                          begin(session, "reading", step), on_step, session);
 }
 
-static void
-on_bytes(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+bytes_answered(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GBytes) bytes = read_frame_finish(session, result);
+  return gvc_bytes_output_stream_put_bytes_finish(session->channel->frames_out, result, error) &&
+         go_on(session, error);
+}
+
+static gboolean
+answer_bytes(Session *session, GAsyncResult *result, GError **error)
+{
+  g_autoptr(GBytes) bytes =
+      gvc_bytes_input_stream_read_bytes_finish(session->channel->frames_in, result, error);
 
   if (bytes == NULL)
-    return;
+    return FALSE;
   session->remaining--;
   gvc_bytes_output_stream_put_bytes_async(session->channel->frames_out, bytes, G_PRIORITY_DEFAULT,
-                                          limited(session), on_bytes_answered, session);
-}
-
-static void
-read_bytes(Session *session)
-{
-  read_frame(session, on_bytes);
+                                          begin(session, "answering", bytes_answered), on_step,
+                                          session);
+  return TRUE;
 }
 
 /* Variants. */
 
-static void
-on_variant(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+answer_variant(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GVariant) variant = read_variant_finish(session, result);
+  g_autoptr(GVariant) variant = read_variant_finish(session, result, error);
   g_autofree char *backwards = NULL;
   const char *text;
   guint32 number;
 
   if (variant == NULL)
-    return;
+    return FALSE;
   /* The variant is not validated. GVariant returns default values for malformed parts. */
   g_variant_get(variant, "(&su)", &text, &number);
   backwards = g_utf8_strreverse(text, -1);
   session->remaining--;
-  answer(session, g_variant_new(VARIANT_FORMAT, backwards, number + 1), session_continue);
+  return answer(session, g_variant_new(VARIANT_FORMAT, backwards, number + 1), go_on);
 }
 
 static void
-read_variant(Session *session)
+read_message_variant(Session *session, Step step)
 {
-  gvc_bytes_input_stream_read_variant_async(session->channel->frames_in, VARIANT_FORMAT,
-                                            G_PRIORITY_DEFAULT, limited(session), on_variant,
-                                            session);
+  read_variant(session, VARIANT_FORMAT, step);
 }
 
 /* Strings. */
 
-static void
-on_string_answered(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+string_answered(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GError) error = NULL;
+  GOutputStream *out = G_OUTPUT_STREAM(session->channel->frames_out);
 
   g_clear_pointer(&session->string, g_free);
-  if (gvc_output_stream_util_write_all_finish(G_OUTPUT_STREAM(object), result, NULL, &error))
-    session_continue(session);
-  else
-    session_fail(session, "answering", error);
+  return gvc_output_stream_util_write_all_finish(out, result, NULL, error) && go_on(session, error);
 }
 
-static void
-on_string(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+answer_string(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GError) error = NULL;
   gsize length;
 
   session->string = gvc_data_input_stream_read_string_finish(session->channel->strings_in, result,
-                                                             &length, &error);
-  if (session->string == NULL) {
-    session_fail(session, "reading a string", error);
-    return;
-  }
+                                                             &length, error);
+  if (session->string == NULL)
+    return FALSE;
   /* The last byte is the terminator. No NUL follows. */
   for (gsize i = 0; i < length; i++)
     session->string[i] = g_ascii_toupper(session->string[i]);
   session->remaining--;
-  gvc_output_stream_util_write_all_async(G_OUTPUT_STREAM(session->channel->frames_out),
-                                         session->string, length, G_PRIORITY_DEFAULT,
-                                         limited(session), on_string_answered, session);
+  gvc_output_stream_util_write_all_async(
+      G_OUTPUT_STREAM(session->channel->frames_out), session->string, length, G_PRIORITY_DEFAULT,
+      begin(session, "answering", string_answered), on_step, session);
+  return TRUE;
 }
 
 static void
-read_string(Session *session)
+read_string(Session *session, Step step)
 {
-  gvc_data_input_stream_read_string_async(session->channel->strings_in, STRING_END,
-                                          G_PRIORITY_DEFAULT, limited(session), on_string, session);
+  gvc_data_input_stream_read_string_async(
+      session->channel->strings_in, STRING_END, G_PRIORITY_DEFAULT,
+      begin(session, "reading a string", step), on_step, session);
+}
+
+/* Requests. */
+
+static gboolean take_request(Session *session, GAsyncResult *result, GError **error);
+
+static gboolean
+read_request(Session *session, GError **error)
+{
+  read_variant(session, REQUEST_FORMAT, take_request);
+  return TRUE;
 }
 
 /* Files. */
 
-static void
-on_checksum(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+answer_checksum(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GError) error = NULL;
-  g_autofree char *checksum = g_task_propagate_pointer(G_TASK(result), &error);
+  g_autofree char *checksum = g_task_propagate_pointer(G_TASK(result), error);
 
-  if (checksum == NULL) {
-    session_fail(session, session->path, error);
-    return;
-  }
+  if (checksum == NULL)
+    return FALSE;
   g_print("%s: %s, %" G_GUINT64_FORMAT " bytes, SHA-256 %s\n", session->peer, session->path,
           session->size, checksum);
-  answer(session, g_variant_new(CHECKSUM_FORMAT, checksum), session_continue);
+  return answer(session, g_variant_new(CHECKSUM_FORMAT, checksum), read_request);
 }
 
 static void
@@ -329,67 +303,49 @@ compute_checksum(GTask *task, gpointer source, gpointer path, GCancellable *canc
     g_task_return_error(task, error);
 }
 
-/* A thread reads the file again, so that other callers do not wait. */
-static void
-answer_checksum(Session *session)
+/* A thread reads the file again, so that other callers do not wait. It needs no deadline. */
+static gboolean
+start_checksum(Session *session, GError **error)
 {
-  g_autoptr(GTask) task = g_task_new(NULL, NULL, on_checksum, session);
+  g_autoptr(GTask) task = g_task_new(NULL, NULL, on_step, session);
 
-  g_clear_handle_id(&session->watchdog, g_source_remove);
+  session->doing = session->path;
+  session->step = answer_checksum;
   g_task_set_task_data(task, g_strdup(session->path), g_free);
   g_task_run_in_thread(task, compute_checksum);
-}
-
-static void
-finish_file(Session *session)
-{
-  g_autoptr(GError) error = NULL;
-
-  if (!g_output_stream_close(session->file, NULL, &error)) {
-    session_fail(session, session->path, error);
-    return;
-  }
-  g_clear_object(&session->file);
-  answer(session, g_variant_new(RECEIVED_FORMAT, session->size), answer_checksum);
+  return TRUE;
 }
 
 static gboolean
-store(Session *session, GBytes *bytes, GError **error)
+finish_file(Session *session, GError **error)
 {
-  gsize size;
-  gconstpointer data = g_bytes_get_data(bytes, &size);
+  session->doing = session->path;
+  if (!g_output_stream_close(session->file, NULL, error))
+    return FALSE;
+  g_clear_object(&session->file);
+  return answer(session, g_variant_new(RECEIVED_FORMAT, session->size), start_checksum);
+}
 
+static gboolean
+store(Session *session, GAsyncResult *result, GError **error)
+{
+  g_autoptr(GBytes) bytes =
+      gvc_bytes_input_stream_read_bytes_finish(session->channel->frames_in, result, error);
+  gconstpointer data;
+  gsize size;
+
+  if (bytes == NULL)
+    return FALSE;
+  session->doing = session->path;
+  data = g_bytes_get_data(bytes, &size);
   if (size > session->remaining) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
                 "the caller sends more bytes than it announced");
     return FALSE;
   }
   session->remaining -= size;
-  return g_output_stream_write_all(session->file, data, size, NULL, NULL, error);
-}
-
-static void
-on_file_bytes(GObject *object, GAsyncResult *result, gpointer data)
-{
-  Session *session = data;
-  g_autoptr(GBytes) bytes = read_frame_finish(session, result);
-  g_autoptr(GError) error = NULL;
-
-  if (bytes == NULL)
-    return;
-  if (!store(session, bytes, &error))
-    session_fail(session, session->path, error);
-  else
-    session->read(session);
-}
-
-static void
-read_file(Session *session)
-{
-  if (session->remaining == 0)
-    finish_file(session);
-  else
-    read_frame(session, on_file_bytes);
+  return g_output_stream_write_all(session->file, data, size, NULL, NULL, error) &&
+         go_on(session, error);
 }
 
 /* The caller chooses the name. It must not lead out of the directory, replace a file or control a
@@ -418,69 +374,76 @@ open_file(Session *session, const char *name, guint64 size, GError **error)
   return session->file != NULL;
 }
 
-/* Requests. */
+/* The end. */
 
-static const struct {
-  const char *kind;
-  Step read;
-} kinds[] = {
-    {KIND_BYTES, read_bytes}, {KIND_VARIANTS, read_variant}, {KIND_STRINGS, read_string},
-    {KIND_FILE, read_file},   {KIND_BYE, session_end},
+static gboolean
+closed(Session *session, GAsyncResult *result, GError **error)
+{
+  GOutputStream *out = G_OUTPUT_STREAM(g_async_result_get_source_object(result));
+  gboolean done = g_output_stream_close_finish(out, result, error);
+
+  g_object_unref(out);
+  if (done)
+    g_print("%s: done\n", session->peer);
+  return done;
+}
+
+/* Closing sends the end of the stages. A blocking close would wait for a caller that does not
+ * read. */
+static gboolean
+close_session(Session *session, GError **error)
+{
+  GIOStream *io = G_IO_STREAM(session->channel->connection);
+
+  g_output_stream_close_async(g_io_stream_get_output_stream(io), G_PRIORITY_DEFAULT,
+                              begin(session, "closing", closed), on_step, session);
+  return TRUE;
+}
+
+static const Kind kinds[] = {
+    {KIND_BYTES, read_bytes, answer_bytes, read_request},
+    {KIND_VARIANTS, read_message_variant, answer_variant, read_request},
+    {KIND_STRINGS, read_string, answer_string, read_request},
+    {KIND_FILE, read_bytes, store, finish_file},
+    {KIND_BYE, NULL, NULL, close_session},
 };
 
 static gboolean
-take_request(Session *session, const char *kind, guint64 count, const char *name, GError **error)
+accept_request(Session *session, const char *name, guint64 count, const char *file, GError **error)
 {
-  session->read = NULL;
-  for (guint i = 0; i < G_N_ELEMENTS(kinds); i++) {
-    if (strcmp(kind, kinds[i].kind) == 0)
-      session->read = kinds[i].read;
-  }
-  if (session->read == NULL) {
-    g_autofree char *shown = printable(kind);
+  const Kind *kind = kinds;
+
+  while (kind < kinds + G_N_ELEMENTS(kinds) && strcmp(name, kind->name) != 0)
+    kind++;
+  if (kind == kinds + G_N_ELEMENTS(kinds)) {
+    g_autofree char *shown = printable(name);
 
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "no such request: \"%s\"", shown);
     return FALSE;
   }
-  if (session->read == read_file && !open_file(session, name, count, error))
-    return FALSE;
-  session->remaining = count;
-  return TRUE;
+  session->kind = kind;
+  session->remaining = kind->read != NULL ? count : 0;
+  return kind->take != store || open_file(session, file, count, error);
 }
 
-static void
-on_request(GObject *object, GAsyncResult *result, gpointer data)
+static gboolean
+take_request(Session *session, GAsyncResult *result, GError **error)
 {
-  Session *session = data;
-  g_autoptr(GVariant) request = read_variant_finish(session, result);
-  g_autoptr(GError) error = NULL;
+  g_autoptr(GVariant) request = read_variant_finish(session, result, error);
+  g_autoptr(GError) refusal = NULL;
   const char *kind;
   const char *name;
   guint64 count;
 
   if (request == NULL)
-    return;
+    return FALSE;
   g_variant_get(request, "(&st&s)", &kind, &count, &name);
-  if (take_request(session, kind, count, name, &error)) {
-    gboolean counts_messages = session->read != read_file && session->read != session_end;
-
-    answer(session, g_variant_new(ANSWER_FORMAT, TRUE, ""),
-           counts_messages ? session_continue : session->read);
-  } else {
-    if (!session->refused)
-      g_printerr("%s: refused: %s\n", session->peer, error->message);
-    session->refused = TRUE;
-    session->remaining = 0;
-    answer(session, g_variant_new(ANSWER_FORMAT, FALSE, error->message), read_request);
-  }
-}
-
-static void
-read_request(Session *session)
-{
-  gvc_bytes_input_stream_read_variant_async(session->channel->frames_in, REQUEST_FORMAT,
-                                            G_PRIORITY_DEFAULT, limited(session), on_request,
-                                            session);
+  if (accept_request(session, kind, count, name, &refusal))
+    return answer(session, g_variant_new(ANSWER_FORMAT, TRUE, ""), go_on);
+  if (!session->refused)
+    g_printerr("%s: refused: %s\n", session->peer, refusal->message);
+  session->refused = TRUE;
+  return answer(session, g_variant_new(ANSWER_FORMAT, FALSE, refusal->message), read_request);
 }
 
 /* The server. */
@@ -498,7 +461,7 @@ session_start(Server *server, GSocketConnection *socket)
   server->running++;
   server->served++;
   g_print("%s: connected\n", session->peer);
-  read_request(session);
+  read_request(session, NULL);
 }
 
 static gboolean

@@ -60,21 +60,10 @@ checked(int fd, const char *what)
 
 // Declares that all ports carry plain data, because only TCP is of interest. A packet in a tunnel
 // has several addresses; the last ones are the stream's.
-static const char *const command_line[] = {"tshark", "-n",
-                                           "-r",     "-",
-                                           "-d",     "tcp.port==0-65535,data",
-                                           "-T",     "fields",
-                                           "-E",     "occurrence=l",
-                                           "-e",     "tcp.stream",
-                                           "-e",     "ip.src",
-                                           "-e",     "ipv6.src",
-                                           "-e",     "tcp.srcport",
-                                           "-e",     "ip.dst",
-                                           "-e",     "ipv6.dst",
-                                           "-e",     "tcp.dstport",
-                                           "-e",     "tcp.flags",
-                                           "-e",     "tcp.seq_raw",
-                                           "-e",     "tcp.len"};
+static constexpr const char *command_line =
+    "tshark -n -r - -d tcp.port==0-65535,data -T fields -E occurrence=l -e tcp.stream "
+    "-e ip.src -e ipv6.src -e tcp.srcport -e ip.dst -e ipv6.dst -e tcp.dstport "
+    "-e tcp.flags -e tcp.seq_raw -e tcp.len";
 
 static std::string
 from_hex(const char *digits)
@@ -108,13 +97,12 @@ public:
       : shown(shown), log(checked(memfd_create("log", MFD_CLOEXEC), "a file in memory"))
   {
     // An ICMP error quotes an earlier segment.
-    std::string filter = "tcp && !icmp && !icmpv6";
+    std::string command = command_line;
+    command += payload ? " -e tcp.payload" : "";
+    command += " -Y tcp&&!icmp&&!icmpv6";
     if (stream >= 0)
-      filter += " && tcp.stream==" + std::to_string(stream);
-    std::vector<const char *> arguments(std::begin(command_line), std::end(command_line));
-    if (payload)
-      arguments.insert(arguments.end(), {"-e", "tcp.payload"});
-    arguments.insert(arguments.end(), {"-Y", filter.c_str(), nullptr});
+      command += "&&tcp.stream==" + std::to_string(stream);
+    g_auto(GStrv) arguments = g_strsplit(command.c_str(), " ", -1);
 
     lseek(capture, 0, SEEK_SET);
     Owned<GSubprocessLauncher> launcher(g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE));
@@ -122,7 +110,7 @@ public:
     g_subprocess_launcher_take_stdin_fd(launcher.get(), copy(capture));
     g_subprocess_launcher_take_stderr_fd(launcher.get(), copy(log));
     g_autoptr(GError) error = nullptr;
-    process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments.data(), &error));
+    process.reset(g_subprocess_launcher_spawnv(launcher.get(), arguments, &error));
     if (g_error_matches(error, G_SPAWN_ERROR, G_SPAWN_ERROR_NOENT))
       fail(Exit::local, "%s is a capture of packets, which takes tshark to read: install it",
            shown.c_str());

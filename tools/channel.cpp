@@ -90,7 +90,7 @@ Channel::Channel(GSocketConnection *connection, const Stages &stages, guint time
   g_socket_set_timeout(link.socket(), hello_timeout());
   deadline.set(hello_timeout());
   link.counts.set_limit(hello_limit);
-  meter_set_deadline(link.meter.get(), &deadline);
+  link.meter->deadline = &deadline;
 }
 
 // A hello takes no work, so a longer wait would not help.
@@ -188,17 +188,17 @@ Channel::get(guint32 limit)
 {
   GError *error = nullptr;
   auto *meter = link.meter.get();
-  auto before = meter_total(meter);
+  auto before = meter->total;
 
   // The hello has a deadline of its own, which began with the connection.
   if (greeted && timeout > 0)
     deadline.set(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
-  meter_set_limit(meter, limit);
+  meter->limit = limit;
   Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), interrupt_soon(), &error));
   if (greeted)
     deadline.set(0);
-  auto arrived = meter_total(meter) - before;
-  if (bytes && meter_at_boundary(meter))
+  auto arrived = meter->total - before;
+  if (bytes && meter->between_messages())
     return bytes;
   if (!bytes && !g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED))
     fail_read(error);
@@ -206,7 +206,7 @@ Channel::get(guint32 limit)
   g_clear_error(&error);
   if (deadline.passed())
     fail_end();
-  if (meter_at_end(meter) && arrived > 0 && !meter_at_boundary(meter))
+  if (meter->at_end && arrived > 0 && !meter->between_messages())
     fail(greeted ? Exit::peer : Exit::protocol, "%s went away in the middle of a message",
          peer().c_str());
   return Bytes(arrived > 0 ? g_bytes_new_static("", 0) : nullptr);
@@ -368,5 +368,5 @@ guint64
 Channel::wire_received() const
 {
   auto &incoming = link.counts.incoming;
-  return incoming.empty() ? meter_total(link.meter.get()) : incoming.back().in;
+  return incoming.empty() ? link.meter->total : incoming.back().in;
 }

@@ -6,20 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/random.h>
 #include <unistd.h>
-
-static bool
-fill_with_random(guint8 *bytes, gsize size)
-{
-  for (gsize done = 0; done < size;) {
-    auto got = retry([&] { return getrandom(bytes + done, size - done, 0); });
-    if (got < 0)
-      return false;
-    done += static_cast<gsize>(got);
-  }
-  return true;
-}
 
 Exit
 run_keygen(CommandLine &line)
@@ -28,7 +15,7 @@ run_keygen(CommandLine &line)
   auto shown = printable(path);
 
   guint8 key[32];
-  if (!fill_with_random(key, sizeof key))
+  if (getentropy(key, sizeof key) != 0)
     fail(Exit::local, "the system gives no random bytes: %s", g_strerror(errno));
 
   g_autofree char *folder = g_path_get_dirname(path.c_str());

@@ -1,12 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The protocols of ping and perf with serve.
-//
-// ping: after the hello, serve returns every message.
-//
-// perf: for each measurement, the caller sends a dictionary with "direction", "size", "seconds" and
-// "data". In the direction "send", the caller then sends messages of that size for that time, and
-// an empty one at the end; in "receive", serve does. Then serve sends a dictionary with its counts:
-// "messages", "bytes", "wire", "seconds" and "cpu". The caller closes after the last measurement.
+// What ping, perf and serve share. docs/program-protocols.md describes their messages.
 #pragma once
 
 #include "channel.h"

@@ -3,19 +3,6 @@
 
 #include <algorithm>
 
-struct _ToolMeter {
-  GFilterInputStream parent;
-  guint64 total;
-  guint32 limit;
-  guint32 length;      // of the current frame, as far as its prefix has arrived, or of the string
-  guint prefix;        // bytes of the prefix that have arrived, 4 within a payload
-  guint32 outstanding; // bytes of the payload that have not arrived
-  bool strings;
-  guint8 terminator; // of strings
-  bool at_end;
-  Deadline *deadline;
-};
-
 static void tool_meter_pollable_init(GPollableInputStreamInterface *iface);
 
 G_DEFINE_TYPE_WITH_CODE(ToolMeter, tool_meter, G_TYPE_FILTER_INPUT_STREAM,
@@ -147,41 +134,4 @@ ToolMeter *
 meter_new(GInputStream *base)
 {
   return TOOL_METER(g_object_new(tool_meter_get_type(), "base-stream", base, nullptr));
-}
-
-void
-meter_set_limit(ToolMeter *meter, guint32 limit)
-{
-  meter->limit = limit;
-}
-
-void
-meter_set_deadline(ToolMeter *meter, Deadline *deadline)
-{
-  meter->deadline = deadline;
-}
-
-void
-meter_set_strings(ToolMeter *meter, char terminator)
-{
-  meter->strings = true;
-  meter->terminator = static_cast<guint8>(terminator);
-}
-
-guint64
-meter_total(ToolMeter *meter)
-{
-  return meter->total;
-}
-
-bool
-meter_at_end(ToolMeter *meter)
-{
-  return meter->at_end;
-}
-
-bool
-meter_at_boundary(ToolMeter *meter)
-{
-  return meter->prefix == 0;
 }

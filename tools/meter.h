@@ -10,20 +10,29 @@
 
 G_DECLARE_FINAL_TYPE(ToolMeter, tool_meter, TOOL, METER, GFilterInputStream)
 
+struct _ToolMeter {
+  GFilterInputStream parent;
+
+  // Set these after meter_new(). Messages that are longer than the limit fail with
+  // G_IO_ERROR_MESSAGE_TOO_LARGE. The deadline is told of the bytes that arrive.
+  guint32 limit;
+  Deadline *deadline;
+  // The bytes are strings that end with the terminator, not frames. A reader of strings never stops
+  // at the end of the stream, so the end becomes an error, G_IO_ERROR_CLOSED.
+  bool strings;
+  guint8 terminator;
+
+  guint64 total;  // bytes that have arrived
+  bool at_end;    // of the stream
+  guint32 length; // of the current frame, as far as its prefix has arrived, or of the string
+  guint prefix;   // bytes of the prefix that have arrived, 4 within a payload; 0 between frames
+  guint32 outstanding; // bytes of the payload that have not arrived
+
+  bool
+  between_messages() const
+  {
+    return prefix == 0 && length == 0;
+  }
+};
+
 ToolMeter *meter_new(GInputStream *base);
-
-// Frames and strings longer than this fail with G_IO_ERROR_MESSAGE_TOO_LARGE. No limit at first.
-void meter_set_limit(ToolMeter *meter, guint32 limit);
-
-// Tells the deadline of the bytes that arrive.
-void meter_set_deadline(ToolMeter *meter, Deadline *deadline);
-
-// Switches from frames to strings that end with this byte. A reader of strings never stops at the
-// end of the stream, so the end becomes an error, G_IO_ERROR_CLOSED.
-void meter_set_strings(ToolMeter *meter, char terminator);
-
-guint64 meter_total(ToolMeter *meter);
-
-// Whether the stream has ended, and whether it is between two frames.
-bool meter_at_end(ToolMeter *meter);
-bool meter_at_boundary(ToolMeter *meter);

@@ -1,17 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// The protocol of send and receive. All messages except the data are dictionaries.
-//
-// After the hello, the sender announces a file with "name", "size", "mode", and its modification
-// time in seconds and nanoseconds, "mtime" and "mtime-nsec". The receiver answers "refused", and
-// the next file follows. Or it answers "have", the bytes that it has of an earlier attempt, with
-// their "sha256". The sender answers with the "offset" at which it starts.
-//
-// The data follows in messages of up to chunk_size bytes. An empty message means that the sender
-// gives up this file and that a dictionary with "failed" follows. After the last byte, the sender
-// sends the "sha256" of the file, and the receiver answers "stored" or "failed".
-//
-// The receiver may send "failed" at any time. A side that needs long sends "busy". After the last
-// file, both sides send "end".
+// What send and receive share. docs/program-protocols.md describes their messages.
 #pragma once
 
 #include "channel.h"
@@ -26,7 +14,6 @@ inline constexpr guint32 chunk_limit = 1024 * 1024;
 
 // SHA-256 in steps. libgcrypt uses the instructions of the processor; with GLib's checksum, most of
 // the time of a transfer went into it.
-
 class Sha256
 {
 public:
