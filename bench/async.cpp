@@ -24,12 +24,12 @@ checked(const char *name, AsyncPair &pair, const Mode &mode, GBytes *message)
 }
 
 // `length` bytes with its end, a line feed.
-Ref<GBytes>
+BytesRef
 makeString(std::int64_t length)
 {
   std::string text(static_cast<std::size_t>(length) - 1, 'x');
   text += '\n';
-  return Ref<GBytes>(g_bytes_new(text.data(), text.size()));
+  return BytesRef(g_bytes_new(text.data(), text.size()));
 }
 
 } // namespace
@@ -45,7 +45,7 @@ measureAsync(const Report &report)
     AsyncPair byHand(streamsOn(sockets, "by hand"), framesByHand);
     for (const auto &mode : modes)
       for (std::int64_t size : {64, 1024, 65536}) {
-        Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+        BytesRef message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
         report.race({{"transport", transport}, {"mode", mode.name}, {"size", size}},
                     {checked("plain", plain, mode, message.get()),
                      checked("both", both, mode, message.get()),

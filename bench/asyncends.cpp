@@ -11,22 +11,17 @@ namespace bench
 namespace
 {
 
-// Streams that take turns on one base stream must not close it.
 template <auto make>
 GInputStream *
 wrapInput(GInputStream *base)
 {
-  auto *stream = G_FILTER_INPUT_STREAM(make(base));
-  g_filter_input_stream_set_close_base_stream(stream, FALSE);
-  return G_INPUT_STREAM(stream);
+  return G_INPUT_STREAM(make(base));
 }
 
 GOutputStream *
 wrapOutput(GOutputStream *base)
 {
-  auto *stream = G_FILTER_OUTPUT_STREAM(gvc_bytes_output_stream_new(base));
-  g_filter_output_stream_set_close_base_stream(stream, FALSE);
-  return G_OUTPUT_STREAM(stream);
+  return G_OUTPUT_STREAM(gvc_bytes_output_stream_new(base));
 }
 
 template <typename Stream>
@@ -180,21 +175,24 @@ const Method stringsGDataInputStream = {
 
 AsyncEnd::AsyncEnd(GIOStream *stream, const Method &method)
     : in(method.wrapInput(g_io_stream_get_input_stream(stream))),
-      out(method.wrapOutput(g_io_stream_get_output_stream(stream))), _stream(share(stream)),
-      _method(method)
+      out(method.wrapOutput(g_io_stream_get_output_stream(stream))),
+      _stream(G_IO_STREAM(g_object_ref(stream))), _method(method)
 {
 }
 
 void
-AsyncEnd::send(GBytes *message)
+AsyncEnd::send(GBytes *message, std::size_t times)
 {
   sending = message;
-  _method.send(*this);
+  _toSend += times;
+  if (_toSend == times)
+    _method.send(*this);
 }
 
 void
-AsyncEnd::receive()
+AsyncEnd::receive(std::size_t times)
 {
+  _toReceive = times;
   _method.receive(*this);
 }
 
@@ -205,8 +203,8 @@ AsyncEnd::whenSent(GObject *, GAsyncResult *result, gpointer user_data)
   GError *error = nullptr;
   bool done = self->_method.sent(*self, result, &error);
   must(!error, error, "write");
-  if (done)
-    self->onSent();
+  if (done && --self->_toSend > 0)
+    self->_method.send(*self);
 }
 
 void
@@ -219,22 +217,35 @@ AsyncEnd::whenReceived(GObject *, GAsyncResult *result, gpointer user_data)
   if (!done)
     return;
   auto message = std::move(self->arrived); // memory at rest must not count it
+  if (--self->_toReceive > 0)
+    self->_method.receive(*self);
   self->onReceived(message.get());
 }
 
 // ---- Pairs ----
 
-template <typename Condition>
-static void
-iterateUntil(Condition done)
-{
-  while (!done())
-    g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
-}
-
 AsyncPair::AsyncPair(const Pair<GIOStream> &streams, const Method &method)
     : _near(streams.near.get(), method), _far(streams.far.get(), method)
 {
+  _near.onReceived = [this](GBytes *arrived) {
+    checkArrived(arrived);
+    if (--_trips > 0)
+      _near.send(_message, 1);
+    else
+      --*_unfinished;
+  };
+  _far.onReceived = [this](GBytes *arrived) {
+    checkArrived(arrived);
+    if (_trips > 0)
+      _far.send(_message, 1);
+  };
+}
+
+void
+AsyncPair::wait() const
+{
+  while (_near.busy() || _far.busy())
+    g_main_context_iteration(g_main_context_get_thread_default(), TRUE);
 }
 
 void
@@ -255,103 +266,49 @@ AsyncPair::check(GBytes *message)
   _checkContent = false;
 }
 
-// A run must leave no operation in flight, so the end of a send counts as well.
-void
-AsyncPair::prepare(GBytes *message, std::size_t times)
-{
-  _message = message;
-  _toSend = _toReceive = times;
-  _near.onSent = [this] {
-    if (--_toSend > 0)
-      _near.send(_message);
-  };
-  _far.onReceived = [this](GBytes *arrived) {
-    checkArrived(arrived);
-    if (--_toReceive > 0)
-      _far.receive();
-  };
-}
-
 void
 AsyncPair::oneWay(GBytes *message, std::size_t times)
 {
-  prepare(message, times);
-  _far.receive();
-  _near.send(message);
-  iterateUntil([this] { return _toReceive == 0 && _toSend == 0; });
+  _message = message;
+  _far.receive(times);
+  _near.send(message, times);
+  wait();
 }
 
 void
 AsyncPair::burst(GBytes *message, std::size_t times)
 {
-  prepare(message, times);
-  _near.send(message);
-  iterateUntil([this] { return _toSend == 0; });
-  _far.receive();
-  iterateUntil([this] { return _toReceive == 0; });
+  _message = message;
+  _near.send(message, times);
+  wait();
+  _far.receive(times);
+  wait();
 }
-
-// ---- Round trips ----
 
 void
 AsyncPair::roundTrips(GBytes *message, std::size_t times)
 {
   std::size_t unfinished = 1;
+  _far.receive(times);
+  _near.receive(times);
   start(message, times, &unfinished);
-  iterateUntil([&] { return unfinished == 0; });
+  wait();
 }
 
 void
 AsyncPair::arm()
 {
-  _armed = true;
-  _far.receive();
-  _near.receive();
+  _far.receive(SIZE_MAX);
+  _near.receive(SIZE_MAX);
 }
 
 void
 AsyncPair::start(GBytes *message, std::size_t times, std::size_t *unfinished)
 {
   _message = message;
-  _toSend = times;
+  _trips = times;
   _unfinished = unfinished;
-  _near.onSent = _far.onSent = [this] { stepDone(); };
-  _near.onReceived = [this](GBytes *arrived) {
-    checkArrived(arrived);
-    if (_armed)
-      _near.receive();
-    stepDone();
-  };
-  _far.onReceived = [this](GBytes *arrived) {
-    checkArrived(arrived);
-    if (_armed)
-      _far.receive();
-    _far.send(_message);
-  };
-  nextRoundTrip();
-}
-
-// A round trip is done when both sends are reported and the answer has arrived.
-void
-AsyncPair::nextRoundTrip()
-{
-  _steps = 3;
-  if (!_armed) {
-    _far.receive();
-    _near.receive();
-  }
-  _near.send(_message);
-}
-
-void
-AsyncPair::stepDone()
-{
-  if (--_steps > 0)
-    return;
-  if (--_toSend > 0)
-    nextRoundTrip();
-  else
-    --*_unfinished;
+  _near.send(message, 1);
 }
 
 } // namespace bench

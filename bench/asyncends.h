@@ -29,26 +29,31 @@ extern const Method stringsZelgvc;
 // GDataInputStream reads ahead into a buffer of its own.
 extern const Method stringsGDataInputStream;
 
-// One operation per direction may be in flight. Callbacks come from the main loop.
+// Sends messages one after the other, and receives them. Callbacks come from the main loop.
 class AsyncEnd
 {
 public:
   AsyncEnd(GIOStream *stream, const Method &method);
 
-  void send(GBytes *message);
-  void receive();
+  void send(GBytes *message, std::size_t times);
+  void receive(std::size_t times);
+  // An operation that is not reported yet would disturb what comes next.
+  bool
+  busy() const
+  {
+    return _toSend > 0 || _toReceive > 0;
+  }
 
-  std::function<void()> onSent;
   std::function<void(GBytes *message)> onReceived;
 
   static void whenSent(GObject *, GAsyncResult *result, gpointer user_data);
   static void whenReceived(GObject *, GAsyncResult *result, gpointer user_data);
 
+  // For the method.
   Ref<GInputStream> in;
   Ref<GOutputStream> out;
   GBytes *sending = nullptr;
-  Ref<GBytes> arrived;
-  // For frames by hand.
+  BytesRef arrived;
   guint32 outPrefix = 0;
   guint32 inPrefix = 0;
   bool prefixSent = false;
@@ -57,6 +62,8 @@ public:
 private:
   Ref<GIOStream> _stream;
   const Method &_method;
+  std::size_t _toSend = 0;
+  std::size_t _toReceive = 0;
 };
 
 // Both ends in one thread and one main loop: that of the thread-default main context.
@@ -80,20 +87,15 @@ public:
   void start(GBytes *message, std::size_t times, std::size_t *unfinished);
 
 private:
-  void prepare(GBytes *message, std::size_t times);
-  void nextRoundTrip();
-  void stepDone();
+  void wait() const;
   void checkArrived(GBytes *arrived) const;
 
   AsyncEnd _near;
   AsyncEnd _far;
   GBytes *_message = nullptr;
-  std::size_t _toSend = 0;
-  std::size_t _toReceive = 0;
+  std::size_t _trips = 0; // that are not done yet
   std::size_t *_unfinished = nullptr;
-  int _steps = 0; // of a round trip that are not done yet
   bool _checkContent = false;
-  bool _armed = false;
 };
 
 } // namespace bench

@@ -2,7 +2,6 @@
 // The LZO1X codec beside liblzo2 and LZ4, and the converters beside the bare codec.
 #include "corpora.h"
 #include "measure.h"
-#include "refs.h"
 
 #include "codec/lzo1x/lzo1x.h"
 
@@ -18,14 +17,14 @@ namespace bench
 namespace
 {
 
-// Returns the bytes it made.
-using Function = std::size_t (*)(const std::uint8_t *in, std::size_t size, std::uint8_t *out,
-                                 std::size_t room);
+using In = std::span<const std::uint8_t>;
+using Out = std::span<std::uint8_t>;
 
+// Both functions return the bytes that they made.
 struct Codec {
   const char *name;
-  Function encode;
-  Function decode;
+  std::size_t (*encode)(In in, Out out);
+  std::size_t (*decode)(In in, Out out);
 };
 
 // Large enough for the encoder state of each codec.
@@ -33,52 +32,48 @@ alignas(16) std::uint8_t workMemory[1 << 17];
 
 constexpr Codec bare = {
     "codec",
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+    [](In in, Out out) {
       auto state = std::as_writable_bytes(std::span(workMemory));
-      return lzo1x::encode({in, size}, {out, room}, state.first(lzo1x::encoderStateSize(size)))
-          .size;
+      return lzo1x::encode(in, out, state.first(lzo1x::encoderStateSize(in.size()))).size;
     },
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
-      return lzo1x::decode({in, size}, {out, room}).size;
-    }};
+    [](In in, Out out) { return lzo1x::decode(in, out).size; }};
 
-constexpr Codec lzo = {
-    "lzo",
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t) {
-      lzo_uint written = 0;
-      lzo1x_1_compress(in, size, out, &written, workMemory);
-      return std::size_t{written};
-    },
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
-      lzo_uint written = room;
-      lzo1x_decompress_safe(in, size, out, &written, nullptr);
-      return std::size_t{written};
-    }};
+constexpr Codec lzo = {"lzo",
+                       [](In in, Out out) {
+                         lzo_uint written = 0;
+                         lzo1x_1_compress(in.data(), in.size(), out.data(), &written, workMemory);
+                         return std::size_t{written};
+                       },
+                       [](In in, Out out) {
+                         lzo_uint written = out.size();
+                         lzo1x_decompress_safe(in.data(), in.size(), out.data(), &written, nullptr);
+                         return std::size_t{written};
+                       }};
 
 constexpr Codec lz4 = {
     "lz4",
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
-      return static_cast<std::size_t>(LZ4_compress_fast_extState(
-          workMemory, reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
-          static_cast<int>(size), static_cast<int>(room), 1));
-    },
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
+    [](In in, Out out) {
       return static_cast<std::size_t>(
-          LZ4_decompress_safe(reinterpret_cast<const char *>(in), reinterpret_cast<char *>(out),
-                              static_cast<int>(size), static_cast<int>(room)));
+          LZ4_compress_fast_extState(workMemory, reinterpret_cast<const char *>(in.data()),
+                                     reinterpret_cast<char *>(out.data()),
+                                     static_cast<int>(in.size()), static_cast<int>(out.size()), 1));
+    },
+    [](In in, Out out) {
+      return static_cast<std::size_t>(LZ4_decompress_safe(
+          reinterpret_cast<const char *>(in.data()), reinterpret_cast<char *>(out.data()),
+          static_cast<int>(in.size()), static_cast<int>(out.size())));
     }};
 
 // The converters hold no state between blocks, so one of each is enough.
-constexpr Codec converters = {
-    "converter",
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
-      static auto *compressor = G_CONVERTER(gvc_compressor_new());
-      return convert(compressor, in, size, out, room);
-    },
-    [](const std::uint8_t *in, std::size_t size, std::uint8_t *out, std::size_t room) {
-      static auto *decompressor = G_CONVERTER(gvc_decompressor_new());
-      return convert(decompressor, in, size, out, room);
-    }};
+constexpr Codec converters = {"converter",
+                              [](In in, Out out) {
+                                static auto *compressor = G_CONVERTER(gvc_compressor_new());
+                                return convert(compressor, in, out);
+                              },
+                              [](In in, Out out) {
+                                static auto *decompressor = G_CONVERTER(gvc_decompressor_new());
+                                return convert(decompressor, in, out);
+                              }};
 
 // ---- Blocks of a corpus ----
 
@@ -96,10 +91,10 @@ struct Blocks {
   std::size_t blockSize;
   Bytes scratch = Bytes(roomFor(std::max(corpus.size(), blockSize)));
 
-  std::size_t
-  sizeAt(std::size_t at) const
+  In
+  blockAt(std::size_t at) const
   {
-    return std::min(blockSize, corpus.size() - at);
+    return In(corpus).subspan(at, std::min(blockSize, corpus.size() - at));
   }
 
   Contender
@@ -107,7 +102,7 @@ struct Blocks {
   {
     auto pass = [this, &codec] {
       for (std::size_t at = 0; at < corpus.size(); at += blockSize)
-        codec.encode(corpus.data() + at, sizeAt(at), scratch.data(), roomFor(sizeAt(at)));
+        codec.encode(blockAt(at), Out(scratch).first(roomFor(blockAt(at).size())));
     };
     return {codec.name, repeat(pass), (corpus.size() + blockSize - 1) / blockSize};
   }
@@ -123,7 +118,7 @@ struct Blocks {
     Encoded all;
     Bytes room(roomFor(blockSize));
     for (std::size_t at = 0; at < corpus.size(); at += blockSize) {
-      auto written = codec.encode(corpus.data() + at, sizeAt(at), room.data(), room.size());
+      auto written = codec.encode(blockAt(at), room);
       all.bytes.insert(all.bytes.end(), room.data(), room.data() + written);
       all.sizes.push_back(written);
     }
@@ -135,11 +130,11 @@ struct Blocks {
   decoding(const char *name, const Codec &codec, const Encoded &blocks)
   {
     auto pass = [this, &codec, &blocks] {
-      auto *in = blocks.bytes.data();
+      In in(blocks.bytes);
       std::size_t to = 0;
       for (auto size : blocks.sizes) {
-        codec.decode(in, size, scratch.data() + to, sizeAt(to));
-        in += size;
+        codec.decode(in.first(size), Out(scratch).subspan(to, blockAt(to).size()));
+        in = in.subspan(size);
         to += blockSize;
       }
     };

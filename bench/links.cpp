@@ -61,7 +61,7 @@ static Ref<GIOStream>
 streamOn(GSocketConnection *connection, const std::string &kind)
 {
   if (kind == "by hand")
-    return share(G_IO_STREAM(connection));
+    return Ref<GIOStream>(G_IO_STREAM(g_object_ref(connection)));
 
   static const guint8 keyData[32] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
   auto *channel = gvc_connection_new(connection);
@@ -71,7 +71,7 @@ streamOn(GSocketConnection *connection, const std::string &kind)
     g_object_unref(out);
   };
   if (kind == "encrypted" || kind == "both") {
-    Ref<GBytes> key(g_bytes_new_static(keyData, sizeof keyData));
+    BytesRef key(g_bytes_new_static(keyData, sizeof keyData));
     addStage(gvc_decryptor_new(key.get()), gvc_encryptor_new(key.get()));
   }
   if (kind == "compressed" || kind == "both")
@@ -150,11 +150,11 @@ public:
     must(gvc_bytes_output_stream_put_bytes(_out.get(), message, nullptr, &error), error, "send");
   }
 
-  Ref<GBytes>
+  BytesRef
   receive() override
   {
     GError *error = nullptr;
-    Ref<GBytes> message(gvc_bytes_input_stream_read_bytes(_in.get(), nullptr, &error));
+    BytesRef message(gvc_bytes_input_stream_read_bytes(_in.get(), nullptr, &error));
     must(message != nullptr, error, "receive");
     return message;
   }
@@ -215,7 +215,7 @@ public:
          error, "write");
   }
 
-  Ref<GBytes>
+  BytesRef
   receive() override
   {
     guint32 prefix;
@@ -223,7 +223,7 @@ public:
     gsize size = GUINT32_FROM_LE(prefix);
     void *data = g_malloc(size);
     read(data, size);
-    return Ref<GBytes>(g_bytes_new_take(data, size));
+    return BytesRef(g_bytes_new_take(data, size));
   }
 
 private:
@@ -260,7 +260,7 @@ public:
 
   ~Answering()
   {
-    Ref<GBytes> goodbye(g_bytes_new_static(".", 1));
+    BytesRef goodbye(g_bytes_new_static(".", 1));
     _link->near->send(goodbye.get());
     _thread.join();
   }
@@ -318,7 +318,7 @@ makeLink(const Sockets &sockets, const std::string &kind)
   Answering peer(link, 1, nullptr);
   static const auto data = source(1 << 20);
   for (gsize size : {16, 1024, 65536, 1 << 20}) {
-    Ref<GBytes> message(g_bytes_new_static(data.data(), size));
+    BytesRef message(g_bytes_new_static(data.data(), size));
     link->near->send(message.get());
     must(g_bytes_equal(link->near->receive().get(), message.get()), nullptr,
          "a message came back changed");

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "measure.h"
-#include "refs.h"
 
 #include <zelgvc/zelgvc.h>
 
@@ -38,7 +37,7 @@ class End
 public:
   virtual ~End() = default;
   virtual void send(GBytes *message) = 0;
-  virtual Ref<GBytes> receive() = 0;
+  virtual BytesRef receive() = 0;
 };
 
 struct Link {

@@ -92,11 +92,21 @@ takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 
 // ---- Rows ----
 
-// Names and values hold nothing that JSON would have to escape.
+// The items as JSON, with commas between them. Names and values need no escapes.
+template <typename Items, typename Json>
 static std::string
-quoted(const std::string &text)
+joined(const Items &items, Json json)
 {
-  return "\"" + text + "\"";
+  std::string text;
+  for (const auto &item : items)
+    text += (text.empty() ? "" : ", ") + json(item);
+  return text;
+}
+
+static std::string
+member(const std::string &name, const std::string &json)
+{
+  return '"' + name + "\": " + json;
 }
 
 static std::string
@@ -107,54 +117,39 @@ number(double value)
   return text;
 }
 
-static std::string
-textOf(const Value &value)
-{
-  const auto *text = std::get_if<std::string>(&value);
-  return text ? *text : std::to_string(std::get<std::int64_t>(value));
-}
-
-// The items with commas between them.
-template <typename Items, typename TextOf>
-static std::string
-joined(const Items &items, TextOf textOfItem)
-{
-  std::string text;
-  for (const auto &item : items)
-    text += (text.empty() ? "" : ", ") + textOfItem(item);
-  return text;
-}
-
-bool
-Report::wants(const Parameters &parameters) const
-{
-  return std::all_of(values.begin(), values.end(), [&](const std::string &wanted) {
-    return std::any_of(parameters.begin(), parameters.end(),
-                       [&](const auto &parameter) { return textOf(parameter.second) == wanted; });
-  });
-}
-
 void
 Report::race(const Parameters &parameters, const std::vector<Contender> &contenders,
              const Figures &figures) const
 {
-  if (!wants(parameters))
+  auto has = [&](const std::string &wanted) {
+    return std::ranges::any_of(parameters,
+                               [&](const auto &item) { return item.second.text == wanted; });
+  };
+  if (!std::ranges::all_of(values, has))
     return;
   auto rounds =
       contenders.empty() ? std::vector<std::vector<double>>() : takeTurns(contenders, effort);
-  std::string row = "\"group\": " + quoted(_group);
-  for (const auto &[name, value] : parameters)
-    row +=
-        ", " + quoted(name) + ": " + (value.index() == 0 ? textOf(value) : quoted(textOf(value)));
+  auto row =
+      joined(parameters, [](const auto &item) { return member(item.first, item.second.json); });
   auto seconds = joined(contenders, [&, i = 0U](const Contender &contender) mutable {
-    return quoted(contender.name) + ": [" + joined(rounds[i++], number) + "]";
+    return member(contender.name, '[' + joined(rounds[i++], number) + ']');
   });
-  auto others = joined(figures, [](const auto &figure) {
-    return quoted(figure.first) + ": " + number(figure.second);
-  });
-  std::printf("{%s, \"seconds\": {%s}, \"figures\": {%s}}\n", row.c_str(), seconds.c_str(),
-              others.c_str());
+  auto others = joined(
+      figures, [](const auto &figure) { return member(figure.first, number(figure.second)); });
+  std::printf("{\"group\": \"%s\", %s, \"seconds\": {%s}, \"figures\": {%s}}\n", _group.c_str(),
+              row.c_str(), seconds.c_str(), others.c_str());
   std::fflush(stdout);
+}
+
+std::size_t
+convert(GConverter *converter, std::span<const std::uint8_t> in, std::span<std::uint8_t> out)
+{
+  gsize nread, written;
+  GError *error = nullptr;
+  auto result = g_converter_convert(converter, in.data(), in.size(), out.data(), out.size(),
+                                    G_CONVERTER_NO_FLAGS, &nread, &written, &error);
+  must(result == G_CONVERTER_CONVERTED, error, "convert");
+  return written;
 }
 
 } // namespace bench

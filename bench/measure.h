@@ -1,19 +1,36 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // How everything here is measured: contenders take turns in one process, round by round. Results
-// are rows of JSON on standard output, with the time of each round, so that report.py can compare
+// are rows of JSON on standard output, with the time of each round, so that run.py can compare
 // contenders within a round.
 #pragma once
+
+#include "tests/support/values.h"
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace bench
 {
+
+using support::BytesRef;
+using support::Ref;
+
+// Ends the program if a call failed: a benchmark of failing calls measures nothing.
+inline void
+must(bool success, const GError *error, const char *what)
+{
+  if (!success)
+    g_error("%s: %s", what, error ? error->message : "failed");
+}
+
+// Converts all of `in`; returns the size of the output.
+std::size_t convert(GConverter *converter, std::span<const std::uint8_t> in,
+                    std::span<std::uint8_t> out);
 
 // How much work goes into a figure.
 struct Effort {
@@ -41,7 +58,16 @@ repeat(Once once)
   };
 }
 
-using Value = std::variant<std::int64_t, std::string>;
+// The value of a parameter: a text, or a number.
+struct Value {
+  Value(const char *text) : text(text), json('"' + this->text + '"') {}
+  Value(const std::string &text) : Value(text.c_str()) {}
+  Value(std::int64_t number) : text(std::to_string(number)), json(text) {}
+
+  std::string text;
+  std::string json;
+};
+
 using Parameters = std::vector<std::pair<std::string, Value>>;
 using Figures = std::map<std::string, double>;
 
@@ -62,8 +88,6 @@ public:
   const std::vector<std::string> values;
 
 private:
-  bool wants(const Parameters &parameters) const;
-
   std::string _group;
 };
 

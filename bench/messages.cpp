@@ -3,7 +3,7 @@
 #include "corpora.h"
 #include "links.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace bench
 {
@@ -18,7 +18,7 @@ measureBlocking(const Report &report)
     for (const char *kind : {"plain", "both", "gathering", "by hand"})
       links[kind] = makeLink(sockets, kind);
     for (std::int64_t size : {64, 1024, 65536}) {
-      Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+      BytesRef message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
       std::vector<Contender> contenders;
       for (const auto &[kind, link] : links)
         contenders.push_back(burst(kind, link, {message.get()}, 1));
@@ -50,7 +50,7 @@ measureChannels(const Report &report)
     for (auto size : sizes) {
       if (size > mode.most)
         continue;
-      Ref<GBytes> message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
+      BytesRef message(g_bytes_new_static(data.data(), static_cast<gsize>(size)));
       std::vector<Contender> contenders;
       for (const auto &[kind, link] : links)
         contenders.push_back(mode.contender(kind, link, message.get()));
@@ -71,39 +71,32 @@ class Conversions
 public:
   Conversions()
   {
-    Ref<GBytes> key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
+    BytesRef key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
     _converters[0].reset(G_CONVERTER(gvc_compressor_new()));
     _converters[1].reset(G_CONVERTER(gvc_encryptor_new(key.get())));
     _converters[2].reset(G_CONVERTER(gvc_decryptor_new(key.get())));
     _converters[3].reset(G_CONVERTER(gvc_decompressor_new()));
     // The record of the initial IV.
-    fill(2, _buffers[1].data(), fill(1, _buffers[0].data(), 1));
+    fill(2, fill(1, std::span(_buffers[0]).first(1)));
   }
 
-  void
-  run(GBytes *message)
+  // Returns the message, as it comes out of the last conversion.
+  std::span<const std::uint8_t>
+  run(std::span<const std::uint8_t> message)
   {
-    gsize size;
-    auto *data = static_cast<const std::uint8_t *>(g_bytes_get_data(message, &size));
-    auto left = fill(0, data, size);
-    for (std::size_t i = 1; i < std::size(_converters); i++)
-      left = fill(i, _buffers[i - 1].data(), left);
-    must(left == size, nullptr, "the conversions made a message of another length");
-  }
-
-  bool
-  restored(GBytes *message) const
-  {
-    return std::memcmp(_buffers[3].data(), g_bytes_get_data(message, nullptr),
-                       g_bytes_get_size(message)) == 0;
+    auto size = message.size();
+    for (std::size_t i = 0; i < std::size(_converters); i++)
+      message = fill(i, message);
+    must(message.size() == size, nullptr, "the conversions made a message of another length");
+    return message;
   }
 
 private:
-  // Returns how much of its buffer the converter filled.
-  std::size_t
-  fill(std::size_t i, const std::uint8_t *in, std::size_t size)
+  // Returns the bytes in its buffer that the converter wrote.
+  std::span<const std::uint8_t>
+  fill(std::size_t i, std::span<const std::uint8_t> in)
   {
-    return convert(_converters[i].get(), in, size, _buffers[i].data(), _buffers[i].size());
+    return std::span(_buffers[i]).first(convert(_converters[i].get(), in, _buffers[i]));
   }
 
   Ref<GConverter> _converters[4];
@@ -120,17 +113,17 @@ measureStages(const Report &report)
     for (const auto &corpus : corpora()) {
       if (size == largest ? !isTypical(corpus) : corpus.name != "source")
         continue;
-      std::vector<Ref<GBytes>> owned;
+      std::vector<std::span<const std::uint8_t>> blocks;
       std::vector<GBytes *> messages;
-      for (std::size_t at = 0; at + size <= corpus.bytes.size() && owned.size() < 64; at += size) {
-        owned.emplace_back(g_bytes_new_static(corpus.bytes.data() + at, size));
-        messages.push_back(owned.back().get());
+      for (std::size_t at = 0; at + size <= corpus.bytes.size() && blocks.size() < 64; at += size) {
+        blocks.push_back(std::span(corpus.bytes).subspan(at, size));
+        messages.push_back(g_bytes_new_static(blocks.back().data(), size));
       }
       Conversions conversions;
-      conversions.run(messages[0]);
-      must(conversions.restored(messages[0]), nullptr, "the conversions changed a message");
+      must(std::ranges::equal(conversions.run(blocks[0]), blocks[0]), nullptr,
+           "the conversions changed a message");
       auto convertNext = [&, at = std::size_t{0}]() mutable {
-        conversions.run(messages[at++ % messages.size()]);
+        conversions.run(blocks[at++ % blocks.size()]);
       };
       report.race({{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}},
                   {burst("both", link, messages, 1), {"conversions", repeat(convertNext)}});

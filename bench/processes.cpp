@@ -167,7 +167,7 @@ measureWork(const Report &report)
 {
   must(report.values.size() == 2 || report.values.size() == 3, nullptr, "work WHAT STAGES [TIMES]");
   static char data[64];
-  Ref<GBytes> message(g_bytes_new_static(data, sizeof data));
+  BytesRef message(g_bytes_new_static(data, sizeof data));
   auto contender = makeWork(report.values[0], report.values[1], message.get());
   if (report.values.size() == 3)
     contender.run(std::stoul(report.values[2]) / contender.operations);

@@ -52,6 +52,21 @@ exaggerates(unsigned kind, View in)
          announced_room(kind, in) > std::max<std::uint64_t>((*length - 8) * 255, 1024 * 1024);
 }
 
+struct ErrorFree {
+  void
+  operator()(GError *error) const
+  {
+    g_error_free(error);
+  }
+};
+using ErrorRef = std::unique_ptr<GError, ErrorFree>;
+
+bool
+matches(const ErrorRef &error, int code) // in G_IO_ERROR
+{
+  return g_error_matches(error.get(), G_IO_ERROR, code);
+}
+
 struct Call {
   GConverterResult result;
   std::size_t nread, nwritten;

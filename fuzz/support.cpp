@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "support.h"
 
+#include "tests/support/converters.h"
+
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -123,12 +125,6 @@ fuzz::pattern(std::size_t size, std::uint8_t seed)
   return View(seed % 2 == 0 ? compressible : incompressible).subspan(seed, size);
 }
 
-bool
-fuzz::matches(const ErrorRef &error, int code)
-{
-  return g_error_matches(error.get(), G_IO_ERROR, code);
-}
-
 // The size of a piece: everything, a few bytes, or some more.
 static std::size_t
 piece(std::uint8_t decision)
@@ -160,8 +156,9 @@ G_DEFINE_TYPE_WITH_CODE(ScriptedInput, scripted_input, G_TYPE_INPUT_STREAM,
                                               scripted_input_pollable_init))
 
 static gssize
-read_source(Source *source, void *buffer, gsize count, bool may_block, GError **error)
+read_source(gpointer stream, void *buffer, gsize count, bool may_block, GError **error)
 {
+  auto *source = static_cast<ScriptedInput *>(stream)->source;
   auto decision = source->pieces.byte();
   if (source->position >= source->cancel_at) {
     g_cancellable_cancel(source->cancellable);
@@ -169,7 +166,7 @@ read_source(Source *source, void *buffer, gsize count, bool may_block, GError **
     return -1;
   }
   if (source->position >= source->fail_at) {
-    g_set_error_literal(error, G_IO_ERROR, source_error, "Scripted failure");
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_HOST_UNREACHABLE, "Scripted failure");
     return -1;
   }
   if (!may_block && !source->blocked && (decision & 0x80)) {
@@ -187,16 +184,13 @@ read_source(Source *source, void *buffer, gsize count, bool may_block, GError **
   return static_cast<gssize>(size);
 }
 
-static gssize
-scripted_input_read(GInputStream *stream, void *buffer, gsize count, GCancellable *, GError **error)
-{
-  return read_source(reinterpret_cast<ScriptedInput *>(stream)->source, buffer, count, true, error);
-}
-
 static void
 scripted_input_class_init(ScriptedInputClass *klass)
 {
-  G_INPUT_STREAM_CLASS(klass)->read_fn = scripted_input_read;
+  G_INPUT_STREAM_CLASS(klass)->read_fn = [](GInputStream *stream, void *buffer, gsize count,
+                                            GCancellable *, GError **error) {
+    return read_source(stream, buffer, count, true, error);
+  };
 }
 
 static void
@@ -204,40 +198,21 @@ scripted_input_init(ScriptedInput *)
 {
 }
 
-static gboolean
-scripted_input_can_poll(GPollableInputStream *stream)
-{
-  return reinterpret_cast<ScriptedInput *>(stream)->source->pollable;
-}
-
-static gboolean
-scripted_input_is_readable(GPollableInputStream *)
-{
-  return TRUE;
-}
-
-static GSource *
-scripted_input_create_source(GPollableInputStream *stream, GCancellable *cancellable)
-{
-  g_autoptr(GSource) now = g_timeout_source_new(0);
-  return g_pollable_source_new_full(stream, now, cancellable);
-}
-
-static gssize
-scripted_input_read_nonblocking(GPollableInputStream *stream, void *buffer, gsize count,
-                                GError **error)
-{
-  return read_source(reinterpret_cast<ScriptedInput *>(stream)->source, buffer, count, false,
-                     error);
-}
-
 static void
 scripted_input_pollable_init(GPollableInputStreamInterface *iface)
 {
-  iface->can_poll = scripted_input_can_poll;
-  iface->is_readable = scripted_input_is_readable;
-  iface->create_source = scripted_input_create_source;
-  iface->read_nonblocking = scripted_input_read_nonblocking;
+  iface->can_poll = [](GPollableInputStream *stream) -> gboolean {
+    return reinterpret_cast<ScriptedInput *>(stream)->source->pollable;
+  };
+  iface->is_readable = [](GPollableInputStream *) -> gboolean { return TRUE; };
+  iface->create_source = [](GPollableInputStream *stream, GCancellable *cancellable) {
+    g_autoptr(GSource) now = g_timeout_source_new(0);
+    return g_pollable_source_new_full(stream, now, cancellable);
+  };
+  iface->read_nonblocking = [](GPollableInputStream *stream, void *buffer, gsize count,
+                               GError **error) {
+    return read_source(stream, buffer, count, false, error);
+  };
 }
 
 Ref<GInputStream>
@@ -248,82 +223,25 @@ fuzz::new_input(Source *source)
   return own(static_cast<GInputStream *>(stream));
 }
 
-// ---- The splitting converter
-
-namespace
-{
-struct Splitter {
-  GObject parent;
-  Script *pieces;
-};
-struct SplitterClass {
-  GObjectClass parent_class;
-};
-} // namespace
-
-static GType splitter_get_type();
-static void splitter_converter_init(GConverterIface *iface);
-
-G_DEFINE_TYPE_WITH_CODE(Splitter, splitter, G_TYPE_OBJECT,
-                        G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, splitter_converter_init))
-
-static void
-splitter_class_init(SplitterClass *)
-{
-}
-
-static void
-splitter_init(Splitter *)
-{
-}
-
-static GConverterResult
-splitter_convert(GConverter *converter, const void *in, gsize in_size, void *out, gsize room,
-                 GConverterFlags flags, gsize *bytes_read, gsize *bytes_written, GError **error)
-{
-  auto *self = reinterpret_cast<Splitter *>(converter);
-  *bytes_read = *bytes_written = 0;
-  if (in_size == 0) {
-    if (flags & G_CONVERTER_INPUT_AT_END)
-      return G_CONVERTER_FINISHED;
-    if (flags & G_CONVERTER_FLUSH)
-      return G_CONVERTER_FLUSHED;
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT, "Nothing there");
-    return G_CONVERTER_ERROR;
-  }
-  if (room == 0) {
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE, "No room");
-    return G_CONVERTER_ERROR;
-  }
-
-  auto size = std::min({in_size, room, piece(self->pieces->byte())});
-  std::memcpy(out, in, size);
-  *bytes_read = *bytes_written = size;
-  if (size < in_size)
-    return G_CONVERTER_CONVERTED;
-  if (flags & G_CONVERTER_INPUT_AT_END)
-    return G_CONVERTER_FINISHED;
-  return flags & G_CONVERTER_FLUSH ? G_CONVERTER_FLUSHED : G_CONVERTER_CONVERTED;
-}
-
-static void
-splitter_reset(GConverter *)
-{
-}
-
-static void
-splitter_converter_init(GConverterIface *iface)
-{
-  iface->convert = splitter_convert;
-  iface->reset = splitter_reset;
-}
-
 Ref<GConverter>
 fuzz::new_splitter(Script *pieces)
 {
-  auto *splitter = g_object_new(splitter_get_type(), nullptr);
-  static_cast<Splitter *>(splitter)->pieces = pieces;
-  return own(static_cast<GConverter *>(splitter));
+  return support::new_converter([pieces](std::string_view in, char *out, gsize room,
+                                         GConverterFlags flags, gsize *nread, gsize *nwritten,
+                                         GError **error) {
+    const auto at_end = flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED
+                        : flags & G_CONVERTER_FLUSH      ? G_CONVERTER_FLUSHED
+                                                         : G_CONVERTER_CONVERTED;
+    *nread = *nwritten = 0;
+    if (in.empty() && at_end == G_CONVERTER_CONVERTED)
+      return support::conversion_error(G_IO_ERROR_PARTIAL_INPUT, "Nothing there", error);
+    if (in.empty())
+      return at_end;
+    if (room == 0)
+      return support::conversion_error(G_IO_ERROR_NO_SPACE, "No room", error);
+    *nread = *nwritten = in.copy(out, std::min(room, piece(pieces->byte())));
+    return *nread < in.size() ? G_CONVERTER_CONVERTED : at_end;
+  });
 }
 
 // ---- Stages

@@ -3,6 +3,8 @@
 // Then come the script, which makes the decisions, and the payload.
 #pragma once
 
+#include "tests/support/values.h"
+
 #include <zelgvc/zelgvc.h>
 
 #include <cstddef>
@@ -18,6 +20,8 @@ namespace fuzz
 
 using View = std::span<const std::uint8_t>;
 using Bytes = std::vector<std::uint8_t>;
+using support::own;
+using support::Ref;
 
 // Aborts, which libFuzzer reports as a finding.
 [[noreturn]] void fail(const char *what, const char *file, int line);
@@ -31,6 +35,7 @@ extern std::size_t memory_limit;
 class Script
 {
 public:
+  Script() = default;
   explicit Script(View bytes) : rest_(bytes) {}
   std::uint8_t byte();
   // 0 to `limit` - 1
@@ -62,31 +67,6 @@ View view(GBytes *bytes);
 inline constexpr std::size_t longest_pattern = 1'100'000;
 View pattern(std::size_t size, std::uint8_t seed);
 
-template <typename T> struct Unref {
-  void
-  operator()(T *object) const
-  {
-    g_object_unref(object);
-  }
-};
-template <typename T> using Ref = std::unique_ptr<T, Unref<T>>;
-template <typename T>
-Ref<T>
-own(T *object)
-{
-  return Ref<T>(object);
-}
-
-struct ErrorFree {
-  void
-  operator()(GError *error) const
-  {
-    g_error_free(error);
-  }
-};
-using ErrorRef = std::unique_ptr<GError, ErrorFree>;
-bool matches(const ErrorRef &error, int code); // in G_IO_ERROR
-
 // The data of a scripted stream, read in pieces of the sizes in `pieces`. A read at `fail_at`
 // fails, and a read at `cancel_at` cancels the operation.
 struct Source {
@@ -99,7 +79,6 @@ struct Source {
   std::size_t position = 0;
   bool blocked = false; // the last read would have blocked, so the next one does not
 };
-inline constexpr int source_error = G_IO_ERROR_HOST_UNREACHABLE; // of a read at fail_at
 // `source` must outlive the stream.
 Ref<GInputStream> new_input(Source *source);
 
@@ -149,7 +128,7 @@ public:
   int peer;
 
 private:
-  Script pieces_{{}};
+  Script pieces_;
 };
 
 // Waits for an asynchronous operation: pass `Waiter::ready` and the waiter. Checks that the
