@@ -154,7 +154,8 @@ def shows_nothing_that_controls_a_terminal():
     # A server that refuses.
     with socket.create_server(("127.0.0.1", 0)) as server:
         options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
-        with subprocess.Popen([CALL, *options], stderr=subprocess.PIPE, text=True) as caller:
+        with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                              text=True) as caller:
             server.accept()[0].sendall(b"\x08\0\0\0" + b"\0" + b"\x1b[31mn\0")
             complaints = caller.communicate(timeout=LIMIT)[1]
         assert "the server refuses: ?[31mn" in complaints, complaints
