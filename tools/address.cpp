@@ -237,8 +237,9 @@ Listener::abandon()
 void
 Listener::close()
 {
-  g_socket_listener_close(listener.get());
+  // As long as this listens, the path cannot be that of another listener.
   if (!path.empty())
     unlink(path.c_str());
   path.clear();
+  g_socket_listener_close(listener.get());
 }

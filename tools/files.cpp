@@ -6,17 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Detects that another file was put in the place of this one and got the name.
-static bool
-is_name_of_another(int dir, const char *name, int fd)
+bool
+has_name(int dir, const char *name, int fd)
 {
   struct stat named, open;
-  if (fstatat(dir, name, &named, AT_SYMLINK_NOFOLLOW) != 0 || fstat(fd, &open) != 0)
-    return false;
-  if (named.st_dev == open.st_dev && named.st_ino == open.st_ino)
-    return false;
-  errno = ESTALE;
-  return true;
+  return fstatat(dir, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && fstat(fd, &open) == 0 &&
+         named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
 bool
@@ -26,5 +21,9 @@ give_name(int dir, int fd, const char *from, const char *to, bool replace)
   // Some file systems lack the flag. A link does not replace a file either.
   if (!renamed && !replace && errno == EINVAL)
     renamed = linkat(dir, from, dir, to, 0) == 0 && unlinkat(dir, from, 0) == 0;
-  return renamed && !is_name_of_another(dir, to, fd);
+  if (!renamed || has_name(dir, to, fd))
+    return renamed;
+  // Another file was put in the place of this one and got the name.
+  errno = ESTALE;
+  return false;
 }

@@ -16,6 +16,9 @@ retry(Call call)
   return result;
 }
 
+// Whether this is a name of the file `fd`.
+bool has_name(int dir, const char *name, int fd);
+
 // Renames the file `fd` in a directory. An existing file is replaced only if `replace` is set;
 // otherwise errno is EEXIST.
 bool give_name(int dir, int fd, const char *from, const char *to, bool replace);

@@ -75,6 +75,8 @@ public:
       why = printable(path) + " is in the way and has another name, too";
     else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
       why = "another transfer of it is going on";
+    else if (!has_name(dir, path.c_str(), fd))
+      why = "another transfer of it has just ended";
     if (!why.empty()) {
       close(fd);
       throw Refusal{why};

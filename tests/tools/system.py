@@ -440,6 +440,52 @@ def a_folder_that_changes(event, result):
     table.append((f"folder in use: {event.__name__}", "receive", 1, {receive.popen.returncode: 1}, 0))
 
 
+def stopped_at(*faults):
+    """Arguments that stop a process, or make it wait, at a system call."""
+    return ["strace", "-D", "-o", "/dev/null", *QUIET, *faults]
+
+
+@case
+def a_part_that_was_stored_meanwhile_is_not_written():
+    traced("keygen")
+    os.mkdir("in")
+    receive = Process("receive", f"unix:{SOCKET}", "in")
+    peer = Peer(receive.address())
+    peer.send(name=b"file", size=len(DATA), mode=0o600)
+    assert b"have" in peer.receive()
+    # It has opened the part, and has not tried to lock it.
+    under = stopped_at("-P", ".file.zelgvc-part", "-e", "inject=openat:signal=STOP")
+    late = Process("receive", f"unix:{SOCKET}-2", "in", "--force", under=under)
+    late_peer = Peer(late.address())
+    late_peer.send(name=b"file", size=3, mode=0o600)
+    os.waitid(os.P_PID, late.popen.pid, os.WSTOPPED | os.WNOWAIT)
+    peer.send(offset=0)
+    peer.socket.sendall(frame(DATA))
+    peer.send(sha256=hashlib.sha256(DATA).digest())
+    assert b"stored" in peer.receive()
+    late.kill(signal.SIGCONT)
+    assert b"refused" in late_peer.receive()
+    assert pathlib.Path("in/file").read_bytes() == DATA
+
+
+@case
+def a_listener_that_ends_leaves_the_socket_of_the_next():
+    traced("keygen")
+    under = stopped_at("-e", "trace=unlink", "-e", "inject=unlink:delay_enter=500000")
+    first = Process("listen", f"unix:{SOCKET}", under=under)
+    connect = Process("connect", first.address())
+    while True:
+        second = Process("listen", f"unix:{SOCKET}")
+        second.until(lambda: second.errors, "first line")
+        if "listening on" in second.errors:
+            break
+        second.wait(3)
+    connect.wait()
+    first.wait()
+    run("connect", f"unix:{SOCKET}")
+    second.wait()
+
+
 @case
 def a_folder_that_cannot_be_written():
     with Disk("ro"):
