@@ -88,9 +88,11 @@ Channel::Channel(GSocketConnection *connection, const Stages &stages, guint time
     : link(connection, stages), timeout(timeout), deadline(link.socket())
 {
   g_socket_set_timeout(link.socket(), hello_timeout());
-  deadline.set(hello_timeout());
+  deadline.begin(hello_timeout());
   link.counts.set_limit(hello_limit);
   link.meter->deadline = &deadline;
+  for (auto &tap : link.counts.incoming)
+    tap.deadline = &deadline;
 }
 
 // A hello takes no work, so a longer wait would not help.
@@ -105,13 +107,12 @@ Channel::fail_read(GError *error)
 {
   [[maybe_unused]] g_autoptr(GError) owned = error;
   auto *peer = link.peer.c_str();
-  bool late = deadline.passed();
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
-  if (late && greeted)
-    fail(Exit::peer, "%s took too long to send a message", peer);
-  if (late || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+    if (greeted && deadline.passed())
+      fail(Exit::peer, "%s took too long to send a message", peer);
     if (greeted)
       fail(Exit::peer, "%s has sent nothing for %u seconds", peer, timeout);
     fail(Exit::protocol,
@@ -192,11 +193,11 @@ Channel::get(guint32 limit)
 
   // The hello has a deadline of its own, which began with the connection.
   if (greeted && timeout > 0)
-    deadline.set(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
+    deadline.begin(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
   meter->limit = limit;
   Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), interrupt_soon(), &error));
   if (greeted)
-    deadline.set(0);
+    deadline.end();
   auto arrived = meter->total - before;
   if (bytes && meter->between_messages())
     return bytes;
@@ -204,8 +205,6 @@ Channel::get(guint32 limit)
     fail_read(error);
 
   g_clear_error(&error);
-  if (deadline.passed())
-    fail_end();
   if (meter->at_end && arrived > 0 && !meter->between_messages())
     fail(greeted ? Exit::peer : Exit::protocol, "%s went away in the middle of a message",
          peer().c_str());
@@ -282,7 +281,7 @@ Channel::check_hello(const Bytes &bytes, std::string *service)
          peer().c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
-  deadline.set(0);
+  deadline.end();
   link.counts.set_limit(message_limit);
   g_socket_set_timeout(link.socket(), timeout);
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A limit on the time for one message. The timeout of a socket is no such limit: it starts again
-// with each byte.
+// with each byte. Whoever sees bytes arrive calls check().
 #pragma once
 
 #include <gio/gio.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 class Deadline
 {
@@ -15,25 +11,32 @@ public:
   // A peer that sends fewer bytes per second than this is too slow.
   static constexpr gint64 least_rate = 32 * 1024;
 
-  // Shuts the socket down at the deadline, so that a pending read or write fails.
-  explicit Deadline(GSocket *socket);
-  Deadline(const Deadline &) = delete;
+  explicit Deadline(GSocket *socket) : socket(socket) {}
 
-  // Sets the deadline to `seconds` from now; 0 removes the deadline.
-  void set(guint64 seconds);
+  // Sets the deadline to `seconds` from now.
+  void begin(guint64 seconds);
+  // Removes the deadline.
+  void end();
   // Defers the deadline by the time that a peer may take for these bytes.
-  void arrived(gsize bytes);
-  bool passed();
+  void
+  arrived(gsize bytes)
+  {
+    due += static_cast<gint64>(bytes) * G_USEC_PER_SEC / least_rate;
+  }
+  // Fails after the deadline. Before it, limits the next wait for the socket.
+  bool check(GError **error);
+
+  // Whether the message has begun but is not complete in time.
+  bool
+  passed() const
+  {
+    return begun && g_get_monotonic_time() >= due;
+  }
 
 private:
-  static constexpr gint64 never = G_MAXINT64;
-  void watch(std::stop_token stop);
-
-  GSocket *socket;
-  std::mutex mutex;
-  std::condition_variable_any changed;
-  gint64 due = never;  // on the monotonic clock
-  gint64 wake = never; // when the thread looks at `due` again
-  bool over = false;
-  std::jthread thread;
+  GSocket *const socket;
+  guint usual = 0; // timeout of the socket
+  gint64 due = 0;  // on the monotonic clock
+  bool active = false;
+  bool begun = false;
 };

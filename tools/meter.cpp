@@ -72,8 +72,11 @@ account(ToolMeter *self, const void *buffer, gsize wanted, gssize got, GError **
   }
   auto size = static_cast<gsize>(got);
   self->total += size;
-  if (self->deadline)
+  if (self->deadline) {
     self->deadline->arrived(size);
+    if (!self->deadline->check(error))
+      return -1;
+  }
   auto *bytes = static_cast<const guint8 *>(buffer);
   bool good =
       self->strings ? follow_string(self, bytes, size, error) : follow(self, bytes, size, error);

@@ -80,6 +80,8 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
     passed_on &= ~static_cast<guint>(G_CONVERTER_INPUT_AT_END);
   }
 
+  if (self->state->deadline && !self->state->deadline->check(error))
+    return G_CONVERTER_ERROR;
   if (incoming && inbuf_size >= header_size && !is_plausible(self, inbuf)) {
     g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
                         self->kind == TapKind::records ? "no record of an encrypted stream"

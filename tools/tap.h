@@ -8,12 +8,13 @@
 // So a wrong key, or a peer with other stages, shows at once and not at a timeout.
 #pragma once
 
-#include <gio/gio.h>
+#include "deadline.h"
 
 struct TapState {
-  guint64 in = 0;              // what went into the converter
-  guint64 out = 0;             // what came out
-  guint64 limit = G_MAXUINT64; // the longest message to expect
+  guint64 in = 0;               // what went into the converter
+  guint64 out = 0;              // what came out
+  guint64 limit = G_MAXUINT64;  // the longest message to expect
+  Deadline *deadline = nullptr; // for what goes into the converter
 };
 
 enum class TapKind { outgoing, records, blocks };
