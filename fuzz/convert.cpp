@@ -4,6 +4,8 @@
 // progress never stops, and output and room stay within what the bytes can mean.
 #include "support.h"
 
+#include "tests/support/convert.h"
+
 #include <zelgvc/gvcwire.h>
 
 #include <algorithm>
@@ -52,52 +54,23 @@ exaggerates(unsigned kind, View in)
          announced_room(kind, in) > std::max<std::uint64_t>((*length - 8) * 255, 1024 * 1024);
 }
 
-struct ErrorFree {
-  void
-  operator()(GError *error) const
-  {
-    g_error_free(error);
-  }
-};
-using ErrorRef = std::unique_ptr<GError, ErrorFree>;
-
 bool
-matches(const ErrorRef &error, int code) // in G_IO_ERROR
+matches(const ErrorPtr &error, int code) // in G_IO_ERROR
 {
   return g_error_matches(error.get(), G_IO_ERROR, code);
 }
 
-struct Call {
-  GConverterResult result;
-  std::size_t nread, nwritten;
-  ErrorRef error;
-};
-
-constexpr std::size_t untouched = 0x5a5a5a5a;
-
-Call
-convert(GConverter *converter, View in, std::uint8_t *out, std::size_t room, GConverterFlags flags)
-{
-  Call call{G_CONVERTER_ERROR, untouched, untouched, nullptr};
-  GError *error = nullptr;
-  // Not g_converter_convert(), which sets the counts to 0 first.
-  call.result = G_CONVERTER_GET_IFACE(converter)->convert(
-      converter, in.data(), in.size(), out, room, flags, &call.nread, &call.nwritten, &error);
-  call.error.reset(error);
-  return call;
-}
-
 // Checks the contract of every call.
 void
-check_call(const Call &call, unsigned kind, View in, std::size_t room, GConverterFlags flags)
+check_call(const Conversion &call, unsigned kind, View in, std::size_t room, GConverterFlags flags)
 {
   if (flags & G_CONVERTER_FLUSH) {
-    FUZZ_CHECK(call.result == G_CONVERTER_FLUSHED && call.nread == 0 && call.nwritten == 0);
+    FUZZ_CHECK(call.result == G_CONVERTER_FLUSHED && call.read == 0 && call.written == 0);
     return;
   }
   const auto length = announced(kind, in);
   if (call.result == G_CONVERTER_ERROR) {
-    FUZZ_CHECK(call.error && call.nread == untouched && call.nwritten == untouched);
+    FUZZ_CHECK(call.error && call.read == untouched && call.written == untouched);
     const bool partial = !length || *length > in.size();
     const bool narrow = !partial && announced_room(kind, in) > room;
     if (matches(call.error, G_IO_ERROR_PARTIAL_INPUT))
@@ -111,28 +84,23 @@ check_call(const Call &call, unsigned kind, View in, std::size_t room, GConverte
   FUZZ_CHECK(!call.error);
   FUZZ_CHECK(call.result ==
              (flags & G_CONVERTER_INPUT_AT_END ? G_CONVERTER_FINISHED : G_CONVERTER_CONVERTED));
-  FUZZ_CHECK(length && call.nread == *length && call.nread <= in.size());
-  FUZZ_CHECK(call.nwritten <= announced_room(kind, in) && call.nwritten <= room);
+  FUZZ_CHECK(length && call.read == *length && call.read <= in.size());
+  FUZZ_CHECK(call.written <= announced_room(kind, in) && call.written <= room);
 }
 
 // Converts with growing room until the converter asks for no more of it. A room that it still finds
 // too small when it is larger than all that the input can stand for would grow without end.
-Call
+Conversion
 convert_growing(GConverter *converter, unsigned kind, View in, std::size_t room,
-                GConverterFlags flags, Bytes *out)
+                GConverterFlags flags)
 {
   const auto most = std::max<std::size_t>(in.size() * 255, 1024 * 1024);
-  for (;;) {
-    // Of exactly this size, so that the sanitizer sees every overrun.
-    const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[room]);
-    auto call = convert(converter, in, buffer.get(), room, flags);
+  for (;; room *= 2) {
+    auto call = ::convert(converter, in, room, flags);
     check_call(call, kind, in, room, flags);
-    if (call.result != G_CONVERTER_ERROR)
-      out->insert(out->end(), buffer.get(), buffer.get() + call.nwritten);
     if (!matches(call.error, G_IO_ERROR_NO_SPACE))
       return call;
     FUZZ_CHECK(room < most);
-    room *= 2;
   }
 }
 
@@ -152,19 +120,18 @@ convert_directly(unsigned kind, View in, Script script, End *end)
                        : decision == 0xfe ? G_CONVERTER_INPUT_AT_END
                                           : G_CONVERTER_NO_FLAGS;
     const auto room = decision & 0x80 ? std::size_t{decision} * 64 : std::size_t{decision} + 1;
-    // A separate copy, so that the sanitizer sees every overrun.
-    const Bytes part(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(offered));
-    const auto before = out.size();
-    const auto call = convert_growing(converter.get(), kind, part, room, flags, &out);
+    const auto part = in.first(offered);
+    const auto call = convert_growing(converter.get(), kind, part, room, flags);
     if (exaggerates(kind, part) && !matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
       // The result depends on the room, which differs in a stream.
-      out.resize(before);
       *end = End::exaggerated;
       return out;
     }
     if (call.result == G_CONVERTER_CONVERTED || call.result == G_CONVERTER_FINISHED) {
-      in = in.subspan(call.nread);
-      offered -= call.nread;
+      out.insert(out.end(), call.room.begin(),
+                 call.room.begin() + static_cast<std::ptrdiff_t>(call.written));
+      in = in.subspan(call.read);
+      offered -= call.read;
     } else if (matches(call.error, G_IO_ERROR_PARTIAL_INPUT)) {
       *end = End::partial;
       if (offered == in.size())
@@ -180,7 +147,7 @@ convert_directly(unsigned kind, View in, Script script, End *end)
 
 gssize
 read_some(GInputStream *stream, std::uint8_t *buffer, std::size_t size, bool blocking,
-          ErrorRef *error)
+          ErrorPtr *error)
 {
   GError *failure = nullptr;
   gssize nread;
@@ -206,7 +173,7 @@ convert_in_stream(unsigned kind, View in, Script script, bool blocking, View exp
   while (end != End::exaggerated || !expected.empty()) {
     const auto size = 1 + std::size_t{script.byte()} * 16;
     const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[size]);
-    ErrorRef error;
+    ErrorPtr error;
     const auto nread = read_some(stream.get(), buffer.get(), size, blocking, &error);
     if (nread < 0) {
       FUZZ_CHECK(expected.empty());

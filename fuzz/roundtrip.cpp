@@ -83,117 +83,82 @@ message_size(Script *script, bool may_be_largest)
   return may_be_largest && more == 0xff ? largest : more * 100U;
 }
 
-void
-check_message(GBytes *message, const GError *error, View sent, bool blocking)
-{
-  if (sent.empty() && blocking) {
-    FUZZ_CHECK(!message && g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED));
-    return;
-  }
-  FUZZ_CHECK(message && !error);
-  FUZZ_CHECK(equal(view(message), sent));
-}
-
 struct Form {
   bool variant, write_blocking, read_blocking, gio;
 };
 
-// A frame as vectors for GIO's writes, which use them until they end.
-class Frame
+// A message on its way: written blocking, asynchronously, or as a frame by GIO's own call.
+class Write
 {
 public:
-  explicit Frame(View message)
-      : prefix_(gvc::wire::frame::prefix(message.size())), vectors_{{&prefix_, sizeof prefix_},
-                                                                    {message.data(),
-                                                                     message.size()}},
-        all_(sizeof prefix_ + message.size())
+  Write(End *end, View message, Form form)
+      : end_(end), form_(form), bytes_(g_bytes_new_static(message.data(), message.size())),
+        prefix_(gvc::wire::frame::prefix(message.size())),
+        size_(sizeof prefix_ + message.size()), vectors_{{&prefix_, sizeof prefix_},
+                                                         {message.data(), message.size()}}
   {
+    if (form.gio)
+      g_output_stream_writev_all_async(stream(), vectors_, message.empty() ? 1 : 2, 0, nullptr,
+                                       Waiter::ready, &waiter_);
+    else if (form.write_blocking)
+      FUZZ_CHECK(put(end->out.get(), bytes_.get(), form.variant, nullptr));
+    else
+      start_put(end->out.get(), bytes_.get(), form.variant, 0, nullptr, &waiter_);
   }
-  Frame(const Frame &) = delete;
-  Frame &operator=(const Frame &) = delete;
+  Write(const Write &) = delete;
 
   void
-  write_async(GOutputStream *stream, Waiter *waiter)
-  {
-    g_output_stream_writev_all_async(stream, vectors_, vectors_[1].size > 0 ? 2 : 1, 0, nullptr,
-                                     Waiter::ready, waiter);
-  }
-  void
-  finish(GOutputStream *stream, Waiter *waiter) const
+  finish()
   {
     gsize written = 0;
-    FUZZ_CHECK(g_output_stream_writev_all_finish(stream, waiter->wait(), &written, nullptr));
-    FUZZ_CHECK(written == all_);
+    if (form_.gio)
+      FUZZ_CHECK(g_output_stream_writev_all_finish(stream(), waiter_.wait(), &written, nullptr) &&
+                 written == size_);
+    else if (!form_.write_blocking)
+      FUZZ_CHECK(finish_put(end_->out.get(), waiter_.wait(), form_.variant, nullptr));
   }
 
 private:
+  GOutputStream *
+  stream() const
+  {
+    return form_.variant ? G_OUTPUT_STREAM(end_->out.get())
+                         : g_io_stream_get_output_stream(end_->stream());
+  }
+
+  End *end_;
+  Form form_;
+  support::BytesRef bytes_;
   std::uint32_t prefix_;
-  GOutputVector vectors_[2];
-  std::size_t all_;
+  std::size_t size_;
+  GOutputVector vectors_[2]; // GIO changes them until the write has ended
+  Waiter waiter_;
 };
-
-GOutputStream *
-stream_for_gio(End *end, Form form)
-{
-  return form.variant ? G_OUTPUT_STREAM(end->out.get())
-                      : g_io_stream_get_output_stream(end->stream());
-}
-
-void
-write_message(End *end, GBytes *bytes, Form form, Frame *frame, Waiter *waiter)
-{
-  if (form.gio)
-    frame->write_async(stream_for_gio(end, form), waiter);
-  else if (form.write_blocking)
-    FUZZ_CHECK(put(end->out.get(), bytes, form.variant, nullptr));
-  else
-    start_put(end->out.get(), bytes, form.variant, 0, nullptr, waiter);
-}
-
-void
-finish_write(End *end, Form form, const Frame &frame, Waiter *waiter)
-{
-  if (form.gio)
-    frame.finish(stream_for_gio(end, form), waiter);
-  else if (!form.write_blocking)
-    FUZZ_CHECK(finish_put(end->out.get(), waiter->wait(), form.variant, nullptr));
-}
-
-void
-read_blocking(End *end, View sent)
-{
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message = gvc_bytes_input_stream_read_bytes(end->in.get(), nullptr, &error);
-  check_message(message, error, sent, true);
-}
-
-void
-finish_read(End *end, Form form, View sent, Waiter *waiter)
-{
-  g_autoptr(GError) error = nullptr;
-  g_autoptr(GBytes) message =
-      fuzz::finish_read(end->in.get(), waiter->wait(), form.variant, &error);
-  check_message(message, error, sent, false);
-}
 
 // Sends one message. Writes and reads at the same time if a blocking call could wait for ever.
 void
 exchange(End *from, End *to, View sent, Form form)
 {
-  g_autoptr(GBytes) bytes = g_bytes_new_static(sent.data(), sent.size());
-  Frame frame(sent);
-  Waiter written, arrived;
+  auto *in = to->in.get();
+  Waiter arrived;
+  g_autoptr(GError) error = nullptr;
+  g_autoptr(GBytes) message = nullptr;
+  if (!form.read_blocking)
+    start_read(in, form.variant, 0, nullptr, &arrived);
+  Write write(from, sent, form);
   if (form.read_blocking) {
-    write_message(from, bytes, form, &frame, &written);
-    finish_write(from, form, frame, &written);
-    read_blocking(to, sent);
+    write.finish();
+    message = gvc_bytes_input_stream_read_bytes(in, nullptr, &error);
   } else {
-    start_read(to->in.get(), form.variant, 0, nullptr, &arrived);
-    write_message(from, bytes, form, &frame, &written);
-    finish_read(to, form, sent, &arrived);
-    finish_write(from, form, frame, &written);
+    message = finish_read(in, arrived.wait(), form.variant, &error);
+    write.finish();
   }
   run_ready(); // no second call
+
+  if (sent.empty() && form.read_blocking)
+    FUZZ_CHECK(!message && g_error_matches(error, GVC_ERROR, GVC_ERROR_DISCONNECTED));
+  else
+    FUZZ_CHECK(message && !error && equal(view(message), sent));
 }
 
 // Resets both sides of one stage, which they may do between any two messages.

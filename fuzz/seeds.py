@@ -115,19 +115,21 @@ def convert():
 
 
 def chunked():
-    for name, script in {"one": [1], "two": [1, 0, 0, 1], "thirty-two": [1, 0, 0, 31],
-                         "too-many": [1, 0, 0, 32], "wrong-total": [1, 0, 0, 2, 0xF1],
-                         "wrong-size": [1, 0, 0, 2, 0, 0xE1]}.items():
-        put_script("chunked", name, script, TEXT)
-    put_script("chunked", "plain", [0, 0, 1], make.stock(TEXT))
-    # Two chunks of "a" and "bc".
-    put_script("chunked", "raw", [0, 0, 1],
-               bytes([0x55, 2, 0x57, 3, 0, 0, 0, 5, 0, 0, 0])
-               + b"\x12a" + make.END + b"\x13bc" + make.END)
+    def payload(name, data, room=len(TEXT)):
+        put("chunked", name, struct.pack("<H", room) + data)
+
+    payload("plain", make.stock(TEXT))
+    for number in 1, 2, 3, 32:
+        payload(f"chunks-{number}", make.chunked(TEXT, number))
+    payload("too-many", make.chunked(TEXT, 33))
+    payload("more-room", make.chunked(TEXT, 2), 200)
+    payload("wrong-total", make.chunked(TEXT, 3, total=len(TEXT) + 1), 200)
+    payload("wrong-size", make.chunked(TEXT, 2, sizes=[7]))
+    payload("wrong-share", make.chunked(TEXT, 2, shares=[20, len(TEXT) - 20]))
     # A plain stream of 68 bytes, and a single chunk of as many.
-    put_script("chunked", "both-ways", [0, 68],
-               bytes([0x55, 1, 0x54, 68, 0, 0, 0, 17 + 57, *range(65, 65 + 57), 40, 13, 0, 33])
-               + make.END)
+    both = bytes([0x55, 1, 0x54, 68, 0, 0, 0, 17 + 57, *range(65, 65 + 57), 40, 13, 0, 33]) + make.END
+    payload("both-ways", both, 68)
+    payload("single-chunk", both, 67)
 
 
 def roundtrip():

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesinputstream.h"
-#include "gvcfixedtexts.h"
 #include "gvcerror.h"
+#include "gvcfixedtexts.h"
+#include "gvcinitialisers.h"
 #include "gvcwire.h"
 
 #include "engine/gvcpollable.h"
@@ -32,6 +33,7 @@
 G_DEFINE_TYPE_WITH_CODE(GvcBytesInputStream, gvc_bytes_input_stream, G_TYPE_FILTER_INPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
+GVC_NO_INITIALISERS(GvcBytesInputStream, gvc_bytes_input_stream)
 
 static void
 set_disconnected(GError **error)
@@ -176,16 +178,6 @@ read_frame(GInputStream *in, GCancellable *cancellable, GError **error)
   if (nread < size)
     buffer = zero_missing(buffer, size, nread, error);
   return buffer ? g_bytes_new_take(g_steal_pointer(&buffer), size) : nullptr;
-}
-
-static void
-gvc_bytes_input_stream_class_init(GvcBytesInputStreamClass *)
-{
-}
-
-static void
-gvc_bytes_input_stream_init(GvcBytesInputStream *)
-{
 }
 
 /**

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcbytesoutputstream.h"
 #include "gvcfixedtexts.h"
+#include "gvcinitialisers.h"
 #include "gvcwire.h"
 
 #include "engine/gvcpollable.h"
@@ -24,6 +25,7 @@
 G_DEFINE_TYPE_WITH_CODE(GvcBytesOutputStream, gvc_bytes_output_stream, G_TYPE_FILTER_OUTPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_OUTPUT_STREAM,
                                               gvc::init_pollable_filter_output))
+GVC_NO_INITIALISERS(GvcBytesOutputStream, gvc_bytes_output_stream)
 
 static guint32
 prefix_of(GBytes *bytes)
@@ -104,16 +106,6 @@ write_frame(GOutputStream *out, GBytes *bytes, GCancellable *cancellable, GError
   }
   return g_output_stream_write_all(out, &prefix, sizeof prefix, nullptr, cancellable, error) &&
          g_output_stream_write_all(out, payload, size, nullptr, cancellable, error);
-}
-
-static void
-gvc_bytes_output_stream_class_init(GvcBytesOutputStreamClass *)
-{
-}
-
-static void
-gvc_bytes_output_stream_init(GvcBytesOutputStream *)
-{
 }
 
 /**

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvccompressor.h"
 #include "gvcconverter.h"
+#include "gvcinitialisers.h"
 #include "gvcwire.h"
 
 #include <platform/ipp/ipp.h>
@@ -33,16 +34,7 @@ static void gvc_compressor_converter_init(GConverterIface *iface);
 
 G_DEFINE_TYPE_WITH_CODE(GvcCompressor, gvc_compressor, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, gvc_compressor_converter_init))
-
-static void
-gvc_compressor_class_init(GvcCompressorClass *)
-{
-}
-
-static void
-gvc_compressor_init(GvcCompressor *)
-{
-}
+GVC_NO_INITIALISERS(GvcCompressor, gvc_compressor)
 
 /**
  * gvc_compressor_new:
@@ -125,13 +117,8 @@ gvc_compressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void *
 }
 
 static void
-gvc_compressor_reset(GConverter *)
-{
-}
-
-static void
 gvc_compressor_converter_init(GConverterIface *iface)
 {
   iface->convert = gvc_compressor_convert;
-  iface->reset = gvc_compressor_reset;
+  iface->reset = [](GConverter *) {};
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdatainputstream.h"
 #include "gvcfixedtexts.h"
+#include "gvcinitialisers.h"
 
 #include "engine/gvcpollable.h"
 #include "engine/gvcreader.h"
@@ -27,6 +28,7 @@
 G_DEFINE_TYPE_WITH_CODE(GvcDataInputStream, gvc_data_input_stream, G_TYPE_FILTER_INPUT_STREAM,
                         G_IMPLEMENT_INTERFACE(G_TYPE_POLLABLE_INPUT_STREAM,
                                               gvc::init_pollable_filter_input))
+GVC_NO_INITIALISERS(GvcDataInputStream, gvc_data_input_stream)
 
 // The stream to look into for the bytes of the next read: the base stream, unless a derived class
 // overrides reading.
@@ -168,16 +170,6 @@ private:
 };
 
 } // namespace
-
-static void
-gvc_data_input_stream_class_init(GvcDataInputStreamClass *)
-{
-}
-
-static void
-gvc_data_input_stream_init(GvcDataInputStream *)
-{
-}
 
 /**
  * gvc_data_input_stream_new:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcdecompressor.h"
 #include "gvcconverter.h"
+#include "gvcinitialisers.h"
 #include "gvcwire.h"
 
 #include <platform/ipp/ipp.h>
@@ -28,16 +29,7 @@ static void gvc_decompressor_converter_init(GConverterIface *iface);
 
 G_DEFINE_TYPE_WITH_CODE(GvcDecompressor, gvc_decompressor, G_TYPE_OBJECT,
                         G_IMPLEMENT_INTERFACE(G_TYPE_CONVERTER, gvc_decompressor_converter_init))
-
-static void
-gvc_decompressor_class_init(GvcDecompressorClass *)
-{
-}
-
-static void
-gvc_decompressor_init(GvcDecompressor *)
-{
-}
+GVC_NO_INITIALISERS(GvcDecompressor, gvc_decompressor)
 
 /**
  * gvc_decompressor_new:
@@ -95,13 +87,8 @@ gvc_decompressor_convert(GConverter *, const void *inbuf, gsize inbuf_size, void
 }
 
 static void
-gvc_decompressor_reset(GConverter *)
-{
-}
-
-static void
 gvc_decompressor_converter_init(GConverterIface *iface)
 {
   iface->convert = gvc_decompressor_convert;
-  iface->reset = gvc_decompressor_reset;
+  iface->reset = [](GConverter *) {};
 }

@@ -5,22 +5,7 @@
 
 // The counterpart of gvcoutputstreamutils.cpp.
 
-namespace
-{
-
-class ReadAll final : public gvc::Reader
-{
-public:
-  void
-  begin(void *buffer, gsize count, int io_priority)
-  {
-    g_task_set_priority(task_, io_priority);
-    expect(buffer, count);
-    start(io_priority);
-  }
-};
-
-} // namespace
+using gvc::Reader;
 
 /**
  * gvc_input_stream_util_read_all_async: (skip)
@@ -48,9 +33,9 @@ gvc_input_stream_util_read_all_async(GInputStream *stream, void *buffer, gsize c
   g_return_if_fail(G_IS_INPUT_STREAM(stream));
   g_return_if_fail(buffer != NULL || count == 0);
 
-  ReadAll::create<ReadAll>(stream, cancellable, callback, user_data,
-                           gvc_input_stream_util_read_all_async)
-      ->begin(buffer, count, io_priority);
+  Reader::create<Reader>(stream, cancellable, callback, user_data,
+                         gvc_input_stream_util_read_all_async)
+      ->read_all(buffer, count, io_priority);
 }
 
 /**
@@ -76,6 +61,6 @@ gvc_input_stream_util_read_all_finish(GInputStream *stream, GAsyncResult *result
   g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
   if (bytes_read)
-    *bytes_read = ReadAll::of<ReadAll>(result)->received();
+    *bytes_read = Reader::of<Reader>(result)->received();
   return g_task_propagate_boolean(G_TASK(result), error);
 }

@@ -5,22 +5,7 @@
 
 // The counterpart of gvcinputstreamutils.cpp.
 
-namespace
-{
-
-class WriteAll final : public gvc::Writer
-{
-public:
-  void
-  begin(const void *buffer, gsize count, int io_priority)
-  {
-    g_task_set_priority(task_, io_priority);
-    offer(buffer, count);
-    start(io_priority);
-  }
-};
-
-} // namespace
+using gvc::Writer;
 
 /**
  * gvc_output_stream_util_write_all_async: (skip)
@@ -50,9 +35,9 @@ gvc_output_stream_util_write_all_async(GOutputStream *stream, const void *buffer
   g_return_if_fail(G_IS_OUTPUT_STREAM(stream));
   g_return_if_fail(buffer != NULL || count == 0);
 
-  WriteAll::create<WriteAll>(stream, cancellable, callback, user_data,
-                             gvc_output_stream_util_write_all_async)
-      ->begin(buffer, count, io_priority);
+  Writer::create<Writer>(stream, cancellable, callback, user_data,
+                         gvc_output_stream_util_write_all_async)
+      ->write_all(buffer, count, io_priority);
 }
 
 /**
@@ -76,6 +61,6 @@ gvc_output_stream_util_write_all_finish(GOutputStream *stream, GAsyncResult *res
   g_return_val_if_fail(g_task_is_valid(result, stream), FALSE);
 
   if (bytes_written)
-    *bytes_written = WriteAll::of<WriteAll>(result)->accepted();
+    *bytes_written = Writer::of<Writer>(result)->accepted();
   return g_task_propagate_boolean(G_TASK(result), error);
 }

@@ -185,7 +185,7 @@ Operation<D>::wait_ready()
     static_cast<Operation *>(self)->starting_ = FALSE;
     static_cast<Operation *>(self)->run(Next::again);
   };
-  if (wait_for_socket(bottom, task_, priority_, {.ready = socket_ready, .data = this}))
+  if (wait_for_socket(bottom, task_, priority_, socket_ready, this))
     return;
   auto ready = [](GObject *, gpointer self) {
     return static_cast<Operation *>(self)->resume(Next::ready);

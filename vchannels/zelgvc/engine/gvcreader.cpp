@@ -14,6 +14,14 @@ using gvc::Next;
 using gvc::Reader;
 
 void
+Reader::read_all(void *to, gsize count, int io_priority)
+{
+  g_task_set_priority(task_, io_priority);
+  expect(to, count);
+  start(io_priority);
+}
+
+void
 Reader::start(int io_priority)
 {
   Operation::start(io_priority, missing_ > 0);

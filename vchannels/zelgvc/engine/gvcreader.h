@@ -11,6 +11,8 @@ namespace gvc
 class Reader : public Operation<Input>
 {
 public:
+  // Reads a single part, at the same priority throughout.
+  void read_all(void *to, gsize count, int io_priority);
   // Bytes of the current part that have arrived.
   gsize
   received() const

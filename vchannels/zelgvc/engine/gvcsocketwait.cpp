@@ -35,8 +35,6 @@ find_socket(gpointer stream)
 
 #ifdef GVC_EPOLL
 
-#include <vchannels/zelgvc/gvcquark.h>
-
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -60,7 +58,8 @@ struct Place {
   gboolean fires;  // the epoll instance reports it
   gboolean waits;
   gboolean fired; // in the queue of the set
-  gvc::SocketWaiter waiter;
+  void (*ready)(gpointer data);
+  gpointer data;
   GCancellable *cancellable; // kept by the waiter
   gulong cancelled_handler;
 };
@@ -149,10 +148,11 @@ stream_is_gone(gpointer data, GObject *)
 static Place *
 place_of(gpointer stream)
 {
-  static std::atomic<GQuark> cache;
-  GQuark quark = gvc::quark(cache, "gvc-socket-wait");
+  static gsize quark;
+  if (g_once_init_enter(&quark))
+    g_once_init_leave(&quark, g_quark_from_static_string("gvc-socket-wait"));
   auto *object = static_cast<GObject *>(stream);
-  auto *place = static_cast<Place *>(g_object_get_qdata(object, quark));
+  auto *place = static_cast<Place *>(g_object_get_qdata(object, static_cast<GQuark>(quark)));
   if (place)
     return place;
   auto *socket = find_socket(stream);
@@ -163,7 +163,7 @@ place_of(gpointer stream)
   place->socket = socket;
   place->fd = g_socket_get_fd(socket);
   place->direction = G_IS_INPUT_STREAM(stream) ? 0 : 1;
-  g_object_set_qdata(object, quark, place);
+  g_object_set_qdata(object, static_cast<GQuark>(quark), place);
   g_object_weak_ref(object, stream_is_gone, place);
   return place;
 }
@@ -362,23 +362,20 @@ set_check(GSource *source)
 static gboolean
 call_next(Set *set)
 {
-  gvc::SocketWaiter waiter;
-  GCancellable *cancellable;
-  gulong handler;
+  Place next;
   {
     Lock lock;
     auto *place = static_cast<Place *>(g_queue_pop_head(&set->fired));
     if (!place)
       return FALSE;
-    waiter = place->waiter;
-    cancellable = std::exchange(place->cancellable, nullptr);
-    handler = place->cancelled_handler;
+    next = *place;
+    place->cancellable = nullptr;
     place->fired = place->waits = FALSE;
     set->waiting--;
   }
-  if (cancellable)
-    g_signal_handler_disconnect(cancellable, handler);
-  waiter.ready(waiter.data);
+  if (next.cancellable)
+    g_signal_handler_disconnect(next.cancellable, next.cancelled_handler);
+  next.ready(next.data);
   return TRUE;
 }
 
@@ -506,7 +503,8 @@ join(Place *place, GMainContext *context, int priority)
 // serves one waiter. From here on the waiter may be called, in another thread, before this function
 // has returned.
 gboolean
-gvc::wait_for_socket(gpointer stream, GTask *task, int priority, const SocketWaiter &waiter)
+gvc::wait_for_socket(gpointer stream, GTask *task, int priority, void (*ready)(gpointer data),
+                     gpointer data)
 {
   auto *context = g_task_get_context(task);
   auto *place = place_of(stream);
@@ -516,7 +514,8 @@ gvc::wait_for_socket(gpointer stream, GTask *task, int priority, const SocketWai
       g_socket_is_closed(place->socket) || !join(place, context, priority))
     return FALSE;
   watch(place, g_task_get_cancellable(task));
-  place->waiter = waiter;
+  place->ready = ready;
+  place->data = data;
   place->waits = TRUE;
   place->set->waiting++;
   place->set->used = TRUE;
@@ -536,7 +535,7 @@ gvc::plain_socket(gpointer stream)
 }
 
 gboolean
-gvc::wait_for_socket(gpointer, GTask *, int, const SocketWaiter &)
+gvc::wait_for_socket(gpointer, GTask *, int, void (*)(gpointer), gpointer)
 {
   return FALSE;
 }

@@ -10,6 +10,14 @@ using gvc::Next;
 using gvc::Writer;
 
 void
+Writer::write_all(const void *from, gsize count, int io_priority)
+{
+  g_task_set_priority(task_, io_priority);
+  offer(from, count);
+  start(io_priority);
+}
+
+void
 Writer::start(int io_priority)
 {
   Operation::start(io_priority, n_vectors_ > 0);

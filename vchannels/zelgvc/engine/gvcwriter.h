@@ -12,6 +12,8 @@ namespace gvc
 class Writer : public Operation<Output>
 {
 public:
+  // Writes a single vector, at the same priority throughout.
+  void write_all(const void *from, gsize count, int io_priority);
   // Bytes that the stream has accepted.
   gsize
   accepted() const
