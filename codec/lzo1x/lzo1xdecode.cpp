@@ -475,6 +475,7 @@ private:
     read = from + length;
     literals = runMin;
     runs++;
+    countLoneRun();
     return true;
   }
 
@@ -579,7 +580,8 @@ decode(Input in, Output out) noexcept
   bool done = false;
   Status status = openingRun(at);
   while (status == Status::ok && !done) {
-    if (at.room() > smallBlock)
+    // The hint leaves the registers to small blocks. Large ones hardly need them here.
+    if (at.room() > smallBlock) [[unlikely]]
       decodeStretches(at);
     decodeFast<vectorSize, false>(at, at.room());
     do
