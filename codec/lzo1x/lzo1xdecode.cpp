@@ -459,15 +459,18 @@ private:
   {
     const std::uint8_t *from = read + 1;
     std::size_t length = t + runBias;
-    if (t != 0) {
-      if (static_cast<std::size_t>(readEnd - from) < runShortMax)
-        return false;
+    if (t != 0 && static_cast<std::size_t>(readEnd - from) >= runShortMax) {
       copyFixed<vectorSize>(begin + at, from);
       copyFixed<runShortMax - vectorSize>(begin + at + vectorSize, from + vectorSize);
     } else {
-      length = runShortMax;
-      if (readLengthBytes(from, readEnd, last - at, length) != Status::ok || length > last - at ||
-          length > static_cast<std::size_t>(readEnd - from))
+      // The copy is exact, so it may end at the very ends of input and output.
+      const std::size_t room = last - at + writeSlack;
+      if (t == 0) {
+        length = runShortMax;
+        if (readLengthBytes(from, readEnd, room, length) != Status::ok)
+          return false;
+      }
+      if (length > room || length > static_cast<std::size_t>(readEnd - from))
         return false;
       copyRun(begin + at, from, length);
     }
