@@ -117,12 +117,15 @@ public:
     second = choose(distance < 8, first, before);
   }
 
-  // Writes up to 15 bytes more than `length`.
+  // Writes up to 15 bytes more than `length`, which is not 0.
   [[gnu::always_inline]] void
   repeat(std::uint8_t *to, std::size_t length) const noexcept
   {
-    for (std::uint8_t *const end = to + length; to < end; to += it.period)
+    std::uint8_t *const end = to + length;
+    do {
       once(to);
+      to += it.period;
+    } while (to < end);
   }
 
   // Writes at least `span` bytes and at most twice as many.
@@ -265,18 +268,53 @@ step(Position &at, bool &done) noexcept
   return copyLiterals(at, literals);
 }
 
+// What the fast path needs of the matches from farMark on, by their first byte T. Fields 8 bytes
+// apart are addressed without arithmetic.
+struct Matches {
+  struct Bits {
+    std::uint32_t factor; // moves the distance bits of an instruction to distanceShift
+    std::uint32_t mask;
+  };
+  struct Bounds {
+    std::uint32_t distanceBase;
+    std::uint32_t nearest; // a match at a smaller distance overlaps, or is the end marker
+  };
+  static constexpr unsigned distanceShift = 18;
+
+  std::array<Bits, 256> bits;
+  std::array<Bounds, 256> bounds;
+  std::array<std::uint64_t, 256> lengthAndFlag;
+};
+
+constexpr Matches matches = [] {
+  Matches table{};
+  for (unsigned t = farMark; t < 256; t++) {
+    const Instruction &it = instructions[afterMatch][t];
+    table.bits[t] = {.factor = 1U << (Matches::distanceShift - it.distanceShift),
+                     .mask = it.distanceMask};
+    table.bounds[t].distanceBase = it.distanceBase;
+    table.bounds[t].nearest = it.distanceBase == middleMaxDistance
+                                  ? middleMaxDistance + 1
+                                  : std::min<std::uint32_t>(it.lengthAndFlag, vectorSize);
+    table.lengthAndFlag[t] = it.lengthAndFlag;
+  }
+  return table;
+}();
+
 // Decodes while input and output have the slack that its copies need. Stops between two
 // instructions: near the ends, at the end marker, and at possibly invalid ones. Copies a match of
-// up to `span` bytes as `span` bytes.
-template <std::size_t span> class FastDecoder
+// up to `span` bytes as `span` bytes. With `joinsRuns`, decodes a short run together with the match
+// before it, as a branch to frequent runs is often mispredicted.
+template <std::size_t span, bool joinsRuns> class FastDecoder
 {
 public:
-  explicit FastDecoder(const Position &at) noexcept
-      : read(at.read), readEnd(at.readEnd), readLast(at.readEnd - readSlack), written(at.written),
-        begin(at.begin), writtenLast(at.writtenEnd - writeSlack),
-        literals(at.context == afterMatch         ? 0
-                 : at.context == afterFewLiterals ? 1
-                                                  : runMin)
+  // Starts the last instruction within `stretch` bytes of output from here.
+  FastDecoder(const Position &from, std::size_t stretch) noexcept
+      : read(from.read), readEnd(from.readEnd), readLast(from.readEnd - readSlack),
+        begin(from.begin), at(from.produced()), last(at + from.room() - writeSlack),
+        stop(std::min(last, at + stretch)), literals(from.context == afterMatch         ? 0
+                                                     : from.context == afterFewLiterals ? 1
+                                                                                        : runMin)
   {
   }
 
@@ -286,140 +324,196 @@ public:
     return at.readLeft() >= readSlack && at.room() >= writeSlack;
   }
 
-  [[gnu::always_inline]] void
-  decode(Position &at) noexcept
+  // Returns the number of runs.
+  [[gnu::always_inline]] std::size_t
+  decode(Position &to) noexcept
   {
-    while (read <= readLast && written <= writtenLast) {
-      const unsigned t = *read;
-      if (!(t < farMark ? runOrRareMatch(t) : match(t)))
-        break;
-    }
-    at.read = read;
-    at.written = written;
-    at.context = context();
+    do
+      while (inBounds() && commonInstruction())
+        ;
+    while (inBounds() && anyMatch());
+    to.read = read;
+    to.written = begin + at;
+    to.context = context();
+    return runs;
   }
 
-  // The most bytes read from readLast on: a match of three bytes, and 4 bytes for its literals.
-  static constexpr std::size_t readSlack = 3 + 4;
-  // The most bytes written from writtenLast on: a match of up to `span` bytes, or twice as many if
-  // it overlaps, and 4 bytes for its literals. A run without length bytes and the excess of a long
-  // match need less. The small span copies overlapping matches exactly, to get nearer to the end.
+  // The most bytes read from readLast on: a match of three bytes, then 4 bytes for its literals, or
+  // a run with a vector of them.
+  static constexpr std::size_t readSlack = 3 + (joinsRuns ? 1 + vectorSize : 4);
+  // The most bytes written from `last` on: a match of up to `span` bytes, or twice as many if it
+  // overlaps, and 4 bytes for its literals. A run without length bytes, a vector of literals, and
+  // the excess of a long match need less. The small span has no excess for overlapping matches
+  // beyond that, to get nearer to the end.
   static constexpr std::size_t writeSlack = (span == vectorSize ? span : 2 * span) + 4;
   static_assert(writeSlack >= runShortMax && writeSlack >= vectorSize - 1 + 4);
+  static_assert(!joinsRuns || writeSlack >= span + vectorSize);
 
 private:
+  [[gnu::always_inline]] bool
+  inBounds() const noexcept
+  {
+    return __builtin_expect(read <= readLast, 1) && __builtin_expect(at <= stop, 1);
+  }
+
   Context
   context() const noexcept
   {
     return literals == 0 ? afterMatch : literals < runMin ? afterFewLiterals : afterRun;
   }
 
+  // Decodes a run, or a match of up to `span` bytes. False for what anyMatch() decodes or refuses.
   [[gnu::always_inline]] bool
-  runOrRareMatch(unsigned t) noexcept
+  commonInstruction() noexcept
   {
-    if (literals != 0) [[unlikely]]
-      return anyMatch(t, loadLittleEndian<std::uint32_t>(read), instructions[context()][t]);
+    const unsigned t = *read;
+    constexpr double runsAre = span == vectorSize ? 0.5 : 0.05;
+    if (__builtin_expect_with_probability(t < farMark, 1, runsAre))
+      return literals == 0 && run(t);
+    const auto word = loadLittleEndian<std::uint32_t>(read);
+    const std::size_t length = matches.lengthAndFlag[t];
+    if (length > span) [[unlikely]]
+      return span == vectorSize && anyMatch();
+    const std::size_t distance =
+        (word * matches.bits[t].factor >> Matches::distanceShift & matches.bits[t].mask) +
+        matches.bounds[t].distanceBase;
+    if (distance > at) [[unlikely]]
+      return false;
+    std::uint8_t *const to = begin + at;
+    if (distance >= matches.bounds[t].nearest) [[likely]] {
+      for (std::size_t i = 0; i < span; i += vectorSize)
+        copyFixed<vectorSize>(to + i, to - distance + i);
+    } else if (distance >= vectorSize || !repeat(distance, length)) {
+      return false;
+    }
+    at += length;
+    if constexpr (joinsRuns)
+      takeLiteralsOrRun(static_cast<int>(t), word);
+    else
+      takeLiterals(static_cast<int>(t));
+    return true;
+  }
+
+  // Writes a match with a distance below vectorSize. False if the room is too small.
+  [[gnu::always_inline]] bool
+  repeat(std::size_t distance, std::size_t length) noexcept
+  {
+    std::uint8_t *const to = begin + at;
+    if (span > vectorSize && length <= span) {
+      Repeater(to, distance).template repeatFew<span>(to);
+      return true;
+    }
+    if (length > last - at)
+      return false;
+    Repeater(to, distance).repeat(to, length);
+    return true;
+  }
+
+  // The next instruction waits for the number of literals after this one. So these two functions
+  // compute it without branches: hidden values leave the compiler no reason for one. x86 selects
+  // by a comparison of signed values in one step, by one of unsigned values in two.
+  [[gnu::always_inline]] void
+  takeLiterals(int t) noexcept
+  {
+    const std::uint8_t *three = read + 3 + (read[1] & matchLiteralsMax);
+    const std::uint8_t *two = read + 2 + (t & matchLiteralsMax);
+    asm("" : "+r"(three), "+r"(two), "+r"(t));
+    const bool threeBytes = t < static_cast<int>(nearMark);
+    const std::uint8_t *const from = read + 2 + threeBytes;
+    read = threeBytes ? three : two;
+    literals = static_cast<std::size_t>(read - from);
+    copyFixed<4>(begin + at, from);
+    at += literals;
+  }
+
+  [[gnu::always_inline]] void
+  takeLiteralsOrRun(int t, std::uint32_t word) noexcept
+  {
+    // The byte behind the instruction in the low bits, the number of literals in bits 16 and 17.
+    std::uint32_t three = std::rotl(word, 8);
+    std::uint32_t two = std::rotl(word, 16);
+    asm("" : "+r"(three), "+r"(two), "+r"(t));
+    const bool threeBytes = t < static_cast<int>(nearMark);
+    const std::uint32_t next = threeBytes ? three : two;
+    const std::uint8_t *from = read + 2 + threeBytes;
+    int key = next & (matchLiteralsMax << 16 | 0xff); // of a run: its T
+    if (key == 0) [[unlikely]] {                      // a run with length bytes
+      literals = 0;
+      read = from;
+      return;
+    }
+    const std::uint8_t *behindFew = from + (next >> 16 & matchLiteralsMax);
+    const std::uint8_t *behindRun = from + 1 + runBias + key;
+    asm("" : "+r"(behindFew), "+r"(behindRun), "+r"(key));
+    const bool isRun = key <= static_cast<int>(vectorSize - runBias);
+    from += isRun;
+    runs += isRun;
+    read = isRun ? behindRun : behindFew;
+    literals = static_cast<std::size_t>(read - from);
+    copyFixed<vectorSize>(begin + at, from);
+    at += literals;
+  }
+
+  [[gnu::always_inline]] bool
+  run(unsigned t) noexcept
+  {
     const std::uint8_t *from = read + 1;
     std::size_t length = t + runBias;
-    if (t != 0) {
-      if (static_cast<std::size_t>(readEnd - from) < runShortMax)
-        return false;
-      copyFixed<vectorSize>(written, from);
-      copyFixed<runShortMax - vectorSize>(written + vectorSize, from + vectorSize);
+    if (t != 0 && static_cast<std::size_t>(readEnd - from) >= runShortMax) {
+      copyFixed<vectorSize>(begin + at, from);
+      copyFixed<runShortMax - vectorSize>(begin + at + vectorSize, from + vectorSize);
     } else {
-      length = runShortMax;
-      if (readLengthBytes(from, readEnd, roomToLast(), length) != Status::ok ||
-          length > roomToLast() || length > static_cast<std::size_t>(readEnd - from))
+      // The copy is exact, so it may end at the very ends of input and output.
+      const std::size_t room = last - at + writeSlack;
+      if (t == 0) {
+        length = runShortMax;
+        if (readLengthBytes(from, readEnd, room, length) != Status::ok)
+          return false;
+      }
+      if (length > room || length > static_cast<std::size_t>(readEnd - from))
         return false;
-      copyRun(written, from, length);
+      copyRun(begin + at, from, length);
     }
-    written += length;
+    at += length;
     read = from + length;
     literals = runMin;
-    return true;
-  }
-
-  // Decodes a match of up to `span` bytes. Computes the size of the instruction and the number of
-  // literals without a branch, as the next instruction waits for them.
-  [[gnu::always_inline]] bool
-  match(unsigned t) noexcept
-  {
-    const auto word = loadLittleEndian<std::uint32_t>(read);
-    const Instruction &instruction = instructions[afterMatch][t];
-    const std::size_t length = instruction.lengthAndFlag;
-    const std::size_t distance = instruction.distance(word);
-    if (length > span) [[unlikely]]
-      return anyMatch(t, word, instruction);
-    if (distance < std::min(length, vectorSize)) [[unlikely]]
-      return span == vectorSize ? anyMatch(t, word, instruction)
-                                : overlappingMatch(t, word, length, distance);
-    if (!isPlain(distance)) [[unlikely]]
-      return false;
-    const std::uint8_t *const from = written - distance;
-    copyFixed<vectorSize>(written, from);
-    if constexpr (span > vectorSize) {
-      // Loads unused bytes from elsewhere: a load of just-written output would stall on store
-      // forwarding.
-      const auto *const spare = reinterpret_cast<const std::uint8_t *>(&instructions);
-      copyFixed<vectorSize>(written + vectorSize,
-                            choose(length > vectorSize, from + vectorSize, spare));
-    }
-    written += length;
-    const bool threeBytes = t < nearMark;
-    const std::uint8_t *const literalsFrom = read + 2 + threeBytes;
-    const std::uint8_t *const next = choose(threeBytes, read + 3 + (read[1] & matchLiteralsMax),
-                                            read + 2 + (t & matchLiteralsMax));
-    copyFixed<4>(written, literalsFrom);
-    literals = static_cast<std::size_t>(next - literalsFrom);
-    written += literals;
-    read = next;
-    return true;
-  }
-
-  // Decodes a match of up to `span` bytes that overlaps its output.
-  [[gnu::always_inline]] bool
-  overlappingMatch(unsigned t, std::uint32_t word, std::size_t length,
-                   std::size_t distance) noexcept
-  {
-    if (!isPlain(distance))
-      return false;
-    Repeater(written, distance).repeatFew<span>(written);
-    const bool threeBytes = t < nearMark;
-    const std::uint8_t *const next = read + 2 + threeBytes;
-    written += length;
-    literals = choose(threeBytes, word >> 8, t) & matchLiteralsMax;
-    copyFixed<4>(written, next);
-    written += literals;
-    read = next + literals;
+    runs++;
+    countLoneRun();
     return true;
   }
 
   // Decodes any match that leaves enough room.
   [[gnu::always_inline]] bool
-  anyMatch(unsigned t, std::uint32_t word, const Instruction &instruction) noexcept
+  anyMatch() noexcept
   {
+    const unsigned t = *read;
+    const Instruction &instruction = instructions[t < farMark ? context() : afterMatch][t];
+    if (instruction.isRun())
+      return false;
+    auto word = loadLittleEndian<std::uint32_t>(read);
     const std::uint8_t *next = read + instruction.size;
     std::size_t length = instruction.length();
     if (instruction.hasLengthBytes()) {
       next = read + 1;
       // Up to readLast, so that the distance bytes and the literals behind are readable.
-      if (readLengthBytes(next, readLast, roomToLast(), length) != Status::ok)
+      if (readLengthBytes(next, readLast, last - at, length) != Status::ok)
         return false;
       word =
           t | static_cast<std::uint32_t>(next[0]) << 8 | static_cast<std::uint32_t>(next[1]) << 16;
       next += 2;
     }
     const std::size_t distance = instruction.distance(word);
-    if (length > roomToLast() || !isPlain(distance))
+    // The middle form rarely has the distance of the end marker.
+    if (length > last - at || distance > at || distance == middleMaxDistance)
       return false;
-    if (distance < vectorSize)
-      Repeater(written, distance).repeat(written, length);
+    if (distance >= vectorSize)
+      copyLong(begin + at, begin + at - distance, length);
     else
-      copyLong(written, written - distance, length);
-    written += length;
+      repeat(distance, length);
+    at += length;
     literals = (instruction.size == 2 ? t : word >> 8) & matchLiteralsMax;
-    copyFixed<4>(written, next);
-    written += literals;
+    copyFixed<4>(begin + at, next);
+    at += literals;
     read = next + literals;
     return true;
   }
@@ -435,38 +529,44 @@ private:
       copyOver(to + atOnce, from + atOnce, length - atOnce);
   }
 
-  // False beyond the output, and for the distance of the end marker. The middle form rarely has it.
-  [[gnu::always_inline]] bool
-  isPlain(std::size_t distance) const noexcept
-  {
-    return distance <= static_cast<std::size_t>(written - begin) && distance != middleMaxDistance;
-  }
-
-  [[gnu::always_inline]] std::size_t
-  roomToLast() const noexcept
-  {
-    return static_cast<std::size_t>(writtenLast - written);
-  }
-
   const std::uint8_t *read;
   const std::uint8_t *const readEnd;
   const std::uint8_t *const readLast;
-  std::uint8_t *written;
   std::uint8_t *const begin;
-  std::uint8_t *const writtenLast;
-  std::size_t literals; // since the last match, or runMin for a run
+  std::size_t at; // the end of the output, counted from `begin` like `last` and `stop`
+  const std::size_t last;
+  const std::size_t stop;
+  std::size_t literals; // since the last match, or at least runMin for a run
+  std::size_t runs = 0;
 };
 
-// Up to so much room the small span alone is faster: it gets nearer to the end, and the first
-// matches of a block are short.
-constexpr std::size_t smallBlock = 900;
+// Up to so much room the small span alone is faster, as it gets nearer to the end.
+constexpr std::size_t smallBlock = 400;
 
-template <std::size_t span>
-inline void
-decodeFast(Position &at) noexcept
+// A stretch with so many runs makes the next one join them.
+constexpr std::size_t stretch = 2048;
+constexpr std::size_t manyRuns = 16;
+
+// Returns the number of runs.
+template <std::size_t span, bool joinsRuns>
+inline std::size_t
+decodeFast(Position &at, std::size_t most) noexcept
 {
-  if (FastDecoder<span>::hasRoom(at))
-    FastDecoder<span>(at).decode(at);
+  if (!FastDecoder<span, joinsRuns>::hasRoom(at))
+    return 0;
+  return FastDecoder<span, joinsRuns>(at, most).decode(at);
+}
+
+inline void
+decodeStretches(Position &at) noexcept
+{
+  std::size_t runs = manyRuns;
+  std::size_t before;
+  do {
+    before = at.produced();
+    runs = runs >= manyRuns ? decodeFast<2 * vectorSize, true>(at, stretch)
+                            : decodeFast<2 * vectorSize, false>(at, stretch);
+  } while (at.produced() - before > stretch);
 }
 
 } // namespace
@@ -483,12 +583,13 @@ decode(Input in, Output out) noexcept
   bool done = false;
   Status status = openingRun(at);
   while (status == Status::ok && !done) {
-    if (at.room() > smallBlock)
-      decodeFast<2 * vectorSize>(at);
-    decodeFast<vectorSize>(at);
+    // The hint leaves the registers to small blocks. Large ones hardly need them here.
+    if (at.room() > smallBlock) [[unlikely]]
+      decodeStretches(at);
+    decodeFast<vectorSize, false>(at, at.room());
     do
       status = step(at, done);
-    while (status == Status::ok && !done && at.room() < FastDecoder<vectorSize>::writeSlack);
+    while (status == Status::ok && !done && at.room() < FastDecoder<vectorSize, false>::writeSlack);
   }
   if (status != Status::ok)
     return {status, 0};

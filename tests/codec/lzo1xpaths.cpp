@@ -39,6 +39,41 @@ testDecoder()
     }
 }
 
+// Words from a list, each behind `literals` new bytes.
+Bytes
+words(Random &random, std::size_t size, std::size_t literals)
+{
+  const Bytes list = noise(random, 4000);
+  Bytes bytes = list;
+  while (bytes.size() < size) {
+    const Bytes fresh = noise(random, literals);
+    bytes.insert(bytes.end(), fresh.begin(), fresh.end());
+    const auto word = list.begin() + static_cast<std::ptrdiff_t>(below(random, 3900));
+    bytes.insert(bytes.end(), word, word + 12);
+  }
+  return bytes;
+}
+
+// Frequent short runs are decoded with the match before them, long ones by themselves.
+void
+testRuns()
+{
+  Random random(3);
+  for (const std::size_t literals : {6, 20}) {
+    const Bytes content = words(random, 200000, literals);
+    const Bytes stream = encoded(content);
+    Bytes out(content.size());
+    lzo1x::loneRuns = 0;
+    g_assert_true(lzo1x::decode(stream, out).status == lzo1x::Status::ok);
+    g_assert_true(out == content);
+    const std::size_t some = content.size() / (literals + 12) / 5;
+    if (literals == 6)
+      g_assert_cmpuint(lzo1x::loneRuns, <, some);
+    else
+      g_assert_cmpuint(lzo1x::loneRuns, >, some);
+  }
+}
+
 // Short sequences are written without care, but for the first one and those near the end.
 void
 testEncoder()
@@ -59,6 +94,7 @@ main(int argc, char **argv)
 {
   g_test_init(&argc, &argv, nullptr);
   g_test_add_func("/lzo1x/paths/decoder", testDecoder);
+  g_test_add_func("/lzo1x/paths/runs", testRuns);
   g_test_add_func("/lzo1x/paths/encoder", testEncoder);
   return g_test_run();
 }
