@@ -367,8 +367,8 @@ private:
   commonInstruction() noexcept
   {
     const unsigned t = *read;
-    constexpr double runsAre = span == vectorSize ? 0.5 : 0.05;
-    if (__builtin_expect_with_probability(t < farMark, 1, runsAre))
+    // Small blocks have many runs.
+    if (span == vectorSize ? t < farMark : __builtin_expect(t < farMark, 0))
       return literals == 0 && run(t);
     const auto word = loadLittleEndian<std::uint32_t>(read);
     const std::size_t length = matches.lengthAndFlag[t];
@@ -416,7 +416,7 @@ private:
   takeLiterals(int t) noexcept
   {
     const std::uint8_t *three = read + 3 + (read[1] & matchLiteralsMax);
-    const std::uint8_t *two = read + 2 + (t & matchLiteralsMax);
+    const std::uint8_t *two = read + 2 + (static_cast<unsigned>(t) & matchLiteralsMax);
     asm("" : "+r"(three), "+r"(two), "+r"(t));
     const bool threeBytes = t < static_cast<int>(nearMark);
     const std::uint8_t *const from = read + 2 + threeBytes;
@@ -436,8 +436,8 @@ private:
     const bool threeBytes = t < static_cast<int>(nearMark);
     const std::uint32_t next = threeBytes ? three : two;
     const std::uint8_t *from = read + 2 + threeBytes;
-    int key = next & (matchLiteralsMax << 16 | 0xff); // of a run: its T
-    if (key == 0) [[unlikely]] {                      // a run with length bytes
+    int key = static_cast<int>(next & (matchLiteralsMax << 16 | 0xff)); // of a run: its T
+    if (key == 0) [[unlikely]] {                                        // a run with length bytes
       literals = 0;
       read = from;
       return;
