@@ -4,6 +4,7 @@
 #include "channel.h"
 
 #include <glib-unix.h>
+#include <glib/gstdio.h>
 #include <locale.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -71,6 +72,9 @@ session_free(Session *session)
 {
   Server *server = session->server;
 
+  /* A file that has not been closed is not complete. */
+  if (session->file != NULL)
+    g_unlink(session->path);
   g_clear_object(&session->file);
   g_object_unref(session->cancellable);
   channel_free(session->channel);

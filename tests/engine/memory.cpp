@@ -274,6 +274,26 @@ test_slow_reader(const SlowCase &one)
   g_assert_cmpuint(last, <=, first + 64 * 1024);
 }
 
+/* ---- A large message that has been read ---- */
+
+void
+test_given_back()
+{
+  if (skip_unknown_heap())
+    return;
+  const std::string large = pattern(4 * 1024 * 1024, 13);
+  Rig rig(Flavour::pollable, most_stages);
+  rig.faults().wire = through_stages(most_stages, {frame(large).substr(0, 4), large});
+  const gsize before = heap_in_use();
+  Error error;
+  for (gsize size : {gsize{4}, large.size()}) {
+    std::string bytes(size, '\0');
+    g_assert_true(
+        g_input_stream_read_all(rig.in(), bytes.data(), bytes.size(), nullptr, nullptr, &error));
+  }
+  g_assert_cmpuint(heap_in_use(), <=, before + 512 * 1024);
+}
+
 template <typename Case, void (*test)(const Case &)>
 void
 add(const std::string &path, const Case &one)
@@ -299,6 +319,7 @@ main(int argc, char **argv)
       add<MemoryCase, test_allocation>(path + "cut-short", {operation, 0, true});
   }
   g_test_add_func("/memory/measurement", test_measurement);
+  g_test_add_func("/memory/large-message-is-given-back", test_given_back);
   const SlowCase slow[] = {{"blocking", &Sender::attempt_blocking, 0, attempts / 10},
                            {"async", &Sender::attempt_async, 0, attempts},
                            {"many-at-once", &Sender::attempt_many, 0, attempts / 10},
