@@ -21,8 +21,9 @@ typedef struct {
 typedef struct {
   Channel *channel;
   GCancellable *cancellable;
-  GMainContext *clock; /* of the thread that watches the deadlines */
-  int over;            /* ends this thread */
+  GMainContext *clock; /* of the thread that watches the deadline */
+  GSource *deadline;
+  int over; /* ends this thread */
   guint timeout;
   guint messages;      /* of each kind */
   guint64 frames;      /* sent and received */
@@ -32,8 +33,8 @@ typedef struct {
   gint64 file_time;    /* likewise, without the time for checksums */
 } Call;
 
-/* Deadlines. A blocking call ends early only if another thread cancels it. The timeout of a socket
- * is no deadline: it starts again with each byte. */
+/* The deadline. A blocking call ends early only if another thread cancels it. The timeout of a
+ * socket is no deadline: it starts again with each byte. */
 
 static gpointer
 run_clock(gpointer data)
@@ -52,25 +53,19 @@ on_late(gpointer cancellable)
   return G_SOURCE_REMOVE;
 }
 
-/* The deadline of the blocking calls until the end of the block. */
-typedef GSource Deadline;
+/* Sets the deadline of the next blocking call. */
+static GCancellable *
+limited(Call *call)
+{
+  g_source_set_ready_time(call->deadline,
+                          g_get_monotonic_time() + (gint64)call->timeout * G_USEC_PER_SEC);
+  return call->cancellable;
+}
 
 static void
-deadline_free(Deadline *deadline)
+remove_deadline(Call *call)
 {
-  g_source_destroy(deadline);
-  g_source_unref(deadline);
-}
-G_DEFINE_AUTOPTR_CLEANUP_FUNC(Deadline, deadline_free)
-
-static Deadline *
-begin(Call *call)
-{
-  Deadline *deadline = g_timeout_source_new_seconds(call->timeout);
-
-  g_source_set_callback(deadline, on_late, call->cancellable, NULL);
-  g_source_attach(deadline, call->clock);
-  return deadline;
+  g_source_set_ready_time(call->deadline, -1);
 }
 
 /* Messages. */
@@ -78,9 +73,8 @@ begin(Call *call)
 static gboolean
 put_bytes(Call *call, GBytes *bytes, GError **error)
 {
-  g_autoptr(Deadline) deadline = begin(call);
   gboolean done =
-      gvc_bytes_output_stream_put_bytes(call->channel->frames_out, bytes, call->cancellable, error);
+      gvc_bytes_output_stream_put_bytes(call->channel->frames_out, bytes, limited(call), error);
 
   call->frames++;
   call->payload += g_bytes_get_size(bytes);
@@ -90,9 +84,7 @@ put_bytes(Call *call, GBytes *bytes, GError **error)
 static GBytes *
 read_bytes(Call *call, GError **error)
 {
-  g_autoptr(Deadline) deadline = begin(call);
-  GBytes *bytes =
-      gvc_bytes_input_stream_read_bytes(call->channel->frames_in, call->cancellable, error);
+  GBytes *bytes = gvc_bytes_input_stream_read_bytes(call->channel->frames_in, limited(call), error);
 
   if (bytes == NULL)
     return NULL;
@@ -105,9 +97,8 @@ static gboolean
 put_variant(Call *call, GVariant *variant, GError **error)
 {
   g_autoptr(GVariant) sunk = g_variant_ref_sink(variant);
-  g_autoptr(Deadline) deadline = begin(call);
-  gboolean done = gvc_bytes_output_stream_put_variant(call->channel->frames_out, sunk,
-                                                      call->cancellable, error);
+  gboolean done =
+      gvc_bytes_output_stream_put_variant(call->channel->frames_out, sunk, limited(call), error);
 
   call->frames++;
   call->payload += g_variant_get_size(sunk);
@@ -117,9 +108,8 @@ put_variant(Call *call, GVariant *variant, GError **error)
 static GVariant *
 read_variant(Call *call, const char *format, GError **error)
 {
-  g_autoptr(Deadline) deadline = begin(call);
-  GVariant *variant = gvc_bytes_input_stream_read_variant(call->channel->frames_in, format,
-                                                          call->cancellable, error);
+  GVariant *variant =
+      gvc_bytes_input_stream_read_variant(call->channel->frames_in, format, limited(call), error);
 
   if (variant == NULL)
     return NULL;
@@ -132,9 +122,8 @@ static gboolean
 put_string(Call *call, const char *string, GError **error)
 {
   g_autofree char *line = g_strdup_printf("%s%c", string, STRING_END);
-  g_autoptr(Deadline) deadline = begin(call);
   gboolean done = g_output_stream_write_all(G_OUTPUT_STREAM(call->channel->frames_out), line,
-                                            strlen(line), NULL, call->cancellable, error);
+                                            strlen(line), NULL, limited(call), error);
 
   call->strings++;
   call->payload += strlen(string);
@@ -145,10 +134,9 @@ put_string(Call *call, const char *string, GError **error)
 static char *
 read_string(Call *call, GError **error)
 {
-  g_autoptr(Deadline) deadline = begin(call);
   gsize length;
   char *string = gvc_data_input_stream_read_string(call->channel->strings_in, STRING_END, &length,
-                                                   call->cancellable, error);
+                                                   limited(call), error);
 
   if (string == NULL)
     return NULL;
@@ -308,6 +296,7 @@ send_file(Call *call, const char *path, gsize chunk, GError **error)
     return FALSE;
   bytes = g_mapped_file_get_bytes(file);
   size = g_bytes_get_size(bytes);
+  remove_deadline(call); /* hashing takes as long as it takes */
   checksum = g_compute_checksum_for_bytes(G_CHECKSUM_SHA256, bytes);
 
   start = g_get_monotonic_time();
@@ -368,21 +357,18 @@ run(Call *call, const Options *options, GError **error)
 static gboolean
 close_call(Call *call, GError **error)
 {
-  g_autoptr(Deadline) deadline = begin(call);
-
-  return channel_close(call->channel, call->cancellable, error);
+  return channel_close(call->channel, limited(call), error);
 }
 
 static GSocketConnection *
 connect_to_server(Call *call, const Options *options, GError **error)
 {
   g_autoptr(GSocketClient) client = g_socket_client_new();
-  g_autoptr(Deadline) deadline = begin(call);
 
   /* Proxies are for the internet; this server is near. */
   g_socket_client_set_enable_proxy(client, FALSE);
   return g_socket_client_connect_to_host(client, options->address, (guint16)options->port,
-                                         call->cancellable, error);
+                                         limited(call), error);
 }
 
 static gboolean
@@ -405,15 +391,24 @@ call_server(Call *call, const Options *options, GError **error)
   return done;
 }
 
-/* Runs the call beside the thread that watches its deadlines. */
+/* Runs the call beside the thread that watches its deadline. */
 static gboolean
-call_within_deadlines(const Options *options, GError **error)
+call_within_deadline(const Options *options, GError **error)
 {
   g_autoptr(GMainContext) clock = g_main_context_new();
   g_autoptr(GCancellable) cancellable = g_cancellable_new();
-  Call call = {.cancellable = cancellable, .clock = clock, .timeout = (guint)options->timeout};
-  GThread *thread = g_thread_new("clock", run_clock, &call);
-  gboolean done = call_server(&call, options, error);
+  g_autoptr(GSource) deadline = g_timeout_source_new_seconds((guint)options->timeout);
+  Call call = {.cancellable = cancellable,
+               .clock = clock,
+               .deadline = deadline,
+               .timeout = (guint)options->timeout};
+  GThread *thread;
+  gboolean done;
+
+  g_source_set_callback(deadline, on_late, cancellable, NULL);
+  g_source_attach(deadline, clock);
+  thread = g_thread_new("clock", run_clock, &call);
+  done = call_server(&call, options, error);
 
   if (!done && g_cancellable_is_cancelled(cancellable)) {
     g_clear_error(error);
@@ -481,7 +476,7 @@ main(int argc, char **argv)
   gvc_init();
   if (!parse_arguments(&options, &argc, &argv, &error))
     status = 2;
-  else if (!call_within_deadlines(&options, &error))
+  else if (!call_within_deadline(&options, &error))
     status = EXIT_FAILURE;
   if (error != NULL)
     g_printerr("%s: %s\n", g_get_prgname(), error->message);

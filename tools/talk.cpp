@@ -208,8 +208,8 @@ public:
       std::lock_guard lock(writing);
       work(&Session::send_lines);
     }
-    // If no line was sent, only connect tells the peer of the end before the peer's. With --keep,
-    // an input ends with all peers.
+    // The end follows the lines. If there were none, only connect does not wait for the peer's end.
+    // With --keep, one input is for all peers.
     bool sends_first = input.at_end && input.number > 0 && !options.keep && !options.exec;
     if (!sends_first && !options.tell_end)
       taker.join();
@@ -283,7 +283,6 @@ private:
     auto *meter = link.meter.get();
     auto before = meter->total;
     g_autoptr(GError) error = nullptr;
-    std::optional<std::string> message;
 
     if (strings) {
       gsize length = 0;
@@ -346,16 +345,16 @@ private:
     auto line = options.format.write_line(message, &error);
     if (!line)
       return mishap(link.peer + " sent what is no message here: " + error->message);
-    auto output = run_command(*line + "\n");
+    auto answer = run_command(*line + "\n");
     if (over)
       return;
-    if (output.ends_with('\n'))
-      output.pop_back();
-    if (output.size() > options.line_limit())
+    if (answer.ends_with('\n'))
+      answer.pop_back();
+    if (answer.size() > options.line_limit())
       g_set_error(&error, G_IO_ERROR, G_IO_ERROR_MESSAGE_TOO_LARGE,
                   "it has more than %" G_GSIZE_FORMAT " bytes", options.line_limit());
-    else if (auto answer = options.format.read_line(output, &error))
-      return send(*answer, "the answer");
+    else if (auto reply = options.format.read_line(answer, &error))
+      return send(*reply, "the answer");
     mishap(std::string("the command's output cannot be sent: ") + error->message);
   }
 

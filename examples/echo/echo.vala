@@ -186,7 +186,7 @@ int main (string[] args) {
       run_client ((uint16) int.parse (args[2]), use_async);
     return 0;
   } catch (Error error) {
-    report (error);
+    printerr ("echo: %s\n", error.message);
     return 1;
   }
 }
