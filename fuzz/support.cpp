@@ -321,18 +321,13 @@ fuzz::new_connections()
   return {new_connection(fds[0]), new_connection(fds[1])};
 }
 
-Channel::Channel()
+Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : pieces_(pieces)
 {
   int fds[2];
   new_sockets(fds);
   socket = new_connection(fds[0]);
   peer = fds[1];
   connection = own(gvc_connection_new(socket.get()));
-}
-
-Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : Channel()
-{
-  pieces_ = pieces;
   if (split)
     gvc_connection_add_converters(connection.get(), new_splitter(&pieces_).get(),
                                   new_splitter(&pieces_).get());

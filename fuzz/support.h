@@ -99,9 +99,8 @@ std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>> new_connections();
 class Channel
 {
 public:
-  Channel();
   // The first stage is next to the socket. With `split`, a splitter is below it.
-  Channel(std::span<const unsigned> stages, bool split, Script pieces);
+  Channel(std::span<const unsigned> stages = {}, bool split = false, Script pieces = Script());
   ~Channel()
   {
     disconnect_peer();
