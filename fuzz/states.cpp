@@ -86,8 +86,7 @@ private:
         busy(writes) || peer_stages_.size() == 4 ||
         g_io_stream_is_closed(G_IO_STREAM(channel_.connection.get())))
       return;
-    gvc_connection_add_converters(channel_.connection.get(), new_in_stage(kind).get(),
-                                  new_out_stage(kind).get());
+    fuzz::add_stage(channel_.connection.get(), kind);
     peer_stages_.push_back(new_out_stage(kind));
   }
 

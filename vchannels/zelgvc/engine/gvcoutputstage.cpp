@@ -163,7 +163,6 @@ parts(GvcOutputStage *self, GOutputVector vectors[2])
   return self->gathered ? 2 : 1;
 }
 
-// One write to the base stream.
 static gssize
 write_parts(GvcOutputStage *self, GOutputVector *vectors, gsize n_vectors, gboolean blocking,
             GCancellable *cancellable, GError **error)

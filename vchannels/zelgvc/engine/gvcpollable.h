@@ -79,7 +79,6 @@ gboolean gathers(GOutputStream *stream);
 gssize write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
                          Sending sending, GCancellable *cancellable, GError **error);
 
-// Sets G_IO_ERROR_WOULD_BLOCK.
 void set_would_block(GError **error);
 
 // Returns `error`, or a new one if a stream failed without an error.

@@ -4,8 +4,6 @@
 
 #include <vchannels/zelgvc/gvcfixedtexts.h>
 
-// The counterpart of gvcreader.cpp.
-
 using gvc::Next;
 using gvc::Writer;
 
