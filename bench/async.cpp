@@ -71,18 +71,16 @@ raceBlockingStrings(const Report &report, const char *transport, const char *sta
                                    nullptr, &error),
          error, "write");
   };
+  gsize length = 0;
   auto ours = [&] {
     write();
-    gsize length = 0;
-    g_autofree char *text =
-        gvc_data_input_stream_read_string(strings.get(), '\n', &length, nullptr, &error);
-    must(text && length == size, error, "read string");
+    g_free(gvc_data_input_stream_read_string(strings.get(), '\n', &length, nullptr, &error));
+    must(!error && length == size, error, "read string");
   };
   auto theirs = [&] {
     write();
-    gsize length = 0;
-    g_autofree char *text = g_data_input_stream_read_line(lines.get(), &length, nullptr, &error);
-    must(text && length == size - 1, error, "read line");
+    g_free(g_data_input_stream_read_line(lines.get(), &length, nullptr, &error));
+    must(!error && length == size - 1, error, "read line");
   };
   report.race({{"transport", transport},
                {"stages", stages},

@@ -52,16 +52,6 @@ def figures(rows, name):
     return [(row.figures[name], row.label) for row in rows]
 
 
-def mean_of(samples, name):
-    if not samples:
-        return []
-    return [(statistics.geometric_mean(value for value, _ in samples), f"{name}, {len(samples)} rows")]
-
-
-def small(row):
-    return row["size"] <= 1024
-
-
 def large(row):
     return row["size"] >= LARGE
 
@@ -70,7 +60,7 @@ def message_goals(results):
     one_way = results.rows("channels", lambda row: row["size"] <= 4096, mode="one way")
     strings = results.rows("strings", lambda row: row["mode"] != "blocking")
     yield Goal("Blocking frames of 64 B and 1 KiB beside one gathering write by hand", 0.95,
-               ratios(results.rows("blocking", small), "plain", "gathering"), 1)
+               ratios(results.rows("blocking", lambda row: row["size"] <= 1024), "plain", "gathering"), 1)
     for size, name in ((64, "64 B"), (1024, "1 KiB")):
         rows = results.rows("blocking", size=size)
         yield Goal(f"Blocking frames of {name} through both stages beside two plain writes by hand",
@@ -141,9 +131,10 @@ def converter_goals(results):
 
 def means(rows, samples_of):
     """The mean of each half of the corpora."""
-    halves = (mean_of(samples_of([row for row in rows if row["half"] == half]), half)
-              for half in ("tuning", "judging"))
-    return [sample for half in halves for sample in half]
+    halves = {half: samples_of([row for row in rows if row["half"] == half])
+              for half in ("tuning", "judging")}
+    return [(statistics.geometric_mean(value for value, _ in samples), f"{half}, {len(samples)} rows")
+            for half, samples in halves.items() if samples]
 
 
 def codec_goals(results):

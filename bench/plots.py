@@ -37,11 +37,6 @@ def save(figure, path):
     path.write_text(" ".join(text.split()).replace("> <", "><") + "\n")
 
 
-def legend(figure, axes, columns):
-    axes.legend(loc="upper center", bbox_to_anchor=(0.45, -0.2), ncol=columns, handlelength=1.6,
-                columnspacing=1.2)
-
-
 def lines(path, series, x_name, y_name, x_text, y_text=None):
     """`series`: a name and its points (x, y) for each curve. Both axes are logarithmic."""
     figure, axes = pyplot.subplots(figsize=(5.2, 3.6))
@@ -57,7 +52,8 @@ def lines(path, series, x_name, y_name, x_text, y_text=None):
     axes.grid(axis="y", linewidth=0.5, alpha=0.6)
     axes.set_xlabel(x_name)
     axes.set_ylabel(y_name)
-    legend(figure, axes, 3)
+    axes.legend(loc="upper center", bbox_to_anchor=(0.45, -0.2), ncol=3, handlelength=1.6,
+                columnspacing=1.2)
     save(figure, path)
 
 

@@ -18,11 +18,6 @@ constexpr std::size_t stages_most = 4;
 // A larger message could fill the socket while nobody reads.
 constexpr std::size_t blocking_most = 16 * 1024;
 
-struct Stage {
-  unsigned kind;
-  Ref<GConverter> in, out;
-};
-
 class End
 {
 public:
@@ -30,13 +25,9 @@ public:
   End(GSocketConnection *socket, View stages, Script *pieces)
       : connection_(own(gvc_connection_new(socket)))
   {
-    for (auto decision : stages) {
-      const unsigned kind = decision % (stage_kinds + 1);
-      const bool split = kind == stage_kinds;
-      if (kind != 0)
-        add({kind, split ? new_splitter(pieces) : new_in_stage(kind),
-             split ? new_splitter(pieces) : new_out_stage(kind)});
-    }
+    for (auto decision : stages)
+      if (const unsigned kind = decision % (splitter + 1))
+        stages_.push_back(add_stage(connection_.get(), kind, pieces));
     auto *stream = G_IO_STREAM(connection_.get());
     in = own(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(stream)));
     out = own(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(stream)));
@@ -56,13 +47,6 @@ public:
   Ref<GvcBytesOutputStream> out;
 
 private:
-  void
-  add(Stage stage)
-  {
-    gvc_connection_add_converters(connection_.get(), stage.in.get(), stage.out.get());
-    stages_.push_back(std::move(stage));
-  }
-
   Ref<GvcConnection> connection_;
   std::vector<Stage> stages_;
 };

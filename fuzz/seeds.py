@@ -103,7 +103,7 @@ def convert():
     for script, (kind, name) in enumerate(zip(KINDS, ("decompress", "decrypt-256", "decrypt-128"))):
         one = staged(kind, TEXT)
         put_script("convert", name, [script], one)
-        put_script("convert", f"{name}-several", [script + 0x81, 0, 9, 0, 40],
+        put_script("convert", f"{name}-several", [script, 0, 9, 0, 40],
                    staged(kind, TEXT, 7))
         put_script("convert", f"{name}-cut-off", [script, 1, 8, 1, 8], one[:-2])
     put_script("convert", "decompress-run", [0], staged(COMPRESSION, b"a" * 10000))

@@ -44,27 +44,25 @@ public:
   void
   run()
   {
-    static constexpr void (Host::*calls[])() = {
-        &Host::add_stage,
-        &Host::open_reader,
-        &Host::open_writer,
-        &Host::read_async,
-        &Host::read_async,
-        &Host::read_blocking,
-        &Host::write_async,
-        &Host::write_async,
-        &Host::write_blocking,
-        &Host::cancel,
-        &Host::close_something,
-        &Host::drop_something,
-        &Host::iterate,
-        &Host::iterate,
-        &Host::peer_sends_message,
-        &Host::peer_reads,
-        &Host::peer_sends_payload,
-        &Host::peer_goes,
-        &Host::write_by_gio,
-    };
+    static constexpr void (Host::*calls[])() = {&Host::add_stage,
+                                                &Host::open_reader,
+                                                &Host::open_writer,
+                                                &Host::read_async,
+                                                &Host::read_async,
+                                                &Host::read_blocking,
+                                                &Host::write_async,
+                                                &Host::write_async,
+                                                &Host::write_blocking,
+                                                &Host::cancel,
+                                                &Host::close_something,
+                                                &Host::drop_something,
+                                                &Host::iterate,
+                                                &Host::iterate,
+                                                &Host::peer_sends_message,
+                                                &Host::peer_reads,
+                                                &Host::peer_sends_payload,
+                                                &Host::peer_goes,
+                                                &Host::write_by_gio};
     while (!script_.empty())
       (this->*calls[script_.below(G_N_ELEMENTS(calls))])();
     end();
@@ -88,8 +86,7 @@ private:
         busy(writes) || peer_stages_.size() == 4 ||
         g_io_stream_is_closed(G_IO_STREAM(channel_.connection.get())))
       return;
-    gvc_connection_add_converters(channel_.connection.get(), new_in_stage(kind).get(),
-                                  new_out_stage(kind).get());
+    fuzz::add_stage(channel_.connection.get(), kind);
     peer_stages_.push_back(new_out_stage(kind));
   }
 
@@ -215,12 +212,12 @@ private:
   }
 
   // Starts a write, of which `finish` tells whether it succeeded.
-  void
+  Operation &
   start_write(GOutputStream *stream, std::size_t size,
               std::function<bool(GAsyncResult *, GError **)> finish)
   {
     unread_ += size + 2048;
-    start(writes, stream, [this, finish = std::move(finish)](GAsyncResult *result) {
+    return start(writes, stream, [this, finish = std::move(finish)](GAsyncResult *result) {
       g_autoptr(GError) error = nullptr;
       FUZZ_CHECK(finish(result, &error) == !error);
       check_error(error, false);
@@ -238,11 +235,10 @@ private:
     const auto message = pattern(message_size(decision), decision);
     g_autoptr(GBytes) bytes = g_bytes_new(message.data(), message.size());
     const bool variant = decision % 3 == 0;
-    start_write(G_OUTPUT_STREAM(writer), message.size(),
-                [writer, variant](GAsyncResult *result, GError **error) {
-                  return finish_put(writer, result, variant, error);
-                });
-    auto &operation = operations_.back();
+    auto &operation = start_write(G_OUTPUT_STREAM(writer), message.size(),
+                                  [writer, variant](GAsyncResult *result, GError **error) {
+                                    return finish_put(writer, result, variant, error);
+                                  });
     start_put(writer, bytes, variant, decision >> 4, operation.cancellable.get(),
               &operation.waiter);
   }
@@ -278,13 +274,13 @@ private:
                        ? g_io_stream_get_output_stream(G_IO_STREAM(channel_.connection.get()))
                        : G_OUTPUT_STREAM(writer_.get());
     const auto data = pattern(1 + message_size(decision), decision);
-    start_write(stream, data.size(), [stream, data](GAsyncResult *result, GError **error) {
-      gsize written = 0;
-      const bool done = g_output_stream_write_all_finish(stream, result, &written, error);
-      FUZZ_CHECK(done ? written == data.size() : written <= data.size());
-      return done;
-    });
-    auto &operation = operations_.back();
+    auto &operation =
+        start_write(stream, data.size(), [stream, data](GAsyncResult *result, GError **error) {
+          gsize written = 0;
+          const bool done = g_output_stream_write_all_finish(stream, result, &written, error);
+          FUZZ_CHECK(done ? written == data.size() : written <= data.size());
+          return done;
+        });
     g_output_stream_write_all_async(stream, data.data(), data.size(), decision >> 4,
                                     operation.cancellable.get(), Waiter::ready, &operation.waiter);
   }

@@ -223,8 +223,8 @@ fuzz::new_input(Source *source)
   return own(static_cast<GInputStream *>(stream));
 }
 
-Ref<GConverter>
-fuzz::new_splitter(Script *pieces)
+static Ref<GConverter>
+new_splitter(Script *pieces)
 {
   return support::new_converter([pieces](std::string_view in, char *out, gsize room,
                                          GConverterFlags flags, gsize *nread, gsize *nwritten,
@@ -277,6 +277,16 @@ fuzz::new_out_stage(unsigned kind)
   return new_stage(kind, false);
 }
 
+Stage
+fuzz::add_stage(GvcConnection *connection, unsigned kind, Script *pieces)
+{
+  const bool split = kind == splitter;
+  Stage stage{split ? new_splitter(pieces) : new_in_stage(kind),
+              split ? new_splitter(pieces) : new_out_stage(kind)};
+  gvc_connection_add_converters(connection, stage.in.get(), stage.out.get());
+  return stage;
+}
+
 Bytes
 fuzz::convert_all(GConverter *converter, View plain, Script *pieces)
 {
@@ -321,25 +331,18 @@ fuzz::new_connections()
   return {new_connection(fds[0]), new_connection(fds[1])};
 }
 
-Channel::Channel()
+Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : pieces_(pieces)
 {
   int fds[2];
   new_sockets(fds);
   socket = new_connection(fds[0]);
   peer = fds[1];
   connection = own(gvc_connection_new(socket.get()));
-}
-
-Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : Channel()
-{
-  pieces_ = pieces;
   if (split)
-    gvc_connection_add_converters(connection.get(), new_splitter(&pieces_).get(),
-                                  new_splitter(&pieces_).get());
+    add_stage(connection.get(), splitter, &pieces_);
   for (auto kind : stages)
     if (kind != 0)
-      gvc_connection_add_converters(connection.get(), new_in_stage(kind).get(),
-                                    new_out_stage(kind).get());
+      add_stage(connection.get(), kind);
 }
 
 void

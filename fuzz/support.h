@@ -82,13 +82,17 @@ struct Source {
 // `source` must outlive the stream.
 Ref<GInputStream> new_input(Source *source);
 
-// A converter that copies bytes, in pieces of the sizes in `pieces`, which must outlive it.
-Ref<GConverter> new_splitter(Script *pieces);
-
 // Kinds of stages; 0 is no stage.
 inline constexpr unsigned stage_kinds = 4;
 Ref<GConverter> new_in_stage(unsigned kind);
 Ref<GConverter> new_out_stage(unsigned kind);
+
+struct Stage {
+  Ref<GConverter> in, out;
+};
+// A further kind only copies bytes, in pieces of the sizes in `pieces`, which must outlive it.
+inline constexpr unsigned splitter = stage_kinds;
+Stage add_stage(GvcConnection *connection, unsigned kind, Script *pieces = nullptr);
 // Converts all of `plain`, in pieces of the sizes in `pieces`.
 Bytes convert_all(GConverter *converter, View plain, Script *pieces);
 
@@ -99,9 +103,8 @@ std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>> new_connections();
 class Channel
 {
 public:
-  Channel();
   // The first stage is next to the socket. With `split`, a splitter is below it.
-  Channel(std::span<const unsigned> stages, bool split, Script pieces);
+  Channel(std::span<const unsigned> stages = {}, bool split = false, Script pieces = Script());
   ~Channel()
   {
     disconnect_peer();

@@ -261,13 +261,8 @@ gvc_bytes_output_stream_put_bytes_finish(GvcBytesOutputStream *stream, GAsyncRes
  * gvc_bytes_output_stream_put_bytes_async().
  *
  * Warning: a floating @variant is not sunk, so a call with an inline g_variant_new() leaks. Sink
- * the variant yourself; the operation keeps its data alive:
- *
- * |[<!-- language="C" -->
- * g_autoptr(GVariant) v = g_variant_ref_sink(g_variant_new("(su)", name, id));
- *
- * gvc_bytes_output_stream_put_variant_async(stream, v, G_PRIORITY_DEFAULT, NULL, written, NULL);
- * ]|
+ * the variant yourself, as with gvc_bytes_output_stream_put_variant(); the operation keeps its data
+ * alive.
  *
  * Since: 0.1
  */

@@ -3,8 +3,6 @@
 #include "gvcfixedtexts.h"
 #include "engine/gvcreader.h"
 
-// The counterpart of gvcoutputstreamutils.cpp.
-
 using gvc::Reader;
 
 /**

@@ -3,8 +3,6 @@
 #include "gvcfixedtexts.h"
 #include "engine/gvcwriter.h"
 
-// The counterpart of gvcinputstreamutils.cpp.
-
 using gvc::Writer;
 
 /**

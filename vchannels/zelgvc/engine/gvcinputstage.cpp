@@ -91,7 +91,6 @@ fill(GvcInputStage *self, gboolean blocking, GCancellable *cancellable, GError *
   return TRUE;
 }
 
-// One call of the converter, on all that there is.
 static GConverterResult
 convert(GvcInputStage *self, void *to, gsize room, gsize *produced, GError **error)
 {
@@ -222,8 +221,6 @@ static void
 gvc_input_stage_init(GvcInputStage *)
 {
 }
-
-// ---- For the engine ----
 
 GInputStream *
 gvc::input_stage_new(GInputStream *base_stream, GConverter *converter)

@@ -163,7 +163,6 @@ parts(GvcOutputStage *self, GOutputVector vectors[2])
   return self->gathered ? 2 : 1;
 }
 
-// One write to the base stream.
 static gssize
 write_parts(GvcOutputStage *self, GOutputVector *vectors, gsize n_vectors, gboolean blocking,
             GCancellable *cancellable, GError **error)
@@ -179,9 +178,7 @@ write_parts(GvcOutputStage *self, GOutputVector *vectors, gsize n_vectors, gbool
                : -1;
   if (!g_output_stream_set_pending(base, error))
     return -1;
-  gssize result = GVC_IS_OUTPUT_STAGE(base)
-                      ? gvc::write_to_stage(base, vectors, n_vectors, Sending::kept, error)
-                      : gvc::write_nonblocking(base, vectors, n_vectors, nullptr, error);
+  gssize result = gvc::write_nonblocking(base, vectors, n_vectors, Sending::kept, nullptr, error);
   g_output_stream_clear_pending(base);
   return result;
 }

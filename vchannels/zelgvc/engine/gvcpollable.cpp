@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "gvcpollable.h"
-#include "gvcoutputstage.h"
 
 #include <cerrno>
 
@@ -143,9 +142,7 @@ filter_write_nonblocking(GPollableOutputStream *filter, const void *buffer, gsiz
 
   if (!g_output_stream_set_pending(base, error))
     return -1;
-  gssize nwritten = gvc::stage_base(base)
-                        ? gvc::write_to_stage(base, &vector, 1, sending, error)
-                        : gvc::write_nonblocking(base, &vector, 1, nullptr, error);
+  gssize nwritten = gvc::write_nonblocking(base, &vector, 1, sending, nullptr, error);
   g_output_stream_clear_pending(base);
   return nwritten;
 }
@@ -218,8 +215,14 @@ gvc::gathers(GOutputStream *stream)
 
 gssize
 gvc::write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
-                       GCancellable *cancellable, GError **error)
+                       Sending sending, GCancellable *cancellable, GError **error)
 {
+  if (stage_base(stream)) {
+    if (g_cancellable_set_error_if_cancelled(cancellable, error))
+      return -1;
+    return write_to_stage(stream, vectors, n_vectors, sending, error);
+  }
+
   auto *pollable = G_POLLABLE_OUTPUT_STREAM(stream);
   gsize written;
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "gvcinputstage.h"
+#include "gvcoutputstage.h"
 
 namespace gvc
 {
@@ -73,11 +74,11 @@ template <class D> gboolean can_poll(typename D::Stream *stream);
 // The stream sends several vectors in one call. GIO's default writes them one by one.
 gboolean gathers(GOutputStream *stream);
 
-// One write without blocking. Pass more than one vector only to a stream that gathers.
+// One write without blocking. Pass more than one vector only to a stream that gathers. `sending` is
+// for a stage.
 gssize write_nonblocking(GOutputStream *stream, const GOutputVector *vectors, gsize n_vectors,
-                         GCancellable *cancellable, GError **error);
+                         Sending sending, GCancellable *cancellable, GError **error);
 
-// Sets G_IO_ERROR_WOULD_BLOCK.
 void set_would_block(GError **error);
 
 // Returns `error`, or a new one if a stream failed without an error.

@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <sys/socket.h>
 
-// The counterpart of gvcwriter.cpp.
-
 using gvc::Next;
 using gvc::Reader;
 

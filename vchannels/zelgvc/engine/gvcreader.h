@@ -22,7 +22,6 @@ public:
 
 protected:
   void start(int io_priority);
-  // Begins a part.
   void expect(void *to, gsize count);
   // The part is complete, or the stream has ended within it. Begins the next, or ends the
   // operation, as it does by default.

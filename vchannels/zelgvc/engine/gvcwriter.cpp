@@ -4,8 +4,6 @@
 
 #include <vchannels/zelgvc/gvcfixedtexts.h>
 
-// The counterpart of gvcreader.cpp.
-
 using gvc::Next;
 using gvc::Writer;
 
@@ -55,16 +53,6 @@ Writer::moved(gssize nwritten)
   return n_offered_ > 1 || n_vectors_ == before ? Next::again : next_part();
 }
 
-gssize
-Writer::write_some()
-{
-  if (!stage_base(target_))
-    return write_nonblocking(target_, vectors_, n_offered_, cancellable(), &error_);
-  if (g_cancellable_set_error_if_cancelled(cancellable(), &error_))
-    return -1;
-  return write_to_stage(target_, vectors_, n_offered_, Sending::kept, &error_);
-}
-
 Next
 Writer::attempt()
 {
@@ -77,7 +65,8 @@ Writer::attempt()
     return Next::gio;
   }
 
-  gssize nwritten = write_some();
+  gssize nwritten =
+      write_nonblocking(target_, vectors_, n_offered_, Sending::kept, cancellable(), &error_);
   return nwritten >= 0 ? moved(nwritten) : blocked_or_failed();
 }
 

@@ -32,7 +32,6 @@ protected:
 
 private:
   Next moved(gssize nwritten);
-  gssize write_some();
 
   GOutputVector vectors_[2] = {};
   guint n_vectors_ = 0;
