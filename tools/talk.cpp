@@ -380,8 +380,10 @@ private:
       auto *bytes = static_cast<const char *>(g_bytes_get_data(output, &size));
       return std::string(bytes ? bytes : "", size);
     }
-    // A command need not read its input.
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE))
+    // A command need not read its input. It would get the signal of prepare_command() if this
+    // thread ended first.
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE) &&
+        g_subprocess_wait(process, waiting, nullptr))
       return "";
     if (group > 0)
       kill(-group, SIGTERM);

@@ -238,6 +238,16 @@ def exec_answers_each_message(kind, stages):
 
 
 @case
+def a_command_that_reads_nothing_may_finish():
+    command = "exec <&-; sleep 1; touch finished"
+    listen = Process("listen", "unix:socket", "--keep", "--exec", command)
+    run("connect", listen.address(), data=b"x" * 300000 + b"\n")
+    listen.until(lambda: os.path.exists("finished"), "end of the command")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
 def exec_sends_no_more_than_the_limit():
     listen = Process("listen", "unix:socket", "--limit", "5", "--exec", "read a; echo $a$a", "--keep")
     assert run("connect", listen.address(), data=b"ab\nabc\n").output == b"abab\n"
