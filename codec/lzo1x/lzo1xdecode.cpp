@@ -170,6 +170,19 @@ repeatExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexce
   copyRun(to, from, length);
 }
 
+// Writes exactly `length` bytes.
+inline void
+copyExactly(std::uint8_t *to, std::size_t distance, std::size_t length) noexcept
+{
+  if (length < vectorSize && length <= distance) {
+    copyFew(to, to - distance, length);
+  } else if (length >= vectorSize && distance >= vectorSize) {
+    copyVectors(to, to - distance, length);
+  } else {
+    repeatExactly(to, distance, length);
+  }
+}
+
 inline Status
 copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
 {
@@ -177,16 +190,8 @@ copyMatch(Position &at, std::size_t distance, std::size_t length) noexcept
     return Status::badDistance;
   if (length > at.room())
     return Status::outputOverrun;
-  const std::uint8_t *from = at.written - distance;
-  std::uint8_t *const to = at.written;
+  copyExactly(at.written, distance, length);
   at.written += length;
-  if (length < vectorSize && length <= distance) {
-    copyFew(to, from, length);
-  } else if (length >= vectorSize && distance >= vectorSize) {
-    copyVectors(to, from, length);
-  } else {
-    repeatExactly(to, distance, length);
-  }
   return Status::ok;
 }
 
@@ -373,7 +378,7 @@ private:
     const auto word = loadLittleEndian<std::uint32_t>(read);
     const std::size_t length = matches.lengthAndFlag[t];
     if (length > span) [[unlikely]]
-      return span == vectorSize && anyMatch();
+      return false;
     const std::size_t distance =
         (word * matches.bits[t].factor >> Matches::distanceShift & matches.bits[t].mask) +
         matches.bounds[t].distanceBase;
@@ -496,7 +501,7 @@ private:
     if (instruction.hasLengthBytes()) {
       next = read + 1;
       // Up to readLast, so that the distance bytes and the literals behind are readable.
-      if (readLengthBytes(next, readLast, last - at, length) != Status::ok)
+      if (readLengthBytes(next, readLast, last - at + writeSlack, length) != Status::ok)
         return false;
       word =
           t | static_cast<std::uint32_t>(next[0]) << 8 | static_cast<std::uint32_t>(next[1]) << 16;
@@ -504,17 +509,28 @@ private:
     }
     const std::size_t distance = instruction.distance(word);
     // The middle form rarely has the distance of the end marker.
-    if (length > last - at || distance > at || distance == middleMaxDistance)
+    if (distance > at || distance == middleMaxDistance)
       return false;
+    const std::size_t few = (instruction.size == 2 ? t : word >> 8) & matchLiteralsMax;
+    if (length > last - at) [[unlikely]] {
+      // Without literals behind it, the match may end at the very end of the output.
+      if (few != 0 || length > last - at + writeSlack)
+        return false;
+      copyExactly(begin + at, distance, length);
+      at += length;
+      read = next;
+      literals = 0;
+      return true;
+    }
     if (distance >= vectorSize)
       copyLong(begin + at, begin + at - distance, length);
     else
       repeat(distance, length);
     at += length;
-    literals = (instruction.size == 2 ? t : word >> 8) & matchLiteralsMax;
     copyFixed<4>(begin + at, next);
-    at += literals;
-    read = next + literals;
+    literals = few;
+    at += few;
+    read = next + few;
     return true;
   }
 
