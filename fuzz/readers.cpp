@@ -20,7 +20,7 @@ namespace
 
 constexpr const char *types[] = {"ay", "s", "(su)", "a{sv}", "v", "as", "b", "(yxmsv)"};
 
-// What to read; from `variants` on, variants of one of the types.
+// The kind of message to read. From `variants` on, these are variants of one of the types.
 enum Form : unsigned { messages, strings, watch, variants };
 
 struct Plan {
@@ -129,7 +129,7 @@ struct Failure {
   bool operator==(const Failure &) const = default;
 };
 
-// What a stream delivers: bytes and then an error, or its end.
+// The output of a stream: bytes, and then an error or the end.
 struct Delivery {
   Bytes bytes;
   Failure failure;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // A limit on the time for one message. The timeout of a socket is no such limit: it starts again
-// with each byte. Whoever sees bytes arrive calls check().
+// with each byte. Code that receives bytes calls check().
 #pragma once
 
 #include <gio/gio.h>

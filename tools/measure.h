@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What ping, perf and serve share. docs/program-protocols.md describes their messages.
+// Code for ping, perf and serve. docs/program-protocols.md describes their messages.
 #pragma once
 
 #include "channel.h"

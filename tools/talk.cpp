@@ -76,7 +76,7 @@ struct Options {
   }
 };
 
-// The lines of standard input. What a peer did not get is there for the next one.
+// The lines of standard input. If a peer leaves, the next one gets the lines that remain.
 class Input
 {
 public:

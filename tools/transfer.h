@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What send and receive share. docs/program-protocols.md describes their messages.
+// Code for send and receive. docs/program-protocols.md describes their messages.
 #pragma once
 
 #include "channel.h"

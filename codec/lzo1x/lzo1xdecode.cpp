@@ -273,8 +273,8 @@ step(Position &at, bool &done) noexcept
   return copyLiterals(at, literals);
 }
 
-// What the fast path needs of the matches from farMark on, by their first byte T. Fields 8 bytes
-// apart are addressed without arithmetic.
+// Properties of the matches from farMark on, by their first byte T, for the fast path. Fields 8
+// bytes apart are addressed without arithmetic.
 struct Matches {
   struct Bits {
     std::uint32_t factor; // moves the distance bits of an instruction to distanceShift

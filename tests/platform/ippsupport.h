@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
-// What the tests of the platform functions share.
+// Helpers of the tests of the platform functions.
 #pragma once
 
 #include "platform/ipp/ipp.h"
