@@ -752,6 +752,19 @@ test_data_before_wait()
   empty_fd = -1;
 }
 
+/* Another thread may close the socket there, too. */
+void
+test_closed_before_wait()
+{
+  Pair pair;
+  when_empty = [&] { close_socket(pair.a); };
+  empty_fd = g_socket_get_fd(pair.a.socket());
+  Read read(pair.a);
+  empty_fd = -1;
+  g_assert_false(when_empty);
+  read.expect_failure(G_IO_ERROR_CLOSED);
+}
+
 void
 test_both_directions()
 {
@@ -1042,6 +1055,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/early-data", test_early_data);
   g_test_add_func("/socketwait/answers", test_answers);
   g_test_add_func("/socketwait/data-before-wait", test_data_before_wait);
+  g_test_add_func("/socketwait/closed-before-wait", test_closed_before_wait);
   g_test_add_func("/socketwait/both-directions", test_both_directions);
   g_test_add_func("/socketwait/many-at-once", test_many_at_once);
   g_test_add_func("/socketwait/batch/close", test_batch<Deed::close>);
