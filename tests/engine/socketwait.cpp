@@ -7,13 +7,16 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <functional>
 #include <utility>
 
 using namespace support;
@@ -44,6 +47,22 @@ interposed_recv(int fd, void *buffer, size_t size, int flags)
     std::exchange(when_empty, {})();
   errno = error;
   return received;
+}
+
+bool no_watches_left;
+
+extern "C" int interposed_epoll_ctl(int epoll, int operation, int fd,
+                                    epoll_event *event) __asm__("epoll_ctl");
+
+int
+interposed_epoll_ctl(int epoll, int operation, int fd, epoll_event *event)
+{
+  static const auto real =
+      reinterpret_cast<decltype(&interposed_epoll_ctl)>(dlsym(RTLD_NEXT, "epoll_ctl"));
+  if (!no_watches_left || operation != EPOLL_CTL_ADD)
+    return real(epoll, operation, fd, event);
+  errno = ENOSPC;
+  return -1;
 }
 
 namespace
@@ -351,6 +370,26 @@ test_priorities()
   assert_text(order, "high idle low ");
 }
 
+/* Sets are found by a hash of context and priority, which may be the same for two sets. */
+void
+test_same_hash()
+{
+  GMainContext *const here = g_main_context_new();
+  const gint difference = GPOINTER_TO_INT(here) ^ GPOINTER_TO_INT(g_main_context_default());
+  Pair one, other;
+  Read first(one.a, 0);
+  g_main_context_push_thread_default(here);
+  Read second(other.a, difference);
+  spin_pending();
+  send(one.b, "first");
+  send(other.b, "second");
+  second.expect("second");
+  g_assert_false(first.done());
+  g_main_context_pop_thread_default(here);
+  g_main_context_unref(here);
+  first.expect("first");
+}
+
 /* A channel that always has a message lets the others have theirs. */
 void
 test_fair()
@@ -524,6 +563,24 @@ test_nested_loop()
   send(first.b, "outer");
   outer.expect("outer");
   g_assert_cmpint(level, ==, 0);
+}
+
+/* The callback of one serves all others that were ready with it. */
+void
+test_batch_in_nested_loop()
+{
+  Pairs pairs = new_pairs(3);
+  Reads reads;
+  const auto serve_all = [&] {
+    spin_until([&] { return std::all_of(reads.begin(), reads.end(), std::mem_fn(&Read::done)); });
+  };
+  for (const auto &pair : pairs)
+    reads.push_back(std::make_unique<Read>(pair->a, G_PRIORITY_DEFAULT, nullptr, serve_all));
+  spin_pending();
+  for (const auto &pair : pairs)
+    send(pair->b, "here");
+  for (const auto &read : reads)
+    read->expect("here");
 }
 
 void
@@ -994,6 +1051,28 @@ test_no_descriptor()
   warm_up(pair);
 }
 
+/* The system limits the watches of a user (fs.epoll.max_user_watches). The set has been left
+   because of a message that nobody waited for, and cannot be entered again. */
+void
+test_no_watches()
+{
+  Pair pair;
+  warm_up(pair);
+  send(pair.b, "unread");
+  spin_pending();
+  Read(pair.a).expect("unread");
+  no_watches_left = true;
+  for (const char *const message : {"one", "two"}) {
+    Read read(pair.a);
+    spin_pending();
+    g_assert_false(read.done());
+    send(pair.b, message);
+    read.expect(message);
+  }
+  no_watches_left = false;
+  warm_up(pair);
+}
+
 /* First a socket is descriptor 0, then whatever the waiting needs. */
 void
 use_descriptor_zero()
@@ -1041,9 +1120,11 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/context/reused-address", test_reused_address);
   g_test_add_func("/socketwait/context/nested", test_nested_loop);
   g_test_add_func("/socketwait/order/priorities", test_priorities);
+  g_test_add_func("/socketwait/context/same-hash", test_same_hash);
   g_test_add_func("/socketwait/order/fair", test_fair);
   g_test_add_func("/socketwait/cancel/thread", test_cancelled_by_thread);
   g_test_add_func("/socketwait/cancel/loop-in-handler", test_loop_in_cancelled_handler);
+  g_test_add_func("/socketwait/context/nested-batch", test_batch_in_nested_loop);
   g_test_add_func("/socketwait/pending", test_pending);
   g_test_add_func("/socketwait/pending/unread", test_unread);
   g_test_add_func("/socketwait/pending/behind-unread", test_pending_behind_unread);
@@ -1069,6 +1150,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/descriptors/kept", test_kept);
   g_test_add_func("/socketwait/descriptors/blocking-calls", test_blocking_calls);
   g_test_add_func("/socketwait/descriptors/none-left", test_no_descriptor);
+  g_test_add_func("/socketwait/descriptors/no-watches-left", test_no_watches);
   g_test_add_func("/socketwait/descriptors/zero", test_descriptor_zero);
   g_test_add_func("/socketwait/descriptors/zero/subprocess", use_descriptor_zero);
   return g_test_run();

@@ -491,7 +491,10 @@ void
 test_derived_class_over_a_buffer()
 {
   for (const Way way : {Way::blocking, Way::async})
-    for (const StreamKind kind : all_stream_kinds) {
+    for (const StreamKind kind : {StreamKind::sync_only, StreamKind::with_async,
+                                  StreamKind::pollable, StreamKind::async_only}) {
+      if (kind == StreamKind::async_only && way == Way::blocking)
+        continue; // reads the base stream
       auto below = own(g_buffered_input_stream_new(new_scripted_input(new_script("others")).get()));
       g_assert_cmpint(
           g_buffered_input_stream_fill(G_BUFFERED_INPUT_STREAM(below.get()), -1, nullptr, nullptr),
