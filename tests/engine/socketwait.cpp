@@ -432,6 +432,21 @@ test_cancelled_by_thread()
   read.expect_failure(G_IO_ERROR_CANCELLED);
 }
 
+/* A cancellable may serve many operations. None leaves a handler behind. */
+void
+test_no_handler_left()
+{
+  Pair pair;
+  const auto cancellable = own(g_cancellable_new());
+  Read read(pair.a, G_PRIORITY_DEFAULT, cancellable.get());
+  spin_pending();
+  send(pair.b, "message");
+  read.expect("message");
+  spin_pending();
+  g_assert_false(g_signal_has_handler_pending(
+      cancellable.get(), g_signal_lookup("cancelled", G_TYPE_CANCELLABLE), 0, TRUE));
+}
+
 /* A host's handler that waits for the operation runs before ours, or instead of it. */
 void
 test_loop_in_cancelled_handler()
@@ -464,6 +479,22 @@ test_destroyed_context()
   warm_up(pair);
   run_in_thread([&] { warm_up(pair); });
   warm_up(pair);
+}
+
+/* The stream waits in one context, then in another one, while the first goes. */
+void
+test_moved_to_another_context()
+{
+  Pair pair;
+  GMainContext *const first = g_main_context_new();
+  g_main_context_push_thread_default(first);
+  warm_up(pair);
+  g_main_context_pop_thread_default(first);
+  Read read(pair.a);
+  spin_pending();
+  g_main_context_unref(first);
+  send(pair.b, "moved");
+  read.expect("moved");
 }
 
 /* GLib finalizes the sources of a context when it has already freed the context. A context that is
@@ -929,6 +960,23 @@ test_shared_socket()
   }
 }
 
+/* An epoll instance takes a descriptor once. The second wait leaves the first one alone. */
+void
+test_two_connections_of_a_socket()
+{
+  Pair pair;
+  const auto again = own(g_socket_connection_factory_create_connection(pair.a.socket()));
+  Channel other(again.get(), {});
+  const auto cancellable = own(g_cancellable_new());
+  Read first(pair.a);
+  Read second(other, G_PRIORITY_DEFAULT, cancellable.get());
+  spin_pending();
+  cancel(cancellable);
+  second.expect_failure(G_IO_ERROR_CANCELLED);
+  send(pair.b, "first");
+  first.expect("first");
+}
+
 void
 test_armed_and_cancelled()
 {
@@ -1117,12 +1165,14 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/context/default", test_default_context);
   g_test_add_func("/socketwait/context/two", test_two_contexts);
   g_test_add_func("/socketwait/context/destroyed", test_destroyed_context);
+  g_test_add_func("/socketwait/context/moved", test_moved_to_another_context);
   g_test_add_func("/socketwait/context/reused-address", test_reused_address);
   g_test_add_func("/socketwait/context/nested", test_nested_loop);
   g_test_add_func("/socketwait/order/priorities", test_priorities);
   g_test_add_func("/socketwait/context/same-hash", test_same_hash);
   g_test_add_func("/socketwait/order/fair", test_fair);
   g_test_add_func("/socketwait/cancel/thread", test_cancelled_by_thread);
+  g_test_add_func("/socketwait/cancel/no-handler-left", test_no_handler_left);
   g_test_add_func("/socketwait/cancel/loop-in-handler", test_loop_in_cancelled_handler);
   g_test_add_func("/socketwait/context/nested-batch", test_batch_in_nested_loop);
   g_test_add_func("/socketwait/pending", test_pending);
@@ -1143,6 +1193,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/batch/cancel", test_batch<Deed::cancel>);
   g_test_add_func("/socketwait/batch/free", test_batch<Deed::free>);
   g_test_add_func("/socketwait/shared-socket", test_shared_socket);
+  g_test_add_func("/socketwait/two-connections", test_two_connections_of_a_socket);
   g_test_add_func("/socketwait/armed-and-cancelled", test_armed_and_cancelled);
   g_test_add_func("/socketwait/timeout", test_timeout);
   g_test_add_func("/socketwait/descriptors/used", test_used);
