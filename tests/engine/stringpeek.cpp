@@ -325,7 +325,9 @@ test_silent_peer(Base base)
     if (*part != '\0')
       line.send(part);
     g_assert_cmpint(busy_turns(many_turns) + busy_turns(many_turns), <=, most_in_vain);
+    g_assert_true(g_input_stream_has_pending(G_INPUT_STREAM(line.strings.get())));
     reading.assert_cancelled();
+    g_assert_false(g_input_stream_has_pending(G_INPUT_STREAM(line.strings.get())));
   }
 }
 
