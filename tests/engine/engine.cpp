@@ -757,6 +757,52 @@ test_end_behind_a_finished_converter()
   }
 }
 
+// A converter that misses its end is heard at once, even if the stream below has no more to say.
+void
+test_readable_at_an_early_end()
+{
+  const Scripted scripted(0);
+  gvc_connection_add_converters(
+      scripted.channel.get(),
+      G_CONVERTER(own(g_zlib_decompressor_new(G_ZLIB_COMPRESSOR_FORMAT_GZIP)).get()),
+      new_map_converter([](guint8 byte) { return byte; }).get());
+  auto *pollable = G_POLLABLE_INPUT_STREAM(scripted.in());
+  const auto assert_early = [&] {
+    char byte;
+    Error error;
+    g_assert_cmpint(g_pollable_input_stream_read_nonblocking(pollable, &byte, 1, nullptr, &error),
+                    ==, -1);
+    error.assert_is(G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+  };
+  assert_early();
+  scripted.input->poll_held = true;
+  g_assert_true(g_pollable_input_stream_is_readable(pollable));
+  assert_early();
+}
+
+// The stage below belongs to another operation: a stage keeps what it has accepted.
+void
+test_busy_stage_below()
+{
+  const Scripted scripted(2);
+  auto *pollable = G_POLLABLE_OUTPUT_STREAM(scripted.out());
+  auto *below = g_filter_output_stream_get_base_stream(G_FILTER_OUTPUT_STREAM(scripted.out()));
+  Error error;
+  g_assert_true(g_output_stream_set_pending(below, nullptr));
+  g_assert_cmpint(g_pollable_output_stream_write_nonblocking(pollable, "a", 1, nullptr, &error), ==,
+                  1);
+  error.assert_none();
+  g_assert_cmpint(g_pollable_output_stream_write_nonblocking(pollable, "b", 1, nullptr, &error), ==,
+                  -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_PENDING);
+  error.clear();
+  g_output_stream_clear_pending(below);
+  g_assert_cmpuint(scripted.output->moved(), ==, 0);
+  g_assert_true(g_output_stream_flush(scripted.out(), nullptr, &error));
+  error.assert_none();
+  assert_bytes(faulty::from_stages(2, scripted.output->written()), "a");
+}
+
 // The stream below belongs to another operation: none of its bytes are taken or added.
 void
 test_busy_base_stream(int stages)
@@ -1064,6 +1110,8 @@ main(int argc, char **argv)
   add("readable-while-a-stage-holds-input", test_readable_while_a_stage_holds_input);
   add("unit-larger-than-what-is-asked-for", test_unit_larger_than_what_is_asked_for, 1);
   g_test_add_func("/engine/end-behind-a-finished-converter", test_end_behind_a_finished_converter);
+  g_test_add_func("/engine/readable-at-an-early-end", test_readable_at_an_early_end);
+  g_test_add_func("/engine/busy-stage-below", test_busy_stage_below);
   add("busy-base-stream", test_busy_base_stream);
   add("cancelled-before-the-start", test_cancelled_before_the_start);
   add("busy-until-the-callback", test_busy_until_the_callback);

@@ -7,13 +7,16 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <functional>
 #include <utility>
 
 using namespace support;
@@ -44,6 +47,22 @@ interposed_recv(int fd, void *buffer, size_t size, int flags)
     std::exchange(when_empty, {})();
   errno = error;
   return received;
+}
+
+bool no_watches_left;
+
+extern "C" int interposed_epoll_ctl(int epoll, int operation, int fd,
+                                    epoll_event *event) __asm__("epoll_ctl");
+
+int
+interposed_epoll_ctl(int epoll, int operation, int fd, epoll_event *event)
+{
+  static const auto real =
+      reinterpret_cast<decltype(&interposed_epoll_ctl)>(dlsym(RTLD_NEXT, "epoll_ctl"));
+  if (!no_watches_left || operation != EPOLL_CTL_ADD)
+    return real(epoll, operation, fd, event);
+  errno = ENOSPC;
+  return -1;
 }
 
 namespace
@@ -351,6 +370,26 @@ test_priorities()
   assert_text(order, "high idle low ");
 }
 
+/* Sets are found by a hash of context and priority, which may be the same for two sets. */
+void
+test_same_hash()
+{
+  GMainContext *const here = g_main_context_new();
+  const gint difference = GPOINTER_TO_INT(here) ^ GPOINTER_TO_INT(g_main_context_default());
+  Pair one, other;
+  Read first(one.a, 0);
+  g_main_context_push_thread_default(here);
+  Read second(other.a, difference);
+  spin_pending();
+  send(one.b, "first");
+  send(other.b, "second");
+  second.expect("second");
+  g_assert_false(first.done());
+  g_main_context_pop_thread_default(here);
+  g_main_context_unref(here);
+  first.expect("first");
+}
+
 /* A channel that always has a message lets the others have theirs. */
 void
 test_fair()
@@ -393,6 +432,21 @@ test_cancelled_by_thread()
   read.expect_failure(G_IO_ERROR_CANCELLED);
 }
 
+/* A cancellable may serve many operations. None leaves a handler behind. */
+void
+test_no_handler_left()
+{
+  Pair pair;
+  const auto cancellable = own(g_cancellable_new());
+  Read read(pair.a, G_PRIORITY_DEFAULT, cancellable.get());
+  spin_pending();
+  send(pair.b, "message");
+  read.expect("message");
+  spin_pending();
+  g_assert_false(g_signal_has_handler_pending(
+      cancellable.get(), g_signal_lookup("cancelled", G_TYPE_CANCELLABLE), 0, TRUE));
+}
+
 /* A host's handler that waits for the operation runs before ours, or instead of it. */
 void
 test_loop_in_cancelled_handler()
@@ -425,6 +479,22 @@ test_destroyed_context()
   warm_up(pair);
   run_in_thread([&] { warm_up(pair); });
   warm_up(pair);
+}
+
+/* The stream waits in one context, then in another one, while the first goes. */
+void
+test_moved_to_another_context()
+{
+  Pair pair;
+  GMainContext *const first = g_main_context_new();
+  g_main_context_push_thread_default(first);
+  warm_up(pair);
+  g_main_context_pop_thread_default(first);
+  Read read(pair.a);
+  spin_pending();
+  g_main_context_unref(first);
+  send(pair.b, "moved");
+  read.expect("moved");
 }
 
 /* GLib finalizes the sources of a context when it has already freed the context. A context that is
@@ -524,6 +594,24 @@ test_nested_loop()
   send(first.b, "outer");
   outer.expect("outer");
   g_assert_cmpint(level, ==, 0);
+}
+
+/* The callback of one serves all others that were ready with it. */
+void
+test_batch_in_nested_loop()
+{
+  Pairs pairs = new_pairs(3);
+  Reads reads;
+  const auto serve_all = [&] {
+    spin_until([&] { return std::all_of(reads.begin(), reads.end(), std::mem_fn(&Read::done)); });
+  };
+  for (const auto &pair : pairs)
+    reads.push_back(std::make_unique<Read>(pair->a, G_PRIORITY_DEFAULT, nullptr, serve_all));
+  spin_pending();
+  for (const auto &pair : pairs)
+    send(pair->b, "here");
+  for (const auto &read : reads)
+    read->expect("here");
 }
 
 void
@@ -752,6 +840,19 @@ test_data_before_wait()
   empty_fd = -1;
 }
 
+/* Another thread may close the socket there, too. */
+void
+test_closed_before_wait()
+{
+  Pair pair;
+  when_empty = [&] { close_socket(pair.a); };
+  empty_fd = g_socket_get_fd(pair.a.socket());
+  Read read(pair.a);
+  empty_fd = -1;
+  g_assert_false(when_empty);
+  read.expect_failure(G_IO_ERROR_CLOSED);
+}
+
 void
 test_both_directions()
 {
@@ -857,6 +958,23 @@ test_shared_socket()
     send(pair.b, "in turn");
     read.expect("in turn");
   }
+}
+
+/* An epoll instance takes a descriptor once. The second wait leaves the first one alone. */
+void
+test_two_connections_of_a_socket()
+{
+  Pair pair;
+  const auto again = own(g_socket_connection_factory_create_connection(pair.a.socket()));
+  Channel other(again.get(), {});
+  const auto cancellable = own(g_cancellable_new());
+  Read first(pair.a);
+  Read second(other, G_PRIORITY_DEFAULT, cancellable.get());
+  spin_pending();
+  cancel(cancellable);
+  second.expect_failure(G_IO_ERROR_CANCELLED);
+  send(pair.b, "first");
+  first.expect("first");
 }
 
 void
@@ -981,6 +1099,28 @@ test_no_descriptor()
   warm_up(pair);
 }
 
+/* The system limits the watches of a user (fs.epoll.max_user_watches). The set has been left
+   because of a message that nobody waited for, and cannot be entered again. */
+void
+test_no_watches()
+{
+  Pair pair;
+  warm_up(pair);
+  send(pair.b, "unread");
+  spin_pending();
+  Read(pair.a).expect("unread");
+  no_watches_left = true;
+  for (const char *const message : {"one", "two"}) {
+    Read read(pair.a);
+    spin_pending();
+    g_assert_false(read.done());
+    send(pair.b, message);
+    read.expect(message);
+  }
+  no_watches_left = false;
+  warm_up(pair);
+}
+
 /* First a socket is descriptor 0, then whatever the waiting needs. */
 void
 use_descriptor_zero()
@@ -1025,12 +1165,16 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/context/default", test_default_context);
   g_test_add_func("/socketwait/context/two", test_two_contexts);
   g_test_add_func("/socketwait/context/destroyed", test_destroyed_context);
+  g_test_add_func("/socketwait/context/moved", test_moved_to_another_context);
   g_test_add_func("/socketwait/context/reused-address", test_reused_address);
   g_test_add_func("/socketwait/context/nested", test_nested_loop);
   g_test_add_func("/socketwait/order/priorities", test_priorities);
+  g_test_add_func("/socketwait/context/same-hash", test_same_hash);
   g_test_add_func("/socketwait/order/fair", test_fair);
   g_test_add_func("/socketwait/cancel/thread", test_cancelled_by_thread);
+  g_test_add_func("/socketwait/cancel/no-handler-left", test_no_handler_left);
   g_test_add_func("/socketwait/cancel/loop-in-handler", test_loop_in_cancelled_handler);
+  g_test_add_func("/socketwait/context/nested-batch", test_batch_in_nested_loop);
   g_test_add_func("/socketwait/pending", test_pending);
   g_test_add_func("/socketwait/pending/unread", test_unread);
   g_test_add_func("/socketwait/pending/behind-unread", test_pending_behind_unread);
@@ -1042,12 +1186,14 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/early-data", test_early_data);
   g_test_add_func("/socketwait/answers", test_answers);
   g_test_add_func("/socketwait/data-before-wait", test_data_before_wait);
+  g_test_add_func("/socketwait/closed-before-wait", test_closed_before_wait);
   g_test_add_func("/socketwait/both-directions", test_both_directions);
   g_test_add_func("/socketwait/many-at-once", test_many_at_once);
   g_test_add_func("/socketwait/batch/close", test_batch<Deed::close>);
   g_test_add_func("/socketwait/batch/cancel", test_batch<Deed::cancel>);
   g_test_add_func("/socketwait/batch/free", test_batch<Deed::free>);
   g_test_add_func("/socketwait/shared-socket", test_shared_socket);
+  g_test_add_func("/socketwait/two-connections", test_two_connections_of_a_socket);
   g_test_add_func("/socketwait/armed-and-cancelled", test_armed_and_cancelled);
   g_test_add_func("/socketwait/timeout", test_timeout);
   g_test_add_func("/socketwait/descriptors/used", test_used);
@@ -1055,6 +1201,7 @@ main(int argc, char **argv)
   g_test_add_func("/socketwait/descriptors/kept", test_kept);
   g_test_add_func("/socketwait/descriptors/blocking-calls", test_blocking_calls);
   g_test_add_func("/socketwait/descriptors/none-left", test_no_descriptor);
+  g_test_add_func("/socketwait/descriptors/no-watches-left", test_no_watches);
   g_test_add_func("/socketwait/descriptors/zero", test_descriptor_zero);
   g_test_add_func("/socketwait/descriptors/zero/subprocess", use_descriptor_zero);
   return g_test_run();

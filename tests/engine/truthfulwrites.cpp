@@ -531,6 +531,21 @@ test_other_write_after_a_failed_one(gconstpointer stages)
 }
 
 void
+test_retried_with_more(gconstpointer stages)
+{
+  Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::sync_only);
+  chain.script->at_call[1] = Step::fail();
+  Error error;
+  g_assert_cmpint(g_output_stream_write(chain.out.get(), "one", 3, nullptr, &error), ==, -1);
+  error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
+  error.clear();
+  g_assert_true(g_output_stream_write_all(chain.out.get(), "one two", 7, nullptr, nullptr, &error));
+  error.assert_none();
+  flush_with_retries(chain.out.get());
+  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "one two");
+}
+
+void
 test_retried_vectors(gconstpointer stages)
 {
   Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::sync_only);
@@ -712,6 +727,7 @@ main(int argc, char **argv)
   g_test_add_data_func("/truthful-writes/retried-in-pieces/gio", GINT_TO_POINTER(1),
                        test_retried_in_pieces<false>);
   add_for_stages("other-write-after-a-failed-one", test_other_write_after_a_failed_one);
+  add_for_stages("retried-with-more", test_retried_with_more);
   add_for_stages("retried-vectors", test_retried_vectors);
   add_for_stages("failure-behind-an-accepted-write", test_failure_behind_an_accepted_write);
   g_test_add_func("/truthful-writes/two-failures-of-one-write", test_two_failures_of_one_write);

@@ -445,8 +445,10 @@ void
 input_class_init(gpointer klass, gpointer kind)
 {
   const auto input_class = G_INPUT_STREAM_CLASS(klass);
-  input_class->read_fn = input_read;
-  if (GPOINTER_TO_INT(kind) == static_cast<int>(StreamKind::with_async)) {
+  const auto own = static_cast<StreamKind>(GPOINTER_TO_INT(kind));
+  if (own != StreamKind::async_only)
+    input_class->read_fn = input_read;
+  if (own == StreamKind::with_async || own == StreamKind::async_only) {
     input_class->read_async = input_read_async;
     input_class->read_finish = transfer_finish;
   }

@@ -108,6 +108,7 @@ enum class StreamKind {
   sync_only,  /* blocking operations only: GIO makes the asynchronous ones out of them */
   with_async, /* asynchronous operations of its own, which complete in a later main loop round */
   pollable,   /* blocking and non-blocking operations */
+  async_only, /* input filters: asynchronous operations; the blocking ones are the parent class's */
 };
 
 inline constexpr StreamKind all_stream_kinds[] = {StreamKind::sync_only, StreamKind::with_async,

@@ -164,17 +164,16 @@ Operation<D>::wait(Next what)
       g_source_set_priority(source, priority_);
     keep_source_ = TRUE;
     g_object_unref(task_);
-  } else if (what == Next::ready) {
-    wait_ready();
-  } else {
+  } else if (what == Next::turn || !wait_ready()) {
     attach(g_idle_source_new(),
            [](gpointer self) { return static_cast<Operation *>(self)->resume(Next::turn); });
   }
 }
 
-// The socket, or a source of GLib's, takes over the reference to the task.
+// The socket, or a source of GLib's, takes over the reference to the task. Returns FALSE if another
+// thread has just closed the socket: GIO's source would warn.
 template <class D>
-void
+gboolean
 Operation<D>::wait_ready()
 {
   auto *bottom = target_;
@@ -186,12 +185,16 @@ Operation<D>::wait_ready()
     static_cast<Operation *>(self)->run(Next::again);
   };
   if (wait_for_socket(bottom, task_, priority_, socket_ready, this))
-    return;
+    return TRUE;
+  auto *socket = plain_socket(bottom);
+  if (socket && g_socket_is_closed(socket))
+    return FALSE;
   auto ready = [](GObject *, gpointer self) {
     return static_cast<Operation *>(self)->resume(Next::ready);
   };
   attach(D::create_source(to_pollable<D>(bottom), cancellable()),
          G_SOURCE_FUNC(static_cast<GPollableSourceFunc>(ready)));
+  return TRUE;
 }
 
 // The source takes over the reference to the task.

@@ -96,7 +96,7 @@ private:
   gboolean mark_busy(Stream *stream);
   void release_base();
   void wait(Next what);
-  void wait_ready();
+  gboolean wait_ready();
   void attach(GSource *source, GSourceFunc callback);
   gboolean resume(Next what);
 
