@@ -224,7 +224,7 @@ AsyncEnd::whenReceived(GObject *, GAsyncResult *result, gpointer user_data)
 
 // ---- Pairs ----
 
-AsyncPair::AsyncPair(const Pair<GIOStream> &streams, const Method &method)
+AsyncPair::AsyncPair(const Streams &streams, const Method &method)
     : _near(streams.near.get(), method), _far(streams.far.get(), method)
 {
   _near.onReceived = [this](GBytes *arrived) {

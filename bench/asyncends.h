@@ -70,7 +70,7 @@ private:
 class AsyncPair
 {
 public:
-  AsyncPair(const Pair<GIOStream> &streams, const Method &method);
+  AsyncPair(const Streams &streams, const Method &method);
 
   // Ends the program unless a message arrives as it was sent.
   void check(GBytes *message);

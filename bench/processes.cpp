@@ -28,9 +28,8 @@ public:
   {
     enter([=, this] {
       while (_pairs.size() < pairs) {
-        _sockets.push_back(connectSockets(_transport));
         _pairs.push_back(
-            std::make_unique<AsyncPair>(streamsOn(_sockets.back(), _stages),
+            std::make_unique<AsyncPair>(streamsOn(connectSockets(_transport), _stages),
                                         _stages == "by hand" ? framesByHand : framesZelgvc));
         _pairs.back()->arm();
       }
@@ -65,7 +64,6 @@ private:
   std::string _transport;
   std::string _stages;
   GMainContext *_context = g_main_context_new();
-  std::vector<Sockets> _sockets;
   std::vector<std::unique_ptr<AsyncPair>> _pairs;
 };
 
