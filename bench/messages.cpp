@@ -63,7 +63,7 @@ measureChannels(const Report &report)
 namespace
 {
 
-constexpr std::size_t largest = 64 << 10;
+constexpr std::size_t size = 64 << 10; // of a message
 
 // The four conversions of a message through both stages, without a channel.
 class Conversions
@@ -84,7 +84,6 @@ public:
   std::span<const std::uint8_t>
   run(std::span<const std::uint8_t> message)
   {
-    auto size = message.size();
     for (std::size_t i = 0; i < std::size(_converters); i++)
       message = fill(i, message);
     must(message.size() == size, nullptr, "the conversions made a message of another length");
@@ -100,7 +99,7 @@ private:
   }
 
   Ref<GConverter> _converters[4];
-  std::vector<Bytes> _buffers{4, Bytes(2 * largest)};
+  std::vector<Bytes> _buffers{4, Bytes(2 * size)};
 };
 
 } // namespace
@@ -109,10 +108,8 @@ void
 measureStages(const Report &report)
 {
   auto link = makeLink(connectSockets("unix"), "both");
-  for (std::size_t size : {std::size_t{64}, std::size_t{1024}, largest})
-    for (const auto &corpus : corpora()) {
-      if (size == largest ? !isTypical(corpus) : corpus.name != "source")
-        continue;
+  for (const auto &corpus : corpora())
+    if (isTypical(corpus)) {
       std::vector<std::span<const std::uint8_t>> blocks;
       std::vector<GBytes *> messages;
       for (std::size_t at = 0; at + size <= corpus.bytes.size() && blocks.size() < 64; at += size) {

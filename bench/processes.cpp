@@ -148,11 +148,9 @@ makeWork(const std::string &what, const std::string &stages, GBytes *message)
 {
   constexpr std::size_t frames = 16; // of a burst
   auto sockets = connectSockets("unix");
-  bool byHand = stages == "by hand";
   if (what == "blocking burst")
-    return burst("seconds", makeLink(sockets, byHand ? "gathering" : stages), {message}, frames);
-  auto pair =
-      std::make_shared<AsyncPair>(streamsOn(sockets, stages), byHand ? framesByHand : framesZelgvc);
+    return burst("seconds", makeLink(sockets, stages), {message}, frames);
+  auto pair = std::make_shared<AsyncPair>(streamsOn(sockets, stages), framesZelgvc);
   if (what == "async burst")
     return {"seconds", repeat([=] { pair->burst(message, frames); }), frames};
   must(what == "async round trip", nullptr, "no such work");
