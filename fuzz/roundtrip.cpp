@@ -188,7 +188,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     stage = script.byte();
   Script pieces(payload);
   memory_limit = largest;
-  auto [a, b] = new_connections();
+  auto [a, b] = support::new_socket_pair(support::Family::unix_domain);
   End first(a.get(), stages, &pieces), second(b.get(), stages, &pieces);
 
   for (unsigned i = 0; i < 16 && !script.empty(); i++) {
