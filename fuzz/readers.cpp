@@ -245,10 +245,7 @@ read_message(GvcBytesInputStream *in, Line *line, const char *type, Waiter *wait
   GVariant *variant = nullptr;
 
   if (waiter) {
-    if (type)
-      gvc_bytes_input_stream_read_variant_async(in, type, 0, cancellable, Waiter::ready, waiter);
-    else
-      gvc_bytes_input_stream_read_bytes_async(in, 0, cancellable, Waiter::ready, waiter);
+    start_read(in, type, 0, cancellable, waiter);
     line->send_for(*waiter);
   }
   if (waiter && type)

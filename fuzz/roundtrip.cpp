@@ -128,7 +128,7 @@ exchange(End *from, End *to, View sent, Form form)
   g_autoptr(GError) error = nullptr;
   g_autoptr(GBytes) message = nullptr;
   if (!form.read_blocking)
-    start_read(in, form.variant, 0, nullptr, &arrived);
+    start_read(in, form.variant ? "ay" : nullptr, 0, nullptr, &arrived);
   Write write(from, sent, form);
   if (form.read_blocking) {
     write.finish();

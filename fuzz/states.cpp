@@ -167,7 +167,8 @@ private:
       g_autoptr(GBytes) message = finish_read(reader, result, variant, &error);
       check_message(message, error);
     });
-    start_read(reader, variant, decision >> 4, operation.cancellable.get(), &operation.waiter);
+    start_read(reader, variant ? "ay" : nullptr, decision >> 4, operation.cancellable.get(),
+               &operation.waiter);
   }
 
   // Only if a whole message or the end is there to be read.

@@ -240,35 +240,26 @@ new_splitter(Script *pieces)
 
 // ---- Stages
 
-static GType
-stage_type(unsigned kind, bool in)
-{
-  if (kind == 1)
-    return in ? GVC_TYPE_DECOMPRESSOR : GVC_TYPE_COMPRESSOR;
-  return in ? GVC_TYPE_DECRYPTOR : GVC_TYPE_ENCRYPTOR;
-}
-
 static Ref<GConverter>
-new_stage(unsigned kind, bool in)
+new_stage(unsigned kind, GType compression, GType encryption)
 {
   static GBytes *const key = g_bytes_new_static("libzelgvc: this is a fixed key.", 32);
-  auto type = stage_type(kind, in);
-  auto *stage =
-      kind == 1 ? g_object_new(type, nullptr)
-                : g_object_new(type, "key", key, "key-length", kind == 2 ? 256U : 128U, nullptr);
+  const guint bits = kind == 2 ? 256 : 128;
+  auto *stage = kind == 1 ? g_object_new(compression, nullptr)
+                          : g_object_new(encryption, "key", key, "key-length", bits, nullptr);
   return own(static_cast<GConverter *>(stage));
 }
 
 Ref<GConverter>
 fuzz::new_in_stage(unsigned kind)
 {
-  return new_stage(kind, true);
+  return new_stage(kind, GVC_TYPE_DECOMPRESSOR, GVC_TYPE_DECRYPTOR);
 }
 
 Ref<GConverter>
 fuzz::new_out_stage(unsigned kind)
 {
-  return new_stage(kind, false);
+  return new_stage(kind, GVC_TYPE_COMPRESSOR, GVC_TYPE_ENCRYPTOR);
 }
 
 Stage
@@ -354,11 +345,11 @@ as_variant(GBytes *bytes)
 }
 
 void
-fuzz::start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+fuzz::start_read(GvcBytesInputStream *in, const char *type, int priority, GCancellable *cancellable,
                  Waiter *waiter)
 {
-  if (variant)
-    gvc_bytes_input_stream_read_variant_async(in, "ay", priority, cancellable, Waiter::ready,
+  if (type)
+    gvc_bytes_input_stream_read_variant_async(in, type, priority, cancellable, Waiter::ready,
                                               waiter);
   else
     gvc_bytes_input_stream_read_bytes_async(in, priority, cancellable, Waiter::ready, waiter);

@@ -162,7 +162,8 @@ private:
 void run_ready();
 
 // Messages, as bytes or as variants of the type "ay".
-void start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+// Reads a variant if there is a type.
+void start_read(GvcBytesInputStream *in, const char *type, int priority, GCancellable *cancellable,
                 Waiter *waiter);
 GBytes *finish_read(GvcBytesInputStream *in, GAsyncResult *result, bool variant, GError **error);
 bool put(GvcBytesOutputStream *out, GBytes *message, bool variant, GError **error);
