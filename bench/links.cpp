@@ -190,8 +190,7 @@ makeEnd(Ref<GIOStream> stream, const std::string &kind)
   auto *in = g_io_stream_get_input_stream(stream.get());
   auto *out = g_io_stream_get_output_stream(stream.get());
   auto byHand = [&](auto send) {
-    return End{std::move(stream), support::own(G_INPUT_STREAM(g_object_ref(in))),
-               support::own(G_OUTPUT_STREAM(g_object_ref(out))), send, receiveByHand};
+    return End{std::move(stream), wrap(in, nullptr), wrap(out, nullptr), send, receiveByHand};
   };
   if (kind == "by hand")
     return byHand(sendByHand<twoWrites>);
@@ -199,9 +198,8 @@ makeEnd(Ref<GIOStream> stream, const std::string &kind)
     return byHand(sendByHand<gatheringWrite>);
   if (kind == "tls")
     return byHand(sendByHand<oneWrite>);
-  return {std::move(stream), support::own(G_INPUT_STREAM(gvc_bytes_input_stream_new(in))),
-          support::own(G_OUTPUT_STREAM(gvc_bytes_output_stream_new(out))), sendMessage,
-          receiveMessage};
+  return {std::move(stream), wrap(in, gvc_bytes_input_stream_get_type),
+          wrap(out, gvc_bytes_output_stream_get_type), sendMessage, receiveMessage};
 }
 
 void

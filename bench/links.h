@@ -31,6 +31,15 @@ struct Streams {
 // or "both". "by hand" are the sockets themselves.
 Streams streamsOn(const support::SocketPair &sockets, const std::string &kind);
 
+// A filter stream of this type on the base, or the base itself without a type.
+template <typename Stream>
+Ref<Stream>
+wrap(Stream *base, GType (*type)())
+{
+  return Ref<Stream>(static_cast<Stream *>(type ? g_object_new(type(), "base-stream", base, nullptr)
+                                                : g_object_ref(base)));
+}
+
 // One end of a pair. Both ends may be used from different threads.
 struct End {
   Ref<GIOStream> stream;
