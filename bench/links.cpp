@@ -18,8 +18,17 @@ connectSockets(const std::string &transport)
 {
   if (transport == "unix")
     return support::new_socket_pair(support::Family::unix_domain);
-  auto pair = support::new_socket_pair(support::Family::tcp4);
+  // With a listener for each pair, a crowd would run out of ports.
+  static auto *listener = g_socket_listener_new();
+  static auto port = g_socket_listener_add_any_inet_port(listener, nullptr, nullptr);
   GError *error = nullptr;
+  auto client = support::own(g_socket_client_new());
+  g_socket_client_set_enable_proxy(client.get(), FALSE);
+  support::SocketPair pair;
+  pair.a.reset(g_socket_client_connect_to_host(client.get(), "127.0.0.1", port, nullptr, &error));
+  must(pair.a != nullptr, error, "connect");
+  pair.b.reset(g_socket_listener_accept(listener, nullptr, nullptr, &error));
+  must(pair.b != nullptr, error, "accept");
   for (auto *connection : {pair.a.get(), pair.b.get()})
     must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
                              TRUE, &error),
