@@ -58,7 +58,7 @@ measureAsync(const Report &report)
 
 static void
 raceBlockingStrings(const Report &report, const char *transport, const char *stages,
-                    const Pair<GIOStream> &streams)
+                    const Streams &streams)
 {
   constexpr gsize size = 1024;
   auto *in = g_io_stream_get_input_stream(streams.far.get());

@@ -11,26 +11,6 @@ namespace bench
 namespace
 {
 
-template <auto make>
-GInputStream *
-wrapInput(GInputStream *base)
-{
-  return G_INPUT_STREAM(make(base));
-}
-
-GOutputStream *
-wrapOutput(GOutputStream *base)
-{
-  return G_OUTPUT_STREAM(gvc_bytes_output_stream_new(base));
-}
-
-template <typename Stream>
-Stream *
-same(Stream *base)
-{
-  return static_cast<Stream *>(g_object_ref(base));
-}
-
 void
 writeAll(AsyncEnd &end)
 {
@@ -97,8 +77,8 @@ receivedByHand(AsyncEnd &end, GAsyncResult *result, GError **error)
 } // namespace
 
 const Method framesZelgvc = {
-    wrapInput<gvc_bytes_input_stream_new>,
-    wrapOutput,
+    gvc_bytes_input_stream_get_type,
+    gvc_bytes_output_stream_get_type,
     [](AsyncEnd &end) {
       gvc_bytes_output_stream_put_bytes_async(GVC_BYTES_OUTPUT_STREAM(end.out.get()), end.sending,
                                               G_PRIORITY_DEFAULT, nullptr, AsyncEnd::whenSent,
@@ -120,16 +100,16 @@ const Method framesZelgvc = {
     }};
 
 const Method framesByHand = {
-    same,
-    same,
+    nullptr,
+    nullptr,
     sendPrefix,
     sentByHand,
     [](AsyncEnd &end) { readAll(end, &end.inPrefix, sizeof end.inPrefix); },
     receivedByHand};
 
 const Method stringsZelgvc = {
-    wrapInput<gvc_data_input_stream_new>,
-    same,
+    gvc_data_input_stream_get_type,
+    nullptr,
     [](AsyncEnd &end) {
       gsize size;
       auto *data = g_bytes_get_data(end.sending, &size);
@@ -153,8 +133,8 @@ const Method stringsZelgvc = {
     }};
 
 const Method stringsGDataInputStream = {
-    wrapInput<g_data_input_stream_new>,
-    same,
+    g_data_input_stream_get_type,
+    nullptr,
     writeAll,
     wroteAll,
     [](AsyncEnd &end) {
@@ -174,8 +154,8 @@ const Method stringsGDataInputStream = {
 // ---- Ends ----
 
 AsyncEnd::AsyncEnd(GIOStream *stream, const Method &method)
-    : in(method.wrapInput(g_io_stream_get_input_stream(stream))),
-      out(method.wrapOutput(g_io_stream_get_output_stream(stream))),
+    : in(wrap(g_io_stream_get_input_stream(stream), method.inputType)),
+      out(wrap(g_io_stream_get_output_stream(stream), method.outputType)),
       _stream(G_IO_STREAM(g_object_ref(stream))), _method(method)
 {
 }
@@ -224,7 +204,7 @@ AsyncEnd::whenReceived(GObject *, GAsyncResult *result, gpointer user_data)
 
 // ---- Pairs ----
 
-AsyncPair::AsyncPair(const Pair<GIOStream> &streams, const Method &method)
+AsyncPair::AsyncPair(const Streams &streams, const Method &method)
     : _near(streams.near.get(), method), _far(streams.far.get(), method)
 {
   _near.onReceived = [this](GBytes *arrived) {

@@ -12,8 +12,8 @@ class AsyncEnd;
 // One way to move messages. send() and receive() start an operation, whose callback calls sent() or
 // received(). These finish it; they return false if they started another step of the same message.
 struct Method {
-  GInputStream *(*wrapInput)(GInputStream *base);
-  GOutputStream *(*wrapOutput)(GOutputStream *base);
+  GType (*inputType)(); // on the stream; NULL for the stream itself
+  GType (*outputType)();
   void (*send)(AsyncEnd &end);
   bool (*sent)(AsyncEnd &end, GAsyncResult *result, GError **error);
   void (*receive)(AsyncEnd &end);
@@ -70,7 +70,7 @@ private:
 class AsyncPair
 {
 public:
-  AsyncPair(const Pair<GIOStream> &streams, const Method &method);
+  AsyncPair(const Streams &streams, const Method &method);
 
   // Ends the program unless a message arrives as it was sent.
   void check(GBytes *message);

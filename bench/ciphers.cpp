@@ -18,22 +18,20 @@ constexpr std::size_t block = 16;
 constexpr std::size_t header = 8;
 const guint8 key[32] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
 
-template <typename T>
 Ref<GConverter>
-makeConverter(T *(*make)(GBytes *), void (*setKeyLength)(T *, guint), unsigned bits)
+makeConverter(GType type, unsigned bits)
 {
   BytesRef bytes(g_bytes_new_static(key, sizeof key));
-  auto *converter = make(bytes.get());
-  setKeyLength(converter, bits);
-  return Ref<GConverter>(G_CONVERTER(converter));
+  return support::own(
+      G_CONVERTER(g_object_new(type, "key", bytes.get(), "key-length", bits, nullptr)));
 }
 
 // A record and the buffers for both directions. libgcrypt does not pad, so its text is padded.
 struct Record {
   Record(unsigned bits, std::size_t size)
       : plain(source(size)), padded(plain), ivRecord(header + block),
-        encryptor(makeConverter(gvc_encryptor_new, gvc_encryptor_set_key_length, bits)),
-        decryptor(makeConverter(gvc_decryptor_new, gvc_decryptor_set_key_length, bits))
+        encryptor(makeConverter(GVC_TYPE_ENCRYPTOR, bits)),
+        decryptor(makeConverter(GVC_TYPE_DECRYPTOR, bits))
   {
     auto padding = block - size % block;
     padded.resize(size + padding, static_cast<std::uint8_t>(padding));

@@ -4,7 +4,6 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include <cstring>
 #include <thread>
@@ -14,45 +13,27 @@ namespace bench
 
 // ---- Sockets ----
 
-static Ref<GSocketConnection>
-wrapSocket(int fd)
+support::SocketPair
+connectSockets(const std::string &transport)
 {
-  GError *error = nullptr;
-  Ref<GSocket> socket(g_socket_new_from_fd(fd, &error));
-  must(socket != nullptr, error, "socket");
-  return Ref<GSocketConnection>(g_socket_connection_factory_create_connection(socket.get()));
-}
-
-static Pair<GSocketConnection>
-connectTcp()
-{
+  if (transport == "unix")
+    return support::new_socket_pair(support::Family::unix_domain);
+  // With a listener for each pair, a crowd would run out of ports.
   static auto *listener = g_socket_listener_new();
   static auto port = g_socket_listener_add_any_inet_port(listener, nullptr, nullptr);
   GError *error = nullptr;
-  Ref<GSocketClient> client(g_socket_client_new());
+  auto client = support::own(g_socket_client_new());
   g_socket_client_set_enable_proxy(client.get(), FALSE);
-  Pair<GSocketConnection> pair;
-  pair.near.reset(
-      g_socket_client_connect_to_host(client.get(), "127.0.0.1", port, nullptr, &error));
-  must(pair.near != nullptr, error, "connect");
-  pair.far.reset(g_socket_listener_accept(listener, nullptr, nullptr, &error));
-  must(pair.far != nullptr, error, "accept");
-  for (auto *connection : {pair.near.get(), pair.far.get()})
+  support::SocketPair pair;
+  pair.a.reset(g_socket_client_connect_to_host(client.get(), "127.0.0.1", port, nullptr, &error));
+  must(pair.a != nullptr, error, "connect");
+  pair.b.reset(g_socket_listener_accept(listener, nullptr, nullptr, &error));
+  must(pair.b != nullptr, error, "accept");
+  for (auto *connection : {pair.a.get(), pair.b.get()})
     must(g_socket_set_option(g_socket_connection_get_socket(connection), IPPROTO_TCP, TCP_NODELAY,
                              TRUE, &error),
          error, "TCP_NODELAY");
   return pair;
-}
-
-Sockets
-connectSockets(const std::string &transport)
-{
-  if (transport == "tcp")
-    return std::make_shared<Pair<GSocketConnection>>(connectTcp());
-  int fds[2];
-  must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, nullptr, "socketpair");
-  return std::make_shared<Pair<GSocketConnection>>(
-      Pair<GSocketConnection>{wrapSocket(fds[0]), wrapSocket(fds[1])});
 }
 
 // ---- Streams ----
@@ -79,10 +60,10 @@ streamOn(GSocketConnection *connection, const std::string &kind)
   return Ref<GIOStream>(G_IO_STREAM(channel));
 }
 
-Pair<GIOStream>
-streamsOn(const Sockets &sockets, const std::string &kind)
+Streams
+streamsOn(const support::SocketPair &sockets, const std::string &kind)
 {
-  return {streamOn(sockets->near.get(), kind), streamOn(sockets->far.get(), kind)};
+  return {streamOn(sockets.a.get(), kind), streamOn(sockets.b.get(), kind)};
 }
 
 static std::string lastTls;
@@ -95,17 +76,17 @@ shakeHands(GIOStream *stream)
        "TLS handshake");
 }
 
-static Pair<GIOStream>
-tlsOn(const Sockets &sockets)
+static Streams
+tlsOn(const support::SocketPair &sockets)
 {
   GError *error = nullptr;
   Ref<GTlsCertificate> certificate(g_tls_certificate_new_from_file(CERTIFICATE, &error));
   must(certificate != nullptr, error, "certificate (is glib-networking installed?)");
-  Pair<GIOStream> pair;
-  pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets->near.get()), nullptr, &error));
+  Streams pair;
+  pair.near.reset(g_tls_client_connection_new(G_IO_STREAM(sockets.a.get()), nullptr, &error));
   must(pair.near != nullptr, error, "TLS");
   pair.far.reset(
-      g_tls_server_connection_new(G_IO_STREAM(sockets->far.get()), certificate.get(), &error));
+      g_tls_server_connection_new(G_IO_STREAM(sockets.b.get()), certificate.get(), &error));
   must(pair.far != nullptr, error, "TLS");
   auto acceptAny = +[](GTlsConnection *, GTlsCertificate *, GTlsCertificateFlags,
                        gpointer) -> gboolean { return TRUE; };
@@ -133,37 +114,22 @@ tlsDescription()
 namespace
 {
 
-class ZelgvcEnd : public End
+void
+sendMessage(GOutputStream *out, GBytes *message)
 {
-public:
-  explicit ZelgvcEnd(Ref<GIOStream> channel)
-      : _channel(std::move(channel)),
-        _in(gvc_bytes_input_stream_new(g_io_stream_get_input_stream(_channel.get()))),
-        _out(gvc_bytes_output_stream_new(g_io_stream_get_output_stream(_channel.get())))
-  {
-  }
+  GError *error = nullptr;
+  must(gvc_bytes_output_stream_put_bytes(GVC_BYTES_OUTPUT_STREAM(out), message, nullptr, &error),
+       error, "send");
+}
 
-  void
-  send(GBytes *message) override
-  {
-    GError *error = nullptr;
-    must(gvc_bytes_output_stream_put_bytes(_out.get(), message, nullptr, &error), error, "send");
-  }
-
-  BytesRef
-  receive() override
-  {
-    GError *error = nullptr;
-    BytesRef message(gvc_bytes_input_stream_read_bytes(_in.get(), nullptr, &error));
-    must(message != nullptr, error, "receive");
-    return message;
-  }
-
-private:
-  Ref<GIOStream> _channel;
-  Ref<GvcBytesInputStream> _in;
-  Ref<GvcBytesOutputStream> _out;
-};
+BytesRef
+receiveMessage(GInputStream *in)
+{
+  GError *error = nullptr;
+  BytesRef message(gvc_bytes_input_stream_read_bytes(GVC_BYTES_INPUT_STREAM(in), nullptr, &error));
+  must(message != nullptr, error, "receive");
+  return message;
+}
 
 using SendFrame = bool (*)(GOutputStream *out, const guint32 *prefix, const void *data, gsize size,
                            GError **error);
@@ -196,50 +162,54 @@ oneWrite(GOutputStream *out, const guint32 *prefix, const void *data, gsize size
 }
 
 // Frames by hand, on any stream.
-class HandEnd : public End
+template <SendFrame sendFrame>
+void
+sendByHand(GOutputStream *out, GBytes *message)
 {
-public:
-  HandEnd(Ref<GIOStream> stream, SendFrame sendFrame)
-      : _stream(std::move(stream)), _sendFrame(sendFrame)
-  {
-  }
+  gsize size;
+  auto *data = g_bytes_get_data(message, &size);
+  auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
+  GError *error = nullptr;
+  must(sendFrame(out, &prefix, data, size, &error), error, "write");
+}
 
-  void
-  send(GBytes *message) override
-  {
-    gsize size;
-    auto *data = g_bytes_get_data(message, &size);
-    auto prefix = GUINT32_TO_LE(static_cast<guint32>(size));
-    GError *error = nullptr;
-    must(_sendFrame(g_io_stream_get_output_stream(_stream.get()), &prefix, data, size, &error),
-         error, "write");
-  }
+void
+readFully(GInputStream *in, void *data, gsize size)
+{
+  GError *error = nullptr;
+  gsize nread;
+  must(g_input_stream_read_all(in, data, size, &nread, nullptr, &error) && nread == size, error,
+       "read");
+}
 
-  BytesRef
-  receive() override
-  {
-    guint32 prefix;
-    read(&prefix, sizeof prefix);
-    gsize size = GUINT32_FROM_LE(prefix);
-    void *data = g_malloc(size);
-    read(data, size);
-    return BytesRef(g_bytes_new_take(data, size));
-  }
+BytesRef
+receiveByHand(GInputStream *in)
+{
+  guint32 prefix;
+  readFully(in, &prefix, sizeof prefix);
+  gsize size = GUINT32_FROM_LE(prefix);
+  void *data = g_malloc(size);
+  readFully(in, data, size);
+  return BytesRef(g_bytes_new_take(data, size));
+}
 
-private:
-  void
-  read(void *data, gsize size)
-  {
-    GError *error = nullptr;
-    gsize nread;
-    auto *in = g_io_stream_get_input_stream(_stream.get());
-    must(g_input_stream_read_all(in, data, size, &nread, nullptr, &error) && nread == size, error,
-         "read");
-  }
-
-  Ref<GIOStream> _stream;
-  SendFrame _sendFrame;
-};
+End
+makeEnd(Ref<GIOStream> stream, const std::string &kind)
+{
+  auto *in = g_io_stream_get_input_stream(stream.get());
+  auto *out = g_io_stream_get_output_stream(stream.get());
+  auto byHand = [&](auto send) {
+    return End{std::move(stream), wrap(in, nullptr), wrap(out, nullptr), send, receiveByHand};
+  };
+  if (kind == "by hand")
+    return byHand(sendByHand<twoWrites>);
+  if (kind == "gathering")
+    return byHand(sendByHand<gatheringWrite>);
+  if (kind == "tls")
+    return byHand(sendByHand<oneWrite>);
+  return {std::move(stream), wrap(in, gvc_bytes_input_stream_get_type),
+          wrap(out, gvc_bytes_output_stream_get_type), sendMessage, receiveMessage};
+}
 
 void
 receiveOne(End &end, gsize size)
@@ -261,7 +231,7 @@ public:
   ~Answering()
   {
     BytesRef goodbye(g_bytes_new_static(".", 1));
-    _link->near->send(goodbye.get());
+    _link->near.send(goodbye.get());
     _thread.join();
   }
 
@@ -270,11 +240,11 @@ private:
   loop(std::size_t batch, GBytes *answer) const
   {
     for (std::size_t received = 1;; received++) {
-      auto message = _link->far->receive();
+      auto message = _link->far.receive();
       if (g_bytes_get_size(message.get()) == 1)
         return;
       if (received % batch == 0)
-        _link->far->send(answer ? answer : message.get());
+        _link->far.send(answer ? answer : message.get());
     }
   }
 
@@ -289,8 +259,8 @@ answered(const std::string &name, const SharedLink &link, GBytes *message, std::
   auto peer = std::make_shared<Answering>(link, batch, answer);
   auto once = [=, size = g_bytes_get_size(answer ? answer : message)] {
     for (std::size_t i = 0; i < batch; i++)
-      link->near->send(message);
-    receiveOne(*link->near, size);
+      link->near.send(message);
+    receiveOne(link->near, size);
     (void)peer; // its thread must live as long as this
   };
   return {name, repeat(once), batch};
@@ -299,28 +269,19 @@ answered(const std::string &name, const SharedLink &link, GBytes *message, std::
 } // namespace
 
 SharedLink
-makeLink(const Sockets &sockets, const std::string &kind)
+makeLink(const support::SocketPair &sockets, const std::string &kind)
 {
-  SendFrame sendFrame = kind == "gathering" ? gatheringWrite
-                        : kind == "tls"     ? oneWrite
-                        : kind == "by hand" ? twoWrites
-                                            : nullptr;
   auto streams =
       kind == "tls" ? tlsOn(sockets) : streamsOn(sockets, kind == "gathering" ? "by hand" : kind);
-  auto makeEnd = [&](Ref<GIOStream> stream) -> std::unique_ptr<End> {
-    if (sendFrame)
-      return std::make_unique<HandEnd>(std::move(stream), sendFrame);
-    return std::make_unique<ZelgvcEnd>(std::move(stream));
-  };
   auto link = std::make_shared<Link>(
-      Link{sockets, makeEnd(std::move(streams.near)), makeEnd(std::move(streams.far))});
+      Link{makeEnd(std::move(streams.near), kind), makeEnd(std::move(streams.far), kind)});
 
   Answering peer(link, 1, nullptr);
   static const auto data = source(1 << 20);
   for (gsize size : {16, 1024, 65536, 1 << 20}) {
     BytesRef message(g_bytes_new_static(data.data(), size));
-    link->near->send(message.get());
-    must(g_bytes_equal(link->near->receive().get(), message.get()), nullptr,
+    link->near.send(message.get());
+    must(g_bytes_equal(link->near.receive().get(), message.get()), nullptr,
          "a message came back changed");
   }
   return link;
@@ -335,9 +296,9 @@ burst(const std::string &name, const SharedLink &link, const std::vector<GBytes 
   auto once = [=, at = std::size_t{0}]() mutable {
     auto *message = messages[at++ % messages.size()];
     for (std::size_t i = 0; i < count; i++)
-      link->near->send(message);
+      link->near.send(message);
     for (std::size_t i = 0; i < count; i++)
-      receiveOne(*link->far, g_bytes_get_size(message));
+      receiveOne(link->far, g_bytes_get_size(message));
   };
   return {name, repeat(once), count};
 }

@@ -4,6 +4,8 @@
 
 #include "measure.h"
 
+#include "tests/support/sockets.h"
+
 #include <zelgvc/zelgvc.h>
 
 #include <memory>
@@ -15,35 +17,52 @@ namespace bench
 
 constexpr const char *transports[] = {"tcp", "unix"};
 
-template <typename T> struct Pair {
-  Ref<T> near;
-  Ref<T> far;
-};
-
 // Contenders that put the same bytes on the wire share one connection, because its cost depends on
-// its history: windows and acknowledgements above all.
-using Sockets = std::shared_ptr<Pair<GSocketConnection>>;
+// its history: windows and acknowledgements above all. Over TCP both ends have TCP_NODELAY set, as
+// GLib does since 2.80.
+support::SocketPair connectSockets(const std::string &transport);
 
-// Over TCP both ends have TCP_NODELAY set, as GLib does since 2.80.
-Sockets connectSockets(const std::string &transport);
+struct Streams {
+  Ref<GIOStream> near;
+  Ref<GIOStream> far;
+};
 
 // The streams of both ends. `kind` is the stages of a channel: "plain", "compressed", "encrypted"
 // or "both". "by hand" are the sockets themselves.
-Pair<GIOStream> streamsOn(const Sockets &sockets, const std::string &kind);
+Streams streamsOn(const support::SocketPair &sockets, const std::string &kind);
+
+// A filter stream of this type on the base, or the base itself without a type.
+template <typename Stream>
+Ref<Stream>
+wrap(Stream *base, GType (*type)())
+{
+  return Ref<Stream>(static_cast<Stream *>(type ? g_object_new(type(), "base-stream", base, nullptr)
+                                                : g_object_ref(base)));
+}
 
 // One end of a pair. Both ends may be used from different threads.
-class End
-{
-public:
-  virtual ~End() = default;
-  virtual void send(GBytes *message) = 0;
-  virtual BytesRef receive() = 0;
+struct End {
+  Ref<GIOStream> stream;
+  Ref<GInputStream> in;
+  Ref<GOutputStream> out;
+  void (*sendTo)(GOutputStream *out, GBytes *message);
+  BytesRef (*receiveFrom)(GInputStream *in);
+
+  void
+  send(GBytes *message)
+  {
+    sendTo(out.get(), message);
+  }
+  BytesRef
+  receive()
+  {
+    return receiveFrom(in.get());
+  }
 };
 
 struct Link {
-  Sockets sockets;
-  std::unique_ptr<End> near;
-  std::unique_ptr<End> far;
+  End near;
+  End far;
 };
 
 using SharedLink = std::shared_ptr<Link>;
@@ -53,7 +72,7 @@ using SharedLink = std::shared_ptr<Link>;
 // "gathering": the same with one gathering write for both;
 // "tls": one write for a frame, so that it is one TLS record.
 // Ends the program unless a message arrives as it was sent.
-SharedLink makeLink(const Sockets &sockets, const std::string &kind);
+SharedLink makeLink(const support::SocketPair &sockets, const std::string &kind);
 
 // The version and cipher that the last TLS link agreed on.
 std::string tlsDescription();

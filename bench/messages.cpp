@@ -60,74 +60,49 @@ measureChannels(const Report &report)
 
 // ---- Both stages and their conversions alone ----
 
-namespace
-{
-
-constexpr std::size_t largest = 64 << 10;
-
-// The four conversions of a message through both stages, without a channel.
-class Conversions
-{
-public:
-  Conversions()
-  {
-    BytesRef key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
-    _converters[0].reset(G_CONVERTER(gvc_compressor_new()));
-    _converters[1].reset(G_CONVERTER(gvc_encryptor_new(key.get())));
-    _converters[2].reset(G_CONVERTER(gvc_decryptor_new(key.get())));
-    _converters[3].reset(G_CONVERTER(gvc_decompressor_new()));
-    // The record of the initial IV.
-    fill(2, fill(1, std::span(_buffers[0]).first(1)));
-  }
-
-  // Returns the message, as it comes out of the last conversion.
-  std::span<const std::uint8_t>
-  run(std::span<const std::uint8_t> message)
-  {
-    auto size = message.size();
-    for (std::size_t i = 0; i < std::size(_converters); i++)
-      message = fill(i, message);
-    must(message.size() == size, nullptr, "the conversions made a message of another length");
-    return message;
-  }
-
-private:
-  // Returns the bytes in its buffer that the converter wrote.
-  std::span<const std::uint8_t>
-  fill(std::size_t i, std::span<const std::uint8_t> in)
-  {
-    return std::span(_buffers[i]).first(convert(_converters[i].get(), in, _buffers[i]));
-  }
-
-  Ref<GConverter> _converters[4];
-  std::vector<Bytes> _buffers{4, Bytes(2 * largest)};
-};
-
-} // namespace
-
 void
 measureStages(const Report &report)
 {
+  using View = std::span<const std::uint8_t>;
+  constexpr std::size_t size = 64 << 10; // of a message
   auto link = makeLink(connectSockets("unix"), "both");
-  for (std::size_t size : {std::size_t{64}, std::size_t{1024}, largest})
-    for (const auto &corpus : corpora()) {
-      if (size == largest ? !isTypical(corpus) : corpus.name != "source")
-        continue;
-      std::vector<std::span<const std::uint8_t>> blocks;
-      std::vector<GBytes *> messages;
-      for (std::size_t at = 0; at + size <= corpus.bytes.size() && blocks.size() < 64; at += size) {
-        blocks.push_back(std::span(corpus.bytes).subspan(at, size));
-        messages.push_back(g_bytes_new_static(blocks.back().data(), size));
-      }
-      Conversions conversions;
-      must(std::ranges::equal(conversions.run(blocks[0]), blocks[0]), nullptr,
-           "the conversions changed a message");
-      auto convertNext = [&, at = std::size_t{0}]() mutable {
-        conversions.run(blocks[at++ % blocks.size()]);
-      };
-      report.race({{"corpus", corpus.name}, {"size", static_cast<std::int64_t>(size)}},
-                  {burst("both", link, messages, 1), {"conversions", repeat(convertNext)}});
+  BytesRef key(g_bytes_new_static("0123456789abcdef0123456789abcdef", 32));
+  // In the order of a message.
+  const Ref<GConverter> converters[] = {
+      support::own(G_CONVERTER(gvc_compressor_new())),
+      support::own(G_CONVERTER(gvc_encryptor_new(key.get()))),
+      support::own(G_CONVERTER(gvc_decryptor_new(key.get()))),
+      support::own(G_CONVERTER(gvc_decompressor_new())),
+  };
+  std::vector<Bytes> buffers(std::size(converters), Bytes(2 * size));
+  auto convertOnce = [&](std::size_t i, View in) -> View {
+    return View(buffers[i]).first(convert(converters[i].get(), in, buffers[i]));
+  };
+  convertOnce(2, convertOnce(1, View(buffers[0]).first(1))); // the record of the initial IV
+  auto convertAll = [&](View message) {
+    for (std::size_t i = 0; i < std::size(converters); i++)
+      message = convertOnce(i, message);
+    must(message.size() == size, nullptr, "the conversions made a message of another length");
+    return message;
+  };
+
+  for (const auto &corpus : corpora()) {
+    if (!isTypical(corpus))
+      continue;
+    std::vector<View> blocks;
+    std::vector<GBytes *> messages;
+    for (std::size_t at = 0; at + size <= corpus.bytes.size(); at += size) {
+      blocks.push_back(View(corpus.bytes).subspan(at, size));
+      messages.push_back(g_bytes_new_static(blocks.back().data(), size));
     }
+    must(std::ranges::equal(convertAll(blocks[0]), blocks[0]), nullptr,
+         "the conversions changed a message");
+    auto convertNext = [&, at = std::size_t{0}]() mutable {
+      convertAll(blocks[at++ % blocks.size()]);
+    };
+    report.race({{"corpus", corpus.name}, {"size", std::int64_t{size}}},
+                {burst("both", link, messages, 1), {"conversions", repeat(convertNext)}});
+  }
 }
 
 } // namespace bench

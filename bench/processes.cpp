@@ -28,9 +28,8 @@ public:
   {
     enter([=, this] {
       while (_pairs.size() < pairs) {
-        _sockets.push_back(connectSockets(_transport));
         _pairs.push_back(
-            std::make_unique<AsyncPair>(streamsOn(_sockets.back(), _stages),
+            std::make_unique<AsyncPair>(streamsOn(connectSockets(_transport), _stages),
                                         _stages == "by hand" ? framesByHand : framesZelgvc));
         _pairs.back()->arm();
       }
@@ -65,7 +64,6 @@ private:
   std::string _transport;
   std::string _stages;
   GMainContext *_context = g_main_context_new();
-  std::vector<Sockets> _sockets;
   std::vector<std::unique_ptr<AsyncPair>> _pairs;
 };
 
@@ -150,11 +148,9 @@ makeWork(const std::string &what, const std::string &stages, GBytes *message)
 {
   constexpr std::size_t frames = 16; // of a burst
   auto sockets = connectSockets("unix");
-  bool byHand = stages == "by hand";
   if (what == "blocking burst")
-    return burst("seconds", makeLink(sockets, byHand ? "gathering" : stages), {message}, frames);
-  auto pair =
-      std::make_shared<AsyncPair>(streamsOn(sockets, stages), byHand ? framesByHand : framesZelgvc);
+    return burst("seconds", makeLink(sockets, stages), {message}, frames);
+  auto pair = std::make_shared<AsyncPair>(streamsOn(sockets, stages), framesZelgvc);
   if (what == "async burst")
     return {"seconds", repeat([=] { pair->burst(message, frames); }), frames};
   must(what == "async round trip", nullptr, "no such work");

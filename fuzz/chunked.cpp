@@ -106,7 +106,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const auto decoded = expected(payload, room);
   FUZZ_CHECK((status == ippStsNoErr) == decoded.has_value());
   if (decoded)
-    FUZZ_CHECK(equal({out.get(), left}, *decoded));
+    FUZZ_CHECK(equal(View(out.get(), left), *decoded));
   else
     FUZZ_CHECK(status == ippStsBrokenStreamErr && left == room);
   return 0;

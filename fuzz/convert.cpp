@@ -8,8 +8,6 @@
 
 #include <zelgvc/gvcwire.h>
 
-#include <algorithm>
-
 using namespace fuzz;
 namespace block = gvc::wire::block;
 namespace record = gvc::wire::record;

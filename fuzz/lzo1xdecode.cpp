@@ -21,6 +21,6 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
   const auto expected = referenceDecode(stream.data(), stream.size(), room);
   FUZZ_CHECK((result.status == lzo1x::Status::ok) == expected.has_value());
   FUZZ_CHECK(result.size <= room);
-  FUZZ_CHECK(expected ? equal(*expected, {out.get(), result.size}) : result.size == 0);
+  FUZZ_CHECK(expected ? equal(*expected, View(out.get(), result.size)) : result.size == 0);
   return 0;
 }

@@ -6,8 +6,6 @@
 #include "codec/lzo1x/lzo1x.h"
 #include "tests/codec/lzo1xreference.h"
 
-#include <algorithm>
-
 using namespace fuzz;
 
 extern "C" int

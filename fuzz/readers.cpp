@@ -8,10 +8,6 @@
 
 #include <zelgvc/gvcwire.h>
 
-#include <sys/socket.h>
-
-#include <algorithm>
-
 using namespace fuzz;
 namespace frame = gvc::wire::frame;
 
@@ -75,7 +71,7 @@ public:
     channel_->feed(&unsent_, size == 0 ? unsent_.size() : size);
     more_ = !unsent_.empty();
     if (!more_ && ends_)
-      shutdown(channel_->peer, SHUT_WR);
+      channel_->peer.shutdown_write();
   }
   // For a blocking reader, which cannot feed the channel while it waits.
   void
@@ -249,10 +245,7 @@ read_message(GvcBytesInputStream *in, Line *line, const char *type, Waiter *wait
   GVariant *variant = nullptr;
 
   if (waiter) {
-    if (type)
-      gvc_bytes_input_stream_read_variant_async(in, type, 0, cancellable, Waiter::ready, waiter);
-    else
-      gvc_bytes_input_stream_read_bytes_async(in, 0, cancellable, Waiter::ready, waiter);
+    start_read(in, type, 0, cancellable, waiter);
     line->send_for(*waiter);
   }
   if (waiter && type)
@@ -342,7 +335,7 @@ read_strings(const Plan &plan, const Delivery &all, bool blocking)
     check_error(error, ends ? Failure{} : last);
     if (!ends)
       return;
-    FUZZ_CHECK(equal({reinterpret_cast<std::uint8_t *>(string), length},
+    FUZZ_CHECK(equal(View(reinterpret_cast<std::uint8_t *>(string), length),
                      rest.first(static_cast<std::size_t>(found - rest.begin()) + 1)));
     at += length;
     line.check_consumed(at);

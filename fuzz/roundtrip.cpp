@@ -128,7 +128,7 @@ exchange(End *from, End *to, View sent, Form form)
   g_autoptr(GError) error = nullptr;
   g_autoptr(GBytes) message = nullptr;
   if (!form.read_blocking)
-    start_read(in, form.variant, 0, nullptr, &arrived);
+    start_read(in, form.variant ? "ay" : nullptr, 0, nullptr, &arrived);
   Write write(from, sent, form);
   if (form.read_blocking) {
     write.finish();
@@ -188,7 +188,7 @@ LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     stage = script.byte();
   Script pieces(payload);
   memory_limit = largest;
-  auto [a, b] = new_connections();
+  auto [a, b] = support::new_socket_pair(support::Family::unix_domain);
   End first(a.get(), stages, &pieces), second(b.get(), stages, &pieces);
 
   for (unsigned i = 0; i < 16 && !script.empty(); i++) {

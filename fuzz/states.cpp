@@ -7,7 +7,6 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <deque>
 #include <list>
 
@@ -168,7 +167,8 @@ private:
       g_autoptr(GBytes) message = finish_read(reader, result, variant, &error);
       check_message(message, error);
     });
-    start_read(reader, variant, decision >> 4, operation.cancellable.get(), &operation.waiter);
+    start_read(reader, variant ? "ay" : nullptr, decision >> 4, operation.cancellable.get(),
+               &operation.waiter);
   }
 
   // Only if a whole message or the end is there to be read.
@@ -410,7 +410,7 @@ private:
     // Everything, or a few bytes.
     const auto decision = script_.byte();
     const auto size = decision == 0 ? sizeof buffer : decision;
-    while (recv(channel_.peer, buffer, size, 0) > 0 && decision == 0) {
+    while (recv(channel_.peer.fd(), buffer, size, 0) > 0 && decision == 0) {
     }
     if (decision == 0 && !busy(writes))
       unread_ = 0;
@@ -424,7 +424,7 @@ private:
     hung_up_ = true;
     calm_ = false;
     if (script_.byte() % 2 == 1) {
-      shutdown(channel_.peer, SHUT_WR);
+      channel_.peer.shutdown_write();
       return;
     }
     peer_leaves();
@@ -436,7 +436,7 @@ private:
   {
     if (!channel_.has_peer())
       return;
-    channel_.disconnect_peer();
+    channel_.peer.close();
     hung_up_ = true;
     calm_ = false;
     in_order_ = false; // unread bytes make the socket drop what the peer sent
@@ -446,7 +446,7 @@ private:
   void
   end()
   {
-    channel_.disconnect_peer();
+    channel_.peer.close();
     calm_ = false;
     for (auto &operation : operations_)
       if (!operation.ends)

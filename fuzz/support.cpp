@@ -3,11 +3,11 @@
 
 #include "tests/support/converters.h"
 
+#include <glib-unix.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -90,12 +90,6 @@ fuzz::split_input(const std::uint8_t *data, std::size_t size)
     return {Script(all), all};
   auto length = std::min<std::size_t>(all[0], size - 1);
   return {Script(all.subspan(1, length)), all.subspan(1 + length)};
-}
-
-bool
-fuzz::equal(View a, View b)
-{
-  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
 }
 
 View
@@ -246,35 +240,26 @@ new_splitter(Script *pieces)
 
 // ---- Stages
 
-static GType
-stage_type(unsigned kind, bool in)
-{
-  if (kind == 1)
-    return in ? GVC_TYPE_DECOMPRESSOR : GVC_TYPE_COMPRESSOR;
-  return in ? GVC_TYPE_DECRYPTOR : GVC_TYPE_ENCRYPTOR;
-}
-
 static Ref<GConverter>
-new_stage(unsigned kind, bool in)
+new_stage(unsigned kind, GType compression, GType encryption)
 {
   static GBytes *const key = g_bytes_new_static("libzelgvc: this is a fixed key.", 32);
-  auto type = stage_type(kind, in);
-  auto *stage =
-      kind == 1 ? g_object_new(type, nullptr)
-                : g_object_new(type, "key", key, "key-length", kind == 2 ? 256U : 128U, nullptr);
+  const guint bits = kind == 2 ? 256 : 128;
+  auto *stage = kind == 1 ? g_object_new(compression, nullptr)
+                          : g_object_new(encryption, "key", key, "key-length", bits, nullptr);
   return own(static_cast<GConverter *>(stage));
 }
 
 Ref<GConverter>
 fuzz::new_in_stage(unsigned kind)
 {
-  return new_stage(kind, true);
+  return new_stage(kind, GVC_TYPE_DECOMPRESSOR, GVC_TYPE_DECRYPTOR);
 }
 
 Ref<GConverter>
 fuzz::new_out_stage(unsigned kind)
 {
-  return new_stage(kind, false);
+  return new_stage(kind, GVC_TYPE_COMPRESSOR, GVC_TYPE_ENCRYPTOR);
 }
 
 Stage
@@ -309,35 +294,9 @@ fuzz::convert_all(GConverter *converter, View plain, Script *pieces)
 
 // ---- Sockets
 
-static void
-new_sockets(int fds[2])
-{
-  FUZZ_CHECK(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) == 0);
-}
-
-static Ref<GSocketConnection>
-new_connection(int fd)
-{
-  auto socket = own(g_socket_new_from_fd(fd, nullptr));
-  FUZZ_CHECK(socket != nullptr);
-  return own(g_socket_connection_factory_create_connection(socket.get()));
-}
-
-std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>>
-fuzz::new_connections()
-{
-  int fds[2];
-  new_sockets(fds);
-  return {new_connection(fds[0]), new_connection(fds[1])};
-}
-
 Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : pieces_(pieces)
 {
-  int fds[2];
-  new_sockets(fds);
-  socket = new_connection(fds[0]);
-  peer = fds[1];
-  connection = own(gvc_connection_new(socket.get()));
+  FUZZ_CHECK(g_unix_set_fd_nonblocking(peer.fd(), TRUE, nullptr));
   if (split)
     add_stage(connection.get(), splitter, &pieces_);
   for (auto kind : stages)
@@ -346,17 +305,9 @@ Channel::Channel(std::span<const unsigned> stages, bool split, Script pieces) : 
 }
 
 void
-Channel::disconnect_peer()
-{
-  if (has_peer())
-    close(peer);
-  peer = -1;
-}
-
-void
 Channel::feed(View *bytes, std::size_t size)
 {
-  const auto sent = send(peer, bytes->data(), std::min(size, bytes->size()), MSG_NOSIGNAL);
+  const auto sent = send(peer.fd(), bytes->data(), std::min(size, bytes->size()), MSG_NOSIGNAL);
   *bytes = bytes->subspan(sent > 0 ? static_cast<std::size_t>(sent) : 0);
 }
 
@@ -394,11 +345,11 @@ as_variant(GBytes *bytes)
 }
 
 void
-fuzz::start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+fuzz::start_read(GvcBytesInputStream *in, const char *type, int priority, GCancellable *cancellable,
                  Waiter *waiter)
 {
-  if (variant)
-    gvc_bytes_input_stream_read_variant_async(in, "ay", priority, cancellable, Waiter::ready,
+  if (type)
+    gvc_bytes_input_stream_read_variant_async(in, type, priority, cancellable, Waiter::ready,
                                               waiter);
   else
     gvc_bytes_input_stream_read_bytes_async(in, priority, cancellable, Waiter::ready, waiter);

@@ -3,10 +3,11 @@
 // Then come the script, which makes the decisions, and the payload.
 #pragma once
 
-#include "tests/support/values.h"
+#include "tests/support/sockets.h"
 
 #include <zelgvc/zelgvc.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,7 +61,7 @@ struct Input {
 };
 Input split_input(const std::uint8_t *data, std::size_t size);
 
-bool equal(View a, View b);
+using std::ranges::equal;
 View view(GBytes *bytes);
 // Up to `longest_pattern` bytes, the same for the same arguments. They compress well if `seed` is
 // even.
@@ -96,18 +97,16 @@ Stage add_stage(GvcConnection *connection, unsigned kind, Script *pieces = nullp
 // Converts all of `plain`, in pieces of the sizes in `pieces`.
 Bytes convert_all(GConverter *converter, View plain, Script *pieces);
 
-// Two connections with each other.
-std::pair<Ref<GSocketConnection>, Ref<GSocketConnection>> new_connections();
-
 // A channel over a socket pair, whose other end sends and receives bytes without blocking.
 class Channel
 {
 public:
   // The first stage is next to the socket. With `split`, a splitter is below it.
   Channel(std::span<const unsigned> stages = {}, bool split = false, Script pieces = Script());
+  // The peer leaves first, so that releasing the channel cannot wait for it.
   ~Channel()
   {
-    disconnect_peer();
+    peer.close();
   }
   Channel(const Channel &) = delete;
   Channel &operator=(const Channel &) = delete;
@@ -117,18 +116,17 @@ public:
   {
     return g_io_stream_get_input_stream(G_IO_STREAM(connection.get()));
   }
-  void disconnect_peer();
   bool
   has_peer() const
   {
-    return peer >= 0;
+    return peer.fd() >= 0;
   }
   // Sends up to `size` of the bytes, as many as the socket takes, and removes them from `bytes`.
   void feed(View *bytes, std::size_t size);
 
-  Ref<GSocketConnection> socket;
-  Ref<GvcConnection> connection;
-  int peer;
+  support::RawPeer peer{support::Family::unix_domain};
+  Ref<GSocketConnection> socket = peer.take_connection();
+  Ref<GvcConnection> connection = own(gvc_connection_new(socket.get()));
 
 private:
   Script pieces_;
@@ -164,7 +162,8 @@ private:
 void run_ready();
 
 // Messages, as bytes or as variants of the type "ay".
-void start_read(GvcBytesInputStream *in, bool variant, int priority, GCancellable *cancellable,
+// Reads a variant if there is a type.
+void start_read(GvcBytesInputStream *in, const char *type, int priority, GCancellable *cancellable,
                 Waiter *waiter);
 GBytes *finish_read(GvcBytesInputStream *in, GAsyncResult *result, bool variant, GError **error);
 bool put(GvcBytesOutputStream *out, GBytes *message, bool variant, GError **error);

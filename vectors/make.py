@@ -4,6 +4,7 @@
 
 import ctypes
 import hashlib
+import itertools
 import json
 import pathlib
 import struct
@@ -117,15 +118,15 @@ OPTIONAL = {
 }
 
 
+def offsets(units):
+    return list(itertools.accumulate(map(len, units), initial=0))[:-1]
+
+
 def case(name, stages, wire, messages, error, bits=256, blocking=None, orderly=False, zeros=0):
     """`wire` is bytes, a list of units for one stage, or bytes and the borders of each stage."""
     borders = []
     if isinstance(wire, list):
-        units, at = [], 0
-        for unit in wire:
-            units.append(at)
-            at += len(unit)
-        borders, wire = [units], b"".join(wire)
+        borders, wire = [offsets(wire)], b"".join(wire)
     elif isinstance(wire, tuple):
         wire, borders = wire
     found = {"name": name, "stages": stages}
@@ -325,21 +326,10 @@ def stacked():
     messages = [b"hello", noise(500, 3), b"x" * 700]
     data = b"".join(map(frame, messages))
 
-    def borders(units):
-        return [sum(map(len, units[:i])) for i in range(len(units))]
-
     def cut(units, size):
         whole = b"".join(units)
         return [whole[at : at + size] for at in range(0, len(whole), size)] if size else units
 
-    def seal(units, bits, number=0):
-        aes = Aes(bits)
-        return [aes.iv(number)] + [aes.record(unit) for unit in units]
-
-    def press(units, bits, number=0):
-        return [packed(unit) for unit in units]
-
-    makers = {"encrypt": seal, "compress": press}
     for bits, stages, size in (
         (256, ["compress", "encrypt"], 0),
         (128, ["compress", "encrypt"], 0),
@@ -352,8 +342,13 @@ def stacked():
     ):
         units, found = [data[:4], data[4:300], data[300:]], []
         for number, stage in enumerate(stages):
-            units = makers[stage](cut(units, size), bits, number)
-            found.append(borders(units))
+            units = cut(units, size)
+            if stage == "encrypt":
+                aes = Aes(bits)
+                units = [aes.iv(number), *map(aes.record, units)]
+            else:
+                units = list(map(packed, units))
+            found.append(offsets(units))
         name = "stacked/" + "-".join(stages) + ("-128" if bits == 128 else "")
         name += f"-cut-at-{size}" if size else ""
         case(name, stages, (b"".join(units), found), messages, HEADER, bits, orderly=True)

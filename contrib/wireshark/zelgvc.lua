@@ -163,53 +163,47 @@ local function layer_of(tvb)
   return layers[key]
 end
 
-local function show_damage(tvb, tree, layer)
-  local item = tree:add(fields[layer.name], tvb())
-  item:append_text(", damaged or something else")
-  item:add_proto_expert_info(bad_length)
+-- The names of the units in the packet.
+local shown
+
+-- The size of the unit at an offset; at least that of its header, which may be incomplete.
+local function size_at(tvb, offset)
+  local layer = layer_of(tvb)
+  if tvb:len() - offset < layer.header then
+    return layer.header
+  end
+  return layer.size(tvb, offset)
 end
 
--- Dissects unit after unit. If the last unit is incomplete, asks TCP for more.
-function zelgvc.dissector(tvb, pinfo, root)
-  local layer = layer_of(tvb)
-  local length = tvb:len()
-  local offset = 0
-  local shown = {}
+local function unit_size(tvb, pinfo, offset)
+  return size_at(tvb, offset) or tvb:len() - offset
+end
 
-  pinfo.cols.protocol = "ZELGVC"
-  local tree = root:add(zelgvc, tvb())
-  while offset < length do
-    local missing
-    local size
-    if length - offset < layer.header then
-      missing = DESEGMENT_ONE_MORE_SEGMENT
-    else
-      size = layer.size(tvb, offset)
-      if not size then
-        show_damage(tvb(offset):tvb(), tree, layer)
-        shown[#shown + 1] = "damaged"
-        break
-      end
-      if size > length - offset then
-        missing = size - (length - offset)
-      end
-    end
-    if missing and zelgvc.prefs.desegment and pinfo.can_desegment > 0 then
-      pinfo.desegment_offset = offset
-      pinfo.desegment_len = missing
-      break
-    end
-    if missing then
-      tree:add(fields[layer.name], tvb(offset)):append_text(", continued elsewhere")
-      break
-    end
-    shown[#shown + 1] = layer.show(tvb(offset, size):tvb(), tree, pinfo)
-    offset = offset + size
+local function show_unit(tvb, pinfo, tree)
+  local layer = layer_of(tvb)
+  local size = size_at(tvb, 0)
+  if not size then
+    local item = tree:add(fields[layer.name], tvb())
+    item:append_text(", damaged or something else")
+    item:add_proto_expert_info(bad_length)
+    shown[#shown + 1] = "damaged"
+  elseif size > tvb:len() then
+    tree:add(fields[layer.name], tvb()):append_text(", continued elsewhere")
+  else
+    shown[#shown + 1] = layer.show(tvb, tree, pinfo)
   end
+  return tvb:len()
+end
+
+function zelgvc.dissector(tvb, pinfo, root)
+  shown = {}
+  pinfo.cols.protocol = "ZELGVC"
+  dissect_tcp_pdus(tvb, root:add(zelgvc, tvb()), layer_of(tvb).header, unit_size, show_unit,
+    zelgvc.prefs.desegment)
   if #shown > 0 then
     pinfo.cols.info = table.concat(shown, ", ")
   end
-  return length
+  return tvb:len()
 end
 
 local registered
