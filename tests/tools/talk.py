@@ -566,6 +566,22 @@ def a_socket_left_behind_is_replaced_and_a_file_is_not():
 
 
 @case
+def a_file_in_the_place_of_the_socket_stays():
+    for number, code in ((signal.SIGTERM, 143), (None, 0)):
+        listen = Process("listen", "unix:socket")
+        listen.address()
+        os.rename("socket", "moved")
+        pathlib.Path("socket").write_text("precious")
+        if number:
+            listen.kill(number)
+        else:
+            run("connect", "unix:moved", data=b"x\n")
+        listen.wait(code)
+        assert pathlib.Path("socket").read_text() == "precious"
+        os.unlink("socket")
+
+
+@case
 def a_terminal_is_not_controlled_by_the_peer():
     master, slave = pty.openpty()
     listen = Process("listen", "unix:socket", stdout=slave)
