@@ -187,6 +187,14 @@ def a_crowd_gets_no_more_than_100_processes():
 
 
 @case
+def callers_are_counted_although_the_signal_was_blocked():
+    block = lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGCHLD])
+    serve = Process("serve", "unix:socket", before=block)
+    run("ping", serve.address(), "-c", "1")
+    serve.until(lambda: not children(serve), "end of the child")
+
+
+@case
 def wrong_options_are_usage_errors():
     for options in (["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"], ["--data", "x"],
                     ["--seconds", "0"]):
