@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "capture.h"
 #include "errors.h"
-#include "files.h"
 #include "interrupt.h"
 #include "owners.h"
 
@@ -17,9 +16,12 @@
 gsize
 read_input(int fd, const std::string &shown, char *buffer, gsize size)
 {
-  if (!wait_for(fd, POLLIN, interrupt_soon()))
-    throw Failure{Exit::interrupted, ""};
-  auto got = retry([&] { return read(fd, buffer, size); });
+  ssize_t got;
+  do {
+    if (!wait_for(fd, POLLIN, interrupt_soon()))
+      throw Failure{Exit::interrupted, ""};
+    got = read(fd, buffer, size);
+  } while (got < 0 && (errno == EINTR || errno == EAGAIN));
   if (got < 0)
     fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
   return static_cast<gsize>(got);

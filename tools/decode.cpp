@@ -357,7 +357,8 @@ static Exit
 decode(const DecodeOptions &options, const Stages &stages, const std::string *path)
 {
   auto shown = path ? printable(*path) : "standard input";
-  int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
+  // Without O_NONBLOCK, a pipe to which nobody writes would keep a signal waiting.
+  int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : STDIN_FILENO;
   if (fd < 0)
     fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
 

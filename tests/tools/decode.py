@@ -755,4 +755,18 @@ def an_interrupt_while_waiting_for_input():
     process.wait(130)
 
 
+@case
+def an_interrupt_while_waiting_for_the_writer_of_a_pipe():
+    os.mkfifo("pipe")
+    process = Process("decode", "pipe")
+    files = pathlib.Path(f"/proc/{process.popen.pid}/fd")
+    process.until(lambda: any(file.resolve().name == "pipe" for file in files.iterdir()), "pipe")
+    process.kill(signal.SIGINT)
+    process.wait(130)
+    process = Process("decode", "pipe")
+    pathlib.Path("pipe").write_bytes(b"\x01\0\0\0a")
+    process.wait()
+    assert b"1 frame, no damage" in process.output
+
+
 main()
