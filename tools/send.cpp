@@ -50,7 +50,10 @@ open_file(File &file, const std::string &path)
     throw FileFailure{Exit::local, file.path + " is no regular file"};
   // Some files, as in /proc, have contents but no size.
   char byte;
-  if (file.size() == 0 && pread(file.fd, &byte, 1, 0) == 1)
+  auto got = file.size() == 0 ? pread(file.fd, &byte, 1, 0) : 0;
+  if (got < 0)
+    throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
+  if (got > 0)
     throw FileFailure{Exit::local, file.path + " does not tell its size"};
 }
 

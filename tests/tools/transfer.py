@@ -183,8 +183,9 @@ def a_date_that_cannot_be_is_no_reason_to_fail():
 def a_file_that_does_not_tell_its_size_is_refused():
     pathlib.Path("next").write_text("x")
     receive = receiver()
-    send = run("send", receive.address(), "/proc/cpuinfo", "next", codes=(6,))
-    send.complained("/proc/cpuinfo does not tell its size")
+    send = run("send", receive.address(), "/proc/cpuinfo", "/proc/self/mem", "next", codes=(6,))
+    assert "/proc/cpuinfo does not tell its size" in send.errors
+    send.complained("cannot read /proc/self/mem: Input/output error", lines=2)
     receive.wait()
     assert os.listdir("in") == ["next"]
 
