@@ -573,6 +573,29 @@ def a_file_that_shrinks_is_told_to_the_receiver_and_the_next_one_follows():
 
 
 @case
+def a_file_that_changes_while_it_is_sent_is_not_stored():
+    for offset in (0, 3000000):
+        pathlib.Path("file").write_bytes(content(3000000))
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind(f"socket{offset}")
+            server.listen()
+            send = Process("send", f"unix:socket{offset}", "file")
+            peer = Peer.by(server)
+        peer.receive()
+        peer.send(have=0)
+        assert b"offset" in peer.receive() and len(peer.receive()) == 2**18
+        with open("file", "r+b") as file:
+            file.seek(offset)
+            file.write(b"new")
+        while data := peer.receive():
+            assert b"sha256" not in data
+        assert b"file changed while it was sent" in peer.receive()
+        assert b"end" in peer.receive()
+        peer.send(end=1)
+        send.wait(6).complained("file changed while it was sent")
+
+
+@case
 def two_transfers_of_one_file_do_not_mix():
     data = content(3000000)
     pathlib.Path("file").write_bytes(data)
