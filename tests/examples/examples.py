@@ -151,14 +151,23 @@ def shows_nothing_that_controls_a_terminal():
         log = pair.end()[1] + pair.server.stdout.read()
         assert status == 1 and "not a name for a file: \"red?[31m\"" in log, log
         assert "\x1b" not in complaints + log
-    # A server that refuses.
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
-        with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                              text=True) as caller:
-            server.accept()[0].sendall(b"\x08\0\0\0" + b"\0" + b"\x1b[31mn\0")
-            complaints = caller.communicate(timeout=LIMIT)[1]
-        assert "the server refuses: ?[31mn" in complaints, complaints
+    # A server that refuses, and one that sends a wrong checksum.
+    size = os.path.getsize(SERVE)
+    for answers, complaint in (
+        ([b"\0\x1b[31mn\0"], "the server refuses: ?[31mn"),
+        ([b"\1\0", struct.pack("<Q", size), b"\x1b[31mn\0"], "checksum ?[31mn instead of"),
+    ):
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
+            with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.PIPE, text=True) as caller:
+                with server.accept()[0] as sock:
+                    sock.sendall(b"".join(map(frame, answers)))
+                    sock.shutdown(socket.SHUT_WR)
+                    while sock.recv(2**20):
+                        pass
+                complaints = caller.communicate(timeout=LIMIT)[1]
+            assert complaint in complaints, complaints
 
 
 def does_not_overwrite():
