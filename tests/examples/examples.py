@@ -190,14 +190,17 @@ def reports_a_caller_that_goes_away():
             assert status == 1 and "Disconnected" in complaints, (status, complaints)
 
 
-def keeps_no_part_of_a_file():
+def keeps_no_part_of_a_file(number=None):
     with Pair() as pair:
         with socket.create_connection(("127.0.0.1", pair.port)) as caller:
             request = b"file\0\0\0\0" + struct.pack("<Q", 10) + b"part\0" + bytes([5])
             caller.sendall(struct.pack("<i", len(request)) + request + struct.pack("<i", 3) + b"abc")
-            assert caller.recv(100)
+            assert caller.recv(100) and list(pair.stored.iterdir())
+            if number:
+                pair.server.send_signal(number)
+                pair.end()
         status, complaints = pair.end()
-        assert status == 1, complaints
+        assert status == (0 if number else 1), complaints
         assert not list(pair.stored.iterdir())
 
 
@@ -337,6 +340,8 @@ sys.exit(tap.run([
     ("/examples/does-not-overwrite", does_not_overwrite),
     ("/examples/reports-a-caller-that-goes-away", reports_a_caller_that_goes_away),
     ("/examples/keeps-no-part-of-a-file", keeps_no_part_of_a_file),
+    ("/examples/keeps-no-part-of-a-file/terminated",
+     functools.partial(keeps_no_part_of_a_file, signal.SIGTERM)),
     ("/examples/gives-up-on-an-unfinished-string", gives_up_on_an_unfinished_string),
     ("/examples/survives-a-negative-length", survives_a_negative_length),
     ("/examples/a-caller-that-stops-reading-holds-up-nobody",
