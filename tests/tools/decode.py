@@ -615,6 +615,19 @@ def captures_are_read():
 
 
 @case
+def a_lost_packet_takes_no_memory():
+    frame = struct.pack("<i", 59996) + bytes(59996)
+    packets = conversation([frame] * 1100)
+    del packets[3]
+    if not shutil.which("tshark"):
+        raise Skip("no tshark here")
+    pathlib.Path("capture").write_bytes(pcap(packets))
+    process = Process("decode", "capture", "--limit", "1").wait(1)
+    assert b"1099 frames, 1 damaged" in process.output
+    process.used_at_most(56 * 1024)
+
+
+@case
 def captured_segments_are_put_in_order():
     generator = random.Random(5)
     data = b"".join(pieces([bytes([65 + i]) * i for i in range(1, 40)]))
