@@ -113,6 +113,7 @@ public:
   void
   skipped(const Place &place, guint64 size) override
   {
+    skips = true;
     if (!options.json)
       return line(place, "skipped " + std::to_string(size) + " bytes at offset " +
                              std::to_string(place.offset) + " of the " + place.layer + "s");
@@ -138,6 +139,9 @@ public:
   void
   summary()
   {
+    // A capture without its beginning can hold nothing that looks like a unit.
+    if (skips && !units && damages == 0)
+      damages = 1;
     if (options.json)
       return;
     counts.resize(names.size());
@@ -164,6 +168,7 @@ private:
   void
   begin(JsonLine &json, const Unit &unit)
   {
+    units = true;
     begin(json, static_cast<const Place &>(unit));
     json.add("index", unit.index).add("size", unit.size);
   }
@@ -184,6 +189,7 @@ private:
   void
   line(const Unit &unit, const std::string &rest)
   {
+    units = true;
     counts.resize(names.size());
     counts[unit.depth]++;
     line(static_cast<const Place &>(unit), unit.layer + (" " + std::to_string(unit.index)) +
@@ -261,6 +267,7 @@ private:
 
   const DecodeOptions &options;
   std::vector<guint64> counts;
+  bool skips = false, units = false; // whether any were reported
 };
 } // namespace
 

@@ -668,6 +668,8 @@ def what_a_capture_lacks_is_damage_and_the_rest_is_found():
     # A stream without its beginning, and one whose last packet is cut.
     found, _ = decode_capture(conversation(build([], messages))[3:])
     assert [f["text"] for f in of(found, "frame")] == ["two", "three", "four"]
+    found, _ = decode_capture(conversation([b"no frame"])[2:], codes=(1,))
+    assert [item["skipped"] for item in found] == [8]
     found, process = decode_capture(conversation(build([], messages))[1:])
     assert "from the client 10.0.0.1:40000" in process.errors and len(found) == 4
     cut = packet(CLIENT, SERVER, 2**32 - 19, ACK, b"\x05\0\0\0hello", kept=6)
