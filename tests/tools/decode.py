@@ -545,6 +545,15 @@ def units_of_many_pieces_and_pieces_of_many_units_take_linear_time():
         Process("decode", "stream", "--compress", "--compress", stdout=nowhere).wait(1)
 
 
+@case
+def a_variant_of_many_elements_takes_linear_time():
+    count = 3000000
+    message = bytes(count) + b"".join(struct.pack("<I", i + 1) for i in range(count))
+    pathlib.Path("stream").write_bytes(struct.pack("<i", len(message)) + message)
+    process = run("decode", "stream", "--variant", "as")
+    assert process.output.count(b"''") == count
+
+
 CLIENT, SERVER = ("10.0.0.1", 40000), ("10.0.0.2", 5000)
 FIN, SYN, ACK = 1, 2, 16
 
