@@ -196,8 +196,8 @@ def callers_are_counted_although_the_signal_was_blocked():
 
 @case
 def wrong_options_are_usage_errors():
-    for options in (["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"], ["--data", "x"],
-                    ["--seconds", "0"]):
+    for options in (["--sizes", ""], ["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"],
+                    ["--data", "x"], ["--seconds", "0"]):
         run("perf", "unix:x", *options, codes=(2,))
     for options in (["-c", "-1"], ["-s", "-1"], ["-i", "-1"], ["-s", str(2**30)]):
         run("ping", "unix:x", *options, codes=(2,))
