@@ -204,6 +204,19 @@ def keeps_no_part_of_a_file(number=None):
         assert not list(pair.stored.iterdir())
 
 
+def survives_a_file_that_becomes_shorter():
+    """While a thread computes its checksum."""
+    size = 50_000_000
+    with Pair() as pair, socket.create_connection(("127.0.0.1", pair.port)) as caller:
+        for request in b"file\0\0\0\0" + struct.pack("<Q", size) + b"short\0\5", bytes(size):
+            caller.sendall(frame(request))
+            assert caller.recv(100)
+        os.truncate(pair.stored / "short", 0)
+        assert len(caller.recv(4 + 65, socket.MSG_WAITALL)) == 4 + 65
+        caller.close()
+        assert pair.end()[0] == 1
+
+
 def gives_up_on_an_unfinished_string():
     with Pair("--timeout", "1") as pair:
         with socket.create_connection(("127.0.0.1", pair.port)) as caller:
@@ -342,6 +355,7 @@ sys.exit(tap.run([
     ("/examples/keeps-no-part-of-a-file", keeps_no_part_of_a_file),
     ("/examples/keeps-no-part-of-a-file/terminated",
      functools.partial(keeps_no_part_of_a_file, signal.SIGTERM)),
+    ("/examples/survives-a-file-that-becomes-shorter", survives_a_file_that_becomes_shorter),
     ("/examples/gives-up-on-an-unfinished-string", gives_up_on_an_unfinished_string),
     ("/examples/survives-a-negative-length", survives_a_negative_length),
     ("/examples/a-caller-that-stops-reading-holds-up-nobody",
