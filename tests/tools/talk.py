@@ -323,6 +323,13 @@ def a_full_disk_under_standard_output_is_named():
             Process(*help_, stdout=full).wait(6).complained("No space left")
 
 
+@case
+def the_wrong_end_of_a_pipe_is_not_waited_for():
+    reader, writer = os.pipe()
+    Process("--version", stdout=reader).wait(6).complained("standard output: Bad file descriptor")
+    Process("decode", stdin=writer).wait(6).complained("standard input: Bad file descriptor")
+
+
 def call(listen):
     """A peer of our own."""
     listen.address()
