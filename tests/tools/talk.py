@@ -182,8 +182,8 @@ def json_objects():
 
 
 @case
-def json_holds_nothing_that_controls_a_terminal():
-    text = "\x1b[2J\x7f\x9b2J\x9d0;title\x07\u202e\u2066\U000e0001 \u00e9\U0001f600"
+def json_holds_nothing_that_controls_a_terminal_or_ends_a_line():
+    text = "\x1b[2J\x7f\x9b2J\x9d0;title\x07\u2028\u2029\u202e\u2066\U000e0001 \u00e9\U0001f600"
     for end, options, name in (("", [], "text"), ("\0", ["--variant", "s"], "variant")):
         listen = Process("listen", "unix:socket", "--json", *options)
         line = (text + end).encode().hex() + "\n"
