@@ -108,14 +108,14 @@ std::optional<std::string>
 variant_text(const std::string &type, const void *bytes, gsize size)
 {
   Bytes copy(g_bytes_new(bytes, size));
-  // For each element of an array, GLib 2.74 checks those before it unless the value is trusted.
-  auto make = [&](bool trusted) {
-    return Variant(g_variant_take_ref(
-        g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), trusted)));
-  };
-  if (!g_variant_is_normal_form(make(false).get()))
+  auto value =
+      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), FALSE));
+  if (!g_variant_is_normal_form(value.get()))
     return {};
-  auto value = wire_order(g_variant_ref(make(true).get()));
+  // For each element of an array, GLib 2.74 checks those before it unless the value is trusted.
+  Bytes checked(g_variant_get_data_as_bytes(value.get()));
+  value.reset(g_variant_ref_sink(
+      g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), checked.get(), TRUE)));
   g_autofree char *printed = g_variant_print(value.get(), FALSE);
   return printed;
 }

@@ -258,15 +258,6 @@ def exec_sends_no_more_than_the_limit():
 
 
 @case
-def a_command_may_have_any_bytes():
-    for locale in ("C", "C.UTF-8"):
-        command = os.fsdecode(b"read a; printf '%s' '\xc3\xa9 \xff'")
-        listen = Process("listen", "unix:socket", "--exec", command, environment={"LC_ALL": locale})
-        assert run("connect", listen.address(), data=b"x\n").output == b"\xc3\xa9 \xff\n"
-        listen.wait()
-
-
-@case
 def keep_serves_one_peer_after_another():
     listen = Process("listen", "unix:socket", "--keep")
     for text in (b"one\n", b"two\n", b"three\n"):
@@ -321,6 +312,15 @@ def a_full_disk_under_standard_output_is_named():
         assert "No space left" in listen.errors
         for help_ in (["--help"], ["--version"], ["ping", "--help"]):
             Process(*help_, stdout=full).wait(6).complained("No space left")
+
+
+@case
+def a_command_may_have_any_bytes():
+    for locale in ("C", "C.UTF-8"):
+        command = os.fsdecode(b"read a; printf '%s' '\xc3\xa9 \xff'")
+        listen = Process("listen", "unix:socket", "--exec", command, environment={"LC_ALL": locale})
+        assert run("connect", listen.address(), data=b"x\n").output == b"\xc3\xa9 \xff\n"
+        listen.wait()
 
 
 @case
