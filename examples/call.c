@@ -268,6 +268,7 @@ static gboolean
 hear_checksum(Call *call, const char *path, const char *checksum, GError **error)
 {
   g_autoptr(GVariant) answer = read_variant(call, CHECKSUM_FORMAT, error);
+  g_autofree char *shown = NULL;
   const char *theirs;
 
   if (answer == NULL)
@@ -275,8 +276,9 @@ hear_checksum(Call *call, const char *path, const char *checksum, GError **error
   g_variant_get(answer, "(&s)", &theirs);
   if (strcmp(checksum, theirs) == 0)
     return TRUE;
+  shown = printable(theirs);
   g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA,
-              "%s arrived with the SHA-256 checksum %s instead of %s", path, theirs, checksum);
+              "%s arrived with the SHA-256 checksum %s instead of %s", path, shown, checksum);
   return FALSE;
 }
 

@@ -22,7 +22,7 @@ typedef struct {
   GSocketListener *listener;
   GMainLoop *loop;
   int served;
-  int running;
+  GQueue sessions;
   gboolean accepting;
   gboolean failed;
 } Server;
@@ -67,14 +67,24 @@ served_all(const Server *server)
   return server->callers > 0 && server->served >= server->callers;
 }
 
+/* A file that has not been closed is not complete. */
+static void
+remove_incomplete_file(gpointer data, gpointer unused)
+{
+  Session *session = data;
+
+  (void)unused;
+  if (session->file != NULL)
+    g_unlink(session->path);
+}
+
 static void
 session_free(Session *session)
 {
   Server *server = session->server;
 
-  /* A file that has not been closed is not complete. */
-  if (session->file != NULL)
-    g_unlink(session->path);
+  remove_incomplete_file(session, NULL);
+  g_queue_remove(&server->sessions, session);
   g_clear_object(&session->file);
   g_object_unref(session->cancellable);
   channel_free(session->channel);
@@ -83,9 +93,8 @@ session_free(Session *session)
   g_free(session->peer);
   g_free(session);
 
-  server->running--;
   accept_next(server);
-  if (server->running == 0 && served_all(server))
+  if (server->sessions.length == 0 && served_all(server))
     g_main_loop_quit(server->loop);
 }
 
@@ -462,7 +471,7 @@ session_start(Server *server, GSocketConnection *socket)
   session->peer =
       gvc_io_stream_get_remote_address_string(G_IO_STREAM(session->channel->connection));
   session->cancellable = g_cancellable_new();
-  server->running++;
+  g_queue_push_tail(&server->sessions, session);
   server->served++;
   g_print("%s: connected\n", session->peer);
   read_request(session, NULL);
@@ -500,7 +509,7 @@ on_accepted(GObject *object, GAsyncResult *result, gpointer data)
 static void
 accept_next(Server *server)
 {
-  if (server->accepting || server->running >= MOST_AT_ONCE || served_all(server))
+  if (server->accepting || server->sessions.length >= MOST_AT_ONCE || served_all(server))
     return;
   server->accepting = TRUE;
   g_socket_listener_accept_async(server->listener, NULL, on_accepted, server);
@@ -587,6 +596,7 @@ main(int argc, char **argv)
     status = EXIT_FAILURE;
   else
     g_main_loop_run(server.loop);
+  g_queue_foreach(&server.sessions, remove_incomplete_file, NULL);
   if (server.failed)
     status = EXIT_FAILURE;
   if (error != NULL)

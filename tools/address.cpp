@@ -124,7 +124,8 @@ Listener::listen_unix(const Address &address)
   if (!g_socket_listener_add_address(listener.get(), socket_address, G_SOCKET_TYPE_STREAM,
                                      G_SOCKET_PROTOCOL_DEFAULT, nullptr, nullptr, &error))
     fail(Exit::address, "cannot listen on %s: %s", address.text().c_str(), error->message);
-  path = address.path;
+  if (lstat(address.path.c_str(), &bound) == 0)
+    path = address.path;
   inform("listening on %s", address.text().c_str());
 }
 
@@ -237,8 +238,10 @@ Listener::abandon()
 void
 Listener::close()
 {
-  // As long as this listens, the path cannot be that of another listener.
-  if (!path.empty())
+  // Something else may have the path by now. While this listens, nothing else has the inode.
+  struct stat status;
+  if (!path.empty() && lstat(path.c_str(), &status) == 0 && status.st_dev == bound.st_dev &&
+      status.st_ino == bound.st_ino)
     unlink(path.c_str());
   path.clear();
   g_socket_listener_close(listener.get());

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <sys/stat.h>
 
 struct Address {
   std::string host; // empty: this machine to connect to, every interface to listen on
@@ -49,5 +50,6 @@ private:
   void close();
 
   Owned<GSocketListener> listener;
-  std::string path;
+  std::string path; // of the bound Unix socket
+  struct stat bound = {};
 };

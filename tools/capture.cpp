@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "capture.h"
 #include "errors.h"
-#include "files.h"
 #include "interrupt.h"
 #include "owners.h"
 
@@ -17,9 +16,12 @@
 gsize
 read_input(int fd, const std::string &shown, char *buffer, gsize size)
 {
-  if (!wait_for(fd, POLLIN, interrupt_soon()))
-    throw Failure{Exit::interrupted, ""};
-  auto got = retry([&] { return read(fd, buffer, size); });
+  ssize_t got;
+  do {
+    if (!wait_for(fd, POLLIN, interrupt_soon()))
+      throw Failure{Exit::interrupted, ""};
+    got = read(fd, buffer, size);
+  } while (got < 0 && (errno == EINTR || errno == EAGAIN));
   if (got < 0)
     fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
   return static_cast<gsize>(got);
@@ -286,23 +288,34 @@ public:
       push(offset, segment.bytes);
       push_waiting();
     } else if (auto &kept = waiting[offset]; kept.size() < segment.bytes.size()) {
+      held += segment.bytes.size() - kept.size();
       kept = std::move(segment.bytes);
     }
+    while (held + waiting.size() * 100 > most_held)
+      skip_missing();
   }
 
   void
   finish()
   {
-    while (!waiting.empty()) {
-      bottom.missing(static_cast<guint64>(waiting.begin()->first - next));
-      next = waiting.begin()->first;
-      push_waiting();
-    }
+    while (!waiting.empty())
+      skip_missing();
     if (next < end)
       bottom.missing(static_cast<guint64>(end - next));
   }
 
 private:
+  // More than a receiver has room for. A segment that is missing for so long was not captured.
+  static constexpr gsize most_held = 32 * 1024 * 1024;
+
+  void
+  skip_missing()
+  {
+    bottom.missing(static_cast<guint64>(waiting.begin()->first - next));
+    next = waiting.begin()->first;
+    push_waiting();
+  }
+
   void
   push(gint64 offset, const std::string &bytes)
   {
@@ -318,6 +331,7 @@ private:
   {
     while (!waiting.empty() && waiting.begin()->first <= next) {
       push(waiting.begin()->first, waiting.begin()->second);
+      held -= waiting.begin()->second.size();
       waiting.erase(waiting.begin());
     }
   }
@@ -328,6 +342,7 @@ private:
   gint64 next = 0;  // the offset up to which all bytes have been pushed
   gint64 end = 0;   // of all bytes that are known to have been sent
   std::map<gint64, std::string> waiting;
+  gsize held = 0; // bytes in `waiting`
 };
 } // namespace
 

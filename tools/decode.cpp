@@ -113,6 +113,7 @@ public:
   void
   skipped(const Place &place, guint64 size) override
   {
+    skips = true;
     if (!options.json)
       return line(place, "skipped " + std::to_string(size) + " bytes at offset " +
                              std::to_string(place.offset) + " of the " + place.layer + "s");
@@ -138,6 +139,9 @@ public:
   void
   summary()
   {
+    // A capture without its beginning can hold nothing that looks like a unit.
+    if (skips && !units && damages == 0)
+      damages = 1;
     if (options.json)
       return;
     counts.resize(names.size());
@@ -164,6 +168,7 @@ private:
   void
   begin(JsonLine &json, const Unit &unit)
   {
+    units = true;
     begin(json, static_cast<const Place &>(unit));
     json.add("index", unit.index).add("size", unit.size);
   }
@@ -184,6 +189,7 @@ private:
   void
   line(const Unit &unit, const std::string &rest)
   {
+    units = true;
     counts.resize(names.size());
     counts[unit.depth]++;
     line(static_cast<const Place &>(unit), unit.layer + (" " + std::to_string(unit.index)) +
@@ -261,6 +267,7 @@ private:
 
   const DecodeOptions &options;
   std::vector<guint64> counts;
+  bool skips = false, units = false; // whether any were reported
 };
 } // namespace
 
@@ -357,7 +364,8 @@ static Exit
 decode(const DecodeOptions &options, const Stages &stages, const std::string *path)
 {
   auto shown = path ? printable(*path) : "standard input";
-  int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
+  // Without O_NONBLOCK, a pipe to which nobody writes would keep a signal waiting.
+  int fd = path ? open(path->c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) : STDIN_FILENO;
   if (fd < 0)
     fail(Exit::local, "cannot read %s: %s", shown.c_str(), g_strerror(errno));
 

@@ -48,6 +48,14 @@ inform(const char *format, ...)
   va_end(args);
 }
 
+bool
+is_harmless(gunichar c)
+{
+  auto type = g_unichar_type(c);
+  return g_unichar_isprint(c) && type != G_UNICODE_LINE_SEPARATOR &&
+         type != G_UNICODE_PARAGRAPH_SEPARATOR;
+}
+
 std::string
 printable(const void *bytes, gsize size)
 {
@@ -58,7 +66,7 @@ printable(const void *bytes, gsize size)
   while (at < end) {
     auto c = g_utf8_get_char_validated(at, end - at);
     bool valid = c != static_cast<gunichar>(-1) && c != static_cast<gunichar>(-2) && c != 0;
-    if (valid && g_unichar_isprint(c)) {
+    if (valid && is_harmless(c)) {
       const char *next = g_utf8_next_char(at);
       text.append(at, next);
       at = next;

@@ -33,6 +33,8 @@ void complain(const Failure &failure);
 // Prints a line for people on standard error.
 void inform(const char *format, ...) G_GNUC_PRINTF(1, 2);
 
+// Whether the character neither controls a terminal nor ends a line.
+bool is_harmless(gunichar c);
 // Text that is safe for terminals and logs: anything but printable UTF-8 becomes \xNN.
 std::string printable(const void *bytes, gsize size);
 std::string printable(const std::string &text);

@@ -71,14 +71,23 @@ exit_code(Exit code)
   return code == Exit::interrupted ? interrupt_exit_code() : static_cast<int>(code);
 }
 
-// Otherwise the next file or socket would take the place of a closed standard descriptor. Opens
-// /dev/null in the wrong direction, so that using the descriptor still fails.
+// Otherwise the next file or socket would take the place of a closed standard descriptor, and
+// poll() would wait for ever for the wrong end of a pipe. Opens /dev/null in the wrong direction,
+// so that using the descriptor still fails.
 static void
 occupy_standard_descriptors()
 {
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
-    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) != fd)
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+    auto wrong = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    auto flags = fcntl(fd, F_GETFL);
+    if (flags >= 0 && (flags & O_ACCMODE) != wrong)
+      continue;
+    int null = open("/dev/null", wrong);
+    if (dup2(null, fd) != fd)
       std::_Exit(static_cast<int>(Exit::local));
+    if (null != fd)
+      close(null);
+  }
 }
 
 [[noreturn]] static void

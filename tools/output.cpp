@@ -93,7 +93,7 @@ escaped(const char *json)
     const char *next = g_utf8_next_char(at);
     auto c = g_utf8_get_char(at);
     char escape[16] = "";
-    if (g_unichar_isprint(c))
+    if (is_harmless(c))
       text.append(at, next);
     else if (c < 0x10000)
       g_snprintf(escape, sizeof escape, "\\u%04x", c);

@@ -50,7 +50,10 @@ open_file(File &file, const std::string &path)
     throw FileFailure{Exit::local, file.path + " is no regular file"};
   // Some files, as in /proc, have contents but no size.
   char byte;
-  if (file.size() == 0 && pread(file.fd, &byte, 1, 0) == 1)
+  auto got = file.size() == 0 ? pread(file.fd, &byte, 1, 0) : 0;
+  if (got < 0)
+    throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
+  if (got > 0)
     throw FileFailure{Exit::local, file.path + " does not tell its size"};
 }
 
@@ -102,6 +105,15 @@ break_off(Channel &channel, const std::string &why)
   channel.put(Control().set("failed", why));
 }
 
+static bool
+is_unchanged(const File &file)
+{
+  struct stat now;
+  auto &then = file.status;
+  return fstat(file.fd, &now) == 0 && now.st_size == then.st_size &&
+         now.st_mtim.tv_sec == then.st_mtim.tv_sec && now.st_mtim.tv_nsec == then.st_mtim.tv_nsec;
+}
+
 static gsize
 read_chunk(const File &file, char *buffer, guint64 offset)
 {
@@ -111,6 +123,9 @@ read_chunk(const File &file, char *buffer, guint64 offset)
     throw FileFailure{Exit::local, "cannot read " + file.path + ": " + g_strerror(errno)};
   if (got == 0)
     throw FileFailure{Exit::local, file.path + " became shorter while it was sent"};
+  // The receiver must not take a mixture of two versions for the file.
+  if (static_cast<guint64>(got) == file.size() - offset && !is_unchanged(file))
+    throw FileFailure{Exit::local, file.path + " changed while it was sent"};
   return static_cast<gsize>(got);
 }
 

@@ -25,6 +25,17 @@ on_child_ended(int)
   errno = code;
 }
 
+// Whoever started the program may have blocked the signal.
+static void
+count_ended_children()
+{
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGCHLD);
+  std::signal(SIGCHLD, on_child_ended);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 // Waits until another caller may come. False if the user interrupts.
 static bool
 wait_for_room()
@@ -122,7 +133,7 @@ run_serve(CommandLine &line)
   line.add_timeout();
   auto arguments = line.parse(1, 1);
 
-  std::signal(SIGCHLD, on_child_ended);
+  count_ended_children();
   Listener listener(Address::parse(arguments[0]));
   while (wait_for_room()) {
     GSocketConnection *connection;

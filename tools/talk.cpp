@@ -486,7 +486,8 @@ run_listen(CommandLine &line)
 {
   Options options;
   line.add("keep", G_OPTION_ARG_NONE, &options.keep, "Serve one peer after another");
-  line.add("exec", G_OPTION_ARG_STRING, &options.exec.value,
+  // As a file name, so that the command gets its bytes in any locale.
+  line.add("exec", G_OPTION_ARG_FILENAME, &options.exec.value,
            "Answer each message with the output of this shell command", "COMMAND");
   Listener listener(options.parse(line));
   auto serve = [&](auto *connection) { return talk(options, line.stages, connection); };

@@ -114,7 +114,11 @@ call(guint16 port, const char *trusted_file, GError **error)
   g_autoptr(GBytes) echo = receive(channel, error);
   if (!echo)
     return FALSE;
-  g_print("%.*s\n", (int)g_bytes_get_size(echo), (const char *)g_bytes_get_data(echo, NULL));
+  if (!g_bytes_equal(echo, message)) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "The echo differs");
+    return FALSE;
+  }
+  g_print("%s\n", greeting);
   return g_io_stream_close(G_IO_STREAM(channel), NULL, error);
 }
 

@@ -151,14 +151,23 @@ def shows_nothing_that_controls_a_terminal():
         log = pair.end()[1] + pair.server.stdout.read()
         assert status == 1 and "not a name for a file: \"red?[31m\"" in log, log
         assert "\x1b" not in complaints + log
-    # A server that refuses.
-    with socket.create_server(("127.0.0.1", 0)) as server:
-        options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
-        with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                              text=True) as caller:
-            server.accept()[0].sendall(b"\x08\0\0\0" + b"\0" + b"\x1b[31mn\0")
-            complaints = caller.communicate(timeout=LIMIT)[1]
-        assert "the server refuses: ?[31mn" in complaints, complaints
+    # A server that refuses, and one that sends a wrong checksum.
+    size = os.path.getsize(SERVE)
+    for answers, complaint in (
+        ([b"\0\x1b[31mn\0"], "the server refuses: ?[31mn"),
+        ([b"\1\0", struct.pack("<Q", size), b"\x1b[31mn\0"], "checksum ?[31mn instead of"),
+    ):
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            options = ["--port", str(server.getsockname()[1]), "--messages", "0", SERVE]
+            with subprocess.Popen([CALL, *options], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.PIPE, text=True) as caller:
+                with server.accept()[0] as sock:
+                    sock.sendall(b"".join(map(frame, answers)))
+                    sock.shutdown(socket.SHUT_WR)
+                    while sock.recv(2**20):
+                        pass
+                complaints = caller.communicate(timeout=LIMIT)[1]
+            assert complaint in complaints, complaints
 
 
 def does_not_overwrite():
@@ -181,15 +190,31 @@ def reports_a_caller_that_goes_away():
             assert status == 1 and "Disconnected" in complaints, (status, complaints)
 
 
-def keeps_no_part_of_a_file():
+def keeps_no_part_of_a_file(number=None):
     with Pair() as pair:
         with socket.create_connection(("127.0.0.1", pair.port)) as caller:
             request = b"file\0\0\0\0" + struct.pack("<Q", 10) + b"part\0" + bytes([5])
             caller.sendall(struct.pack("<i", len(request)) + request + struct.pack("<i", 3) + b"abc")
-            assert caller.recv(100)
+            assert caller.recv(100) and list(pair.stored.iterdir())
+            if number:
+                pair.server.send_signal(number)
+                pair.end()
         status, complaints = pair.end()
-        assert status == 1, complaints
+        assert status == (0 if number else 1), complaints
         assert not list(pair.stored.iterdir())
+
+
+def survives_a_file_that_becomes_shorter():
+    """While a thread computes its checksum."""
+    size = 50_000_000
+    with Pair() as pair, socket.create_connection(("127.0.0.1", pair.port)) as caller:
+        for request in b"file\0\0\0\0" + struct.pack("<Q", size) + b"short\0\5", bytes(size):
+            caller.sendall(frame(request))
+            assert caller.recv(100)
+        os.truncate(pair.stored / "short", 0)
+        assert len(caller.recv(4 + 65, socket.MSG_WAITALL)) == 4 + 65
+        caller.close()
+        assert pair.end()[0] == 1
 
 
 def gives_up_on_an_unfinished_string():
@@ -328,6 +353,9 @@ sys.exit(tap.run([
     ("/examples/does-not-overwrite", does_not_overwrite),
     ("/examples/reports-a-caller-that-goes-away", reports_a_caller_that_goes_away),
     ("/examples/keeps-no-part-of-a-file", keeps_no_part_of_a_file),
+    ("/examples/keeps-no-part-of-a-file/terminated",
+     functools.partial(keeps_no_part_of_a_file, signal.SIGTERM)),
+    ("/examples/survives-a-file-that-becomes-shorter", survives_a_file_that_becomes_shorter),
     ("/examples/gives-up-on-an-unfinished-string", gives_up_on_an_unfinished_string),
     ("/examples/survives-a-negative-length", survives_a_negative_length),
     ("/examples/a-caller-that-stops-reading-holds-up-nobody",

@@ -4,6 +4,8 @@
 
 import pathlib
 import socket
+import ssl
+import struct
 import subprocess
 import sys
 import tempfile
@@ -108,6 +110,29 @@ class TlsExample(unittest.TestCase):
         self.assertIn("certificate", client.stderr)
         self.server.communicate(timeout=WATCHDOG)
         self.assertEqual(self.server.returncode, 1)
+
+    def test_other_answer(self):
+        """/tls/another-answer-is-not-printed"""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.pem)
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            answer = threading.Thread(target=self.answer, args=(server, context))
+            answer.start()
+            client = self.call(server.getsockname()[1], self.certificate)
+            answer.join(WATCHDOG)
+        self.assertEqual((client.returncode, client.stdout), (1, ""))
+        self.assertIn("The echo differs", client.stderr)
+
+    @staticmethod
+    def answer(server, context):
+        """Sends a compressed block, a single run of literals, that controls a terminal."""
+        text = b"\x1b[31mover TLS"
+        frame = struct.pack("<i", len(text)) + text
+        payload = bytes([len(frame) + 17]) + frame + b"\x11\0\0"
+        with context.wrap_socket(server.accept()[0], server_side=True) as peer:
+            peer.sendall(struct.pack("<II", len(payload), len(frame)) + payload)
+            while peer.recv(1000):
+                pass
 
 
 unittap.main()

@@ -545,6 +545,15 @@ def units_of_many_pieces_and_pieces_of_many_units_take_linear_time():
         Process("decode", "stream", "--compress", "--compress", stdout=nowhere).wait(1)
 
 
+@case
+def a_variant_of_many_elements_takes_linear_time():
+    count = 3000000
+    message = bytes(count) + b"".join(struct.pack("<I", i + 1) for i in range(count))
+    pathlib.Path("stream").write_bytes(struct.pack("<i", len(message)) + message)
+    process = run("decode", "stream", "--variant", "as")
+    assert process.output.count(b"''") == count
+
+
 CLIENT, SERVER = ("10.0.0.1", 40000), ("10.0.0.2", 5000)
 FIN, SYN, ACK = 1, 2, 16
 
@@ -615,6 +624,19 @@ def captures_are_read():
 
 
 @case
+def a_lost_packet_takes_no_memory():
+    frame = struct.pack("<i", 59996) + bytes(59996)
+    packets = conversation([frame] * 1100)
+    del packets[3]
+    if not shutil.which("tshark"):
+        raise Skip("no tshark here")
+    pathlib.Path("capture").write_bytes(pcap(packets))
+    process = Process("decode", "capture", "--limit", "1").wait(1)
+    assert b"1099 frames, 1 damaged" in process.output
+    process.used_at_most(56 * 1024)
+
+
+@case
 def captured_segments_are_put_in_order():
     generator = random.Random(5)
     data = b"".join(pieces([bytes([65 + i]) * i for i in range(1, 40)]))
@@ -655,6 +677,8 @@ def what_a_capture_lacks_is_damage_and_the_rest_is_found():
     # A stream without its beginning, and one whose last packet is cut.
     found, _ = decode_capture(conversation(build([], messages))[3:])
     assert [f["text"] for f in of(found, "frame")] == ["two", "three", "four"]
+    found, _ = decode_capture(conversation([b"no frame"])[2:], codes=(1,))
+    assert [item["skipped"] for item in found] == [8]
     found, process = decode_capture(conversation(build([], messages))[1:])
     assert "from the client 10.0.0.1:40000" in process.errors and len(found) == 4
     cut = packet(CLIENT, SERVER, 2**32 - 19, ACK, b"\x05\0\0\0hello", kept=6)
@@ -753,6 +777,20 @@ def an_interrupt_while_waiting_for_input():
     process.until(lambda: b"frame 0" in process.output, "frame")
     process.kill(signal.SIGINT)
     process.wait(130)
+
+
+@case
+def an_interrupt_while_waiting_for_the_writer_of_a_pipe():
+    os.mkfifo("pipe")
+    process = Process("decode", "pipe")
+    files = pathlib.Path(f"/proc/{process.popen.pid}/fd")
+    process.until(lambda: any(file.resolve().name == "pipe" for file in files.iterdir()), "pipe")
+    process.kill(signal.SIGINT)
+    process.wait(130)
+    process = Process("decode", "pipe")
+    pathlib.Path("pipe").write_bytes(b"\x01\0\0\0a")
+    process.wait()
+    assert b"1 frame, no damage" in process.output
 
 
 main()

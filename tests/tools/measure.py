@@ -171,6 +171,14 @@ def a_message_that_drips_is_given_up(command, *options):
 
 
 @case
+def callers_are_counted_although_the_signal_was_blocked():
+    block = lambda: signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGCHLD])
+    serve = Process("serve", "unix:socket", before=block)
+    run("ping", serve.address(), "-c", "1")
+    serve.until(lambda: not children(serve), "end of the child")
+
+
+@case
 def a_crowd_gets_no_more_than_100_processes():
     serve = Process("serve", "unix:socket", "--timeout", "2")
     serve.address()
@@ -188,8 +196,8 @@ def a_crowd_gets_no_more_than_100_processes():
 
 @case
 def wrong_options_are_usage_errors():
-    for options in (["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"], ["--data", "x"],
-                    ["--seconds", "0"]):
+    for options in (["--sizes", ""], ["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"],
+                    ["--data", "x"], ["--seconds", "0"]):
         run("perf", "unix:x", *options, codes=(2,))
     for options in (["-c", "-1"], ["-s", "-1"], ["-i", "-1"], ["-s", str(2**30)]):
         run("ping", "unix:x", *options, codes=(2,))

@@ -233,6 +233,15 @@ class Peer:
         self.socket.sendall(frame(self.hello(b"files")))
         self.receive()
 
+    @classmethod
+    def by(cls, server):
+        """A receiver by hand, for the sender that has connected to this socket."""
+        peer = cls.__new__(cls)
+        peer.socket = server.accept()[0]
+        peer.receive()
+        peer.socket.sendall(frame(cls.hello(b"files")))
+        return peer
+
     @staticmethod
     def entry(name, kind, data):
         """{sv}: the name, the value aligned to 8, the offset of the end of the name."""
@@ -271,4 +280,5 @@ class Peer:
         prefix = self.socket.recv(4, socket.MSG_WAITALL)
         if len(prefix) < 4:
             return None
-        return self.socket.recv(struct.unpack("<i", prefix)[0], socket.MSG_WAITALL)
+        size = struct.unpack("<i", prefix)[0]
+        return self.socket.recv(size, socket.MSG_WAITALL) if size else b""

@@ -182,8 +182,8 @@ def json_objects():
 
 
 @case
-def json_holds_nothing_that_controls_a_terminal():
-    text = "\x1b[2J\x7f\x9b2J\x9d0;title\x07\u202e\u2066\U000e0001 \u00e9\U0001f600"
+def json_holds_nothing_that_controls_a_terminal_or_ends_a_line():
+    text = "\x1b[2J\x7f\x9b2J\x9d0;title\x07\u2028\u2029\u202e\u2066\U000e0001 \u00e9\U0001f600"
     for end, options, name in (("", [], "text"), ("\0", ["--variant", "s"], "variant")):
         listen = Process("listen", "unix:socket", "--json", *options)
         line = (text + end).encode().hex() + "\n"
@@ -312,6 +312,22 @@ def a_full_disk_under_standard_output_is_named():
         assert "No space left" in listen.errors
         for help_ in (["--help"], ["--version"], ["ping", "--help"]):
             Process(*help_, stdout=full).wait(6).complained("No space left")
+
+
+@case
+def a_command_may_have_any_bytes():
+    for locale in ("C", "C.UTF-8"):
+        command = os.fsdecode(b"read a; printf '%s' '\xc3\xa9 \xff'")
+        listen = Process("listen", "unix:socket", "--exec", command, environment={"LC_ALL": locale})
+        assert run("connect", listen.address(), data=b"x\n").output == b"\xc3\xa9 \xff\n"
+        listen.wait()
+
+
+@case
+def the_wrong_end_of_a_pipe_is_not_waited_for():
+    reader, writer = os.pipe()
+    Process("--version", stdout=reader).wait(6).complained("standard output: Bad file descriptor")
+    Process("decode", stdin=writer).wait(6).complained("standard input: Bad file descriptor")
 
 
 def call(listen):
@@ -563,6 +579,22 @@ def a_socket_left_behind_is_replaced_and_a_file_is_not():
     pathlib.Path("file").write_text("precious")
     run("listen", "unix:file", codes=(3,)).complained("cannot listen on unix:file")
     assert pathlib.Path("file").read_text() == "precious"
+
+
+@case
+def a_file_in_the_place_of_the_socket_stays():
+    for number, code in ((signal.SIGTERM, 143), (None, 0)):
+        listen = Process("listen", "unix:socket")
+        listen.address()
+        os.rename("socket", "moved")
+        pathlib.Path("socket").write_text("precious")
+        if number:
+            listen.kill(number)
+        else:
+            run("connect", "unix:moved", data=b"x\n")
+        listen.wait(code)
+        assert pathlib.Path("socket").read_text() == "precious"
+        os.unlink("socket")
 
 
 @case
