@@ -573,6 +573,28 @@ testRoundTrip()
   forManyInputs(roundsOf(256), checkRoundTrip);
 }
 
+// Data with many short matches, as noisy pictures have them, are searched sparsely, until a long
+// match comes.
+void
+testSparseSearch()
+{
+  Random random = seeded();
+  Bytes content;
+  while (content.size() < 400'000) {
+    const Bytes literals = noise(random, 24);
+    content.insert(content.end(), literals.begin(), literals.end());
+    if (content.size() > 500)
+      for (int i = 0; i < 8; i++)
+        content.push_back(content[content.size() - 500]);
+  }
+  const std::size_t size = encode(content).size();
+  g_assert_cmpuint(size, >, content.size() / 8 * 7);
+  g_assert_cmpuint(size, <, content.size() / 128 * 127);
+  for (int i = 0; i < 100'000; i++)
+    content.push_back(content[content.size() - 30'000]);
+  checkRoundTrip(content);
+}
+
 void
 testEverySmallSize()
 {
@@ -1072,6 +1094,7 @@ main(int argc, char **argv)
   g_test_add_func("/lzo1x/run-lengths", testRunLengths);
   g_test_add_func("/lzo1x/invented-streams-decode-as-the-reference-does", testInventedStreams);
   g_test_add_func("/lzo1x/truncated-anywhere-is-an-input-overrun", testTruncation);
+  g_test_add_func("/lzo1x/sparse-search", testSparseSearch);
   g_test_add_func("/lzo1x/mutations-decode-as-the-reference-does", testMutations);
   g_test_add_func("/lzo1x/noise-decodes-as-the-reference-does", testNoise);
   g_test_add_func("/lzo1x/broken-streams-name-their-fault", testBrokenStreams);
