@@ -549,7 +549,7 @@ void
 test_retried_vectors(gconstpointer stages)
 {
   Stages chain(true, GPOINTER_TO_INT(stages), StreamKind::sync_only);
-  const GOutputVector both[] = {{"one", 3}, {"two", 3}};
+  const GOutputVector both[] = {{"one", 3}, {"2", 1}};
   chain.script->at_call[1] = Step::fail();
   gsize written = 0;
   Error error;
@@ -557,9 +557,9 @@ test_retried_vectors(gconstpointer stages)
   error.assert_is(G_IO_ERROR, G_IO_ERROR_FAILED);
   error.clear();
   g_assert_true(g_output_stream_writev(chain.out.get(), both, 2, &written, nullptr, &error));
-  g_assert_cmpuint(written, ==, 6);
+  g_assert_cmpuint(written, ==, 4);
   flush_with_retries(chain.out.get());
-  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "onetwo");
+  assert_bytes(flipped(chain.script->written(), GPOINTER_TO_INT(stages)), "one2");
 }
 
 // A failure that comes once, behind a write that has been accepted, is the next operation's.
