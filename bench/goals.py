@@ -5,7 +5,6 @@ import dataclasses
 import statistics
 
 LARGE = 4096  # bytes from which a block counts as large
-START, END = "<!-- goals: begin -->", "<!-- goals: end -->"
 
 
 @dataclasses.dataclass
@@ -180,15 +179,3 @@ def text(results):
             beyond = f" (stretch {stretch})" if stretch else ""
             lines.append(f"{verdict:8} {name}: {wanted}{beyond}; worst {worst}, middle {middle}")
     return "\n".join(lines)
-
-
-def write(results, readme):
-    """Replaces the table of goals in the README."""
-    lines = ["| goal | wanted | stretch | middle row | worst row | verdict |", "|---|---|---|---|---|---|"]
-    lines += ["| " + " | ".join(goal.cells()) + " |" for goal in all_goals(results)]
-    kind = "quick" if results.quick else "full"
-    head = (f"From a {kind} run on {results.machine['date']}, {results.machine['processor']}, "
-            f"{results.machine['processors']} processors, load before {results.machine['load before']}:")
-    before, rest = readme.read_text().split(START)
-    table = "\n".join([START, head, "", *lines, ""])
-    readme.write_text(before + table + END + rest.split(END)[1])

@@ -63,10 +63,9 @@ class Row:
 
 
 class Results:
-    def __init__(self, rows, machine, quick):
+    def __init__(self, rows, machine):
         self.all = rows
         self.machine = machine
-        self.quick = quick
 
     def rows(self, group, keep=lambda row: True, **wanted):
         return [row for row in self.all if row.group == group and keep(row)

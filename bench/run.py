@@ -148,8 +148,9 @@ def version_of(package):
                           check=True).stdout.strip()
 
 
-def describe_machine():
-    return {"date": datetime.date.today().isoformat(),
+def describe_machine(quick):
+    return {"run": "quick" if quick else "full",
+            "date": datetime.date.today().isoformat(),
             "processor": first_match("/proc/cpuinfo", r"^model name\s*: (.*)$"),
             "processors": str(os.cpu_count()),
             "memory": first_match("/proc/meminfo", r"^MemTotal:\s*(.*)$"),
@@ -175,19 +176,18 @@ def main():
     if options.docs and (options.groups or options.only):
         parser.error("the pages need all groups")
 
-    machine = describe_machine()
+    machine = describe_machine(options.quick)
     runner = Runner(options)
     for group in options.groups or every:
         runner.run(group)
-    results = Results(runner.rows, {**machine, **runner.build}, options.quick)
+    results = Results(runner.rows, {**machine, **runner.build})
     if options.json:
         rows = [{"group": row.group, **row.parameters, "seconds": row.seconds,
                  "figures": row.figures} for row in results.all]
         options.json.write_text(json.dumps({"machine": results.machine, "rows": rows}, indent=1))
     print(goals.text(results))
     if options.docs:
-        pages.write(results, options.docs / "docs")
-        goals.write(results, options.docs / "bench" / "README.md")
+        pages.write(results, options.docs)
 
 
 main()
