@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """Writes the corpora beside the index whose path is given: 1 MiB of each kind, made here or found
-on the machine. We tune the codec on one half of the kinds. The judging half stays unseen until a
-change is done. Each line of the index has half, file and name. The script leaves out a kind that the
-machine does not have."""
+on the machine. We tune the codec on one half of the kinds, and judge it on the other half. Each line
+of the index has half, file and name. The script leaves out a kind that the machine does not have."""
 
 import glob
 import math
@@ -31,14 +30,11 @@ WORDS = NOUNS + VERBS + ["primary", "audio", "left", "right", "the", "of", "a", 
 
 def until_full(make):
     """1 MiB of the results of `make`."""
-    parts = []
-    size = 0
-    while size < SIZE:
-        parts.append(make())
-        size += len(parts[-1])
-    joiner = "" if isinstance(parts[0], str) else b""
-    whole = joiner.join(parts)
-    return (whole.encode() if isinstance(whole, str) else whole)[:SIZE]
+    whole = bytearray()
+    while len(whole) < SIZE:
+        part = make()
+        whole += part.encode() if isinstance(part, str) else part
+    return bytes(whole[:SIZE])
 
 
 def words(rng, most):
