@@ -12,7 +12,6 @@ import random
 import sqlite3
 import struct
 import sys
-import tempfile
 import zlib
 
 from gi.repository import GLib
@@ -160,20 +159,16 @@ def variants(rng):
 
 
 def database(rng):
-    with tempfile.TemporaryDirectory() as folder:
-        path = os.path.join(folder, "database")
-        connection = sqlite3.connect(path)
-        connection.execute("create table orders (id integer primary key, customer text, "
-                           "amount real, placed integer, note text)")
-        connection.execute("create index by_customer on orders (customer)")
-        connection.executemany(
-            "insert into orders values (?, ?, ?, ?, ?)",
-            ((i, rng.choice(VOCABULARY), round(rng.lognormvariate(3, 1), 2),
-              1700000000 + i * 60 + rng.randrange(60), prose(rng, 15)) for i in range(14000)))
-        connection.commit()
-        connection.close()
-        with open(path, "rb") as file:
-            return file.read(SIZE)
+    connection = sqlite3.connect(":memory:")
+    connection.execute("create table orders (id integer primary key, customer text, amount real, "
+                       "placed integer, note text)")
+    connection.execute("create index by_customer on orders (customer)")
+    connection.executemany(
+        "insert into orders values (?, ?, ?, ?, ?)",
+        ((i, rng.choice(VOCABULARY), round(rng.lognormvariate(3, 1), 2),
+          1700000000 + i * 60 + rng.randrange(60), prose(rng, 15)) for i in range(14000)))
+    connection.commit()
+    return connection.serialize()[:SIZE]
 
 
 # Screens: 32 bits a pixel, blue first
@@ -284,13 +279,11 @@ def deflated(rng):
 
 # Found
 
-def found(*patterns):
+def found(pattern):
     whole = b""
-    for pattern in patterns:
-        for path in sorted(glob.glob(pattern, recursive=True)):
-            if len(whole) < SIZE and os.path.isfile(path):
-                with open(path, "rb") as file:
-                    whole += file.read(SIZE)
+    for path in sorted(glob.glob(pattern, recursive=True)):
+        if len(whole) < SIZE and os.path.isfile(path):
+            whole += pathlib.Path(path).read_bytes()
     return whole[:SIZE]
 
 
