@@ -10,7 +10,7 @@ from statistics import geometric_mean
 import corpora
 import goals
 import plots
-from results import rate_text, size_text, time_text
+from results import rate_text, size_text, time_text, value_text
 
 NAMES = {"tls": "TLS", "both": "both stages", "lzo": "liblzo2", "lz4": "LZ4", "10": "10 busy",
          "all": "all busy", "unix": "Unix", "tcp": "TCP"}
@@ -41,7 +41,7 @@ def table(columns, rows):
 
 
 def parameter(name):
-    return lambda row: size_text(row[name]) if name == "size" else named(str(row[name]))
+    return lambda row: named(value_text(name, row[name]))
 
 
 def time(name):
@@ -211,11 +211,10 @@ def crowd(results, docs):
 
 def readme(results, bench):
     run = results.machine
-    heads = ["goal", "wanted", "stretch", "middle row", "worst row", "verdict"]
     fill(bench / "README.md", {
         "run": f"{run['run']} run on {run['date']}, {run['processor']}, {run['processors']} "
                f"processors, load before {run['load before']}",
-        "goals": table({head: itemgetter(i) for i, head in enumerate(heads)},
+        "goals": table({head: itemgetter(i) for i, head in enumerate(goals.HEADS)},
                        [goal.cells() for goal in goals.all_goals(results)])})
 
 

@@ -54,9 +54,8 @@ class Runner:
             self.add(data)
 
     def add(self, data):
-        row = Row(dict(data))
-        self.rows.append(row)
-        print(row.text(), flush=True)
+        self.rows.append(data)
+        print(Row(data).text(), flush=True)
 
     def wants(self, *values):
         return all(wanted in map(str, values) for wanted in self.options.only)
@@ -182,9 +181,8 @@ def main():
         runner.run(group)
     results = Results(runner.rows, {**machine, **runner.build})
     if options.json:
-        rows = [{"group": row.group, **row.parameters, "seconds": row.seconds,
-                 "figures": row.figures} for row in results.all]
-        options.json.write_text(json.dumps({"machine": results.machine, "rows": rows}, indent=1))
+        saved = {"machine": results.machine, "rows": runner.rows}
+        options.json.write_text(json.dumps(saved, indent=1))
     print(goals.text(results))
     if options.docs:
         pages.write(results, options.docs)
