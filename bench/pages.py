@@ -44,12 +44,8 @@ def parameter(name):
     return lambda row: named(value_text(name, row[name]))
 
 
-def time(name):
-    return lambda row: time_text(row.time(name))
-
-
 def times(*names):
-    return {named(name): time(name) for name in names}
+    return {named(name): lambda row, name=name: time_text(row.time(name)) for name in names}
 
 
 def rate(name):
