@@ -64,10 +64,6 @@ def ratios(*pairs):
     return {" ÷ ".join(map(named, pair)): ratio(*pair) for pair in pairs}
 
 
-def figure(name):
-    return lambda row: f"{row.figures[name]:.4g}"
-
-
 def mean(rows, subject, yardstick):
     return ratio_text(geometric_mean(row.ratio(subject, yardstick) for row in rows))
 
@@ -201,7 +197,8 @@ def crowd(results, docs):
              **ratios(("crowd", "10 channels"))}, rows),
         "memory": table(
             {"channel": parameter("stages"),
-             **{name: figure(f"{name}, KiB") for name in ("idle", "after 64 B", "after 1 MiB")}},
+             **{name: lambda row, name=name: f"{row.figures[name + ', KiB']:.4g}"
+                for name in ("idle", "after 64 B", "after 1 MiB")}},
             results.rows("memory"))})
 
 
