@@ -11,19 +11,20 @@ namespace bench
 namespace
 {
 
+template <auto writeAllAsync = g_output_stream_write_all_async>
 void
 writeAll(AsyncEnd &end)
 {
   gsize size;
   auto *data = g_bytes_get_data(end.sending, &size);
-  g_output_stream_write_all_async(end.out.get(), data, size, G_PRIORITY_DEFAULT, nullptr,
-                                  AsyncEnd::whenSent, &end);
+  writeAllAsync(end.out.get(), data, size, G_PRIORITY_DEFAULT, nullptr, AsyncEnd::whenSent, &end);
 }
 
+template <auto writeAllFinish = g_output_stream_write_all_finish>
 bool
 wroteAll(AsyncEnd &end, GAsyncResult *result, GError **error)
 {
-  return g_output_stream_write_all_finish(end.out.get(), result, nullptr, error);
+  return writeAllFinish(end.out.get(), result, nullptr, error);
 }
 
 // An error is reported by the caller, which finds it set.
@@ -52,11 +53,11 @@ sendPrefix(AsyncEnd &end)
 bool
 sentByHand(AsyncEnd &end, GAsyncResult *result, GError **error)
 {
-  if (!wroteAll(end, result, error))
+  if (!wroteAll<>(end, result, error))
     return true;
   end.prefixSent = !end.prefixSent;
   if (end.prefixSent)
-    writeAll(end);
+    writeAll<>(end);
   return !end.prefixSent;
 }
 
@@ -107,36 +108,27 @@ const Method framesByHand = {
     [](AsyncEnd &end) { readAll(end, &end.inPrefix, sizeof end.inPrefix); },
     receivedByHand};
 
-const Method stringsZelgvc = {
-    gvc_data_input_stream_get_type,
-    nullptr,
-    [](AsyncEnd &end) {
-      gsize size;
-      auto *data = g_bytes_get_data(end.sending, &size);
-      gvc_output_stream_util_write_all_async(end.out.get(), data, size, G_PRIORITY_DEFAULT, nullptr,
-                                             AsyncEnd::whenSent, &end);
-    },
-    [](AsyncEnd &end, GAsyncResult *result, GError **error) -> bool {
-      gvc_output_stream_util_write_all_finish(end.out.get(), result, nullptr, error);
-      return true;
-    },
-    [](AsyncEnd &end) {
-      gvc_data_input_stream_read_string_async(GVC_DATA_INPUT_STREAM(end.in.get()), '\n',
-                                              G_PRIORITY_DEFAULT, nullptr, AsyncEnd::whenReceived,
-                                              &end);
-    },
-    [](AsyncEnd &end, GAsyncResult *result, GError **error) {
-      gsize length;
-      auto *string = gvc_data_input_stream_read_string_finish(GVC_DATA_INPUT_STREAM(end.in.get()),
-                                                              result, &length, error);
-      return take(end, g_bytes_new_take(string, string ? length : 0));
-    }};
+const Method stringsZelgvc = {gvc_data_input_stream_get_type,
+                              nullptr,
+                              writeAll<gvc_output_stream_util_write_all_async>,
+                              wroteAll<gvc_output_stream_util_write_all_finish>,
+                              [](AsyncEnd &end) {
+                                gvc_data_input_stream_read_string_async(
+                                    GVC_DATA_INPUT_STREAM(end.in.get()), '\n', G_PRIORITY_DEFAULT,
+                                    nullptr, AsyncEnd::whenReceived, &end);
+                              },
+                              [](AsyncEnd &end, GAsyncResult *result, GError **error) {
+                                gsize length;
+                                auto *string = gvc_data_input_stream_read_string_finish(
+                                    GVC_DATA_INPUT_STREAM(end.in.get()), result, &length, error);
+                                return take(end, g_bytes_new_take(string, string ? length : 0));
+                              }};
 
 const Method stringsGDataInputStream = {
     g_data_input_stream_get_type,
     nullptr,
-    writeAll,
-    wroteAll,
+    writeAll<>,
+    wroteAll<>,
     [](AsyncEnd &end) {
       g_data_input_stream_read_line_async(G_DATA_INPUT_STREAM(end.in.get()), G_PRIORITY_DEFAULT,
                                           nullptr, AsyncEnd::whenReceived, &end);

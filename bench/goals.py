@@ -4,8 +4,7 @@
 import dataclasses
 import statistics
 
-LARGE = 4096  # bytes from which a block counts as large
-START, END = "<!-- goals: begin -->", "<!-- goals: end -->"
+HEADS = ["goal", "wanted", "stretch", "middle row", "worst row", "verdict"]
 
 
 @dataclasses.dataclass
@@ -36,12 +35,11 @@ class Goal:
     def cells(self):
         wanted = f"{'at most' if self.at_most else 'at least'} {self.limit:g}{self.unit}"
         stretch = "" if self.stretch is None else f"{self.stretch:g}{self.unit}"
-        if not self.samples:
-            return [self.text, wanted, stretch, "", "", self.verdict()]
-        middle = statistics.median(value for value, _ in self.samples)
-        value, where = self.worst
-        return [self.text, wanted, stretch, f"{middle:.3g}{self.unit}",
-                f"{value:.3g}{self.unit} ({where})", self.verdict()]
+        middle = worst = ""
+        if self.samples:
+            middle = f"{statistics.median(value for value, _ in self.samples):.3g}{self.unit}"
+            worst = f"{self.worst[0]:.3g}{self.unit} ({self.worst[1]})"
+        return [self.text, wanted, stretch, middle, worst, self.verdict()]
 
 
 def ratios(rows, subject, yardstick):
@@ -53,7 +51,7 @@ def figures(rows, name):
 
 
 def large(row):
-    return row["size"] >= LARGE
+    return row["size"] >= 4096
 
 
 def message_goals(results):
@@ -65,10 +63,9 @@ def message_goals(results):
         rows = results.rows("blocking", size=size)
         yield Goal(f"Blocking frames of {name} through both stages beside two plain writes by hand",
                    1, ratios(rows, "both", "by hand"), 1.3)
-    yield Goal("One way, 16 B to 4 KiB, plain, beside GTlsConnection", 1,
-               ratios(one_way, "plain", "tls"), 1.5)
-    yield Goal("One way, 16 B to 4 KiB, both stages, beside GTlsConnection", 1,
-               ratios(one_way, "both", "tls"), 1.5)
+    for stages, name in (("plain", "plain"), ("both", "both stages")):
+        yield Goal(f"One way, 16 B to 4 KiB, {name}, beside GTlsConnection", 1,
+                   ratios(one_way, stages, "tls"), 1.5)
     yield Goal("Asynchronous frames of 64 B beside frames by hand", 2.2,
                ratios(results.rows("async", size=64), "plain", "by hand"), 3)
     yield Goal("Asynchronous strings of 16 B to 1 KiB beside GDataInputStream, plain and staged",
@@ -173,22 +170,5 @@ def all_goals(results):
 
 def text(results):
     """Goals of groups that did not run are left out."""
-    lines = ["", "Goals:"]
-    for goal in all_goals(results):
-        if goal.samples:
-            name, wanted, stretch, middle, worst, verdict = goal.cells()
-            beyond = f" (stretch {stretch})" if stretch else ""
-            lines.append(f"{verdict:8} {name}: {wanted}{beyond}; worst {worst}, middle {middle}")
-    return "\n".join(lines)
-
-
-def write(results, readme):
-    """Replaces the table of goals in the README."""
-    lines = ["| goal | wanted | stretch | middle row | worst row | verdict |", "|---|---|---|---|---|---|"]
-    lines += ["| " + " | ".join(goal.cells()) + " |" for goal in all_goals(results)]
-    kind = "quick" if results.quick else "full"
-    head = (f"From a {kind} run on {results.machine['date']}, {results.machine['processor']}, "
-            f"{results.machine['processors']} processors, load before {results.machine['load before']}:")
-    before, rest = readme.read_text().split(START)
-    table = "\n".join([START, head, "", *lines, ""])
-    readme.write_text(before + table + END + rest.split(END)[1])
+    cells = [HEADS, *(goal.cells() for goal in all_goals(results) if goal.samples)]
+    return "\n".join(["", "Goals:", *map(" | ".join, cells)])

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -66,14 +67,27 @@ streamsOn(const support::SocketPair &sockets, const std::string &kind)
   return {streamOn(sockets.a.get(), kind), streamOn(sockets.b.get(), kind)};
 }
 
-static std::string lastTls;
-
 static void
 shakeHands(GIOStream *stream)
 {
   GError *error = nullptr;
   must(g_tls_connection_handshake(G_TLS_CONNECTION(stream), nullptr, &error), error,
        "TLS handshake");
+}
+
+// Prints the facts about this build that run.py cannot know.
+static void
+printBuild(GTlsConnection *tls)
+{
+#ifdef __clang__
+  const char *compiler = "clang " __VERSION__;
+#else
+  const char *compiler = "g++ " __VERSION__;
+#endif
+  g_autofree gchar *suite = g_tls_connection_get_ciphersuite_name(tls);
+  bool newest = g_tls_connection_get_protocol_version(tls) == G_TLS_PROTOCOL_VERSION_TLS_1_3;
+  std::printf("{\"group\": \"build\", \"compiler\": \"%s\", \"tls\": \"%s, %s\"}\n", compiler,
+              newest ? "TLS 1.3" : "TLS 1.2 or older", suite ? suite : "?");
 }
 
 static Streams
@@ -96,17 +110,8 @@ tlsOn(const support::SocketPair &sockets)
   shakeHands(pair.near.get());
   peer.join();
 
-  auto *tls = G_TLS_CONNECTION(pair.near.get());
-  g_autofree gchar *suite = g_tls_connection_get_ciphersuite_name(tls);
-  bool newest = g_tls_connection_get_protocol_version(tls) == G_TLS_PROTOCOL_VERSION_TLS_1_3;
-  lastTls = std::string(newest ? "TLS 1.3" : "TLS 1.2 or older") + ", " + (suite ? suite : "?");
+  printBuild(G_TLS_CONNECTION(pair.near.get()));
   return pair;
-}
-
-std::string
-tlsDescription()
-{
-  return lastTls;
 }
 
 // ---- Ends ----
@@ -256,12 +261,11 @@ Contender
 answered(const std::string &name, const SharedLink &link, GBytes *message, std::size_t batch,
          GBytes *answer)
 {
-  auto peer = std::make_shared<Answering>(link, batch, answer);
-  auto once = [=, size = g_bytes_get_size(answer ? answer : message)] {
+  auto once = [=, peer = std::make_shared<Answering>(link, batch, answer),
+               size = g_bytes_get_size(answer ? answer : message)] {
     for (std::size_t i = 0; i < batch; i++)
       link->near.send(message);
     receiveOne(link->near, size);
-    (void)peer; // its thread must live as long as this
   };
   return {name, repeat(once), batch};
 }

@@ -70,12 +70,9 @@ using SharedLink = std::shared_ptr<Link>;
 // Kinds are those of streamsOn() and more peers:
 // "by hand": a write for the length and one for the message, a read for each;
 // "gathering": the same with one gathering write for both;
-// "tls": one write for a frame, so that it is one TLS record.
+// "tls": one write for a frame, so that it is one TLS record; also prints what TLS agreed on.
 // Ends the program unless a message arrives as it was sent.
 SharedLink makeLink(const support::SocketPair &sockets, const std::string &kind);
-
-// The version and cipher that the last TLS link agreed on.
-std::string tlsDescription();
 
 // In one thread: sends so many messages, then receives them. They must fit into the socket's
 // buffers. The messages take turns, and must outlive the contender.

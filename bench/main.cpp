@@ -1,22 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 // zelgvc-bench [--quick] GROUP [VALUE...]: prints a line of JSON for each row of a group that has
 // all these values among its parameters. run.py starts it.
-#include "links.h"
+#include "measure.h"
+
+#include <zelgvc/zelgvc.h>
 
 #include <cstdio>
-
-// Prints the facts about this build that run.py cannot know.
-static void
-printBuild()
-{
-#ifdef __clang__
-  const char *compiler = "clang " __VERSION__;
-#else
-  const char *compiler = "g++ " __VERSION__;
-#endif
-  std::printf("{\"group\": \"build\", \"compiler\": \"%s\", \"tls\": \"%s\"}\n", compiler,
-              bench::tlsDescription().c_str());
-}
 
 int
 main(int argc, char **argv)
@@ -47,7 +36,5 @@ main(int argc, char **argv)
   }
   gvc_init();
   group->second({words[0], effort, {words.begin() + 1, words.end()}});
-  if (words[0] == "channels")
-    printBuild();
   return 0;
 }

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <numeric>
 
 namespace bench
 {
@@ -74,10 +73,11 @@ static std::vector<std::vector<double>>
 takeTurns(const std::vector<Contender> &contenders, const Effort &effort)
 {
   std::vector<Turn> turns;
-  for (const auto &contender : contenders)
+  double batchSeconds = 0;
+  for (const auto &contender : contenders) {
     turns.push_back(fillSlice(contender, effort.slice / effort.batches));
-  auto add = [](double sum, const Turn &turn) { return sum + turn.seconds; };
-  double batchSeconds = std::accumulate(turns.begin(), turns.end(), 0.0, add);
+    batchSeconds += turns.back().seconds;
+  }
 
   double wanted = effort.slice * static_cast<double>(contenders.size());
   double batches = std::clamp(std::round(wanted / batchSeconds), 1.0, 1.0 * effort.batches);

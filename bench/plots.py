@@ -37,7 +37,7 @@ def save(figure, path):
     path.write_text(" ".join(text.split()).replace("> <", "><") + "\n")
 
 
-def lines(path, series, x_name, y_name, x_text, y_text=None):
+def lines(path, series, x_name, y_name, x_text):
     """`series`: a name and its points (x, y) for each curve. Both axes are logarithmic."""
     figure, axes = pyplot.subplots(figsize=(5.2, 3.6))
     for i, (name, points) in enumerate(series.items()):
@@ -48,7 +48,7 @@ def lines(path, series, x_name, y_name, x_text, y_text=None):
     ticks = sorted({x for points in series.values() for x, _ in points})
     axes.set_xticks(ticks, [x_text(x) for x in ticks], rotation=30 if len(ticks) > 5 else 0)
     axes.minorticks_off()
-    axes.yaxis.set_major_formatter(lambda value, _: y_text(value) if y_text else f"{value:g}")
+    axes.yaxis.set_major_formatter(lambda value, _: f"{value:g}")
     axes.grid(axis="y", linewidth=0.5, alpha=0.6)
     axes.set_xlabel(x_name)
     axes.set_ylabel(y_name)

@@ -26,41 +26,32 @@ public:
   void
   growTo(std::size_t pairs)
   {
-    enter([=, this] {
-      while (_pairs.size() < pairs) {
-        _pairs.push_back(
-            std::make_unique<AsyncPair>(streamsOn(connectSockets(_transport), _stages),
-                                        _stages == "by hand" ? framesByHand : framesZelgvc));
-        _pairs.back()->arm();
-      }
-      while (g_main_context_iteration(_context, FALSE)) // the first poll of each new channel
-        ;
-    });
+    g_main_context_push_thread_default(_context);
+    while (_pairs.size() < pairs) {
+      _pairs.push_back(
+          std::make_unique<AsyncPair>(streamsOn(connectSockets(_transport), _stages),
+                                      _stages == "by hand" ? framesByHand : framesZelgvc));
+      _pairs.back()->arm();
+    }
+    while (g_main_context_iteration(_context, FALSE)) // the first poll of each new channel
+      ;
+    g_main_context_pop_thread_default(_context);
   }
 
   // Round trips on `pairs` pairs at once, from pair `first` on.
   void
   run(GBytes *message, std::size_t first, std::size_t pairs, std::size_t times)
   {
-    enter([=, this] {
-      auto unfinished = pairs;
-      for (std::size_t i = first; i < first + pairs; i++)
-        _pairs[i]->start(message, times, &unfinished);
-      while (unfinished > 0)
-        g_main_context_iteration(_context, TRUE);
-    });
-  }
-
-private:
-  template <typename Task>
-  void
-  enter(Task task)
-  {
     g_main_context_push_thread_default(_context);
-    task();
+    auto unfinished = pairs;
+    for (std::size_t i = first; i < first + pairs; i++)
+      _pairs[i]->start(message, times, &unfinished);
+    while (unfinished > 0)
+      g_main_context_iteration(_context, TRUE);
     g_main_context_pop_thread_default(_context);
   }
 
+private:
   std::string _transport;
   std::string _stages;
   GMainContext *_context = g_main_context_new();
@@ -162,9 +153,7 @@ void
 measureWork(const Report &report)
 {
   must(report.values.size() == 2 || report.values.size() == 3, nullptr, "work WHAT STAGES [TIMES]");
-  static char data[64];
-  BytesRef message(g_bytes_new_static(data, sizeof data));
-  auto contender = makeWork(report.values[0], report.values[1], message.get());
+  auto contender = makeWork(report.values[0], report.values[1], smallMessage());
   if (report.values.size() == 3)
     contender.run(std::stoul(report.values[2]) / contender.operations);
   else

@@ -34,11 +34,11 @@ class Row:
     """A row: its parameters, the seconds of each contender in each round, and other figures."""
 
     def __init__(self, data):
-        self.group = data.pop("group")
-        self.seconds = data.pop("seconds", {})
-        self.figures = data.pop("figures", {})
-        self.parameters = data
-        self.label = ", ".join(value_text(*item) for item in data.items())
+        self.parameters = dict(data)
+        self.group = self.parameters.pop("group")
+        self.seconds = self.parameters.pop("seconds", {})
+        self.figures = self.parameters.pop("figures", {})
+        self.label = ", ".join(value_text(*item) for item in self.parameters.items())
 
     def __getitem__(self, name):
         return self.parameters.get(name)
@@ -63,10 +63,9 @@ class Row:
 
 
 class Results:
-    def __init__(self, rows, machine, quick):
-        self.all = rows
+    def __init__(self, rows, machine):
+        self.all = [Row(data) for data in rows]
         self.machine = machine
-        self.quick = quick
 
     def rows(self, group, keep=lambda row: True, **wanted):
         return [row for row in self.all if row.group == group and keep(row)

@@ -44,19 +44,18 @@ class Runner:
     def __init__(self, options):
         self.options = options
         self.rows = []
-        self.build = {}
+        self.machine = describe_machine(options.quick)
 
     def take(self, line):
         data = json.loads(line)
         if data["group"] == "build":
-            self.build = {name: data[name] for name in ("compiler", "tls")}
+            self.machine.update(compiler=data["compiler"], tls=data["tls"])
         else:
             self.add(data)
 
     def add(self, data):
-        row = Row(dict(data))
-        self.rows.append(row)
-        print(row.text(), flush=True)
+        self.rows.append(data)
+        print(Row(data).text(), flush=True)
 
     def wants(self, *values):
         return all(wanted in map(str, values) for wanted in self.options.only)
@@ -96,6 +95,9 @@ class Runner:
                 # Slices would hide memory from the heap.
                 self.stream("memory", stages, env={"G_SLICE": "always-malloc"})
 
+    def works(self):
+        return [work for work in WORKS if self.wants(*work)]
+
     def count_calls(self, *work):
         """System calls of a whole process for its sockets."""
         command = ["strace", "-f", "-qq", "-c", "-U", "calls,name", *self.program("work", *work)]
@@ -107,9 +109,7 @@ class Runner:
     def calls(self):
         """Two runs of different length differ by the calls of the messages alone."""
         few, many = 160, 1120
-        for what, stages in WORKS:
-            if not self.wants(what, stages):
-                continue
+        for what, stages in self.works():
             try:
                 less = self.count_calls(what, stages, few)
                 more = self.count_calls(what, stages, many)
@@ -125,9 +125,7 @@ class Runner:
             return
         name, folder = self.options.other.split("=", 1)
         environments = {"zelgvc": os.environ, name: {**os.environ, "LD_LIBRARY_PATH": folder}}
-        for what, stages in WORKS:
-            if not self.wants(what, stages):
-                continue
+        for what, stages in self.works():
             seconds = {build: [] for build in environments}
             for turn in range(9 if self.options.quick else 31):
                 order = list(environments)[::-1 if turn % 2 else 1]
@@ -148,8 +146,9 @@ def version_of(package):
                           check=True).stdout.strip()
 
 
-def describe_machine():
-    return {"date": datetime.date.today().isoformat(),
+def describe_machine(quick):
+    return {"run": "quick" if quick else "full",
+            "date": datetime.date.today().isoformat(),
             "processor": first_match("/proc/cpuinfo", r"^model name\s*: (.*)$"),
             "processors": str(os.cpu_count()),
             "memory": first_match("/proc/meminfo", r"^MemTotal:\s*(.*)$"),
@@ -175,19 +174,16 @@ def main():
     if options.docs and (options.groups or options.only):
         parser.error("the pages need all groups")
 
-    machine = describe_machine()
     runner = Runner(options)
     for group in options.groups or every:
         runner.run(group)
-    results = Results(runner.rows, {**machine, **runner.build}, options.quick)
+    results = Results(runner.rows, runner.machine)
     if options.json:
-        rows = [{"group": row.group, **row.parameters, "seconds": row.seconds,
-                 "figures": row.figures} for row in results.all]
-        options.json.write_text(json.dumps({"machine": results.machine, "rows": rows}, indent=1))
+        saved = {"machine": results.machine, "rows": runner.rows}
+        options.json.write_text(json.dumps(saved, indent=1))
     print(goals.text(results))
     if options.docs:
-        pages.write(results, options.docs / "docs")
-        goals.write(results, options.docs / "bench" / "README.md")
+        pages.write(results, options.docs)
 
 
 main()
