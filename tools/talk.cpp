@@ -16,9 +16,11 @@
 #include <mutex>
 #include <optional>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 // Gives the command the signals of any program. The command and its children are a process group,
 // so that they can be ended together.
@@ -358,14 +360,15 @@ private:
     mishap(std::string("the command's output cannot be sent: ") + error->message);
   }
 
+  // Stops a command that prints more than an answer may have, and returns too much.
   std::string
   run_command(const std::string &line)
   {
     g_autoptr(GError) error = nullptr;
     g_autoptr(GSubprocessLauncher) launcher =
-        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
-                                                                G_SUBPROCESS_FLAGS_STDOUT_PIPE));
+        g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE);
     g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
+    g_subprocess_launcher_take_stdin_fd(launcher, file_of(line));
     g_autoptr(GSubprocess) process =
         g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
     if (!process)
@@ -373,21 +376,37 @@ private:
     auto *identifier = g_subprocess_get_identifier(process);
     auto group = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
 
-    Bytes text(g_bytes_new(line.data(), line.size()));
-    g_autoptr(GBytes) output = nullptr;
-    gsize size = 0;
-    if (g_subprocess_communicate(process, text.get(), waiting, &output, nullptr, &error)) {
-      auto *bytes = static_cast<const char *>(g_bytes_get_data(output, &size));
-      return std::string(bytes ? bytes : "", size);
-    }
-    // A command need not read its input. It would get the signal of prepare_command() if this
-    // thread ended first.
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE) &&
-        g_subprocess_wait(process, waiting, nullptr))
-      return "";
+    std::string answer;
+    auto *output = g_subprocess_get_stdout_pipe(process);
+    auto most = options.line_limit() + 1; // and the final newline
+    char chunk[64 * 1024];
+    gssize got = 1;
+    while (answer.size() <= most &&
+           (got = g_input_stream_read(output, chunk, sizeof chunk, waiting, &error)) > 0)
+      answer.append(chunk, static_cast<gsize>(got));
+    // The command would get the signal of prepare_command() if this thread ended first.
+    if (got == 0 && g_subprocess_wait(process, waiting, &error))
+      return answer;
     if (group > 0)
       kill(-group, SIGTERM);
-    fail(Exit::local, "cannot talk to the command: %s", error->message);
+    if (error)
+      fail(Exit::local, "cannot talk to the command: %s", error->message);
+    return answer;
+  }
+
+  // An open file with these bytes. Unlike a pipe, it need not be written while the command prints.
+  static int
+  file_of(const std::string &bytes)
+  {
+    Descriptor file(memfd_create("message", MFD_CLOEXEC));
+    for (gsize done = 0; done < bytes.size();) {
+      auto at = static_cast<off_t>(done);
+      auto written = file < 0 ? -1 : pwrite(file, bytes.data() + done, bytes.size() - done, at);
+      if (written < 0)
+        fail(Exit::local, "cannot keep a message for the command: %s", g_strerror(errno));
+      done += static_cast<gsize>(written);
+    }
+    return std::exchange(file.fd, -1);
   }
 
   void

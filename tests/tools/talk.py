@@ -258,6 +258,19 @@ def exec_sends_no_more_than_the_limit():
 
 
 @case
+def a_command_that_prints_without_end_is_stopped_at_the_limit():
+    command = "read a; if [ $a = endless ]; then echo $$ > pid; exec yes; fi; echo $a"
+    listen = Process("listen", "unix:socket", "--limit", "1000", "--exec", command, "--keep")
+    assert run("connect", listen.address(), data=b"endless\nnext\n").output == b"next\n"
+    listen.complained("the command's output cannot be sent: it has more than 1000 bytes")
+    listen.until(lambda: gone(int(pathlib.Path("pid").read_text())), "end of the command")
+    listen.look_at_memory()
+    listen.used_at_most(32 * 1024)
+    listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+@case
 def keep_serves_one_peer_after_another():
     listen = Process("listen", "unix:socket", "--keep")
     for text in (b"one\n", b"two\n", b"three\n"):
