@@ -9,8 +9,6 @@ static constexpr guint32 protocol_version = 1;
 static constexpr guint32 hello_limit = 4096;
 static constexpr const char *hello_type = "(susa{sv})";
 static constexpr guint64 prefix_size = 4;
-// A stage passes on nothing of a unit until all of it has arrived.
-static constexpr guint32 largest_unit = 1024 * 1024;
 
 Control &
 Control::set(const char *name, GVariant *value)
@@ -85,14 +83,11 @@ Control::end() const
 }
 
 Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
-    : link(connection, stages), timeout(timeout), deadline(link.socket())
+    : link(connection, stages), timeout(timeout)
 {
   g_socket_set_timeout(link.socket(), hello_timeout());
-  deadline.begin(hello_timeout());
+  link.deadline.begin(hello_timeout());
   link.counts.set_limit(hello_limit);
-  link.meter->deadline = &deadline;
-  for (auto &tap : link.counts.incoming)
-    tap.deadline = &deadline;
 }
 
 // A hello takes no work, so a longer wait would not help.
@@ -111,10 +106,8 @@ Channel::fail_read(GError *error)
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
-    if (greeted && deadline.passed())
-      fail(Exit::peer, "%s took too long to send a message", peer);
     if (greeted)
-      fail(Exit::peer, "%s has sent nothing for %u seconds", peer, timeout);
+      link.fail_late();
     fail(Exit::protocol,
          "%s has not said hello within %u seconds: it may speak something else, or use another "
          "key or other stages",
@@ -192,12 +185,12 @@ Channel::get(guint32 limit)
   auto before = meter->total;
 
   // The hello has a deadline of its own, which began with the connection.
-  if (greeted && timeout > 0)
-    deadline.begin(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
+  if (greeted)
+    link.begin_message(timeout, limit);
   meter->limit = limit;
   Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), interrupt_soon(), &error));
   if (greeted)
-    deadline.end();
+    link.deadline.end();
   auto arrived = meter->total - before;
   if (bytes && meter->between_messages())
     return bytes;
@@ -281,7 +274,7 @@ Channel::check_hello(const Bytes &bytes, std::string *service)
          peer().c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
-  deadline.end();
+  link.deadline.end();
   link.counts.set_limit(message_limit);
   g_socket_set_timeout(link.socket(), timeout);
 

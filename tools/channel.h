@@ -3,7 +3,6 @@
 // other wants. Failures are thrown with a message that names the cause.
 #pragma once
 
-#include "deadline.h"
 #include "errors.h"
 #include "link.h"
 
@@ -92,7 +91,6 @@ private:
 
   Link link;
   const guint timeout;
-  Deadline deadline;
   guint64 sent = 0;
   bool greeted = false;
 };

@@ -61,6 +61,7 @@ struct Options {
     line.add("limit", G_OPTION_ARG_INT, &limit, "Refuse longer messages (default 64 MiB)", "BYTES");
     line.add("json", G_OPTION_ARG_NONE, &json, "Print each message as a JSON object");
     line.add_stages();
+    line.add_timeout(0);
     auto arguments = line.parse(1, 1);
     format = MessageFormat::choose(frames, hex, variant, strings);
     if (limit <= 0)
@@ -188,13 +189,13 @@ private:
 class Session
 {
 public:
-  Session(const Options &options, Input &input, const Stages &stages, GSocketConnection *connection)
-      : options(options), input(input), link(connection, stages),
+  Session(const Options &options, Input &input, const CommandLine &line,
+          GSocketConnection *connection)
+      : options(options), input(input), link(connection, line.stages), timeout(line.timeout),
         strings(options.format.kind == MessageFormat::strings),
         strings_in(gvc_data_input_stream_new(G_INPUT_STREAM(link.meter.get())))
   {
-    // People may be silent for any time.
-    g_socket_set_timeout(link.socket(), 0);
+    g_socket_set_timeout(link.socket(), timeout);
     link.meter->strings = strings;
     link.meter->terminator = static_cast<guint8>(options.format.terminator);
     link.meter->limit = static_cast<guint32>(options.limit);
@@ -277,30 +278,54 @@ private:
       g_cancellable_cancel(waiting);
   }
 
-  // Nothing at the end of the channel. The blocking reader of frames reports an empty message and
-  // the end alike, and fills a short message with zeros. The meter tells them apart.
+  // Nothing at the end of the channel. A peer may be silent while it takes messages.
   std::optional<std::string>
   read_message()
   {
+    for (;;) {
+      g_autoptr(GError) error = nullptr;
+      link.begin_message(timeout, link.meter->limit);
+      auto message = try_to_read(&error);
+      link.deadline.end();
+      if (message || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
+        return message;
+      if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+        check_end(error);
+        return {};
+      }
+      if (!link.deadline.idle() || !sends())
+        link.fail_late();
+    }
+  }
+
+  // Whether a message is being sent, or was sent within the timeout.
+  bool
+  sends() const
+  {
+    return g_get_monotonic_time() - sent_at < timeout * G_USEC_PER_SEC;
+  }
+
+  // The blocking reader of frames reports an empty message and the end alike, and fills a short
+  // message with zeros. The meter tells them apart.
+  std::optional<std::string>
+  try_to_read(GError **error)
+  {
     auto *meter = link.meter.get();
     auto before = meter->total;
-    g_autoptr(GError) error = nullptr;
 
     if (strings) {
       gsize length = 0;
       g_autofree char *text = gvc_data_input_stream_read_string(
-          strings_in.get(), options.format.terminator, &length, waiting, &error);
+          strings_in.get(), options.format.terminator, &length, waiting, error);
       if (text)
         return std::string(text, length - 1);
     } else {
-      Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), waiting, &error));
+      Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), waiting, error));
       gsize size = 0;
       auto *data = bytes ? g_bytes_get_data(bytes.get(), &size) : nullptr;
       if (meter->between_messages() && (bytes || meter->total > before))
         return std::string(data ? static_cast<const char *>(data) : "", size);
     }
-    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-      check_end(error);
     return {};
   }
 
@@ -434,6 +459,7 @@ private:
     if (message.size() > G_MAXINT32)
       fail(Exit::local, "a message has less than 2 GiB");
     g_autoptr(GError) error = nullptr;
+    sent_at = G_MAXINT64;
     if (strings) {
       message += options.format.terminator;
       g_output_stream_write_all(link.output(), message.data(), message.size(), nullptr, leaving,
@@ -442,6 +468,9 @@ private:
       Bytes bytes(g_bytes_new_static(message.data(), message.size()));
       gvc_bytes_output_stream_put_bytes(link.frames_out.get(), bytes.get(), leaving, &error);
     }
+    sent_at = g_get_monotonic_time();
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+      fail(Exit::peer, "%s has taken nothing for %u seconds", link.peer.c_str(), timeout);
     if (error)
       lost(" and did not get " + name + ": " + error->message);
   }
@@ -468,14 +497,16 @@ private:
   const Options &options;
   Input &input;
   Link link;
+  const guint timeout;
   const bool strings; // instead of frames
   const Owned<GvcDataInputStream> strings_in;
   const Follower waiting{interrupt_soon()}; // for the peer, for input or for the command
   const Follower leaving{interrupt_now()};  // what is being sent
 
   std::timed_mutex writing;
-  std::atomic<bool> over = false;           // failed, or standard output is closed
-  std::atomic<bool> peer_has_ended = false; // no more messages will come
+  std::atomic<gint64> sent_at = G_MININT64 / 2; // the last message; later than now meanwhile
+  std::atomic<bool> over = false;               // failed, or standard output is closed
+  std::atomic<bool> peer_has_ended = false;     // no more messages will come
   std::atomic<Exit> worst = Exit::ok;
   Failure failure = {Exit::ok, ""};
   bool output_closed = false;
@@ -485,10 +516,10 @@ private:
 // Talks to one peer until both sides have ended, and takes over the reference to the connection.
 // Returns Exit::partly if some message could not be understood. Throws if the channel fails.
 static Exit
-talk(const Options &options, const Stages &stages, GSocketConnection *connection)
+talk(const Options &options, const CommandLine &line, GSocketConnection *connection)
 {
   static Input input(options.line_limit()); // outlasts the peer
-  return Session(options, input, stages, connection).run();
+  return Session(options, input, line, connection).run();
 }
 
 Exit
@@ -497,7 +528,7 @@ run_connect(CommandLine &line)
   Options options;
   options.tell_end = true;
   auto address = options.parse(line);
-  return talk(options, line.stages, connect_to(address, 30));
+  return talk(options, line, connect_to(address, 30));
 }
 
 Exit
@@ -508,7 +539,7 @@ run_listen(CommandLine &line)
   line.add("exec", G_OPTION_ARG_STRING, &options.exec.value,
            "Answer each message with the output of this shell command", "COMMAND");
   Listener listener(options.parse(line));
-  auto serve = [&](auto *connection) { return talk(options, line.stages, connection); };
+  auto serve = [&](auto *connection) { return talk(options, line, connection); };
   // If this side has failed, it would fail with the next peer too.
   return listener.serve(options.keep, serve, Exit::local);
 }

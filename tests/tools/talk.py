@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """keygen, listen and connect, each as a real process against another."""
 
+import contextlib
 import fcntl
 import json
 import os
@@ -13,6 +14,7 @@ import stat
 import struct
 import subprocess
 import termios
+import time
 
 from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
 
@@ -405,6 +407,49 @@ def a_stuck_reader_does_not_stop_what_is_sent():
 
 def fionread(fd):
     return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, bytes(4)))[0]
+
+
+@case
+def a_silent_peer_is_given_up_after_the_timeout():
+    listen = Process("listen", "unix:socket", "--keep", "--limit", "1000", "--timeout", "1")
+    with call(listen):
+        listen.until(lambda: listen.complaints, "complaint")
+        listen.complained("has sent nothing for 1 seconds")
+    with call(listen) as peer, contextlib.suppress(OSError):
+        peer.sendall(struct.pack("<i", 1000))
+        for _ in range(100):
+            peer.sendall(b".")
+            time.sleep(0.2)
+    listen.complained("took too long to send a message", lines=2)
+    run("connect", listen.address(), data=b"next\n")
+    listen.until(lambda: listen.output == b"next\n", "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
+def a_silent_server_is_given_up_after_the_timeout():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        address = f"127.0.0.1:{server.getsockname()[1]}"
+        run("connect", address, "--timeout", "1", codes=(4,)).complained("has sent nothing for 1")
+
+
+@case
+def a_peer_that_takes_nothing_is_given_up_after_the_timeout():
+    listen, peer = stuck("--timeout", "1")
+    listen.wait(4).complained("has taken nothing for 1 seconds")
+    peer.close()
+
+
+@case
+def a_peer_that_takes_a_message_may_be_silent_longer_than_the_timeout():
+    listen, peer = stuck("--timeout", "2")
+    for _ in range(50):
+        assert len(peer.recv(100000, socket.MSG_WAITALL)) == 100000, listen.errors
+        time.sleep(0.1)
+    peer.shutdown(socket.SHUT_WR)
+    listen.wait(0)
+    assert not listen.complaints
 
 
 @case
