@@ -83,7 +83,7 @@ Control::end() const
 }
 
 Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
-    : link(connection, stages), timeout(timeout)
+    : timeout(timeout), link(connection, stages)
 {
   g_socket_set_timeout(link.socket(), hello_timeout());
   link.deadline.begin(hello_timeout());

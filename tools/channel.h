@@ -42,6 +42,8 @@ private:
 class Channel
 {
 public:
+  const guint timeout;
+
   // Takes over the reference to the connection. Gives up a peer that is silent for `timeout`
   // seconds (0: never), and a message that takes longer than that and its size allow.
   Channel(GSocketConnection *connection, const Stages &stages, guint timeout);
@@ -90,7 +92,6 @@ private:
   Control check_hello(const Bytes &bytes, std::string *service);
 
   Link link;
-  const guint timeout;
   guint64 sent = 0;
   bool greeted = false;
 };
