@@ -82,8 +82,8 @@ Control::end() const
   return g_variant_dict_end(dict.get());
 }
 
-Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
-    : timeout(timeout), link(connection, stages)
+Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout, guint32 limit)
+    : timeout(timeout), limit(limit), link(connection, stages)
 {
   g_socket_set_timeout(link.socket(), hello_timeout());
   link.deadline.begin(hello_timeout());
@@ -275,7 +275,7 @@ Channel::check_hello(const Bytes &bytes, std::string *service)
   *service = their_service;
   greeted = true;
   link.deadline.end();
-  link.counts.set_limit(message_limit);
+  link.counts.set_limit(limit);
   g_socket_set_timeout(link.socket(), timeout);
 
   Control control(options);

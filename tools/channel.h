@@ -43,10 +43,12 @@ class Channel
 {
 public:
   const guint timeout;
+  const guint32 limit; // for the messages of the peer
 
   // Takes over the reference to the connection. Gives up a peer that is silent for `timeout`
   // seconds (0: never), and a message that takes longer than that and its size allow.
-  Channel(GSocketConnection *connection, const Stages &stages, guint timeout);
+  Channel(GSocketConnection *connection, const Stages &stages, guint timeout,
+          guint32 limit = message_limit);
 
   // Sends a hello, then waits for the peer's. Both must name the same service.
   Control greet(const char *service, const Control &options);

@@ -226,11 +226,11 @@ class Peer:
     """A sender written by hand, for what the real one would never send. Its messages are built by
     the dictionaries' own serialised form: padded, with offsets at the end."""
 
-    def __init__(self, address):
+    def __init__(self, address, service=b"files"):
         path = address.removeprefix("unix:")
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.connect(path)
-        self.socket.sendall(frame(self.hello(b"files")))
+        self.socket.sendall(frame(self.hello(service)))
         self.receive()
 
     @staticmethod
