@@ -3,6 +3,7 @@
 #include "interrupt.h"
 
 #include <algorithm>
+#include <new>
 
 static constexpr const char *magic = "zelgvc";
 static constexpr guint32 protocol_version = 1;
@@ -105,6 +106,8 @@ Channel::fail_read(GError *error)
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
+  if (is_out_of_memory(error))
+    throw std::bad_alloc();
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
     if (greeted)
       link.fail_late();

@@ -107,9 +107,9 @@ MessageFormat::read_line(const std::string &line, GError **error) const
 std::optional<std::string>
 variant_text(const std::string &type, const void *bytes, gsize size)
 {
-  Bytes copy(g_bytes_new(bytes, size));
+  Bytes view(g_bytes_new_static(bytes, size));
   auto value =
-      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), FALSE));
+      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), view.get(), FALSE));
   if (!g_variant_is_normal_form(value.get()))
     return {};
   g_autofree char *printed = g_variant_print(value.get(), FALSE);

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <poll.h>
 #include <sys/mman.h>
@@ -227,6 +228,8 @@ public:
       throw OutputClosed();
     if (interrupted())
       throw Failure{Exit::interrupted, ""};
+    if (out_of_memory)
+      throw std::bad_alloc();
     if (failure.code != Exit::ok)
       throw failure;
     if (!input.failure.empty())
@@ -245,6 +248,10 @@ private:
     } catch (const Failure &thrown) {
       if (!over.exchange(true))
         failure = thrown;
+      g_cancellable_cancel(waiting);
+      g_cancellable_cancel(leaving);
+    } catch (const std::bad_alloc &) {
+      out_of_memory = over = true;
       g_cancellable_cancel(waiting);
       g_cancellable_cancel(leaving);
     } catch (const OutputClosed &) {
@@ -337,6 +344,8 @@ private:
     bool partial = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
     if (at_end && whole)
       return;
+    if (is_out_of_memory(error))
+      throw std::bad_alloc();
     if (whole && !partial && is_gone(error))
       lost(std::string(": ") + error->message);
     if (at_end || partial || is_gone(error))
@@ -372,9 +381,11 @@ private:
     auto line = options.format.write_line(message, &error);
     if (!line)
       return mishap(link.peer + " sent what is no message here: " + error->message);
-    auto answer = run_command(*line + "\n");
-    if (over)
+    auto answer = run_command(*line + "\n", &error);
+    if (over || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
       return;
+    if (error)
+      return mishap(error->message);
     if (answer.ends_with('\n'))
       answer.pop_back();
     if (answer.size() > options.line_limit())
@@ -387,17 +398,24 @@ private:
 
   // Stops a command that prints more than an answer may have, and returns too much.
   std::string
-  run_command(const std::string &line)
+  run_command(const std::string &line, GError **error)
   {
-    g_autoptr(GError) error = nullptr;
+    Descriptor input(file_of(line));
+    if (input < 0) {
+      g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot keep a message for the command: %s",
+                  g_strerror(errno));
+      return "";
+    }
     g_autoptr(GSubprocessLauncher) launcher =
         g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE);
     g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
-    g_subprocess_launcher_take_stdin_fd(launcher, file_of(line));
+    g_subprocess_launcher_take_stdin_fd(launcher, std::exchange(input.fd, -1));
     g_autoptr(GSubprocess) process =
-        g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
-    if (!process)
-      fail(Exit::local, "cannot run the command: %s", error->message);
+        g_subprocess_launcher_spawn(launcher, error, "/bin/sh", "-c", options.exec.value, nullptr);
+    if (!process) {
+      g_prefix_error(error, "cannot run the command: ");
+      return "";
+    }
     auto *identifier = g_subprocess_get_identifier(process);
     auto group = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
 
@@ -407,19 +425,19 @@ private:
     char chunk[64 * 1024];
     gssize got = 1;
     while (answer.size() <= most &&
-           (got = g_input_stream_read(output, chunk, sizeof chunk, waiting, &error)) > 0)
+           (got = g_input_stream_read(output, chunk, sizeof chunk, waiting, error)) > 0)
       answer.append(chunk, static_cast<gsize>(got));
     // The command would get the signal of prepare_command() if this thread ended first.
-    if (got == 0 && g_subprocess_wait(process, waiting, &error))
+    if (got == 0 && g_subprocess_wait(process, waiting, error))
       return answer;
     if (group > 0)
       kill(-group, SIGTERM);
-    if (error)
-      fail(Exit::local, "cannot talk to the command: %s", error->message);
+    g_prefix_error(error, "cannot talk to the command: ");
     return answer;
   }
 
-  // An open file with these bytes. Unlike a pipe, it need not be written while the command prints.
+  // An open file with these bytes, or -1. Unlike a pipe, it need not be written while the command
+  // prints.
   static int
   file_of(const std::string &bytes)
   {
@@ -428,7 +446,7 @@ private:
       auto at = static_cast<off_t>(done);
       auto written = file < 0 ? -1 : pwrite(file, bytes.data() + done, bytes.size() - done, at);
       if (written < 0)
-        fail(Exit::local, "cannot keep a message for the command: %s", g_strerror(errno));
+        return -1;
       done += static_cast<gsize>(written);
     }
     return std::exchange(file.fd, -1);
@@ -510,6 +528,7 @@ private:
   std::atomic<Exit> worst = Exit::ok;
   Failure failure = {Exit::ok, ""};
   bool output_closed = false;
+  std::atomic<bool> out_of_memory = false;
 };
 } // namespace
 
@@ -538,7 +557,12 @@ run_listen(CommandLine &line)
   line.add("keep", G_OPTION_ARG_NONE, &options.keep, "Serve one peer after another");
   line.add("exec", G_OPTION_ARG_STRING, &options.exec.value,
            "Answer each message with the output of this shell command", "COMMAND");
-  Listener listener(options.parse(line));
+  auto address = options.parse(line);
+  // GLib starts a thread with the first command, and ends the program if the system refuses. So do
+  // this before any peer comes.
+  g_autoptr(GSubprocess) first =
+      options.exec ? g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "true", nullptr) : nullptr;
+  Listener listener(address);
   auto serve = [&](auto *connection) { return talk(options, line, connection); };
   // If this side has failed, it would fail with the next peer too.
   return listener.serve(options.keep, serve, Exit::local);

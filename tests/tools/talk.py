@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import pty
+import resource
 import signal
 import socket
 import stat
@@ -16,7 +17,7 @@ import subprocess
 import termios
 import time
 
-from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
+from support import PAIRS, SANITIZED, Process, Skip, case, each, frame, key, listening_address, main, run
 
 
 @case
@@ -286,6 +287,62 @@ def keep_serves_one_peer_after_another():
     run("connect", listen.address(), data=b"four\n")
     listen.until(lambda: listen.output == b"one\ntwo\nthree\nfour\n", "last line")
     listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+def limit_memory(process, more):
+    """Lets the address space of a process grow by this many MiB, or without a limit."""
+    pid = process.popen.pid
+    size = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0]) * resource.getpagesize()
+    limit = resource.RLIM_INFINITY if more is None else size + (more << 20)
+    resource.prlimit(pid, resource.RLIMIT_AS, (limit, resource.RLIM_INFINITY))
+
+
+def block(size, payload):
+    return struct.pack("<II", len(payload), size) + payload
+
+
+LARGE = 40 << 20
+BEYOND_MEMORY = (
+    # The stack of a thread takes 8 MiB.
+    ("thread", [], 1, frame(b"")),
+    ("message", [], 16, frame(bytes(LARGE))),
+    ("string", ["--strings", "\\n"], 16, bytes(LARGE)),
+    # 40 MiB of literals, and a literal that is repeated as often.
+    ("block", ["--compress"], 16,
+     block(LARGE, bytes((LARGE - 19) // 255 + 1) + bytes([(LARGE - 19) % 255 + 1]) + bytes(LARGE))),
+    ("content-of-a-block", ["--compress"], 16,
+     block(LARGE, b"\x12A\x20" + bytes(LARGE // 255 - 1) + b"\x01\0\0\x11\0\0")),
+)
+
+
+@each(*BEYOND_MEMORY)
+def a_peer_that_needs_too_much_memory_does_not_end_the_service(options, more, data):
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    listen = Process("listen", "unix:socket", "--keep", *options)
+    listen.address()
+    limit_memory(listen, more)
+    with call(listen) as peer:
+        with contextlib.suppress(OSError):
+            peer.sendall(data)
+        listen.until(lambda: listen.complaints, "complaint")
+        listen.complained("the system refuses memory or a thread for a peer")
+    limit_memory(listen, None)
+    run("connect", listen.address(), *options, data=b"next\n")
+    listen.until(lambda: listen.output == b"next\n", "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
+def the_first_command_needs_no_more_threads_than_the_others():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    listen = Process("listen", "unix:socket", "--exec", "cat")
+    listen.address()
+    limit_memory(listen, 12)
+    assert run("connect", "unix:socket", data=b"x\n").output == b"x\n"
     listen.wait(0)
 
 
