@@ -309,7 +309,7 @@ private:
   bool
   sends() const
   {
-    return g_get_monotonic_time() - sent_at < timeout * G_USEC_PER_SEC;
+    return g_get_monotonic_time() - sent_at < gint64{timeout} * G_USEC_PER_SEC;
   }
 
   // The blocking reader of frames reports an empty message and the end alike, and fills a short
