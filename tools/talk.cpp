@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -228,10 +229,8 @@ public:
       throw OutputClosed();
     if (interrupted())
       throw Failure{Exit::interrupted, ""};
-    if (out_of_memory)
-      throw std::bad_alloc();
-    if (failure.code != Exit::ok)
-      throw failure;
+    if (failure)
+      std::rethrow_exception(failure);
     if (!input.failure.empty())
       fail(Exit::local, "cannot read standard input: %s", input.failure.c_str());
     return worst;
@@ -245,15 +244,6 @@ private:
     try {
       if (!over && !interrupted())
         (this->*part)();
-    } catch (const Failure &thrown) {
-      if (!over.exchange(true))
-        failure = thrown;
-      g_cancellable_cancel(waiting);
-      g_cancellable_cancel(leaving);
-    } catch (const std::bad_alloc &) {
-      out_of_memory = over = true;
-      g_cancellable_cancel(waiting);
-      g_cancellable_cancel(leaving);
     } catch (const OutputClosed &) {
       output_closed = over = true;
       g_cancellable_cancel(waiting);
@@ -261,6 +251,11 @@ private:
         g_cancellable_cancel(leaving);
       else
         writing.unlock();
+    } catch (...) { // a Failure, or no memory
+      if (!over.exchange(true))
+        failure = std::current_exception();
+      g_cancellable_cancel(waiting);
+      g_cancellable_cancel(leaving);
     }
   }
 
@@ -526,9 +521,8 @@ private:
   std::atomic<bool> over = false;               // failed, or standard output is closed
   std::atomic<bool> peer_has_ended = false;     // no more messages will come
   std::atomic<Exit> worst = Exit::ok;
-  Failure failure = {Exit::ok, ""};
+  std::exception_ptr failure;
   bool output_closed = false;
-  std::atomic<bool> out_of_memory = false;
 };
 } // namespace
 
