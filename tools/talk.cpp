@@ -554,7 +554,7 @@ run_listen(CommandLine &line)
   auto address = options.parse(line);
   // GLib starts a thread with the first command, and ends the program if the system refuses. So do
   // this before any peer comes.
-  g_autoptr(GSubprocess) first =
+  [[maybe_unused]] g_autoptr(GSubprocess) first =
       options.exec ? g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "true", nullptr) : nullptr;
   Listener listener(address);
   auto serve = [&](auto *connection) { return talk(options, line, connection); };
