@@ -9,7 +9,10 @@ import socket
 import struct
 import time
 
-from support import PAIRS, STAGES, Peer, Process, case, each, frame, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, STAGES, Peer, Process, Skip, case, each, frame, key, limit_memory,
+    listening_address, main, run,
+)
 
 
 @each(*PAIRS)
@@ -203,6 +206,21 @@ def only_eight_callers_may_use_large_messages():
     crowd.pop(0).socket.close()
     serve.until(lambda: len(children(serve)) == 7, "end of a caller")
     run("ping", "unix:socket", "-c", "1", "-s", str(2 << 20))
+
+
+@case
+def a_caller_that_needs_too_much_memory_is_told_of():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    serve = Process("serve", "unix:socket")
+    serve.address()
+    limit_memory(serve, 16)
+    peer = Peer("unix:socket", b"ping")
+    with contextlib.suppress(OSError):
+        peer.socket.sendall(struct.pack("<i", 40 << 20))
+    serve.until(lambda: serve.complaints, "complaint")
+    serve.complained("the system refuses memory or a thread")
+    run("ping", "unix:socket", "-c", "1")
 
 
 @case

@@ -4,6 +4,7 @@
 import os
 import pathlib
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -191,6 +192,14 @@ def run(*arguments, codes=(0,), data=b"", **more):
         file.write(data)
         file.seek(0)
         return Process(*arguments, stdin=file, **more).wait(*codes)
+
+
+def limit_memory(process, more):
+    """Lets the address space of a process grow by this many MiB, or without a limit."""
+    pid = process.popen.pid
+    size = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0]) * resource.getpagesize()
+    limit = resource.RLIM_INFINITY if more is None else size + (more << 20)
+    resource.prlimit(pid, resource.RLIMIT_AS, (limit, resource.RLIM_INFINITY))
 
 
 def key(name="key", fill=None):

@@ -8,7 +8,6 @@ import json
 import os
 import pathlib
 import pty
-import resource
 import signal
 import socket
 import stat
@@ -17,7 +16,9 @@ import subprocess
 import termios
 import time
 
-from support import PAIRS, SANITIZED, Process, Skip, case, each, frame, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, Process, Skip, case, each, frame, key, limit_memory, listening_address, main, run,
+)
 
 
 @case
@@ -288,14 +289,6 @@ def keep_serves_one_peer_after_another():
     listen.until(lambda: listen.output == b"one\ntwo\nthree\nfour\n", "last line")
     listen.kill(signal.SIGINT)
     listen.wait(0)
-
-
-def limit_memory(process, more):
-    """Lets the address space of a process grow by this many MiB, or without a limit."""
-    pid = process.popen.pid
-    size = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0]) * resource.getpagesize()
-    limit = resource.RLIM_INFINITY if more is None else size + (more << 20)
-    resource.prlimit(pid, resource.RLIMIT_AS, (limit, resource.RLIM_INFINITY))
 
 
 def block(size, payload):
