@@ -28,13 +28,14 @@ parse_sizes(const char *text)
 {
   std::vector<guint64> sizes;
   g_auto(GStrv) parts = g_strsplit(text ? text : "64,1024,16384,262144", ",", -1);
-  for (auto **part = parts; *part; part++) {
+  auto **part = parts;
+  do { // an empty text has no part
     guint64 size;
-    if (!g_ascii_string_to_unsigned(*part, 10, 1, message_limit, &size, nullptr))
+    if (!*part || !g_ascii_string_to_unsigned(*part, 10, 1, message_limit, &size, nullptr))
       fail(Exit::usage, "--sizes is a list of numbers from 1 to %u with commas between them",
            message_limit);
     sizes.push_back(size);
-  }
+  } while (*++part);
   return sizes;
 }
 

@@ -225,7 +225,7 @@ def a_caller_that_needs_too_much_memory_is_told_of():
 
 @case
 def wrong_options_are_usage_errors():
-    for options in (["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"], ["--data", "x"],
+    for options in (["--sizes", ""], ["--sizes", "0"], ["--sizes", "1,x"], ["--direction", "up"], ["--data", "x"],
                     ["--seconds", "0"]):
         run("perf", "unix:x", *options, codes=(2,))
     for options in (["-c", "-1"], ["-s", "-1"], ["-i", "-1"], ["-s", str(2**30)]):
