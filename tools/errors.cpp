@@ -3,6 +3,7 @@
 #include "output.h"
 
 #include <cstdarg>
+#include <new>
 #include <unistd.h>
 
 static std::string
@@ -33,6 +34,13 @@ may_double(gsize size, GError **error)
   g_clear_error(error);
   g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOMEM, "not enough memory");
   return false;
+}
+
+void
+check_memory(gsize size)
+{
+  if (!may_double(size / 2, nullptr))
+    throw std::bad_alloc();
 }
 
 bool

@@ -112,6 +112,8 @@ variant_text(const std::string &type, const void *bytes, gsize size)
       wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), view.get(), FALSE));
   if (!g_variant_is_normal_form(value.get()))
     return {};
+  // "0x00, " stands for a byte, and GLib doubles a full buffer.
+  check_memory(16 * size);
   g_autofree char *printed = g_variant_print(value.get(), FALSE);
   return printed;
 }
