@@ -187,6 +187,17 @@ private:
   const gulong handler;
 };
 
+// Ends the processes of a command, even if there is no memory for its output. 0: they have ended.
+struct Group {
+  pid_t leader;
+
+  ~Group()
+  {
+    if (leader > 0)
+      kill(-leader, SIGTERM);
+  }
+};
+
 // One peer, from the connection to the end.
 class Session
 {
@@ -412,7 +423,7 @@ private:
       return "";
     }
     auto *identifier = g_subprocess_get_identifier(process);
-    auto group = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
+    Group group{identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0};
 
     std::string answer;
     auto *output = g_subprocess_get_stdout_pipe(process);
@@ -424,9 +435,7 @@ private:
       answer.append(chunk, static_cast<gsize>(got));
     // The command would get the signal of prepare_command() if this thread ended first.
     if (got == 0 && g_subprocess_wait(process, waiting, error))
-      return answer;
-    if (group > 0)
-      kill(-group, SIGTERM);
+      group.leader = 0;
     g_prefix_error(error, "cannot talk to the command: ");
     return answer;
   }

@@ -332,6 +332,21 @@ def a_peer_that_needs_too_much_memory_does_not_end_the_service(options, more, da
 
 
 @case
+def a_command_that_prints_too_much_for_the_memory_is_stopped():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    command = "sleep 1000 & echo $! > pid; head -c 60000000 /dev/zero; wait"
+    listen = Process("listen", "unix:socket", "--keep", "--exec", command)
+    listen.address()
+    limit_memory(listen, 12)
+    with call(listen) as peer:
+        peer.sendall(frame(b"x"))
+        listen.until(lambda: listen.complaints, "complaint")
+    listen.complained("the system refuses memory or a thread for a peer")
+    listen.until(lambda: gone(int(pathlib.Path("pid").read_text())), "end of the command")
+
+
+@case
 def the_first_command_needs_no_more_threads_than_the_others():
     if SANITIZED:
         raise Skip("a sanitizer needs more address space")
