@@ -18,6 +18,7 @@
 #include <new>
 #include <optional>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <thread>
@@ -297,6 +298,7 @@ private:
   {
     for (;;) {
       g_autoptr(GError) error = nullptr;
+      auto before = untaken();
       link.begin_message(timeout, link.meter->limit);
       auto message = try_to_read(&error);
       link.deadline.end();
@@ -306,7 +308,7 @@ private:
         check_end(error);
         return {};
       }
-      if (!link.deadline.idle() || !sends())
+      if (!link.deadline.idle() || !(sends() || untaken() < before))
         link.fail_late();
     }
   }
@@ -316,6 +318,15 @@ private:
   sends() const
   {
     return g_get_monotonic_time() - sent_at < gint64{timeout} * G_USEC_PER_SEC;
+  }
+
+  // The bytes that the system keeps because the peer has not taken them yet.
+  int
+  untaken() const
+  {
+    int bytes = 0;
+    ioctl(g_socket_get_fd(link.socket()), TIOCOUTQ, &bytes);
+    return bytes;
   }
 
   // The blocking reader of frames reports an empty message and the end alike, and fills a short

@@ -521,6 +521,20 @@ def a_peer_that_takes_a_message_may_be_silent_longer_than_the_timeout():
 
 
 @case
+def a_peer_that_takes_what_the_system_keeps_may_be_silent_longer_than_the_timeout():
+    size = 150000
+    pathlib.Path("line").write_bytes(b"x" * size)
+    with open("line", "rb") as file:
+        listen = Process("listen", "unix:socket", "--timeout", "1", stdin=file)
+    with call(listen) as peer:
+        for _ in range(20):
+            assert len(peer.recv(size // 20, socket.MSG_WAITALL)) == size // 20
+            time.sleep(0.2)
+        peer.shutdown(socket.SHUT_WR)
+        listen.wait(0)
+
+
+@case
 def a_peer_gone_in_the_middle_is_named_and_what_was_complete_is_printed():
     for cut in (b"\x05\0", b"\x05\0\0\0", b"\x05\0\0\0hel"):
         listen = cut_off(b"\x02\0\0\0ok" + cut)
