@@ -224,6 +224,9 @@ Listener::serve(bool keep, const std::function<Exit(GSocketConnection *)> &serve
       if (failure.code == ends_with)
         throw;
       complain(failure);
+    } catch (const std::exception &) {
+      // The next peer may need less.
+      complain("the system refuses memory or a thread for a peer");
     }
   }
 }

@@ -3,14 +3,13 @@
 #include "interrupt.h"
 
 #include <algorithm>
+#include <new>
 
 static constexpr const char *magic = "zelgvc";
 static constexpr guint32 protocol_version = 1;
 static constexpr guint32 hello_limit = 4096;
 static constexpr const char *hello_type = "(susa{sv})";
 static constexpr guint64 prefix_size = 4;
-// A stage passes on nothing of a unit until all of it has arrived.
-static constexpr guint32 largest_unit = 1024 * 1024;
 
 Control &
 Control::set(const char *name, GVariant *value)
@@ -84,15 +83,12 @@ Control::end() const
   return g_variant_dict_end(dict.get());
 }
 
-Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout)
-    : link(connection, stages), timeout(timeout), deadline(link.socket())
+Channel::Channel(GSocketConnection *connection, const Stages &stages, guint timeout, guint32 limit)
+    : timeout(timeout), limit(limit), link(connection, stages)
 {
   g_socket_set_timeout(link.socket(), hello_timeout());
-  deadline.begin(hello_timeout());
+  link.deadline.begin(hello_timeout());
   link.counts.set_limit(hello_limit);
-  link.meter->deadline = &deadline;
-  for (auto &tap : link.counts.incoming)
-    tap.deadline = &deadline;
 }
 
 // A hello takes no work, so a longer wait would not help.
@@ -110,11 +106,11 @@ Channel::fail_read(GError *error)
 
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
     throw Failure{Exit::interrupted, "interrupted"};
+  if (is_out_of_memory(error))
+    throw std::bad_alloc();
   if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
-    if (greeted && deadline.passed())
-      fail(Exit::peer, "%s took too long to send a message", peer);
     if (greeted)
-      fail(Exit::peer, "%s has sent nothing for %u seconds", peer, timeout);
+      link.fail_late();
     fail(Exit::protocol,
          "%s has not said hello within %u seconds: it may speak something else, or use another "
          "key or other stages",
@@ -192,12 +188,12 @@ Channel::get(guint32 limit)
   auto before = meter->total;
 
   // The hello has a deadline of its own, which began with the connection.
-  if (greeted && timeout > 0)
-    deadline.begin(timeout + std::min(limit, largest_unit) / Deadline::least_rate);
+  if (greeted)
+    link.begin_message(timeout, limit);
   meter->limit = limit;
   Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), interrupt_soon(), &error));
   if (greeted)
-    deadline.end();
+    link.deadline.end();
   auto arrived = meter->total - before;
   if (bytes && meter->between_messages())
     return bytes;
@@ -281,8 +277,8 @@ Channel::check_hello(const Bytes &bytes, std::string *service)
          peer().c_str(), version, protocol_version);
   *service = their_service;
   greeted = true;
-  deadline.end();
-  link.counts.set_limit(message_limit);
+  link.deadline.end();
+  link.counts.set_limit(limit);
   g_socket_set_timeout(link.socket(), timeout);
 
   Control control(options);

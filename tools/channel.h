@@ -3,7 +3,6 @@
 // other wants. Failures are thrown with a message that names the cause.
 #pragma once
 
-#include "deadline.h"
 #include "errors.h"
 #include "link.h"
 
@@ -43,9 +42,13 @@ private:
 class Channel
 {
 public:
+  const guint timeout;
+  const guint32 limit; // for the messages of the peer
+
   // Takes over the reference to the connection. Gives up a peer that is silent for `timeout`
   // seconds (0: never), and a message that takes longer than that and its size allow.
-  Channel(GSocketConnection *connection, const Stages &stages, guint timeout);
+  Channel(GSocketConnection *connection, const Stages &stages, guint timeout,
+          guint32 limit = message_limit);
 
   // Sends a hello, then waits for the peer's. Both must name the same service.
   Control greet(const char *service, const Control &options);
@@ -91,8 +94,6 @@ private:
   Control check_hello(const Bytes &bytes, std::string *service);
 
   Link link;
-  const guint timeout;
-  Deadline deadline;
   guint64 sent = 0;
   bool greeted = false;
 };

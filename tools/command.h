@@ -55,17 +55,17 @@ public:
            const char *argument = nullptr, char letter = 0);
   // Each fills in the member of its name.
   void add_stages();
-  void add_timeout();
+  void add_timeout(int usual = 30);
 
   // Parses the options. Returns at least `least` and at most `most` arguments, or throws.
   std::vector<std::string> parse(gsize least, gsize most);
 
   Stages stages;
-  guint timeout = 30; // seconds
+  guint timeout = 0; // seconds
 
 private:
   const Command &command;
-  int timeout_option = 30;
+  int timeout_option = 0;
   int argc;
   char **argv;
   Owned<GOptionContext, g_option_context_free> context;

@@ -26,10 +26,13 @@ CommandLine::add_stages()
 }
 
 void
-CommandLine::add_timeout()
+CommandLine::add_timeout(int usual)
 {
+  timeout_option = usual;
   add("timeout", G_OPTION_ARG_INT, &timeout_option,
-      "Give up a peer that is silent this long, 0 for never (default 30)", "SECONDS");
+      usual == 0 ? "Give up a peer that is silent this long, 0 for never (default)"
+                 : "Give up a peer that is silent this long, 0 for never (default 30)",
+      "SECONDS");
 }
 
 std::vector<std::string>

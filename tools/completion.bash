@@ -29,8 +29,8 @@ _zelgvc() {
   local format="--frames --hex --variant --strings --limit --json"
   case $command in
     keygen) options="" ;;
-    listen) options="$stages $format --keep --exec" ;;
-    connect) options="$stages $format" ;;
+    listen) options="$stages $format --keep --exec --timeout" ;;
+    connect) options="$stages $format --timeout" ;;
     send) options="$stages --resume --json --timeout" ;;
     receive) options="$stages --force --resume --keep --json --timeout" ;;
     serve) options="$stages --timeout" ;;

@@ -26,6 +26,12 @@ public:
   // Fails after the deadline. Before it, limits the next wait for the socket.
   bool check(GError **error);
 
+  // Whether nothing has arrived since begin().
+  bool
+  idle() const
+  {
+    return !begun;
+  }
   // Whether the message has begun but is not complete in time.
   bool
   passed() const

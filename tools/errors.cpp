@@ -3,6 +3,7 @@
 #include "output.h"
 
 #include <cstdarg>
+#include <new>
 #include <unistd.h>
 
 static std::string
@@ -20,6 +21,33 @@ fail(Exit code, const char *format, ...)
   auto message = format_message(format, args);
   va_end(args);
   throw Failure{code, message};
+}
+
+bool
+may_double(gsize size, GError **error)
+{
+  if (size < 1024 * 1024)
+    return true;
+  g_autofree void *doubled = g_try_malloc(2 * size);
+  if (doubled)
+    return true;
+  g_clear_error(error);
+  g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOMEM, "not enough memory");
+  return false;
+}
+
+void
+check_memory(gsize size)
+{
+  if (!may_double(size / 2, nullptr))
+    throw std::bad_alloc();
+}
+
+bool
+is_out_of_memory(const GError *error)
+{
+  return g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOMEM) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NO_SPACE);
 }
 
 void

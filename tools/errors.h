@@ -30,6 +30,14 @@ struct Failure {
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 void complain(const Failure &failure);
 
+// Whether the system would let a full buffer of this size double. GLib ends the program if it does
+// not, so ask before GLib doubles a buffer whose size a peer decides. Small buffers always may.
+bool may_double(gsize size, GError **error);
+// Throws if the system would refuse GLib this much memory.
+void check_memory(gsize size);
+// Whether the error is that of may_double(), or says that a message does not fit into memory.
+bool is_out_of_memory(const GError *error);
+
 // Prints a line for people on standard error.
 void inform(const char *format, ...) G_GNUC_PRINTF(1, 2);
 

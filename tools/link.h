@@ -2,6 +2,7 @@
 // An open connection with its stages and message streams. The destructor closes the connection.
 #pragma once
 
+#include "deadline.h"
 #include "meter.h"
 #include "owners.h"
 #include "stages.h"
@@ -17,10 +18,15 @@ struct Link {
   GSocket *socket() const;
   // The upper end of the stages.
   GOutputStream *output() const;
+  // Starts the deadline of a message of up to `limit` bytes, unless `timeout` is 0.
+  void begin_message(guint timeout, guint32 limit);
+  // Throws that the peer was silent or too slow.
+  [[noreturn]] void fail_late();
 
   const Owned<GSocketConnection> connection;
   const std::string peer; // its name in messages
   const Owned<GvcConnection> channel;
+  Deadline deadline; // for the next message
   StageCounts counts;
   Owned<ToolMeter> meter;
   Owned<GvcBytesInputStream> frames_in;

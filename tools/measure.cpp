@@ -16,6 +16,16 @@ cpu_seconds()
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+void
+greet_serve(Channel &channel, const char *service, guint64 largest)
+{
+  auto limit = channel.greet(service, Control()).number("limit", message_limit);
+  if (largest > limit)
+    fail(Exit::partly,
+         "%s has many callers and takes messages of at most %" G_GUINT64_FORMAT " bytes",
+         channel.peer().c_str(), limit);
+}
+
 static guint32
 next_random(guint32 &state)
 {

@@ -28,4 +28,7 @@ Measured send_messages(Channel &channel, const std::vector<char> &data, double s
 // Receives messages of up to `size` bytes until an empty one.
 Measured receive_messages(Channel &channel, guint64 size, const std::string &label);
 
+// Greets a serve, which may not take messages of this size.
+void greet_serve(Channel &channel, const char *service, guint64 largest);
+
 double cpu_seconds();

@@ -107,15 +107,17 @@ MessageFormat::read_line(const std::string &line, GError **error) const
 std::optional<std::string>
 variant_text(const std::string &type, const void *bytes, gsize size)
 {
-  Bytes copy(g_bytes_new(bytes, size));
+  Bytes view(g_bytes_new_static(bytes, size));
   auto value =
-      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), copy.get(), FALSE));
+      wire_order(g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), view.get(), FALSE));
   if (!g_variant_is_normal_form(value.get()))
     return {};
   // For each element of an array, GLib 2.74 checks those before it unless the value is trusted.
   Bytes checked(g_variant_get_data_as_bytes(value.get()));
   value.reset(g_variant_ref_sink(
       g_variant_new_from_bytes(G_VARIANT_TYPE(type.c_str()), checked.get(), TRUE)));
+  // "0x00, " stands for a byte, and GLib doubles a full buffer.
+  check_memory(16 * size);
   g_autofree char *printed = g_variant_print(value.get(), FALSE);
   return printed;
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "meter.h"
+#include "errors.h"
 
 #include <algorithm>
+#include <bit>
 
 static void tool_meter_pollable_init(GPollableInputStreamInterface *iface);
 
@@ -54,6 +56,9 @@ follow_string(ToolMeter *self, const guint8 *bytes, gsize size, GError **error)
                   "a string has more than %u bytes before its terminator", self->limit);
       return false;
     }
+    // The sizes of the reader's buffer are powers of two.
+    else if (std::has_single_bit(self->length) && !may_double(self->length, error))
+      return false;
   }
   return true;
 }

@@ -57,6 +57,10 @@ JsonLine::add(const char *name, const std::string &text)
 {
   bool valid = g_utf8_validate_len(text.data(), text.size(), nullptr);
   auto shown = valid ? text : printable(text);
+  // A control character becomes six bytes, of which there are up to four copies.
+  auto controls =
+      std::count_if(shown.begin(), shown.end(), [](char c) { return g_ascii_iscntrl(c); });
+  check_memory(4 * (shown.size() + 5 * static_cast<gsize>(controls)));
   json_builder_set_member_name(builder.get(), name);
   json_builder_add_string_value(builder.get(), shown.c_str());
   return *this;

@@ -4,6 +4,7 @@
 #include "measure.h"
 #include "output.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -146,7 +147,7 @@ run_perf(CommandLine &line)
 
   auto address = Address::parse(arguments[0]);
   Channel channel(connect_to(address, line.timeout), line.stages, line.timeout);
-  channel.greet(perf_service, Control());
+  greet_serve(channel, perf_service, *std::max_element(sizes.begin(), sizes.end()));
   if (!options.json)
     output_line("%s, %s, %s data, %g s each\n%-9s %9s %10s %9s %15s %6s %9s %9s",
                 address.text().c_str(), line.stages.text().c_str(), kind.c_str(), options.seconds,

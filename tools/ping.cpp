@@ -132,7 +132,7 @@ run_ping(CommandLine &line)
 
   Channel channel(connect_to(Address::parse(arguments[0]), line.timeout), line.stages,
                   line.timeout);
-  channel.greet(ping_service, Control());
+  greet_serve(channel, ping_service, static_cast<guint64>(options.size));
   auto times = measure(channel, options);
   if (!interrupted())
     channel.close();

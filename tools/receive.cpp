@@ -214,7 +214,7 @@ agree_on_offset(Channel &channel, Part &part, const Announced &file, bool resume
   }
   channel.put(Control().set("have", have).set("sha256", sha.digest()));
 
-  auto answer = next_answer(channel);
+  auto answer = next_answer(channel, have);
   if (answer.has("failed"))
     throw Refusal{printable(answer.bytes("failed"))};
   auto offset = answer.number("offset", G_MAXUINT64);

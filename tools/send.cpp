@@ -176,7 +176,7 @@ transfer(Channel &channel, const File &file, const std::string &path)
 {
   Transferred result;
   channel.put(announcement(file, path));
-  auto answer = next_answer(channel);
+  auto answer = next_answer(channel, file.size());
   if (answer.has("failed"))
     receiver_failed(channel, file, answer);
   if (answer.has("refused"))

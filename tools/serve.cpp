@@ -15,6 +15,10 @@
 // Each caller costs a process. Further callers wait in the listen queue.
 static constexpr int most_at_once = 100;
 static std::atomic<int> callers;
+// Bounds the memory of all callers together: if more than `most_large` are connected, the next one
+// may only use messages up to this size.
+static constexpr int most_large = 8;
+static constexpr guint32 small_limit = 1024 * 1024;
 
 static void
 on_child_ended(int)
@@ -49,7 +53,7 @@ wait_for_room()
 static void
 serve_ping(Channel &channel)
 {
-  while (auto bytes = channel.get(message_limit))
+  while (auto bytes = channel.get(channel.limit))
     channel.put(bytes.get());
 }
 
@@ -68,12 +72,12 @@ serve_perf_run(Channel &channel, const Control &wanted)
 {
   auto direction = wanted.bytes("direction");
   if (direction == "send") {
-    channel.put(report(receive_messages(channel, message_limit, "")));
+    channel.put(report(receive_messages(channel, channel.limit, "")));
     return;
   }
   auto size = wanted.number("size");
   auto seconds = wanted.real("seconds");
-  if (direction != "receive" || size == 0 || size > message_limit || !(seconds <= 3600))
+  if (direction != "receive" || size == 0 || size > channel.limit || !(seconds <= 3600))
     fail(Exit::protocol, "%s wants a measurement that there is not", channel.peer().c_str());
   std::vector<char> data(size);
   if (!make_data(wanted.bytes("data"), data))
@@ -96,10 +100,11 @@ serve_perf(Channel &channel)
 static void
 serve_peer(GSocketConnection *connection, const CommandLine &line)
 {
-  Channel channel(connection, line.stages, line.timeout);
+  auto limit = callers > most_large ? small_limit : message_limit;
+  Channel channel(connection, line.stages, line.timeout, limit);
   std::string service;
   channel.answer_greeting({ping_service, perf_service}, &service);
-  channel.send_hello(service.c_str(), Control());
+  channel.send_hello(service.c_str(), Control().set("limit", guint64{limit}));
   if (service == ping_service)
     serve_ping(channel);
   else

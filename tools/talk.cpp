@@ -13,12 +13,17 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <exception>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 // Gives the command the signals of any program. The command and its children are a process group,
 // so that they can be ended together.
@@ -59,6 +64,7 @@ struct Options {
     line.add("limit", G_OPTION_ARG_INT, &limit, "Refuse longer messages (default 64 MiB)", "BYTES");
     line.add("json", G_OPTION_ARG_NONE, &json, "Print each message as a JSON object");
     line.add_stages();
+    line.add_timeout(0);
     auto arguments = line.parse(1, 1);
     format = MessageFormat::choose(frames, hex, variant, strings);
     if (limit <= 0)
@@ -182,17 +188,28 @@ private:
   const gulong handler;
 };
 
+// Ends the processes of a command, even if there is no memory for its output. 0: they have ended.
+struct Group {
+  pid_t leader;
+
+  ~Group()
+  {
+    if (leader > 0)
+      kill(-leader, SIGTERM);
+  }
+};
+
 // One peer, from the connection to the end.
 class Session
 {
 public:
-  Session(const Options &options, Input &input, const Stages &stages, GSocketConnection *connection)
-      : options(options), input(input), link(connection, stages),
+  Session(const Options &options, Input &input, const CommandLine &line,
+          GSocketConnection *connection)
+      : options(options), input(input), link(connection, line.stages), timeout(line.timeout),
         strings(options.format.kind == MessageFormat::strings),
         strings_in(gvc_data_input_stream_new(G_INPUT_STREAM(link.meter.get())))
   {
-    // People may be silent for any time.
-    g_socket_set_timeout(link.socket(), 0);
+    g_socket_set_timeout(link.socket(), timeout);
     link.meter->strings = strings;
     link.meter->terminator = static_cast<guint8>(options.format.terminator);
     link.meter->limit = static_cast<guint32>(options.limit);
@@ -224,8 +241,8 @@ public:
       throw OutputClosed();
     if (interrupted())
       throw Failure{Exit::interrupted, ""};
-    if (failure.code != Exit::ok)
-      throw failure;
+    if (failure)
+      std::rethrow_exception(failure);
     if (!input.failure.empty())
       fail(Exit::local, "cannot read standard input: %s", input.failure.c_str());
     return worst;
@@ -239,11 +256,6 @@ private:
     try {
       if (!over && !interrupted())
         (this->*part)();
-    } catch (const Failure &thrown) {
-      if (!over.exchange(true))
-        failure = thrown;
-      g_cancellable_cancel(waiting);
-      g_cancellable_cancel(leaving);
     } catch (const OutputClosed &) {
       output_closed = over = true;
       g_cancellable_cancel(waiting);
@@ -251,6 +263,11 @@ private:
         g_cancellable_cancel(leaving);
       else
         writing.unlock();
+    } catch (...) { // a Failure, or no memory
+      if (!over.exchange(true))
+        failure = std::current_exception();
+      g_cancellable_cancel(waiting);
+      g_cancellable_cancel(leaving);
     }
   }
 
@@ -275,30 +292,64 @@ private:
       g_cancellable_cancel(waiting);
   }
 
-  // Nothing at the end of the channel. The blocking reader of frames reports an empty message and
-  // the end alike, and fills a short message with zeros. The meter tells them apart.
+  // Nothing at the end of the channel. A peer may be silent while it takes messages.
   std::optional<std::string>
   read_message()
   {
+    for (;;) {
+      g_autoptr(GError) error = nullptr;
+      auto before = untaken();
+      link.begin_message(timeout, link.meter->limit);
+      auto message = try_to_read(&error);
+      link.deadline.end();
+      if (message || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
+        return message;
+      if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+        check_end(error);
+        return {};
+      }
+      if (!link.deadline.idle() || !(sends() || untaken() < before))
+        link.fail_late();
+    }
+  }
+
+  // Whether a message is being sent, or was sent within the timeout.
+  bool
+  sends() const
+  {
+    return g_get_monotonic_time() - sent_at < gint64{timeout} * G_USEC_PER_SEC;
+  }
+
+  // The bytes that the system keeps because the peer has not taken them yet.
+  int
+  untaken() const
+  {
+    int bytes = 0;
+    ioctl(g_socket_get_fd(link.socket()), TIOCOUTQ, &bytes);
+    return bytes;
+  }
+
+  // The blocking reader of frames reports an empty message and the end alike, and fills a short
+  // message with zeros. The meter tells them apart.
+  std::optional<std::string>
+  try_to_read(GError **error)
+  {
     auto *meter = link.meter.get();
     auto before = meter->total;
-    g_autoptr(GError) error = nullptr;
 
     if (strings) {
       gsize length = 0;
       g_autofree char *text = gvc_data_input_stream_read_string(
-          strings_in.get(), options.format.terminator, &length, waiting, &error);
+          strings_in.get(), options.format.terminator, &length, waiting, error);
       if (text)
         return std::string(text, length - 1);
     } else {
-      Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), waiting, &error));
+      Bytes bytes(gvc_bytes_input_stream_read_bytes(link.frames_in.get(), waiting, error));
       gsize size = 0;
       auto *data = bytes ? g_bytes_get_data(bytes.get(), &size) : nullptr;
       if (meter->between_messages() && (bytes || meter->total > before))
         return std::string(data ? static_cast<const char *>(data) : "", size);
     }
-    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-      check_end(error);
     return {};
   }
 
@@ -310,6 +361,8 @@ private:
     bool partial = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
     if (at_end && whole)
       return;
+    if (is_out_of_memory(error))
+      throw std::bad_alloc();
     if (whole && !partial && is_gone(error))
       lost(std::string(": ") + error->message);
     if (at_end || partial || is_gone(error))
@@ -345,9 +398,11 @@ private:
     auto line = options.format.write_line(message, &error);
     if (!line)
       return mishap(link.peer + " sent what is no message here: " + error->message);
-    auto answer = run_command(*line + "\n");
-    if (over)
+    auto answer = run_command(*line + "\n", &error);
+    if (over || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
       return;
+    if (error)
+      return mishap(error->message);
     if (answer.ends_with('\n'))
       answer.pop_back();
     if (answer.size() > options.line_limit())
@@ -358,36 +413,58 @@ private:
     mishap(std::string("the command's output cannot be sent: ") + error->message);
   }
 
+  // Stops a command that prints more than an answer may have, and returns too much.
   std::string
-  run_command(const std::string &line)
+  run_command(const std::string &line, GError **error)
   {
-    g_autoptr(GError) error = nullptr;
-    g_autoptr(GSubprocessLauncher) launcher =
-        g_subprocess_launcher_new(static_cast<GSubprocessFlags>(G_SUBPROCESS_FLAGS_STDIN_PIPE |
-                                                                G_SUBPROCESS_FLAGS_STDOUT_PIPE));
-    g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
-    g_autoptr(GSubprocess) process =
-        g_subprocess_launcher_spawn(launcher, &error, "/bin/sh", "-c", options.exec.value, nullptr);
-    if (!process)
-      fail(Exit::local, "cannot run the command: %s", error->message);
-    auto *identifier = g_subprocess_get_identifier(process);
-    auto group = identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0;
-
-    Bytes text(g_bytes_new(line.data(), line.size()));
-    g_autoptr(GBytes) output = nullptr;
-    gsize size = 0;
-    if (g_subprocess_communicate(process, text.get(), waiting, &output, nullptr, &error)) {
-      auto *bytes = static_cast<const char *>(g_bytes_get_data(output, &size));
-      return std::string(bytes ? bytes : "", size);
-    }
-    // A command need not read its input. It would get the signal of prepare_command() if this
-    // thread ended first.
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_BROKEN_PIPE) &&
-        g_subprocess_wait(process, waiting, nullptr))
+    Descriptor input(file_of(line));
+    if (input < 0) {
+      g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot keep a message for the command: %s",
+                  g_strerror(errno));
       return "";
-    if (group > 0)
-      kill(-group, SIGTERM);
-    fail(Exit::local, "cannot talk to the command: %s", error->message);
+    }
+    g_autoptr(GSubprocessLauncher) launcher =
+        g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE);
+    g_subprocess_launcher_set_child_setup(launcher, prepare_command, nullptr, nullptr);
+    g_subprocess_launcher_take_stdin_fd(launcher, std::exchange(input.fd, -1));
+    g_autoptr(GSubprocess) process =
+        g_subprocess_launcher_spawn(launcher, error, "/bin/sh", "-c", options.exec.value, nullptr);
+    if (!process) {
+      g_prefix_error(error, "cannot run the command: ");
+      return "";
+    }
+    auto *identifier = g_subprocess_get_identifier(process);
+    Group group{identifier ? static_cast<pid_t>(g_ascii_strtoll(identifier, nullptr, 10)) : 0};
+
+    std::string answer;
+    auto *output = g_subprocess_get_stdout_pipe(process);
+    auto most = options.line_limit() + 1; // and the final newline
+    char chunk[64 * 1024];
+    gssize got = 1;
+    while (answer.size() <= most &&
+           (got = g_input_stream_read(output, chunk, sizeof chunk, waiting, error)) > 0)
+      answer.append(chunk, static_cast<gsize>(got));
+    // The command would get the signal of prepare_command() if this thread ended first.
+    if (got == 0 && g_subprocess_wait(process, waiting, error))
+      group.leader = 0;
+    g_prefix_error(error, "cannot talk to the command: ");
+    return answer;
+  }
+
+  // An open file with these bytes, or -1. Unlike a pipe, it need not be written while the command
+  // prints.
+  static int
+  file_of(const std::string &bytes)
+  {
+    Descriptor file(memfd_create("message", MFD_CLOEXEC));
+    for (gsize done = 0; done < bytes.size();) {
+      auto at = static_cast<off_t>(done);
+      auto written = file < 0 ? -1 : pwrite(file, bytes.data() + done, bytes.size() - done, at);
+      if (written < 0)
+        return -1;
+      done += static_cast<gsize>(written);
+    }
+    return std::exchange(file.fd, -1);
   }
 
   void
@@ -415,6 +492,7 @@ private:
     if (message.size() > G_MAXINT32)
       fail(Exit::local, "a message has less than 2 GiB");
     g_autoptr(GError) error = nullptr;
+    sent_at = G_MAXINT64;
     if (strings) {
       message += options.format.terminator;
       g_output_stream_write_all(link.output(), message.data(), message.size(), nullptr, leaving,
@@ -423,6 +501,9 @@ private:
       Bytes bytes(g_bytes_new_static(message.data(), message.size()));
       gvc_bytes_output_stream_put_bytes(link.frames_out.get(), bytes.get(), leaving, &error);
     }
+    sent_at = g_get_monotonic_time();
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+      fail(Exit::peer, "%s has taken nothing for %u seconds", link.peer.c_str(), timeout);
     if (error)
       lost(" and did not get " + name + ": " + error->message);
   }
@@ -449,16 +530,18 @@ private:
   const Options &options;
   Input &input;
   Link link;
+  const guint timeout;
   const bool strings; // instead of frames
   const Owned<GvcDataInputStream> strings_in;
   const Follower waiting{interrupt_soon()}; // for the peer, for input or for the command
   const Follower leaving{interrupt_now()};  // what is being sent
 
   std::timed_mutex writing;
-  std::atomic<bool> over = false;           // failed, or standard output is closed
-  std::atomic<bool> peer_has_ended = false; // no more messages will come
+  std::atomic<gint64> sent_at = G_MININT64 / 2; // the last message; later than now meanwhile
+  std::atomic<bool> over = false;               // failed, or standard output is closed
+  std::atomic<bool> peer_has_ended = false;     // no more messages will come
   std::atomic<Exit> worst = Exit::ok;
-  Failure failure = {Exit::ok, ""};
+  std::exception_ptr failure;
   bool output_closed = false;
 };
 } // namespace
@@ -466,10 +549,10 @@ private:
 // Talks to one peer until both sides have ended, and takes over the reference to the connection.
 // Returns Exit::partly if some message could not be understood. Throws if the channel fails.
 static Exit
-talk(const Options &options, const Stages &stages, GSocketConnection *connection)
+talk(const Options &options, const CommandLine &line, GSocketConnection *connection)
 {
   static Input input(options.line_limit()); // outlasts the peer
-  return Session(options, input, stages, connection).run();
+  return Session(options, input, line, connection).run();
 }
 
 Exit
@@ -478,7 +561,7 @@ run_connect(CommandLine &line)
   Options options;
   options.tell_end = true;
   auto address = options.parse(line);
-  return talk(options, line.stages, connect_to(address, 30));
+  return talk(options, line, connect_to(address, 30));
 }
 
 Exit
@@ -489,8 +572,13 @@ run_listen(CommandLine &line)
   // As a file name, so that the command gets its bytes in any locale.
   line.add("exec", G_OPTION_ARG_FILENAME, &options.exec.value,
            "Answer each message with the output of this shell command", "COMMAND");
-  Listener listener(options.parse(line));
-  auto serve = [&](auto *connection) { return talk(options, line.stages, connection); };
+  auto address = options.parse(line);
+  // GLib starts a thread with the first command, and ends the program if the system refuses. So do
+  // this before any peer comes.
+  [[maybe_unused]] g_autoptr(GSubprocess) first =
+      options.exec ? g_subprocess_new(G_SUBPROCESS_FLAGS_NONE, nullptr, "true", nullptr) : nullptr;
+  Listener listener(address);
+  auto serve = [&](auto *connection) { return talk(options, line, connection); };
   // If this side has failed, it would fail with the next peer too.
   return listener.serve(options.keep, serve, Exit::local);
 }

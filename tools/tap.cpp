@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tap.h"
+#include "errors.h"
 #include "layers.h"
 
 #include <zelgvc/gvcwire.h>
+
+#include <bit>
 
 struct _ToolTap {
   GObject parent;
@@ -62,6 +65,17 @@ is_plausible(const ToolTap *self, const void *header)
   return payload <= most && content <= most && plausible_block(payload, content);
 }
 
+// GIO's stream doubles a full buffer after these errors. The sizes of its buffers are powers of
+// two.
+static void
+check_growth(gsize input, gsize output, GError **error)
+{
+  if (g_error_matches(*error, G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT) && std::has_single_bit(input))
+    may_double(input, error);
+  else if (g_error_matches(*error, G_IO_ERROR, G_IO_ERROR_NO_SPACE) && std::has_single_bit(output))
+    may_double(output, error);
+}
+
 static GConverterResult
 tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, void *outbuf,
                  gsize outbuf_size, GConverterFlags flags, gsize *bytes_read, gsize *bytes_written,
@@ -95,6 +109,8 @@ tool_tap_convert(GConverter *converter, const void *inbuf, gsize inbuf_size, voi
   if (result != G_CONVERTER_ERROR) {
     self->state->in += *bytes_read;
     self->state->out += *bytes_written;
+  } else if (incoming) {
+    check_growth(inbuf_size, outbuf_size, error);
   }
   return result;
 }

@@ -9,6 +9,9 @@
 #include <unistd.h>
 #include <vector>
 
+// A peer that hashes fewer bytes per second than this is too slow.
+static constexpr double least_hash_rate = 1024 * 1024;
+
 Sha256::Sha256()
 {
   if (gcry_md_open(&handle, GCRY_MD_SHA256, 0) != 0)
@@ -27,12 +30,17 @@ Sha256::digest() const
 }
 
 Control
-next_answer(Channel &channel)
+next_answer(Channel &channel, guint64 hashed)
 {
+  auto begun = g_get_monotonic_time();
+  auto most = static_cast<double>(hashed) / least_hash_rate + channel.timeout;
   for (;;) {
     auto control = channel.need_control();
     if (!control.has("busy"))
       return control;
+    auto seconds = static_cast<double>(g_get_monotonic_time() - begun) / G_USEC_PER_SEC;
+    if (channel.timeout > 0 && seconds > most)
+      fail(Exit::peer, "%s has been busy for too long", channel.peer().c_str());
   }
 }
 

@@ -42,8 +42,9 @@ private:
   gcry_md_hd_t handle = nullptr;
 };
 
-// The next message that is not "busy".
-Control next_answer(Channel &channel);
+// The next message that is not "busy". The peer may say "busy" for the timeout, and for a second
+// more for each MiB of the `hashed` bytes.
+Control next_answer(Channel &channel, guint64 hashed = 0);
 
 // Feeds the first `size` bytes of the file to the checksum, and tells the peer "busy" meanwhile.
 // False if the file is shorter.

@@ -131,6 +131,8 @@ class Victim:
     turns: list = None
 
     def deadline(self, phase, attack):
+        if attack in ("drip", "empty units") and self.name == "listen --keep":  # they are messages
+            return None
         if attack == "empty units" and not self.layers:  # they are messages
             return self.deadlines[0] if self.name in ("receive", "receive --keep") else None
         return self.deadlines[0 if phase == 0 else 2 if attack in ("drip", "empty units") else 1]
@@ -151,8 +153,8 @@ def tool_victims(layers, kind):
     drawn = (TIMEOUT, TIMEOUT, TIMEOUT + 32)
     pairs = [
         ("listen", ["{a}"], "connect", ["{a}"], {"memory": large, "wishes": True}),
-        ("listen --keep", ["--keep", "{a}"], "connect", ["{a}"],
-         {"memory": large, "serves": "in turn"}),
+        ("listen --keep", [*limit, "--keep", "{a}"], "connect", ["{a}"],
+         {"deadlines": drawn, "memory": large, "serves": "in turn"}),
         ("listen --strings", ["--strings", "\\n", "--limit", 1 << 20, "{a}"], "connect",
          ["--strings", "\\n", "{a}"], {"memory": 48, "wishes": True}),
         ("receive", [*limit, "--force", "{a}", "."], "send", ["{a}", "{f}"], {"deadlines": drawn}),

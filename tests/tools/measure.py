@@ -9,7 +9,10 @@ import socket
 import struct
 import time
 
-from support import PAIRS, STAGES, Process, case, each, frame, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, STAGES, Peer, Process, Skip, case, each, frame, key, limit_memory,
+    listening_address, main, run,
+)
 
 
 @each(*PAIRS)
@@ -192,6 +195,40 @@ def a_crowd_gets_no_more_than_100_processes():
         time.sleep(0.002)
     assert peak == 100, peak
     ping.wait()
+
+
+@case
+def only_eight_callers_may_use_large_messages():
+    serve = Process("serve", "unix:socket")
+    serve.address()
+    crowd = []
+    for _ in range(12):
+        crowd.append(Peer("unix:socket", b"ping"))
+        crowd[-1].socket.sendall(struct.pack("<i", 2 << 20))
+    serve.until(lambda: len(children(serve)) == 8 and len(serve.complaints) == 4, "refusals")
+    serve.complained("at most 1048576 are expected", lines=4)
+    run("ping", "unix:socket", "-c", "1", "-s", str(1 << 20))
+    for command in (["ping"], ["perf", "-t", "0.1"]):
+        refused = run(*command, "unix:socket", "-s", str(2 << 20), codes=(1,))
+        refused.complained("has many callers and takes messages of at most 1048576 bytes")
+    crowd.pop(0).socket.close()
+    serve.until(lambda: len(children(serve)) == 7, "end of a caller")
+    run("ping", "unix:socket", "-c", "1", "-s", str(2 << 20))
+
+
+@case
+def a_caller_that_needs_too_much_memory_is_told_of():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    serve = Process("serve", "unix:socket")
+    serve.address()
+    limit_memory(serve, 16)
+    peer = Peer("unix:socket", b"ping")
+    with contextlib.suppress(OSError):
+        peer.socket.sendall(struct.pack("<i", 40 << 20))
+    serve.until(lambda: serve.complaints, "complaint")
+    serve.complained("the system refuses memory or a thread")
+    run("ping", "unix:socket", "-c", "1")
 
 
 @case

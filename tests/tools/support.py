@@ -4,6 +4,7 @@
 import os
 import pathlib
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -193,6 +194,14 @@ def run(*arguments, codes=(0,), data=b"", **more):
         return Process(*arguments, stdin=file, **more).wait(*codes)
 
 
+def limit_memory(process, more):
+    """Lets the address space of a process grow by this many MiB, or without a limit."""
+    pid = process.popen.pid
+    size = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0]) * resource.getpagesize()
+    limit = resource.RLIM_INFINITY if more is None else size + (more << 20)
+    resource.prlimit(pid, resource.RLIMIT_AS, (limit, resource.RLIM_INFINITY))
+
+
 def key(name="key", fill=None):
     pathlib.Path(name).write_bytes(bytes(range(32)) if fill is None else bytes([fill]) * 32)
     return name
@@ -226,11 +235,11 @@ class Peer:
     """A sender written by hand, for what the real one would never send. Its messages are built by
     the dictionaries' own serialised form: padded, with offsets at the end."""
 
-    def __init__(self, address):
+    def __init__(self, address, service=b"files"):
         path = address.removeprefix("unix:")
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.connect(path)
-        self.socket.sendall(frame(self.hello(b"files")))
+        self.socket.sendall(frame(self.hello(service)))
         self.receive()
 
     @classmethod

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """keygen, listen and connect, each as a real process against another."""
 
+import contextlib
 import fcntl
 import json
 import os
@@ -13,8 +14,11 @@ import stat
 import struct
 import subprocess
 import termios
+import time
 
-from support import PAIRS, Process, Skip, case, each, key, listening_address, main, run
+from support import (
+    PAIRS, SANITIZED, Process, Skip, case, each, frame, key, limit_memory, listening_address, main, run,
+)
 
 
 @case
@@ -258,6 +262,19 @@ def exec_sends_no_more_than_the_limit():
 
 
 @case
+def a_command_that_prints_without_end_is_stopped_at_the_limit():
+    command = "read a; if [ $a = endless ]; then echo $$ > pid; exec yes; fi; echo $a"
+    listen = Process("listen", "unix:socket", "--limit", "1000", "--exec", command, "--keep")
+    assert run("connect", listen.address(), data=b"endless\nnext\n").output == b"next\n"
+    listen.complained("the command's output cannot be sent: it has more than 1000 bytes")
+    listen.until(lambda: gone(int(pathlib.Path("pid").read_text())), "end of the command")
+    listen.look_at_memory()
+    listen.used_at_most(32 * 1024)
+    listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+@case
 def keep_serves_one_peer_after_another():
     listen = Process("listen", "unix:socket", "--keep")
     for text in (b"one\n", b"two\n", b"three\n"):
@@ -271,6 +288,72 @@ def keep_serves_one_peer_after_another():
     run("connect", listen.address(), data=b"four\n")
     listen.until(lambda: listen.output == b"one\ntwo\nthree\nfour\n", "last line")
     listen.kill(signal.SIGINT)
+    listen.wait(0)
+
+
+def block(size, payload):
+    return struct.pack("<II", len(payload), size) + payload
+
+
+LARGE = 40 << 20
+BEYOND_MEMORY = (
+    # The stack of a thread takes 8 MiB.
+    ("thread", [], 1, frame(b"")),
+    ("message", [], 16, frame(bytes(LARGE))),
+    ("string", ["--strings", "\\n"], 16, bytes(LARGE)),
+    # The text of a variant or in JSON is longer than the message.
+    ("variant", ["--variant", "s"], 20, frame(b"\1" * (4 << 20) + b"\0")),
+    ("json", ["--json"], 28, frame(b"\1" * (4 << 20))),
+    # 40 MiB of literals, and a literal that is repeated as often.
+    ("block", ["--compress"], 16,
+     block(LARGE, bytes((LARGE - 19) // 255 + 1) + bytes([(LARGE - 19) % 255 + 1]) + bytes(LARGE))),
+    ("content-of-a-block", ["--compress"], 16,
+     block(LARGE, b"\x12A\x20" + bytes(LARGE // 255 - 1) + b"\x01\0\0\x11\0\0")),
+)
+
+
+@each(*BEYOND_MEMORY)
+def a_peer_that_needs_too_much_memory_does_not_end_the_service(options, more, data):
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    listen = Process("listen", "unix:socket", "--keep", *options)
+    listen.address()
+    limit_memory(listen, more)
+    with call(listen) as peer:
+        with contextlib.suppress(OSError):
+            peer.sendall(data)
+        listen.until(lambda: listen.complaints, "complaint")
+        listen.complained("the system refuses memory or a thread for a peer")
+    limit_memory(listen, None)
+    run("connect", listen.address(), *options, data=b"'next'\n")
+    listen.until(lambda: b"'next'" in listen.output, "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
+def a_command_that_prints_too_much_for_the_memory_is_stopped():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    command = "sleep 1000 & echo $! > pid; head -c 60000000 /dev/zero; wait"
+    listen = Process("listen", "unix:socket", "--keep", "--exec", command)
+    listen.address()
+    limit_memory(listen, 12)
+    with call(listen) as peer:
+        peer.sendall(frame(b"x"))
+        listen.until(lambda: listen.complaints, "complaint")
+    listen.complained("the system refuses memory or a thread for a peer")
+    listen.until(lambda: gone(int(pathlib.Path("pid").read_text())), "end of the command")
+
+
+@case
+def the_first_command_needs_no_more_threads_than_the_others():
+    if SANITIZED:
+        raise Skip("a sanitizer needs more address space")
+    listen = Process("listen", "unix:socket", "--exec", "cat")
+    listen.address()
+    limit_memory(listen, 12)
+    assert run("connect", "unix:socket", data=b"x\n").output == b"x\n"
     listen.wait(0)
 
 
@@ -408,6 +491,63 @@ def a_stuck_reader_does_not_stop_what_is_sent():
 
 def fionread(fd):
     return struct.unpack("i", fcntl.ioctl(fd, termios.FIONREAD, bytes(4)))[0]
+
+
+@case
+def a_silent_peer_is_given_up_after_the_timeout():
+    listen = Process("listen", "unix:socket", "--keep", "--limit", "1000", "--timeout", "1")
+    with call(listen):
+        listen.until(lambda: listen.complaints, "complaint")
+        listen.complained("has sent nothing for 1 seconds")
+    with call(listen) as peer, contextlib.suppress(OSError):
+        peer.sendall(struct.pack("<i", 1000))
+        for _ in range(100):
+            peer.sendall(b".")
+            time.sleep(0.2)
+    listen.complained("took too long to send a message", lines=2)
+    run("connect", listen.address(), data=b"next\n")
+    listen.until(lambda: listen.output == b"next\n", "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
+@case
+def a_silent_server_is_given_up_after_the_timeout():
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        address = f"127.0.0.1:{server.getsockname()[1]}"
+        run("connect", address, "--timeout", "1", codes=(4,)).complained("has sent nothing for 1")
+
+
+@case
+def a_peer_that_takes_nothing_is_given_up_after_the_timeout():
+    listen, peer = stuck("--timeout", "1")
+    listen.wait(4).complained("has taken nothing for 1 seconds")
+    peer.close()
+
+
+@case
+def a_peer_that_takes_a_message_may_be_silent_longer_than_the_timeout():
+    listen, peer = stuck("--timeout", "2")
+    for _ in range(50):
+        assert len(peer.recv(100000, socket.MSG_WAITALL)) == 100000, listen.errors
+        time.sleep(0.1)
+    peer.shutdown(socket.SHUT_WR)
+    listen.wait(0)
+    assert not listen.complaints
+
+
+@case
+def a_peer_that_takes_what_the_system_keeps_may_be_silent_longer_than_the_timeout():
+    size = 150000
+    pathlib.Path("line").write_bytes(b"x" * size)
+    with open("line", "rb") as file:
+        listen = Process("listen", "unix:socket", "--timeout", "1", stdin=file)
+    with call(listen) as peer:
+        for _ in range(20):
+            assert len(peer.recv(size // 20, socket.MSG_WAITALL)) == size // 20
+            time.sleep(0.2)
+        peer.shutdown(socket.SHUT_WR)
+        listen.wait(0)
 
 
 @case

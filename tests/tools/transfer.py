@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: LGPL-2.1-or-later
 """send and receive, each as a real process against the other."""
 
+import contextlib
 import fcntl
 import hashlib
 import json
@@ -675,6 +676,40 @@ def a_peer_that_keeps_silent_is_given_up():
     peer.send(name=b"file", size=2, mode=0o600)
     receive.wait(4).complained("has sent nothing for 1 seconds")
     server.close()
+
+
+def say_busy(sock):
+    """For as long as the other side listens, at most 20 seconds."""
+    with contextlib.suppress(OSError):
+        for _ in range(100):
+            sock.sendall(frame(Peer.dictionary(busy=1)))
+            time.sleep(0.2)
+
+
+@case
+def a_sender_that_is_busy_for_ever_keeps_no_other_waiting():
+    pathlib.Path("next").write_text("next")
+    receive = receiver("unix", "--keep", "--timeout", "1")
+    peer = Peer(receive.address())
+    peer.send(name=b"file", size=2, mode=0o600)
+    say_busy(peer.socket)
+    receive.complained("has been busy for too long")
+    run("send", receive.address(), "next")
+    receive.kill(signal.SIGTERM)
+    receive.wait(0)
+
+
+@case
+def a_receiver_that_is_busy_for_ever_is_given_up():
+    pathlib.Path("file").write_text("x")
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        address = f"127.0.0.1:{server.getsockname()[1]}"
+        send = Process("send", address, "file", "--timeout", "1")
+        with server.accept()[0] as peer:
+            hello = peer.recv(struct.unpack("<i", peer.recv(4))[0])
+            peer.sendall(frame(hello))
+            say_busy(peer)
+        send.wait(4).complained("has been busy for too long")
 
 
 main()
