@@ -439,7 +439,7 @@ private:
     std::string answer;
     auto *output = g_subprocess_get_stdout_pipe(process);
     auto most = options.line_limit() + 1; // and the final newline
-    char chunk[64 * 1024];
+    char chunk[4096];
     gssize got = 1;
     while (answer.size() <= most &&
            (got = g_input_stream_read(output, chunk, sizeof chunk, waiting, error)) > 0)

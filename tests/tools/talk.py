@@ -242,6 +242,13 @@ def exec_answers_each_message(kind, stages):
 
 
 @case
+def exec_answers_whatever_a_command_leaves_unread():
+    listen = Process("listen", "unix:socket", "--keep", "--exec", "echo hi")
+    assert run("connect", listen.address(), data=b"x\n" * 300).output == b"hi\n" * 300
+    listen.kill(signal.SIGTERM)
+
+
+@case
 def a_command_that_reads_nothing_may_finish():
     command = "exec <&-; sleep 1; touch finished"
     listen = Process("listen", "unix:socket", "--keep", "--exec", command)
