@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-2.1-or-later
 #include "tests/types/convertercontract.h"
 
+#include "tests/support/resources.h"
+
 #include <set>
 #include <thread>
 
@@ -414,6 +416,22 @@ refused_construction_keeps_no_reference(gconstpointer data)
   log.expect({wrong_key(cipher, whole_key_check)});
   key.reset();
   g_assert_cmpuint(watch.alive(), ==, 0);
+}
+
+void
+leaves_no_memory(gconstpointer data)
+{
+  if (!heap_is_known())
+    return g_test_skip("the heap is not known");
+  const BytesRef key = bytes_ref(test_key());
+  const auto use = [&](int count) {
+    for (int i = 0; i < count; i++)
+      g_object_unref(cipher_of(data).create(key.get()));
+  };
+  use(1000);
+  const Resources before = Resources::now();
+  use(50'000);
+  g_assert_true(Resources::now().returned_to(before));
 }
 
 void

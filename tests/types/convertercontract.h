@@ -74,6 +74,7 @@ void notifies_on_change_only(gconstpointer cipher);
 void unknown_property_warns(gconstpointer cipher);
 void owns_a_reference_to_its_key(gconstpointer cipher);
 void refused_construction_keeps_no_reference(gconstpointer cipher);
+void leaves_no_memory(gconstpointer cipher);
 void without_a_key(gconstpointer cipher);
 void with_a_key_of_the_wrong_size(gconstpointer cipher);
 

@@ -648,6 +648,7 @@ main(int argc, char **argv)
   g_test_add_func("/decryptor/reset-keeps-the-chain", test_reset_keeps_the_chain);
   g_test_add_func("/decryptor/change-of-key-length-keeps-the-chain",
                   test_change_of_key_length_keeps_the_chain);
+  g_test_add_data_func("/decryptor/leaves-no-memory", &cipher, contract::leaves_no_memory);
   g_test_add_data_func("/decryptor/without-a-key", &cipher, contract::without_a_key);
   g_test_add_data_func("/decryptor/with-a-key-of-the-wrong-size", &cipher,
                        contract::with_a_key_of_the_wrong_size);

@@ -511,6 +511,7 @@ main(int argc, char **argv)
   g_test_add_func("/encryptor/change-of-key-length-starts-anew",
                   test_change_of_key_length_starts_anew);
   g_test_add_func("/encryptor/reset-starts-anew", test_reset_starts_anew);
+  g_test_add_data_func("/encryptor/leaves-no-memory", &cipher, contract::leaves_no_memory);
   g_test_add_data_func("/encryptor/without-a-key", &cipher, contract::without_a_key);
   g_test_add_data_func("/encryptor/with-a-key-of-the-wrong-size", &cipher,
                        contract::with_a_key_of_the_wrong_size);
