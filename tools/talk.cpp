@@ -298,6 +298,7 @@ private:
   {
     for (;;) {
       g_autoptr(GError) error = nullptr;
+      auto begun = g_get_monotonic_time();
       auto before = untaken();
       link.begin_message(timeout, link.meter->limit);
       auto message = try_to_read(&error);
@@ -308,16 +309,10 @@ private:
         check_end(error);
         return {};
       }
-      if (!link.deadline.idle() || !(sends() || untaken() < before))
+      bool alive = sent_at >= begun || untaken() < before;
+      if (!link.deadline.idle() || !alive)
         link.fail_late();
     }
-  }
-
-  // Whether a message is being sent, or was sent within the timeout.
-  bool
-  sends() const
-  {
-    return g_get_monotonic_time() - sent_at < gint64{timeout} * G_USEC_PER_SEC;
   }
 
   // The bytes that the system keeps because the peer has not taken them yet.
@@ -537,9 +532,9 @@ private:
   const Follower leaving{interrupt_now()};  // what is being sent
 
   std::timed_mutex writing;
-  std::atomic<gint64> sent_at = G_MININT64 / 2; // the last message; later than now meanwhile
-  std::atomic<bool> over = false;               // failed, or standard output is closed
-  std::atomic<bool> peer_has_ended = false;     // no more messages will come
+  std::atomic<gint64> sent_at = 0;          // the last message; later than now meanwhile
+  std::atomic<bool> over = false;           // failed, or standard output is closed
+  std::atomic<bool> peer_has_ended = false; // no more messages will come
   std::atomic<Exit> worst = Exit::ok;
   std::exception_ptr failure;
   bool output_closed = false;

@@ -548,7 +548,7 @@ def a_peer_that_takes_what_the_system_keeps_may_be_silent_longer_than_the_timeou
     size = 150000
     pathlib.Path("line").write_bytes(b"x" * size)
     with open("line", "rb") as file:
-        listen = Process("listen", "unix:socket", "--timeout", "1", stdin=file)
+        listen = Process("listen", "unix:socket", "--timeout", "2", stdin=file)
     with call(listen) as peer:
         for _ in range(20):
             assert len(peer.recv(size // 20, socket.MSG_WAITALL)) == size // 20
