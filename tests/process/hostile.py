@@ -183,8 +183,9 @@ def example_victims(layers):
     file = ["--port", "{p}", "{f}"]
     # A byte that arrives is up to two bytes of memory, besides what is being sent back.
     large = {"layers": layers, "memory": 64 + (2 if layers else 1) * (VOLUME >> 20)}
-    yield Victim("serve.c", [*server, "--timeout", TIMEOUT], [*client, *file], serves="at once",
-                 deadlines=limits, **large)
+    # The partner may have to wait for 1000 others, 100 at a time.
+    yield Victim("serve.c", [*server, "--timeout", TIMEOUT], [*client, "--timeout", 60, *file],
+                 serves="at once", deadlines=limits, **large)
     yield Victim("call.c", [*client, "--timeout", TIMEOUT, *file], server, listens=False,
                  codes=(0, 1), deadlines=limits, **large)
 
