@@ -69,11 +69,10 @@ served_all(const Server *server)
 
 /* A file that has not been closed is not complete. */
 static void
-remove_incomplete_file(gpointer data, gpointer unused)
+remove_incomplete_file(gpointer data)
 {
   Session *session = data;
 
-  (void)unused;
   if (session->file != NULL)
     g_unlink(session->path);
 }
@@ -83,7 +82,7 @@ session_free(Session *session)
 {
   Server *server = session->server;
 
-  remove_incomplete_file(session, NULL);
+  remove_incomplete_file(session);
   g_queue_remove(&server->sessions, session);
   g_clear_object(&session->file);
   g_object_unref(session->cancellable);
@@ -596,7 +595,7 @@ main(int argc, char **argv)
     status = EXIT_FAILURE;
   else
     g_main_loop_run(server.loop);
-  g_queue_foreach(&server.sessions, remove_incomplete_file, NULL);
+  g_queue_clear_full(&server.sessions, remove_incomplete_file);
   if (server.failed)
     status = EXIT_FAILURE;
   if (error != NULL)
