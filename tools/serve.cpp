@@ -29,7 +29,7 @@ on_child_ended(int)
   errno = code;
 }
 
-// Whoever started the program may have blocked the signal.
+// The parent process may have blocked the signal.
 static void
 count_ended_children()
 {

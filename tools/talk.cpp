@@ -305,7 +305,7 @@ private:
       link.deadline.end();
       if (message || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
         return message;
-      if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+      if (!is_late(error)) {
         check_end(error);
         return {};
       }
@@ -315,12 +315,20 @@ private:
     }
   }
 
+  // Not if the system has a timeout of its own.
+  bool
+  is_late(const GError *error) const
+  {
+    return timeout > 0 && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
+  }
+
   // The bytes that the system keeps because the peer has not taken them yet.
   int
   untaken() const
   {
     int bytes = 0;
-    ioctl(g_socket_get_fd(link.socket()), TIOCOUTQ, &bytes);
+    if (timeout > 0)
+      ioctl(g_socket_get_fd(link.socket()), TIOCOUTQ, &bytes);
     return bytes;
   }
 
@@ -358,9 +366,11 @@ private:
       return;
     if (is_out_of_memory(error))
       throw std::bad_alloc();
-    if (whole && !partial && is_gone(error))
+    // A timeout here is the system's: it has given the connection up.
+    bool gone = is_gone(error) || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
+    if (whole && !partial && gone)
       lost(std::string(": ") + error->message);
-    if (at_end || partial || is_gone(error))
+    if (at_end || partial || gone)
       lost(std::string(" in the middle of a ") +
            (strings ? "string, before its terminator" : "message"));
     fail(Exit::protocol,
@@ -497,7 +507,7 @@ private:
       gvc_bytes_output_stream_put_bytes(link.frames_out.get(), bytes.get(), leaving, &error);
     }
     sent_at = g_get_monotonic_time();
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
+    if (is_late(error))
       fail(Exit::peer, "%s has taken nothing for %u seconds", link.peer.c_str(), timeout);
     if (error)
       lost(" and did not get " + name + ": " + error->message);

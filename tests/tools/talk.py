@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import pty
+import shutil
 import signal
 import socket
 import stat
@@ -457,15 +458,19 @@ def a_peer_that_breaks_the_protocol_is_not_waited_for():
     listen.wait(5).complained("cannot be understood")
 
 
+def serves_the_next(listen):
+    run("connect", listen.address(), data=b"next\n")
+    listen.until(lambda: listen.output == b"next\n", "next peer")
+    listen.kill(signal.SIGTERM)
+    listen.wait(0)
+
+
 @case
 def a_peer_that_breaks_the_protocol_does_not_keep_others_waiting():
     listen, peer = stuck("--keep")
     peer.sendall(LIE)
     listen.until(lambda: listen.complaints, "complaint")
-    run("connect", listen.address(), data=b"next\n")
-    listen.until(lambda: listen.output == b"next\n", "next peer")
-    listen.kill(signal.SIGTERM)
-    listen.wait(0)
+    serves_the_next(listen)
 
 
 @case
@@ -512,10 +517,25 @@ def a_silent_peer_is_given_up_after_the_timeout():
             peer.sendall(b".")
             time.sleep(0.2)
     listen.complained("took too long to send a message", lines=2)
-    run("connect", listen.address(), data=b"next\n")
-    listen.until(lambda: listen.output == b"next\n", "next peer")
-    listen.kill(signal.SIGTERM)
-    listen.wait(0)
+    serves_the_next(listen)
+
+
+@case
+def a_timeout_of_the_system_is_told_as_the_system_tells_it():
+    if not shutil.which("strace"):
+        raise Skip("no strace")
+    if SANITIZED:
+        raise Skip("strace and a sanitizer's leak check do not go together")
+    for call_name, data in (("recvfrom", b""), ("sendto,sendmsg", b"line\n")):
+        with open("line", "wb") as file:
+            file.write(data)
+        fault = ["-e", f"trace={call_name}", "-e", f"inject={call_name}:error=ETIMEDOUT"]
+        with open("line", "rb") as file:
+            listen = Process("listen", "unix:socket", stdin=file,
+                             under=["strace", "-f", "-o", "/dev/null", *fault])
+        with call(listen):
+            listen.wait(4).complained("went away")
+        assert "seconds" not in listen.errors
 
 
 @case
